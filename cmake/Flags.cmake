@@ -1,0 +1,60 @@
+# Compiler and linker flags of everything that is built here: the target morvane_flags carries them.
+
+# Assertions are part of the behaviour: no build type may switch them off.
+foreach(lang C CXX)
+  foreach(type RELEASE RELWITHDEBINFO MINSIZEREL)
+    string(REPLACE "-DNDEBUG" "" CMAKE_${lang}_FLAGS_${type} "${CMAKE_${lang}_FLAGS_${type}}")
+  endforeach()
+  set(CMAKE_${lang}_FLAGS_RELEASE "-O2 -g")
+endforeach()
+
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_EXTENSIONS ON)
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+find_program(CCACHE_PROGRAM ccache)
+if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+endif()
+
+add_library(morvane_flags INTERFACE)
+target_compile_options(morvane_flags INTERFACE
+  -Wall -Wextra -Wformat=2 -Wshadow -Wundef -Wvla
+  $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
+  -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
+  # Texts that are longer than their field are cut by design; where it matters the result is tested.
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-format-truncation -Wno-stringop-truncation>)
+if(MORVANE_WERROR)
+  target_compile_options(morvane_flags INTERFACE -Werror)
+endif()
+
+# The product's own code; GoogleTest and Google Benchmark keep their exceptions and type information.
+add_library(morvane_product_flags INTERFACE)
+target_link_libraries(morvane_product_flags INTERFACE morvane_flags)
+target_compile_options(morvane_product_flags INTERFACE
+  -fvisibility=hidden
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden>)
+
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  target_compile_options(morvane_flags INTERFACE
+    -D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection -fcf-protection)
+  target_compile_definitions(morvane_product_flags INTERFACE _GLIBCXX_ASSERTIONS)
+  target_link_options(morvane_flags INTERFACE -Wl,-z,relro -Wl,-z,now)
+endif()
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES CXX)
+
+if(MORVANE_SANITIZE)
+  target_compile_options(morvane_flags INTERFACE
+    -fsanitize=${MORVANE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1 -g)
+  target_link_options(morvane_flags INTERFACE -fsanitize=${MORVANE_SANITIZE})
+endif()
+if(MORVANE_COVERAGE)
+  target_compile_options(morvane_flags INTERFACE --coverage)
+  target_link_options(morvane_flags INTERFACE --coverage)
+endif()

@@ -1,0 +1,28 @@
+# What `cmake --install` puts where: the binary, the library in both forms, headers under morvane/,
+# pkg-config and CMake package files, the manual pages.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS zent RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS morvane_shared morvane_static EXPORT morvane-targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES ${MORVANE_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/morvane)
+
+set(MORVANE_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/morvane)
+install(EXPORT morvane-targets NAMESPACE morvane:: DESTINATION ${MORVANE_CMAKE_DIR})
+configure_package_config_file(cmake/morvane-config.cmake.in morvane-config.cmake
+  INSTALL_DESTINATION ${MORVANE_CMAKE_DIR})
+write_basic_package_version_file(morvane-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/morvane-config.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/morvane-config-version.cmake DESTINATION ${MORVANE_CMAKE_DIR})
+
+configure_file(cmake/libmorvane.pc.in libmorvane.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libmorvane.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+file(GLOB MAN3 CONFIGURE_DEPENDS man/*.3)
+file(GLOB MAN8 CONFIGURE_DEPENDS man/*.8)
+if(MAN3)
+  install(FILES ${MAN3} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
+endif()
+if(MAN8)
+  install(FILES ${MAN8} DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+endif()

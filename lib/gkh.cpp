@@ -1,0 +1,526 @@
+// Hash tables of fixed size with sorted chains, for text and for numbers.
+#include "gkh.h"
+
+#include <bit>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "detail/assertions.h"
+
+static_assert(sizeof(long) == 8 && sizeof(void*) == 8, "keys and handles are 64 bits wide");
+
+namespace {
+
+enum { ekt_STR = 0, ekt_NUM = 1 };
+
+// The generic view of a record; the two layouts below share next and data, which are read and written here
+// alone.
+struct hrec {
+    struct hrec* next;
+    void* data;
+    void* key;
+};
+
+struct s_hrec {
+    struct hrec* next;
+    void* data;
+    char s_key[HT_MAX_SKEY];
+};
+
+struct l_hrec {
+    struct hrec* next;
+    void* data;
+    long int l_key;
+};
+
+static_assert(offsetof(s_hrec, s_key) == offsetof(hrec, key) &&
+              offsetof(l_hrec, l_key) == offsetof(hrec, key));
+
+using kcmp_t = int (*)(const struct hrec*, const void* key);
+using mkhrec_t = struct hrec* (*)(const void* key);
+using getkey_t = const void* (*)(const struct hrec*);
+
+struct htfunc {
+    kcmp_t kcmp;
+    mkhrec_t mkhrec;
+    getkey_t getkey;
+};
+
+struct ht_tag {
+    int ktype;
+    struct hrec** r; // heads of the chains
+    size_t rlen;     // slots, a power of two
+    u_long hseed;
+    size_t count;
+    khash_t icalc; // NULL: a number is its own hash
+};
+
+using ht_t = struct ht_tag;
+
+const void* as_key(long number)
+{
+    return reinterpret_cast<const void*>(number);
+}
+
+long as_number(const void* key)
+{
+    return reinterpret_cast<long>(key);
+}
+
+const char* text_of(const struct hrec* rec)
+{
+    return reinterpret_cast<const struct s_hrec*>(rec)->s_key;
+}
+
+long number_of(const struct hrec* rec)
+{
+    return reinterpret_cast<const struct l_hrec*>(rec)->l_key;
+}
+
+int s_cmp(const struct hrec* rec, const void* key)
+{
+    return strcmp(text_of(rec), static_cast<const char*>(key));
+}
+
+// Kept: the wrapping difference of the low halves, though it is no total order for keys more than 2^31 apart.
+int l_cmp(const struct hrec* rec, const void* key)
+{
+    return static_cast<int>(static_cast<uint32_t>(number_of(rec)) - static_cast<uint32_t>(as_number(key)));
+}
+
+struct hrec* s_mkhrec(const void* key)
+{
+    auto* rec = static_cast<struct s_hrec*>(calloc(1, sizeof(struct s_hrec)));
+    if (rec == nullptr) {
+        return nullptr;
+    }
+    const size_t length = strnlen(static_cast<const char*>(key), HT_MAX_SKEY - 1);
+    memcpy(rec->s_key, key, length);
+    return reinterpret_cast<struct hrec*>(rec);
+}
+
+struct hrec* l_mkhrec(const void* key)
+{
+    auto* rec = static_cast<struct l_hrec*>(malloc(sizeof(struct l_hrec)));
+    if (rec != nullptr) {
+        rec->l_key = as_number(key);
+    }
+    return reinterpret_cast<struct hrec*>(rec);
+}
+
+const void* get_skey(const struct hrec* rec)
+{
+    return text_of(rec);
+}
+
+const void* get_lkey(const struct hrec* rec)
+{
+    return as_key(number_of(rec));
+}
+
+constexpr struct htfunc g_htf[2] = {{s_cmp, s_mkhrec, get_skey}, {l_cmp, l_mkhrec, get_lkey}};
+
+uint64_t mix(uint64_t x)
+{
+    x = (x << 21) - x - 1;
+    x ^= x >> 24;
+    x *= 265;
+    x ^= x >> 14;
+    x *= 21;
+    x ^= x >> 28;
+    x += x << 31;
+    return x;
+}
+
+uint64_t signed_byte(char c)
+{
+    return static_cast<uint64_t>(static_cast<int64_t>(static_cast<signed char>(c)));
+}
+
+size_t calc_rlen(size_t capacity)
+{
+    return std::bit_floor(capacity * 3 / 2);
+}
+
+u_long calc_hseed()
+{
+    return static_cast<u_long>(time(nullptr));
+}
+
+// Where a key stands, or would stand, in its chain.
+struct Place {
+    struct hrec** head; // of the slot
+    struct hrec* p;     // first record that is not below the key
+    struct hrec* pv;    // its predecessor
+    bool found;
+};
+
+// The comparison is a template argument, so that each kind of key gets a walk of its own without a call per
+// record.
+template <kcmp_t kcmp>
+Place walk(const ht_t* tbl, u_long hash, const void* key)
+{
+    Place place{tbl->r + (hash & (tbl->rlen - 1)), nullptr, nullptr, false};
+    for (struct hrec* rec = *place.head; rec != nullptr; rec = rec->next) {
+        const int order = kcmp(rec, key);
+        if (order >= 0) {
+            place.p = rec;
+            place.found = order == 0;
+            return place;
+        }
+        place.pv = rec;
+    }
+    return place;
+}
+
+u_long hash_of(const ht_t* tbl, const void* key)
+{
+    if (tbl->icalc == tw_shift) {
+        return mix(static_cast<uint64_t>(as_number(key)));
+    }
+    return tbl->icalc != nullptr ? tbl->icalc(key, tbl->hseed) : reinterpret_cast<u_long>(key);
+}
+
+Place rfind(const ht_t* tbl, const void* key)
+{
+    const u_long hash = hash_of(tbl, key);
+    return tbl->ktype == ekt_NUM ? walk<l_cmp>(tbl, hash, key) : walk<s_cmp>(tbl, hash, key);
+}
+
+int add(ht_t* tbl, const void* key, void** pdat)
+{
+    assert(tbl != nullptr && key != nullptr);
+    if (tbl->rlen == 0) {
+        return EINVAL;
+    }
+    const Place place = rfind(tbl, key);
+    if (place.found) {
+        if (pdat != nullptr) {
+            *pdat = place.p->data;
+        }
+        return EBUSY;
+    }
+    struct hrec* rec = g_htf[tbl->ktype].mkhrec(key);
+    if (rec == nullptr) {
+        return ENOMEM;
+    }
+    rec->data = pdat != nullptr ? *pdat : nullptr;
+    rec->next = place.p;
+    struct hrec** link = place.pv != nullptr ? &place.pv->next : place.head;
+    assert(*link == place.p);
+    *link = rec;
+    ++tbl->count;
+    return 0;
+}
+
+int rm(ht_t* tbl, const void* key, void** pdat)
+{
+    assert(tbl != nullptr);
+    if (tbl->rlen == 0) {
+        return EINVAL;
+    }
+    const Place place = rfind(tbl, key);
+    if (!place.found) {
+        return ESRCH;
+    }
+    struct hrec** link = place.pv != nullptr ? &place.pv->next : place.head;
+    assert(*link == place.p);
+    *link = place.p->next;
+    if (pdat != nullptr) {
+        *pdat = place.p->data;
+    }
+    free(place.p);
+    --tbl->count;
+    return 0;
+}
+
+int get(const ht_t* tbl, const void* key, void** pdat)
+{
+    assert(tbl != nullptr);
+    if (tbl->rlen == 0) {
+        return EINVAL;
+    }
+    const Place place = rfind(tbl, key);
+    if (!place.found) {
+        return ESRCH;
+    }
+    if (pdat != nullptr) {
+        *pdat = place.p->data;
+    }
+    return 0;
+}
+
+void destroy(ht_t* tbl, gkfree_t free_data)
+{
+    assert(tbl != nullptr);
+    if (tbl->r != nullptr && tbl->rlen <= HT_MAX_CAP) {
+        for (size_t i = 0; i < tbl->rlen; ++i) {
+            for (struct hrec* rec = tbl->r[i]; rec != nullptr;) {
+                struct hrec* next = rec->next;
+                if (free_data != nullptr) {
+                    free_data(rec->data);
+                }
+                free(rec);
+                rec = next;
+            }
+        }
+        free(tbl->r);
+    }
+    free(tbl);
+}
+
+int fill(ht_t* tbl, const char** klst, size_t len)
+{
+    int rc = 0;
+    for (size_t i = 0; klst != nullptr && i < len && rc == 0; ++i) {
+        rc = add(tbl, klst[i], nullptr);
+    }
+    return rc;
+}
+
+int hcreate(ht_t** ptbl, int ktype, size_t capacity, khash_t hfunc, const char** klst, size_t len)
+{
+    *ptbl = nullptr;
+    if (capacity > HT_MAX_CAP) {
+        return EOVERFLOW;
+    }
+    auto* tbl = static_cast<ht_t*>(malloc(sizeof(ht_t)));
+    if (tbl == nullptr) {
+        return ENOMEM;
+    }
+    *tbl = {ktype, nullptr, calc_rlen(capacity), calc_hseed(), 0, hfunc};
+    tbl->r = static_cast<struct hrec**>(calloc(tbl->rlen, sizeof(struct hrec*)));
+    const int rc = tbl->r == nullptr ? ENOMEM : fill(tbl, klst, len);
+    if (rc != 0) {
+        destroy(tbl, nullptr);
+        return rc;
+    }
+    *ptbl = tbl;
+    return 0;
+}
+
+size_t iterate(const ht_t* tbl, gkiter_t f, void* farg)
+{
+    assert(tbl != nullptr && f != nullptr);
+    const getkey_t getkey = g_htf[tbl->ktype].getkey;
+    size_t visited = 0;
+    for (size_t i = 0; i < tbl->rlen; ++i) {
+        for (struct hrec* rec = tbl->r[i]; rec != nullptr; rec = rec->next) {
+            f(getkey(rec), rec->data, farg);
+            ++visited;
+        }
+    }
+    return visited;
+}
+
+struct SlotStats {
+    long length;
+    const void* last_key; // address of the key field of the chain's last record
+};
+
+SlotStats* hstats = nullptr;
+
+struct ChainTotals {
+    long records = 0;
+    long used = 0;
+    long longest = 0;
+};
+
+ChainTotals collect_stats(const ht_t* tbl)
+{
+    ChainTotals totals;
+    for (size_t i = 0; i < tbl->rlen; ++i) {
+        for (const struct hrec* rec = tbl->r[i]; rec != nullptr; rec = rec->next) {
+            ++hstats[i].length;
+            hstats[i].last_key = &rec->key;
+        }
+        totals.records += hstats[i].length;
+        totals.used += hstats[i].length > 0 ? 1 : 0;
+        totals.longest = hstats[i].length > totals.longest ? hstats[i].length : totals.longest;
+    }
+    return totals;
+}
+
+void dump_slots(const ht_t* tbl, FILE* out)
+{
+    for (size_t i = 0; i < tbl->rlen; ++i) {
+        const SlotStats& slot = hstats[i];
+        if (slot.length == 0) {
+            continue;
+        }
+        if (tbl->ktype == ekt_STR) {
+            fprintf(out, "%ld:(%ld:%s);", static_cast<long>(i), slot.length,
+                    static_cast<const char*>(slot.last_key));
+        } else {
+            // Kept: the address of the key, not the key.
+            fprintf(out, "%ld:(%ld:%ld);", static_cast<long>(i), slot.length, as_number(slot.last_key));
+        }
+    }
+    fputs("\n", out);
+}
+
+void dump(const ht_t* tbl, FILE* out, int verbose)
+{
+    assert(tbl != nullptr && out != nullptr);
+    hstats = static_cast<SlotStats*>(calloc(tbl->rlen, sizeof(SlotStats)));
+    if (hstats == nullptr) {
+        fprintf(out, "%s: out of memory\n", __func__);
+        return;
+    }
+    const ChainTotals totals = collect_stats(tbl);
+    fprintf(out, "Hash [%p;seed=%ld] contains: \n\t%ld records; slots: %ld/%ld\n",
+            static_cast<const void*>(tbl), static_cast<long>(tbl->hseed), totals.records, totals.used,
+            static_cast<long>(tbl->rlen));
+    fprintf(out, "Max chain length: %ld\n", totals.longest);
+    if (verbose != 0) {
+        fprintf(out, "\nHash slots (total=%ld):\n", totals.records);
+        dump_slots(tbl, out);
+    }
+    free(hstats);
+    hstats = nullptr;
+}
+
+ht_t* table(skht_t h)
+{
+    return reinterpret_cast<ht_t*>(h);
+}
+
+ht_t* table(nkht_t h)
+{
+    return reinterpret_cast<ht_t*>(h);
+}
+
+} // namespace
+
+int skht_create(skht_t* ph, size_t capacity, khash_t hfunc, const char** klst, size_t len)
+{
+    assert(ph != nullptr && capacity != 0);
+    assert(klst == nullptr || len != 0);
+    ht_t* tbl = nullptr;
+    const int rc = hcreate(&tbl, ekt_STR, capacity, hfunc != nullptr ? hfunc : plHash, klst, len);
+    *ph = reinterpret_cast<skht_t>(tbl);
+    return rc;
+}
+
+int nkht_create(nkht_t* ph, size_t capacity, khash_t hfunc)
+{
+    assert(ph != nullptr && capacity != 0);
+    ht_t* tbl = nullptr;
+    const int rc = hcreate(&tbl, ekt_NUM, capacity, hfunc, nullptr, 0);
+    *ph = reinterpret_cast<nkht_t>(tbl);
+    return rc;
+}
+
+void skht_destroy(skht_t h, gkfree_t free_data)
+{
+    destroy(table(h), free_data);
+}
+
+void nkht_destroy(nkht_t h, gkfree_t free_data)
+{
+    destroy(table(h), free_data);
+}
+
+int skht_add(skht_t h, const char* skey, void** pdat)
+{
+    return add(table(h), skey, pdat);
+}
+
+int nkht_add(nkht_t h, long int nkey, void** pdat)
+{
+    return add(table(h), as_key(nkey), pdat);
+}
+
+int skht_rm(skht_t h, const char* skey, void** pdat)
+{
+    return rm(table(h), skey, pdat);
+}
+
+int nkht_rm(nkht_t h, long int nkey, void** pdat)
+{
+    return rm(table(h), as_key(nkey), pdat);
+}
+
+int skht_get(skht_t h, const char* skey, void** pdat)
+{
+    return get(table(h), skey, pdat);
+}
+
+int nkht_get(nkht_t h, long int nkey, void** pdat)
+{
+    return get(table(h), as_key(nkey), pdat);
+}
+
+size_t skht_iter(skht_t h, gkiter_t f, void* farg)
+{
+    return iterate(table(h), f, farg);
+}
+
+size_t nkht_iter(nkht_t h, gkiter_t f, void* farg)
+{
+    return iterate(table(h), f, farg);
+}
+
+void skht_print(skht_t h, FILE* out, int verbose)
+{
+    dump(table(h), out, verbose);
+}
+
+void nkht_print(nkht_t h, FILE* out, int verbose)
+{
+    dump(table(h), out, verbose);
+}
+
+size_t skht_count(skht_t h)
+{
+    return table(h)->count;
+}
+
+size_t nkht_count(nkht_t h)
+{
+    return table(h)->count;
+}
+
+u_long plHash(const void* key, u_long seed)
+{
+    constexpr uint64_t k1 = 101;
+    constexpr uint64_t k2 = k1 * k1;
+    constexpr uint64_t k3 = k2 * k1;
+    constexpr uint64_t k4 = k3 * k1;
+    const char* s = static_cast<const char*>(key);
+    uint64_t h = seed;
+    // Four bytes a step: the same sum modulo 2^64, with one multiplication of h instead of four in a row.
+    while (s[0] != 0 && s[1] != 0 && s[2] != 0 && s[3] != 0) {
+        h = h * k4 + signed_byte(s[0]) * k3 + signed_byte(s[1]) * k2 + signed_byte(s[2]) * k1 +
+            signed_byte(s[3]);
+        s += 4;
+    }
+    for (; *s != 0; ++s) {
+        h = h * k1 + signed_byte(*s);
+    }
+    return h;
+}
+
+u_long elfHash(const void* key, u_long seed)
+{
+    (void)seed;
+    uint64_t h = 0;
+    for (const char* s = static_cast<const char*>(key); *s != 0; ++s) {
+        h = (h << 4) + signed_byte(*s);
+        const uint64_t g = h & 0xf0000000;
+        if (g != 0) {
+            h ^= g >> 24;
+        }
+        h &= ~g;
+    }
+    return h;
+}
+
+u_long tw_shift(const void* key, u_long seed)
+{
+    (void)seed;
+    return mix(static_cast<uint64_t>(as_number(key)));
+}

@@ -1,0 +1,8 @@
+// What every application owes the library: the flags its loops and handlers read.
+#include "app_flags.h"
+
+volatile sig_atomic_t g_quit = 0;
+volatile sig_atomic_t g_hup = 0;
+volatile sig_atomic_t g_usr1 = 0;
+volatile sig_atomic_t g_sigctx = 0;
+volatile sig_atomic_t g_goodbye = 0;

@@ -1,0 +1,73 @@
+// The linker sends calls of malloc, calloc and realloc here (--wrap).
+#include "oom.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace {
+size_t g_count = 0;
+size_t g_fail_at = 0;
+bool g_forever = false;
+bool g_happened = false;
+
+bool must_fail()
+{
+    ++g_count;
+    if (g_fail_at == 0 || g_count < g_fail_at || (g_count > g_fail_at && !g_forever)) {
+        return false;
+    }
+    g_happened = true;
+    errno = ENOMEM;
+    return true;
+}
+} // namespace
+
+extern "C" {
+void* __real_malloc(size_t size);
+void* __real_calloc(size_t n, size_t size);
+void* __real_realloc(void* block, size_t size);
+void* __wrap_malloc(size_t size);
+void* __wrap_calloc(size_t n, size_t size);
+void* __wrap_realloc(void* block, size_t size);
+
+void* __wrap_malloc(size_t size)
+{
+    return must_fail() ? nullptr : __real_malloc(size);
+}
+
+void* __wrap_calloc(size_t n, size_t size)
+{
+    return must_fail() ? nullptr : __real_calloc(n, size);
+}
+
+void* __wrap_realloc(void* block, size_t size)
+{
+    return must_fail() ? nullptr : __real_realloc(block, size);
+}
+}
+
+namespace support {
+
+FailAllocation::FailAllocation(size_t n, bool forever)
+{
+    g_happened = false;
+    g_forever = forever;
+    g_fail_at = g_count + n;
+}
+
+FailAllocation::~FailAllocation()
+{
+    g_fail_at = 0;
+}
+
+bool FailAllocation::happened() const
+{
+    return g_happened;
+}
+
+size_t allocation_count()
+{
+    return g_count;
+}
+
+} // namespace support
