@@ -1,0 +1,26 @@
+// The one pattern of the checked calls: call, failed, report. Each call of syswrap.cpp is this with its own
+// three parts.
+#ifndef MORVANE_DETAIL_CHECKED_H
+#define MORVANE_DETAIL_CHECKED_H
+
+#include <cerrno>
+
+namespace mv {
+
+// Makes the call once. A result that failed() knows goes through report(errno), which may disturb errno: it
+// is put back. Returns the call's own result.
+template <class Call, class Failed, class Report>
+inline auto checked(Call call, Failed failed, Report report)
+{
+    const auto result = call();
+    if (failed(result)) [[unlikely]] {
+        const int err = errno;
+        report(err);
+        errno = err;
+    }
+    return result;
+}
+
+} // namespace mv
+
+#endif
