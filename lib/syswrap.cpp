@@ -38,7 +38,7 @@ bool is_eagain(int err)
 #endif
 }
 
-// A text for %s: the calls answer a null pointer with EFAULT, the line must survive it as well.
+// A text for %s where the call takes a null pointer.
 const char* shown(const char* text)
 {
     return text != nullptr ? text : "(null)";
@@ -63,7 +63,7 @@ int W_open(const char* caller, const char* pathname, int flags, mode_t mode)
 {
     return checked([&] { return open(pathname, flags, mode != 0 ? mode : kDefaultMode); }, is_minus_one,
                    [&](int err) {
-                       log_err("%s: open('%s', %d, 0x%lx) ERROR(%d): %s\n", caller, shown(pathname), flags,
+                       log_err("%s: open('%s', %d, 0x%lx) ERROR(%d): %s\n", caller, pathname, flags,
                                static_cast<unsigned long>(mode), err, strerror(err));
                    });
 }
@@ -109,10 +109,9 @@ off_t W_lseek(const char* caller, int fd, off_t offset, int whence)
 
 int W_unlink(const char* caller, const char* pathname)
 {
-    return checked([&] { return unlink(pathname); }, is_minus_one,
-                   [&](int err) {
-                       log_err("%s: unlink(%s) ERROR(%d): %s\n", caller, shown(pathname), err, strerror(err));
-                   });
+    return checked(
+        [&] { return unlink(pathname); }, is_minus_one,
+        [&](int err) { log_err("%s: unlink(%s) ERROR(%d): %s\n", caller, pathname, err, strerror(err)); });
 }
 
 int W_ftruncate(const char* caller, int fd, off_t length)
