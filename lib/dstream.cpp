@@ -1,0 +1,329 @@
+// What one segment of a stream holds: its type, its packets, and the places where a reader may start.
+#include "dstream.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+
+#include "detail/bytes.h"
+#include "detail/ts_packet.h"
+#include "log.h"
+#include "mpegts.h"
+#include "rtp.h"
+
+DECLARE_MLL(MLL_DGRAM);
+
+const union n32_tag STY_RAW = {{'R', 'A', 'W', 0}};
+const union n32_tag STY_MPEGTS = {{'T', 'S', 0, 0}};
+const union n32_tag STY_RTP = {{'R', 'T', 'P', 0}};
+
+namespace {
+
+using mv::Bytes;
+using mv::PacketHead;
+using mv::ts_has_pcr;
+
+constexpr uint8_t kSequenceHeader = 0xb3; // start codes of ISO/IEC 13818-2, 6.2.1
+constexpr uint8_t kPictureHeader = 0;
+
+// Kept: the table is looked for right behind a pointer field of 0, which is not read, and never behind an
+// adaptation field.
+bool ts_has_pat(const uint8_t* b)
+{
+    return ts_payload_start(b) != 0 && ts_pid(b) == 0 && b[5] == 0 && (b[6] & 0xfc) == 0xb0 &&
+           (b[10] & 1) != 0;
+}
+
+// Kept: the name says frame, the test says that the packet is marked as an entry point.
+bool ts_has_iframe(const uint8_t* b)
+{
+    return ts_adaptation(b) >= 3 && ts_adapt_len(b) >= 5 && ts_adapt_rand(b) != 0 && ts_adapt_pcr(b) != 0;
+}
+
+// Kept: an adaptation field longer than the packet puts the payload into the packets that follow. Empty:
+// there is none, or it begins behind the buffer.
+Bytes ts_get_payload(const uint8_t* b, Bytes rest)
+{
+    if (ts_payload(b) == 0) {
+        return {};
+    }
+    return mv::tail(rest, ts_adaptation(b) < 2 ? 4 : ts_adapt_len(b) + 5);
+}
+
+// match_start at an offset that may lie at or behind the end, where zeros stand.
+bool match_at(Bytes bytes, size_t offset, uint8_t id)
+{
+    const uint8_t code[] = {mv::byte_at(bytes, offset), mv::byte_at(bytes, offset + 1),
+                            mv::byte_at(bytes, offset + 2), mv::byte_at(bytes, offset + 3)};
+    return match_start(code, id);
+}
+
+bool is_pes_video(Bytes payload)
+{
+    return match_at(payload, 0, PES_STREAM_ID_VIDEO_MPEG);
+}
+
+bool ts_has_video_iframe(const uint8_t* b, Bytes rest)
+{
+    return ts_has_iframe(b) && ts_payload_start(b) != 0 && is_pes_video(ts_get_payload(b, rest));
+}
+
+// Offset of the first start code with that id that begins below eod - 4, or -1. eod may lie behind the bytes.
+ssize_t pes_find_stream_id(Bytes bytes, size_t eod, uint8_t id)
+{
+    // The third byte of a start code is 1: only ones that stand in the bytes are candidates.
+    const size_t limit = std::min(eod > 2 ? eod - 2 : 0, bytes.size());
+    for (size_t third = 2; third < limit; ++third) {
+        const void* one = memchr(bytes.data() + third, 1, limit - third);
+        if (one == nullptr) {
+            return -1;
+        }
+        third = static_cast<size_t>(static_cast<const uint8_t*>(one) - bytes.data());
+        if (match_at(bytes, third - 2, id)) {
+            return static_cast<ssize_t>(third - 2);
+        }
+    }
+    return -1;
+}
+
+// The type of the picture whose header stands in the packet at the start of rest: 'I', 'P', 'B', 'D', 'x' for
+// a type that is none of these, or -1 if there is no picture behind a sequence header.
+int pes_mpeg2_pic(const uint8_t* b, Bytes rest)
+{
+    const Bytes payload = ts_get_payload(b, rest);
+    if (payload.empty() || ts_payload_start(b) == 0 || !is_pes_video(payload)) {
+        return -1;
+    }
+    const size_t before = rest.size() - payload.size();
+    const size_t eod = before < TS_MIN_PKTSIZE ? TS_MIN_PKTSIZE - before : 0;
+    const ssize_t sequence = pes_find_stream_id(payload, eod, kSequenceHeader);
+    if (sequence < 0) {
+        return -1;
+    }
+    const auto skipped = static_cast<size_t>(sequence);
+    const Bytes from_sequence = mv::tail(payload, skipped);
+    const ssize_t found = pes_find_stream_id(from_sequence, eod - skipped, kPictureHeader);
+    if (found < 0) {
+        return -1;
+    }
+    const auto picture = static_cast<size_t>(found);
+    if (picture + 7 >= eod - skipped) {
+        return -1;
+    }
+    constexpr char names[] = {'x', 'I', 'P', 'B', 'D', 'x', 'x', 'x'};
+    return names[(mv::byte_at(from_sequence, picture + 5) >> 3) & 7];
+}
+
+bool has_iframe(const uint8_t* b, Bytes rest)
+{
+    return ts_has_video_iframe(b, rest) || pes_mpeg2_pic(b, rest) == 'I';
+}
+
+// A mask of the four header bytes, for a word loaded as they stand in memory.
+constexpr uint32_t header_mask(uint8_t second, uint8_t fourth)
+{
+    return std::bit_cast<uint32_t>(std::array<uint8_t, 4>{0, second, 0, fourth});
+}
+
+// The bits without which a packet cannot answer any open request: a table and a picture begin at the start of
+// a payload, a clock stands in an adaptation field.
+uint32_t needed_bits(const struct sseg_ctx& open)
+{
+    const uint32_t start = open.pat_idx != 0 || open.iframe_idx != 0 ? header_mask(0x40, 0) : 0;
+    const uint32_t adaptation = open.pcr_idx != 0 ? header_mask(0, 0x20) : 0;
+    return start | adaptation;
+}
+
+uint32_t header_at(Bytes bytes, size_t pos)
+{
+    uint32_t word = 0;
+    memcpy(&word, bytes.data() + pos, sizeof(word));
+    return word;
+}
+
+// The next packet from pos on that has one of the bits, or whose header is cut by the end; or the end.
+size_t next_candidate(Bytes bytes, size_t pos, size_t size, uint32_t bits)
+{
+    while (bytes.size() - pos >= sizeof(uint32_t) && (header_at(bytes, pos) & bits) == 0) {
+        if (bytes.size() - pos <= size) {
+            return bytes.size();
+        }
+        pos += size;
+    }
+    return pos;
+}
+
+// Looks for what sseg asks in packets of that size, and answers in place.
+void find_marks(Bytes bytes, size_t size, struct sseg_ctx* sseg)
+{
+    struct sseg_ctx open = *sseg;
+    sseg->pat_idx = sseg->pcr_idx = sseg->iframe_idx = 0;
+    for (size_t pos = 0; pos < bytes.size();) {
+        pos = next_candidate(bytes, pos, size, needed_bits(open));
+        if (pos == bytes.size()) {
+            return;
+        }
+        const Bytes rest = mv::tail(bytes, pos);
+        const PacketHead packet(rest);
+        const auto number = static_cast<uint32_t>(pos / size + 1);
+        if (open.pat_idx != 0 && ts_has_pat(packet.get())) {
+            sseg->pat_idx = number;
+            open.pat_idx = 0;
+        }
+        if (open.pcr_idx != 0 && ts_has_pcr(packet.get())) {
+            sseg->pcr_idx = number;
+            sseg->pcr = ts_get_pcr(packet.get());
+            open.pcr_idx = 0;
+        }
+        if (open.iframe_idx != 0 && has_iframe(packet.get(), rest)) {
+            sseg->iframe_idx = number;
+            open.iframe_idx = 0;
+        }
+        if (needed_bits(open) == 0 || rest.size() <= size) {
+            return;
+        }
+        pos += size;
+    }
+}
+
+void log_marks(const char* caller, Bytes bytes, size_t size, const struct sseg_ctx& found)
+{
+    const auto count = static_cast<unsigned long>(bytes.size() / size);
+    const auto* buf = static_cast<const void*>(bytes.data());
+    const auto len = static_cast<unsigned long>(bytes.size());
+    if (found.iframe_idx != 0) {
+        log_dbg("%s: i-Frame at pkt[%u]/%lu buf=%p, len=%lu\n", caller, found.iframe_idx - 1, count, buf,
+                len);
+    }
+    if (found.pat_idx != 0) {
+        log_dbg("%s: PAT at pkt[%u]/%lu buf=%p, len=%lu\n", caller, found.pat_idx - 1, count, buf, len);
+    }
+    if (found.pcr_idx != 0) {
+        log_dbg("%s: PCR=%lu at pkt[%u]/%lu buf=%p, len=%lu\n", caller, static_cast<unsigned long>(found.pcr),
+                found.pcr_idx - 1, count, buf, len);
+    }
+}
+
+// A type as text for the log: four characters that need not end in a zero.
+struct TypeText {
+    explicit TypeText(int32_t type) { memcpy(text, &type, sizeof(type)); }
+
+    char text[sizeof(int32_t) + 1] = {};
+};
+
+void store(size_t* where, size_t value)
+{
+    if (where != nullptr) {
+        *where = value;
+    }
+}
+
+// Probes a segment of which type or size is not known; the size of its packets goes to *size.
+int32_t probe_type(const uint8_t* buf, size_t buflen, size_t* plen, size_t* pcount, size_t* size)
+{
+    const ssize_t found = ts_probe(buf, buflen, true);
+    if (found <= 1) {
+        return STY_RAW.num;
+    }
+    *size = static_cast<size_t>(found);
+    ASSERT(buflen % *size == 0);
+    if (pcount != nullptr) {
+        *pcount = buflen / *size;
+        ASSERT(*pcount != 0);
+    }
+    store(plen, *size);
+    return STY_MPEGTS.num;
+}
+
+// Whether inlen bytes are an RTP packet, with zeros behind their end where a header would be longer.
+bool is_rtp_segment(const uint8_t* buf, size_t inlen)
+{
+    if (inlen >= RTP_XTHDRLEN) {
+        return is_rtp_pkt(buf);
+    }
+    uint8_t padded[RTP_XTHDRLEN] = {};
+    if (inlen > 0) {
+        memcpy(padded, buf, inlen);
+    }
+    return is_rtp_pkt(padded);
+}
+
+void store_type(int32_t* where, const union n32_tag& type)
+{
+    if (where != nullptr) {
+        *where = type.num;
+    }
+}
+
+} // namespace
+
+int32_t probe_segment(const uint8_t* buf, size_t buflen, int32_t stype_id, size_t* plen, size_t* pcount,
+                      struct sseg_ctx* sseg)
+{
+    size_t size = plen != nullptr ? *plen : 0;
+    log_dbg("%s: START buffer len=%lu, pkt_len=%ld\n", __func__, static_cast<unsigned long>(buflen),
+            static_cast<long>(size));
+    int32_t type = stype_id;
+    if (stype_id == 0 || size == 0) {
+        type = probe_type(buf, buflen, plen, pcount, &size);
+    }
+    if (type == STY_RAW.num) {
+        size = buflen;
+        store(plen, buflen);
+        store(pcount, 1);
+    }
+    if (stype_id > 0 && stype_id != type && type != STY_MPEGTS.num) {
+        log_warn("%s: stream type switch: [%s]->[%s]\n", __func__, TypeText(stype_id).text,
+                 TypeText(type).text);
+    }
+    log_dbg("%s: %s len=%lu, count=%lu\n", __func__, TypeText(type).text, static_cast<unsigned long>(size),
+            static_cast<unsigned long>(size != 0 ? buflen / size : 1));
+    if (sseg == nullptr || (sseg->pat_idx == 0 && sseg->pcr_idx == 0 && sseg->iframe_idx == 0)) {
+        return type;
+    }
+    if (type != STY_MPEGTS.num) {
+        sseg->pat_idx = sseg->pcr_idx = sseg->iframe_idx = 0;
+        log_warn("%s: no processing for [%s] stream supported\n", __func__, TypeText(type).text);
+        return type;
+    }
+    find_marks({buf, buflen}, size, sseg);
+    if (loglevel_is(DEBUG_level)) {
+        log_marks(__func__, {buf, buflen}, size, *sseg);
+    }
+    return type;
+}
+
+int xtract_ts_payload(void* buf, size_t inlen, ssize_t* outlen, int32_t* stype, uint32_t hints)
+{
+    auto* bytes = static_cast<uint8_t*>(buf);
+    if (inlen > 0 && ts_has_sync(bytes)) {
+        store_type(stype, STY_MPEGTS);
+        return 0;
+    }
+    if ((hints & XF_NO_RTP) != 0 || !is_rtp_segment(bytes, inlen)) {
+        store_type(stype, STY_RAW);
+        return 0;
+    }
+    const auto length = static_cast<ssize_t>(inlen);
+    const ssize_t header = rtp_header_len(bytes, inlen);
+    ASSERT(header == RTP_HDR_SIZE);
+    const auto footer = static_cast<ssize_t>(rtp_footer_len(bytes, inlen));
+    // Kept: strictly greater, so that a single transport packet is refused; and signed, so that a segment
+    // that is too short for one is refused here as well.
+    if (footer < 0 || length - header - TS_MIN_PKTSIZE <= footer) {
+        log_err("%s: invalid RTP footer length: %ld\n", __func__, static_cast<long>(footer));
+        return -1;
+    }
+    const ssize_t payload = length - header - footer;
+    if (payload < TS_MIN_PKTSIZE) {
+        log_err("%s: not enough payload (for TS) inside RTP packet: %ld bytes\n", __func__,
+                static_cast<long>(payload));
+        return -1;
+    }
+    ASSERT(payload + header <= length);
+    memmove(bytes, bytes + header, static_cast<size_t>(payload));
+    store_type(stype, STY_RTP);
+    *outlen = payload;
+    return 0;
+}
