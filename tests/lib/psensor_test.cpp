@@ -1,0 +1,309 @@
+#include "psensor.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// A list of names as psensors_init takes it, ended by NULL.
+class Names {
+  public:
+    explicit Names(size_t count)
+    {
+        for (size_t i = 0; i < count; ++i) {
+            texts_.push_back("user" + std::to_string(i));
+        }
+        for (const std::string& text : texts_) {
+            list_.push_back(text.c_str());
+        }
+        list_.push_back(nullptr);
+    }
+
+    const char** list() { return list_.data(); }
+
+  private:
+    std::vector<std::string> texts_;
+    std::vector<const char*> list_;
+};
+
+void spin(long nanoseconds)
+{
+    timespec from{};
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &from);
+    do {
+        clock_gettime(CLOCK_MONOTONIC, &now);
+    } while ((now.tv_sec - from.tv_sec) * 1000000000L + now.tv_nsec - from.tv_nsec < nanoseconds);
+}
+
+std::string dump()
+{
+    char* text = nullptr;
+    size_t length = 0;
+    FILE* fp = open_memstream(&text, &length);
+    psensors_dump(fp);
+    fclose(fp);
+    std::string result{text, length};
+    free(text);
+    return result;
+}
+
+size_t count_of(const std::string& text, const std::string& part)
+{
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+bool ran(int slot)
+{
+    const timespec& tm = g_psensor[slot].sensor.accum.tm;
+    return tm.tv_sec != 0 || tm.tv_nsec != 0;
+}
+
+} // namespace
+
+TEST(Psensor, LibrarySensorsStandAtTheirSlots)
+{
+    const std::vector<std::pair<int, std::string>> expected = {
+        {PRF_APP, "app"},          {PRF_EVLOOP, "ev_loop"}, {PRF_EVREAD, "ev_read"},
+        {PRF_EVWRITE, "ev_write"}, {PRF_EVERR, "ev_err"},   {PRF_EVPP, "ev_pp"},
+        {PRF_EVIDLE, "ev_idle"},   {PRF_DATAIN, "data_in"}, {PRF_DATAOUT, "data_out"}};
+    ASSERT_EQ(expected.size(), static_cast<size_t>(PRF_SYS_COUNT));
+    EXPECT_EQ(psensors_init(nullptr, 0), 0);
+    int slot = 0;
+    for (const auto& [number, name] : expected) {
+        EXPECT_EQ(number, slot);
+        EXPECT_EQ(g_libsensor_tag[slot], name);
+        EXPECT_EQ(g_psensor[slot].nametag, name);
+        EXPECT_EQ(g_psensor[slot].sensor.flags, prfm_TIME | prfm_RUSAGE);
+        EXPECT_EQ(g_psensor[slot].sensor.who, RUSAGE_SELF);
+        EXPECT_EQ(g_psensor[slot].enabled, 0U);
+        EXPECT_EQ(g_psensor[slot].started, 0U);
+        ++slot;
+    }
+    EXPECT_EQ(g_libsensor_tag[PRF_SYS_COUNT], nullptr);
+    EXPECT_EQ(g_psensor[USENSOR_FIRST].nametag, nullptr);
+    EXPECT_EQ(g_app_psensor.ucount, 0U);
+    EXPECT_EQ(USENSOR_FIRST, 9);
+    EXPECT_EQ(MAX_PSENSORS, 73);
+}
+
+TEST(Psensor, InitEnablesAllOrNone)
+{
+    Names names(2);
+    psensors_init(names.list(), 5);
+    for (int i = 0; i < USENSOR_FIRST + 2; ++i) {
+        EXPECT_EQ(g_psensor[i].enabled, 1U) << i;
+    }
+    EXPECT_EQ(g_psensor[USENSOR_FIRST + 2].enabled, 0U);
+    psensors_init(names.list(), 0);
+    for (int i = 0; i < USENSOR_FIRST + 2; ++i) {
+        EXPECT_EQ(g_psensor[i].enabled, 0U) << i;
+    }
+    EXPECT_EQ(g_app_psensor.ucount, 2U);
+}
+
+TEST(Psensor, SixtyFourApplicationNamesFillTheTable)
+{
+    Names names(64);
+    EXPECT_EQ(psensors_init(names.list(), 0), 0);
+    EXPECT_EQ(g_app_psensor.ucount, 64U);
+    EXPECT_EQ(g_psensor[MAX_PSENSORS - 1].nametag, names.list()[63]);
+}
+
+TEST(Psensor, ASixtyFifthNameIsIgnored)
+{
+    Names names(65);
+    EXPECT_EQ(psensors_init(names.list(), 1), 0);
+    EXPECT_EQ(g_app_psensor.ucount, 64U);
+    EXPECT_STREQ(g_psensor[MAX_PSENSORS - 1].nametag, "user63");
+}
+
+TEST(Psensor, AnEmptyListOfNamesGivesNoSensor)
+{
+    Names names(0);
+    psensors_init(names.list(), 1);
+    EXPECT_EQ(g_app_psensor.ucount, 0U);
+}
+
+TEST(Psensor, InitForgetsWhatTheTableHeld)
+{
+    Names names(64);
+    psensors_init(names.list(), 1);
+    psensor_start(MAX_PSENSORS - 1);
+    psensors_init(nullptr, 0);
+    EXPECT_EQ(g_psensor[MAX_PSENSORS - 1].nametag, nullptr);
+    EXPECT_EQ(g_psensor[MAX_PSENSORS - 1].started, 0U);
+}
+
+TEST(Psensor, LibptagIndexIgnoresCaseAndRefusesUnknownNames)
+{
+    EXPECT_EQ(libptag_index("EV_READ"), 2);
+    EXPECT_EQ(libptag_index("Data_Out"), 8);
+    EXPECT_EQ(libptag_index("app"), 0);
+    EXPECT_EQ(libptag_index("ev_reader"), -1);
+    EXPECT_EQ(libptag_index(""), -1);
+}
+
+TEST(Psensor, ADisabledSensorDoesNothing)
+{
+    psensors_init(nullptr, 0);
+    psensor_start(PRF_APP);
+    EXPECT_EQ(g_psensor[PRF_APP].started, 0U);
+    spin(1000);
+    psensor_stop(PRF_APP);
+    psensor_probe(PRF_APP);
+    EXPECT_FALSE(ran(PRF_APP));
+    EXPECT_EQ(g_psensor[PRF_APP].sensor.accum.ru.ru_maxrss, 0);
+}
+
+TEST(Psensor, ASensorEnabledWithinASpanKeepsNothingOfIt)
+{
+    psensors_init(nullptr, 0);
+    psensor_start(PRF_APP);
+    spin(1000);
+    psensor_enable(PRF_APP);
+    psensor_stop(PRF_APP);
+    EXPECT_FALSE(ran(PRF_APP));
+}
+
+TEST(Psensor, StopWithoutStartDoesNothing)
+{
+    psensors_init(nullptr, 1);
+    psensor_stop(PRF_APP);
+    EXPECT_FALSE(ran(PRF_APP));
+    psensor_start(PRF_APP);
+    spin(1000);
+    psensor_stop(PRF_APP);
+    const timespec once = g_psensor[PRF_APP].sensor.accum.tm;
+    psensor_stop(PRF_APP);
+    EXPECT_EQ(memcmp(&g_psensor[PRF_APP].sensor.accum.tm, &once, sizeof once), 0);
+}
+
+TEST(Psensor, AnInnerStartDoesNothingAndTheFirstStopEndsTheSpan)
+{
+    psensors_init(nullptr, 1);
+    psensor_start(PRF_APP);
+    const timespec outer = g_psensor[PRF_APP].sensor.start.tm;
+    spin(1000);
+    psensor_start(PRF_APP);
+    EXPECT_EQ(memcmp(&g_psensor[PRF_APP].sensor.start.tm, &outer, sizeof outer), 0);
+    psensor_stop(PRF_APP);
+    EXPECT_TRUE(ran(PRF_APP));
+    EXPECT_EQ(g_psensor[PRF_APP].started, 0U);
+}
+
+TEST(Psensor, DisablingARunningSensorLosesItsSpanUntilItIsEnabledAgain)
+{
+    psensors_init(nullptr, 1);
+    psensor_start(PRF_APP);
+    const timespec begin = g_psensor[PRF_APP].sensor.start.tm;
+    psensor_disable(PRF_APP);
+    spin(1000);
+    psensor_stop(PRF_APP);
+    EXPECT_FALSE(ran(PRF_APP));
+    EXPECT_EQ(g_psensor[PRF_APP].started, 1U);
+    psensor_enable(PRF_APP);
+    psensor_start(PRF_APP); // still running: the old start stays
+    EXPECT_EQ(memcmp(&g_psensor[PRF_APP].sensor.start.tm, &begin, sizeof begin), 0);
+    psensor_stop(PRF_APP);
+    EXPECT_TRUE(ran(PRF_APP));
+    EXPECT_GE(g_psensor[PRF_APP].sensor.accum.tm.tv_sec * 1000000000L +
+                  g_psensor[PRF_APP].sensor.accum.tm.tv_nsec,
+              1000);
+}
+
+TEST(Psensor, ProbeTakesTheTotalsOfTheProcess)
+{
+    psensors_init(nullptr, 1);
+    psensor_probe(PRF_APP);
+    EXPECT_GT(g_psensor[PRF_APP].sensor.accum.ru.ru_maxrss, 0);
+    EXPECT_FALSE(ran(PRF_APP));
+}
+
+TEST(Psensor, SlotsOutsideTheTableAreRefused)
+{
+    psensors_init(nullptr, 1);
+    const std::vector<psensor> before(g_psensor, g_psensor + MAX_PSENSORS);
+    for (const off_t slot : {off_t{-1}, off_t{MAX_PSENSORS}, off_t{1} << 40, -(off_t{1} << 40)}) {
+        EXPECT_EQ(psensor_at(slot), nullptr);
+        psensor_enable(slot);
+        psensor_start(slot);
+        psensor_stop(slot);
+        psensor_probe(slot);
+        psensor_disable(slot);
+    }
+    EXPECT_EQ(memcmp(before.data(), g_psensor, sizeof g_psensor), 0);
+    EXPECT_EQ(psensor_at(0), &g_psensor[0]);
+    EXPECT_EQ(psensor_at(MAX_PSENSORS - 1), &g_psensor[MAX_PSENSORS - 1]);
+}
+
+TEST(Psensor, AMacroEvaluatesItsSlotOnce)
+{
+    psensors_init(nullptr, 0);
+    int slot = 0;
+    psensor_enable(slot++);
+    psensor_start(slot++);
+    psensor_stop(slot++);
+    psensor_probe(slot++);
+    psensor_disable(slot++);
+    EXPECT_EQ(slot, 5);
+}
+
+TEST(Psensor, DumpPrintsSensorsThatAreEnabledAndHaveRun)
+{
+    Names names(2);
+    psensors_init(names.list(), 1);
+    g_psensor[PRF_EVLOOP].sensor.accum.tm = {0, 1};
+    g_psensor[PRF_EVREAD].sensor.accum.tm = {1, 0};
+    g_psensor[PRF_DATAIN].sensor.accum.tm = {1, 1};
+    psensor_disable(PRF_DATAIN);
+    g_psensor[USENSOR_FIRST + 1].sensor.accum.tm = {2, 5};
+    const std::string text = dump();
+    EXPECT_EQ(count_of(text, "P-Sensor ["), 3U) << text;
+    EXPECT_NE(text.find("P-Sensor [ev_loop]\n== time:\t0.000000001\n== resource usage:\n"),
+              std::string::npos);
+    EXPECT_NE(text.find("P-Sensor [ev_read]\n== time:\t1.000000000\n"), std::string::npos);
+    EXPECT_NE(text.find("P-Sensor [user1]\n== time:\t2.000000005\n"), std::string::npos);
+}
+
+TEST(Psensor, ASensorThatNeverRanPrintsNothing)
+{
+    psensors_init(nullptr, 1);
+    EXPECT_EQ(dump(), "");
+}
+
+TEST(Psensor, SlotsBehindTheApplicationsAreNotTouched)
+{
+    Names names(3);
+    psensors_init(names.list(), 1);
+    psensor& behind = g_psensor[USENSOR_FIRST + 3];
+    behind.nametag = "behind";
+    behind.enabled = 1;
+    prfm_init(&behind.sensor);
+    behind.sensor.accum.tm = {1, 1};
+    EXPECT_EQ(dump(), "");
+    psensors_destroy();
+    EXPECT_EQ(behind.sensor.accum.tm.tv_sec, 1);
+    EXPECT_EQ(behind.sensor.flags, prfm_TIME | prfm_RUSAGE);
+    for (int i = 0; i < USENSOR_FIRST + 3; ++i) {
+        EXPECT_EQ(g_psensor[i].sensor.flags, 0) << i;
+    }
+}
+
+TEST(Psensor, DestroyClearsTheAccumulators)
+{
+    psensors_init(nullptr, 1);
+    g_psensor[PRF_APP].sensor.accum.tm = {1, 1};
+    psensors_destroy();
+    EXPECT_FALSE(ran(PRF_APP));
+    EXPECT_EQ(dump(), "");
+}
