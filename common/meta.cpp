@@ -27,7 +27,8 @@ char g_sysinfo[256];
 
 constexpr const char* kError = "#error#";
 
-// The text of a buffer that was just formatted: n is snprintf's result, limit the most it may be.
+// The text of a buffer that was just formatted: n is snprintf's result, limit the size it was given and the
+// most that n may be. Kept: a text of exactly limit characters passes, without its last one.
 const char* checked(char* buffer, int n, size_t limit)
 {
     if (n < 1 || static_cast<size_t>(n) > limit) {
