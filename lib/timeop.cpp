@@ -3,9 +3,14 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
+#include "clk.h"
+#include "detail/assertions.h"
+#include "ktime.h"
 #include "log.h"
+#include "rqs.h"
 
 DECLARE_MLL(MLL_COMMON);
 
@@ -46,6 +51,11 @@ bool minute_holds(const MinuteText& minute, time_t second)
            minute.zone == timezone && minute.zone_name == tzname[0];
 }
 
+int full_year(const struct tm& parts)
+{
+    return static_cast<int>(1900U + static_cast<unsigned>(parts.tm_year)); // wraps beyond the last years
+}
+
 void keep_minute(MinuteText& minute, const struct tm& parts, time_t second)
 {
     minute.length = 0;
@@ -55,10 +65,8 @@ void keep_minute(MinuteText& minute, const struct tm& parts, time_t second)
     minute.start = second - parts.tm_sec;
     minute.zone = timezone;
     minute.zone_name = tzname[0];
-    const int n =
-        snprintf(minute.text, sizeof minute.text,
-                 "%04d-%02d-%02d %02d:%02d:", static_cast<int>(1900U + static_cast<unsigned>(parts.tm_year)),
-                 parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min);
+    const int n = snprintf(minute.text, sizeof minute.text, "%04d-%02d-%02d %02d:%02d:", full_year(parts),
+                           parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min);
     minute.length = static_cast<size_t>(n);
 }
 
@@ -109,7 +117,7 @@ ssize_t put_text(char* buf, size_t buflen, const char* text, size_t length)
 ssize_t format_parts(const struct tm& parts, long nsec, uint32_t flags, const char* zone, char* buf,
                      size_t buflen)
 {
-    const int year = static_cast<int>(1900U + static_cast<unsigned>(parts.tm_year));
+    const int year = full_year(parts);
     if ((flags & f_FMT_SECONDS) != 0) {
         return snprintf(buf, buflen, "%04d-%02d-%02d %02d:%02d:%02d%s", year, parts.tm_mon + 1, parts.tm_mday,
                         parts.tm_hour, parts.tm_min, parts.tm_sec, zone);
@@ -164,7 +172,91 @@ ssize_t format_time(const struct timespec* tms, uint32_t flags, char* buf, size_
                 : format_parts(parts, tms->tv_nsec, flags, zone, buf, buflen);
 }
 
+void set_real_now(struct timespec* tms)
+{
+    set_clk_now(tms, FAST_REALTIME_CLOCK);
+}
+
+// The core of the time-outs: clknow, or else the clock that in_real_time chooses, against last_tm + tmout.
+// The sum needs more than time_t has where a caller means "never" by a great number.
+int timed_out_as(const struct timespec* last_tm, const struct timespec* tmout, bool in_real_time,
+                 const struct timespec* clknow)
+{
+    using Wide = __int128;
+    struct timespec now;
+    if (clknow != nullptr) {
+        now = *clknow;
+    } else if (in_real_time) {
+        set_real_now(&now);
+    } else {
+        now = *rqs_now_ref();
+    }
+    Wide sec = static_cast<Wide>(last_tm->tv_sec) + tmout->tv_sec;
+    Wide nsec = static_cast<Wide>(last_tm->tv_nsec) + tmout->tv_nsec;
+    if (nsec > 999'999'999) {
+        sec += 1;
+        nsec -= 1'000'000'000;
+    }
+    return now.tv_sec == sec ? now.tv_nsec > nsec : now.tv_sec > sec;
+}
+
+bool ticks_run_out(uint32_t last, uint32_t tmout, uint32_t ticks_now)
+{
+    if (last == 0) {
+        return true;
+    }
+    if (last > ticks_now) {
+        return ticks_now - last - 1 >= tmout; // the counter went through 0, which is no tick
+    }
+    // Kept: the sum wraps, so that a span which reaches beyond the counter's end has run out at once.
+    return last + tmout <= ticks_now;
+}
+
+// Seconds of a local time; -1 if there are none.
+time_t local_seconds(struct tm* parts)
+{
+    const TimeLock lock;
+    return mktime(parts);
+}
+
+// Whether what snprintf gave for a room is taken for a text that fits. Kept: one of just the room passes,
+// and has lost its last character to the terminator.
+bool text_fits(int n, size_t room)
+{
+    return n > 0 && static_cast<size_t>(n) <= room;
+}
+
 } // namespace
+
+void set_clk_now(struct timespec* tms, clockid_t clk_id)
+{
+    if (clock_gettime(clk_id, tms) != 0) {
+        perror("clock_gettime");
+        abort();
+    }
+}
+
+int timed_out(const struct timespec* last_tm, const struct timespec* tmout)
+{
+    return timed_out_as(last_tm, tmout, false, nullptr);
+}
+
+int timed_out_ext(const struct timespec* last_tm, const struct timespec* tmout, const struct timespec* clknow)
+{
+    return timed_out_as(last_tm, tmout, false, clknow);
+}
+
+int timed_out_real(const struct timespec* last_tm, const struct timespec* tmout)
+{
+    return timed_out_as(last_tm, tmout, true, nullptr);
+}
+
+void calc_timespan(const struct timespec* from, const struct timespec* till, struct timespec* span)
+{
+    struct timespec result = *till;
+    timespecsub(&result, from);
+    *span = result;
+}
 
 ssize_t mk_timestr(const struct timespec* tms, const uint32_t flags, char* buf, size_t buflen)
 {
@@ -183,4 +275,117 @@ ssize_t mk_timestr(const struct timespec* tms, const uint32_t flags, char* buf, 
         return -1;
     }
     return n;
+}
+
+int scan_log_time(const char* s, struct timespec* tms, uint32_t flags)
+{
+    struct tm parts = {};
+    long seconds = 0;
+    long microseconds = 0;
+    timespecclear(tms);
+    if ((flags & f_RAW_TIME) != 0) {
+        if (sscanf(s, "%ld.%06ld ", &seconds, &microseconds) != 2) {
+            return -1;
+        }
+        *tms = {seconds, microseconds * 1000};
+        return 2;
+    }
+    const bool whole = (flags & f_FMT_SECONDS) != 0;
+    const int wanted = whole ? 6 : 7;
+    const int n = whole ? sscanf(s, "%04d-%02d-%02d %02d:%02d:%02d ", &parts.tm_year, &parts.tm_mon,
+                                 &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec)
+                        : sscanf(s, "%04d-%02d-%02d %02d:%02d:%02d.%06ld ", &parts.tm_year, &parts.tm_mon,
+                                 &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &microseconds);
+    if (n != wanted) {
+        return -1;
+    }
+    parts.tm_year -= 1900;
+    parts.tm_mon -= 1;
+    seconds = local_seconds(&parts); // Kept: as local time without daylight saving, whatever wrote the text
+    if (seconds == -1) {
+        log_err("%s: cannot make time from [%s]\n", __func__, s);
+        return -1;
+    }
+    *tms = {seconds, microseconds * 1000};
+    return n;
+}
+
+int mk_gmt_date(time_t ut, char* buf, size_t buflen)
+{
+    struct tm parts;
+    {
+        const TimeLock lock;
+        if (gmtime_r(&ut, &parts) == nullptr) {
+            perror("gmtime");
+            return -1;
+        }
+    }
+
+    const int n = snprintf(buf, buflen, "%04d-%02d-%02d", full_year(parts), parts.tm_mon + 1, parts.tm_mday);
+    if (text_fits(n, buflen)) {
+        buf[buflen - 1] = 0;
+        return 0;
+    }
+    log_err("%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__, n,
+            static_cast<long>(buflen));
+    return -1;
+}
+
+int mk_timespan(long int total_sec, char* buf, size_t buflen)
+{
+    const long days = total_sec / 86400;
+    const long hours = total_sec % 86400 / 3600;
+    const long minutes = total_sec % 3600 / 60;
+    const long seconds = total_sec % 60;
+    size_t used = 0;
+    if (days > 0) {
+        const int n = snprintf(buf, buflen, "%02ldd ", days);
+        if (!text_fits(n, buflen)) {
+            return -1;
+        }
+        used = static_cast<size_t>(n);
+    }
+    const size_t room = buflen - used;
+    const int n = snprintf(buf + used, room, "%02ldh:%02ldm:%02lds", hours, minutes, seconds);
+    return text_fits(n, room) ? 0 : -1;
+}
+
+bool tspan_timed_out(const struct tspan* last, const struct tspan* tmout, const struct timespec* now,
+                     uint32_t ticks_now)
+{
+    assert(last->mode == tmout->mode);
+    assert(last->mode == TSPAN_TIME || last->mode == TSPAN_TICKS);
+    if (last->mode == TSPAN_TIME) {
+        return timed_out_ext(&last->val.tms, &tmout->val.tms, now) != 0;
+    }
+    return ticks_run_out(last->val.ticks, tmout->val.ticks, ticks_now);
+}
+
+void set_tspan(struct tspan* spn, struct timespec* tm, uint32_t ticks)
+{
+    assert(spn->mode == TSPAN_TIME || spn->mode == TSPAN_TICKS);
+    if (spn->mode == TSPAN_TIME) {
+        spn->val.tms = *tm;
+    } else {
+        spn->val.ticks = ticks;
+    }
+}
+
+time_t get_endofday_utime(time_t tstamp)
+{
+    struct tm parts;
+    bool known = false;
+    {
+        const TimeLock lock;
+        known = localtime_r(&tstamp, &parts) != nullptr;
+    }
+    if (!known) {
+        log_err("%s: localtime_r() FAILED\n", __func__);
+        return -1;
+    }
+    parts.tm_hour = EOD_HOUR;
+    parts.tm_min = EOD_MIN;
+    parts.tm_sec = 59;
+    // Kept: tm_isdst stays that of tstamp, so on a day of change the end may lie one hour off.
+    return local_seconds(&parts);
 }
