@@ -2,6 +2,7 @@
 #include "fdio.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -31,6 +32,41 @@ struct Control {
     alignas(struct cmsghdr) char bytes[kControlMax];
 };
 
+// The buffer of all transfers between descriptors; nothing in it survives a call. The I/O goes to the first
+// page boundary in buf, behind which buflen bytes follow: a block that straight from the allocator starts 16
+// bytes into a page is read into at a fifth of the speed.
+struct trfbuf {
+    char* buf;
+    size_t buflen;
+};
+
+constexpr size_t kPage = 4096;
+constexpr uint32_t kOptionBits = 0xffff;
+
+trfbuf g_trf;
+
+// What one step has moved, and how it went.
+struct Step {
+    ssize_t read = 0;
+    ssize_t written = 0;
+    ssize_t total = 0; // what goes to the caller
+    int error = 0;
+};
+
+// Puts errno back at the end of its life: a line of the log must not disturb what a step is judged by.
+class KeptErrno {
+  public:
+    KeptErrno() : value_(errno) {}
+
+    KeptErrno(const KeptErrno&) = delete;
+    KeptErrno& operator=(const KeptErrno&) = delete;
+
+    ~KeptErrno() { errno = value_; }
+
+  private:
+    int value_;
+};
+
 enum class Zero { Ends, IsFailure };
 
 bool is_eagain(int err)
@@ -47,21 +83,22 @@ bool is_eagain(int err)
 template <off_t sensor, Zero zero, class Io>
 ssize_t until_moved(size_t count, Io io)
 {
-    ssize_t last = 0;
-    while (count > 0) {
+    if (count == 0) {
+        return 0;
+    }
+    for (;;) {
         psensor_start(sensor);
-        last = io();
+        const ssize_t moved = io();
         const int err = errno;
         psensor_stop(sensor);
-        if (last > 0 || (last == 0 && zero == Zero::Ends) || err != EINTR) {
-            break;
+        if (moved > 0 || (moved == 0 && zero == Zero::Ends) || err != EINTR) {
+            return moved;
         }
         errno = 0;
         if (g_quit != 0) {
-            break;
+            return moved;
         }
     }
-    return last;
 }
 
 // Kept: npread and nsendfile tell a failure by 0 and errno.
@@ -125,6 +162,218 @@ int take_descriptor(struct cmsghdr* cmsg, uint32_t fdio_flags)
                 static_cast<void*>(cmsg), cmsg != nullptr ? static_cast<long>(cmsg->cmsg_len) : -1L);
     }
     return -1;
+}
+
+char* io_buffer()
+{
+    const auto address = reinterpret_cast<uintptr_t>(g_trf.buf);
+    return g_trf.buf + (kPage - address % kPage) % kPage;
+}
+
+// The block's address plus a position. The position may lie anywhere, and the block may be none: what comes
+// out is only an address to hand to inproc, so it is reckoned as a number.
+void* address_at(const struct transfer_spec* tsp, off_t position)
+{
+    return reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(tsp->mmem) + static_cast<uintptr_t>(position));
+}
+
+// Kept: memory wins over sendfile, whatever the flags say.
+bool prefer_sendfile(uint32_t flags)
+{
+    (void)flags;
+    return false;
+}
+
+ssize_t transfer_in(struct transfer_spec* tsp, off_t offset, char* dst, size_t count)
+{
+    const ssize_t n = offset < 0 ? nread(tsp->in_fd, dst, count, *tsp->flags)
+                                 : npread(tsp->in_fd, dst, count, offset, *tsp->flags);
+    if (n <= 0) {
+        *tsp->flags |= FDIO_ERR_READ; // Kept: at the end of the file too
+    }
+    return n;
+}
+
+// No wrapper and no retry: a datagram goes or it does not.
+ssize_t send_datagram(const struct transfer_spec* tsp, const char* src, size_t count)
+{
+    psensor_start(PRF_DATAOUT);
+    const ssize_t n =
+        sendto(tsp->out_fd, src, count, MSG_NOSIGNAL, static_cast<const struct sockaddr*>(tsp->aux),
+               static_cast<socklen_t>(tsp->aux_len));
+    const int err = errno;
+    psensor_stop(PRF_DATAOUT);
+    errno = err;
+    return n;
+}
+
+ssize_t transfer_out(struct transfer_spec* tsp, const char* src, size_t count)
+{
+    ASSERT(count != 0);
+    const bool to_address = (*tsp->flags & FDIO_SENDTO) != 0;
+    const ssize_t n =
+        to_address ? send_datagram(tsp, src, count) : nwrite(tsp->out_fd, src, count, *tsp->flags);
+    if (n == -1) {
+        *tsp->flags |= FDIO_ERR_WRITE;
+    } else {
+        const KeptErrno kept;
+        log_dbg("%s: [%p] +%lu -> fd%d\n", __func__, static_cast<void*>(tsp), static_cast<unsigned long>(n),
+                tsp->out_fd);
+    }
+    return n;
+}
+
+void overflow_warning(const char* origin, const struct transfer_spec* tsp, size_t count, off_t new_count)
+{
+    const KeptErrno kept;
+    log_warn(
+        "%s: attempt to reach over the end of buffer: buf=%p, len=%ld, offset=%ld, count=%ld - new_count=%ld\n",
+        origin, tsp->mmem, static_cast<long>(tsp->mmlen), static_cast<long>(*tsp->offset),
+        static_cast<long>(count), static_cast<long>(new_count));
+}
+
+// Cuts *count, with a warning, to what the block has from the position on. False if that is nothing, and for
+// a position before the block, where a failed step may have put it.
+bool cut_to_block(const char* origin, const struct transfer_spec* tsp, size_t* count)
+{
+    const off_t position = *tsp->offset;
+    const off_t left = position < 0 ? 0 : static_cast<off_t>(tsp->mmlen) - position;
+    if (position >= 0 && left >= 0 && *count <= static_cast<size_t>(left)) {
+        return true;
+    }
+    overflow_warning(origin, tsp, *count, left);
+    *count = left < 1 ? 0 : static_cast<size_t>(left);
+    return *count > 0;
+}
+
+// Kept: a plain read, whatever the position.
+ssize_t mm_in(struct transfer_spec* tsp, size_t count)
+{
+    if (!cut_to_block("mm_in", tsp, &count)) {
+        return 0;
+    }
+    return transfer_in(tsp, -1, static_cast<char*>(tsp->mmem) + *tsp->offset, count);
+}
+
+ssize_t mm_out(struct transfer_spec* tsp, size_t count)
+{
+    if (!cut_to_block("mm_out", tsp, &count)) {
+        return 0;
+    }
+    return transfer_out(tsp, static_cast<const char*>(tsp->mmem) + *tsp->offset, count);
+}
+
+void memory_step(struct transfer_spec* tsp, size_t portion, Step* step)
+{
+    ASSERT(tsp->offset != nullptr);
+    if (tsp->mmem_out != 0) {
+        step->read = static_cast<ssize_t>(portion);
+        step->total = mm_out(tsp, portion); // Kept: a -1 stands, and moves the position back by one
+    } else {
+        step->read = mm_in(tsp, portion);
+        if (tsp->inproc == nullptr) {
+            step->total = step->read;
+        } else {
+            step->error = tsp->inproc(address_at(tsp, *tsp->offset), step->read, &step->total);
+            if (step->error != 0) {
+                return;
+            }
+        }
+    }
+    step->written = step->total;
+    step->error = errno;
+}
+
+void sendfile_step(struct transfer_spec* tsp, size_t count, Step* step)
+{
+    step->total = nsendfile(tsp->out_fd, tsp->in_fd, tsp->offset, count, 0, *tsp->flags);
+    step->read = step->total;
+    step->written = step->total;
+    if (step->read == 0) {
+        *tsp->flags |= FDIO_EOF; // Kept: whatever the reason was
+    }
+    const KeptErrno kept;
+    log_dbg("%s: using sendfile\n", "transfer");
+}
+
+void buffer_step(struct transfer_spec* tsp, size_t portion, Step* step)
+{
+    step->read = transfer_in(tsp, tsp->offset != nullptr ? *tsp->offset : -1, io_buffer(), portion);
+    if (step->read <= 0) {
+        step->error = errno;
+        return;
+    }
+    if (tsp->inproc != nullptr) {
+        ASSERT(tsp->offset != nullptr);
+        // Kept: the block's address, which is not where the data is.
+        step->error = tsp->inproc(address_at(tsp, *tsp->offset), step->read, &step->total);
+        if (step->error != 0) {
+            return;
+        }
+        ASSERT(step->total >= 0 && static_cast<size_t>(step->total) <= g_trf.buflen);
+        step->read = step->total;
+    }
+    step->written = transfer_out(tsp, io_buffer(), static_cast<size_t>(step->read));
+    if (step->written <= 0) {
+        step->error = errno;
+    }
+    step->total = step->written < 0 ? 0 : step->written;
+}
+
+int trf_err_summary(int err, int dfd, int sfd, size_t count, uint32_t flags)
+{
+    const char* side = "???";
+    if ((flags & FDIO_EOF) != 0) {
+        log_dbg("transfer [%lu bytes] (%d<-%d) end of stream\n", static_cast<unsigned long>(count), dfd, sfd);
+    } else if ((flags & FDIO_ERR_READ) != 0) {
+        side = "read";
+    } else if ((flags & FDIO_ERR_WRITE) != 0) {
+        side = "write";
+    }
+    log_err("transfer (%d->%d, %ld bytes) %s ERROR(%d): %s\n", sfd, dfd, static_cast<long>(count), side, err,
+            strerror(err));
+    return err;
+}
+
+// What need not count as failure becomes 0.
+int trf_err_correct(int err, uint32_t flags)
+{
+    if (err == EAGAIN) {
+        return 0;
+    }
+    const bool lost_reader = err == EPIPE || (err == EBUSY && (flags & FDIO_SENDFILE) != 0);
+    return (flags & FDIO_ERR_WRITE) != 0 && lost_reader ? 0 : err;
+}
+
+// A position moved by what a step has moved, without the undefined overflow of a wild total from inproc.
+off_t advanced(off_t position, ssize_t by)
+{
+    return static_cast<off_t>(static_cast<uint64_t>(position) + static_cast<uint64_t>(by));
+}
+
+// Logs how a step ended, sets FDIO_EOF and errno. The error that is left for the caller, or 0.
+int judge(const struct transfer_spec* tsp, size_t count, const Step& step)
+{
+    int error = step.error;
+    if (error == 0 && (*tsp->flags & FDIO_TRF_RWEQ) != 0 && step.written != step.read) {
+        log_err("%s: fd in/out=[%d/%d] mismatch: read/write=[%ld/%ld]\n", "transfer", tsp->in_fd, tsp->out_fd,
+                static_cast<long>(step.read), static_cast<long>(step.written));
+    }
+    if (error == 0 && step.read == 0) {
+        *tsp->flags |= FDIO_EOF;
+    }
+    if (error != 0 && no_fault(error, *tsp->flags & FDIO_VERBOSE) == 0) {
+        const KeptErrno kept;
+        error =
+            trf_err_correct(trf_err_summary(error, tsp->out_fd, tsp->in_fd, count, *tsp->flags), *tsp->flags);
+    } else {
+        errno = error;
+    }
+    const KeptErrno kept;
+    log_dbg("%s: %d->%d [r%ld/w%ld  %ld bytes], flags=0x%lx\n", "transfer", tsp->in_fd, tsp->out_fd,
+            static_cast<long>(step.read), static_cast<long>(step.written), static_cast<long>(step.total),
+            static_cast<unsigned long>(*tsp->flags));
+    return error;
 }
 
 } // namespace
@@ -278,4 +527,99 @@ int check_can_sendfile(mode_t src_mode, mode_t dst_mode, int dst_socktype, u_int
     }
     *flags |= FDIO_SENDFILE;
     return 0;
+}
+
+int fdio_init(ssize_t bufsize)
+{
+    if (bufsize == -1) {
+        return set_trf_bufsize(DEFAULT_TRF_BUFSIZE);
+    }
+    return bufsize < 1 ? 0 : set_trf_bufsize(static_cast<size_t>(bufsize));
+}
+
+void fdio_destroy(void)
+{
+    ASSERT(g_trf.buf == nullptr || g_trf.buflen != 0);
+    free(g_trf.buf);
+    g_trf = {};
+}
+
+size_t get_trf_bufsize(void)
+{
+    return g_trf.buflen;
+}
+
+int set_trf_bufsize(size_t newsize)
+{
+    const auto shown = static_cast<long>(newsize);
+    if (newsize == g_trf.buflen) {
+        log_warn("%s: transfer buffer size remains %ld bytes.\n", __func__, shown);
+        return 0;
+    }
+    if (newsize < MIN_TRF_BUFSIZE) {
+        log_err("%s: transfer buffer size cannot be less than %ld bytes.\n", __func__,
+                static_cast<long>(MIN_TRF_BUFSIZE));
+        return -1;
+    }
+    const size_t with_page = newsize <= SIZE_MAX - kPage ? newsize + kPage : SIZE_MAX;
+    // Kept: without memory the old block is lost, and buflen still tells its size.
+    g_trf.buf = static_cast<char*>(Realloc(g_trf.buf, with_page));
+    if (g_trf.buf == nullptr) {
+        log_err("%s: failed to allocate %ld bytes for transfer buffer.\n", __func__, shown);
+        return -1;
+    }
+    g_trf.buflen = newsize;
+    log_dbg("%s: FDIO internal buffer size = %ld bytes.\n", __func__, shown);
+    return 0;
+}
+
+struct transfer_spec* new_transfer_spec(int in_fd, int out_fd, off_t* offset, uint32_t* flags, void* aux,
+                                        ssize_t aux_len)
+{
+    auto* tsp = static_cast<struct transfer_spec*>(Calloc(1, sizeof(struct transfer_spec)));
+    ASSERT(tsp != nullptr && flags != nullptr);
+    tsp->in_fd = in_fd;
+    tsp->out_fd = out_fd;
+    tsp->offset = offset;
+    tsp->flags = flags;
+    tsp->aux = aux;
+    tsp->aux_len = aux_len;
+    if (use_sendfile(*tsp->flags, nullptr) != 0) {
+        log_info("%s(%p): SENDFILE on for fd%d<-fd%d\n", __func__, static_cast<void*>(tsp), out_fd, in_fd);
+    }
+    return tsp;
+}
+
+int transfer(struct transfer_spec* tsp, size_t count, ssize_t* tbytes)
+{
+    *tsp->flags &= kOptionBits;
+    errno = 0;
+    Step step;
+    const size_t portion = count == 0 || count > g_trf.buflen ? g_trf.buflen : count;
+    bool position_moved = false; // by the system
+    if (tsp->mmem != nullptr && !prefer_sendfile(*tsp->flags)) {
+        memory_step(tsp, portion, &step);
+    } else {
+        ASSERT(g_trf.buf != nullptr && g_trf.buflen != 0);
+        position_moved = use_sendfile(*tsp->flags, nullptr) != 0;
+        if (position_moved) {
+            sendfile_step(tsp, count, &step);
+        } else {
+            buffer_step(tsp, portion, &step);
+        }
+    }
+    if (tsp->offset != nullptr && !position_moved) {
+        *tsp->offset = advanced(*tsp->offset, step.total);
+    }
+    const int error = judge(tsp, count, step);
+    if (tbytes != nullptr) {
+        *tbytes = step.total;
+    }
+    return error != 0 ? -1 : 0;
+}
+
+int use_sendfile(u_int32_t fdio_flags, int* bsd_flags)
+{
+    (void)bsd_flags;
+    return (fdio_flags & FDIO_SENDFILE) != 0 ? 1 : 0;
 }
