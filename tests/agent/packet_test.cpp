@@ -1,0 +1,477 @@
+// The packet's way from the frame to the relay line, on byte arrays.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+
+#include "app_flags.h"
+#include "child.h"
+#include "frames.h"
+#include "log.h"
+#include "logcap.h"
+#include "zent.h"
+
+using support::FrameSpec;
+using support::igmp_frame;
+using support::leave_frame;
+using support::LogCapture;
+using support::report_frame;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// The agent between set-up and shutdown, with its lines going to memory.
+class Packet : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        g_cfg = {};
+        g_ctx = {};
+        g_cfg.log_level = INFO_level;
+        ASSERT_EQ(nkht_create(&g_ctx.wgrp_ht, MAX_ZENT_CHANNELS, tw_shift), 0);
+        g_ctx.rep.sockfd = -1;
+        g_ctx.rep.fp = open_memstream(&text_, &length_);
+    }
+
+    void TearDown() override
+    {
+        fclose(g_ctx.rep.fp);
+        free(text_);
+        nkht_destroy(g_ctx.wgrp_ht, nullptr);
+        if (g_ctx.scope_ht != 0) {
+            nkht_destroy(g_ctx.scope_ht, nullptr);
+        }
+        g_ctx = {};
+    }
+
+    // A frame in a heap block of its exact size, so that a read beyond it is seen.
+    static void feed(const std::vector<uint8_t>& frame)
+    {
+        const auto block = std::make_unique<uint8_t[]>(frame.size());
+        memcpy(block.get(), frame.data(), frame.size());
+        pcap_pkthdr header = {};
+        header.caplen = static_cast<bpf_u_int32>(frame.size());
+        header.len = 60;
+        on_pcap_pkt(nullptr, &header, block.get());
+    }
+
+    static void feed_spec(const FrameSpec& spec) { feed(igmp_frame(spec)); }
+
+    std::string relayed()
+    {
+        fflush(g_ctx.rep.fp);
+        return {text_, length_};
+    }
+
+    static size_t joined() { return nkht_count(g_ctx.wgrp_ht); }
+
+  private:
+    char* text_ = nullptr;
+    size_t length_ = 0;
+};
+
+const std::string kBegin = "(DBG)  on_pcap_pkt: BEGIN";
+const std::string kEnd = "(DBG)  on_pcap_pkt: END";
+
+} // namespace
+
+TEST_F(Packet, FirstReportOfAGroupIsAJoin)
+{
+    feed(report_frame("239.1.2.3"));
+    EXPECT_EQ(relayed(), "JOIN UDP://239.1.2.3\n");
+    EXPECT_EQ(joined(), 1U);
+}
+
+TEST_F(Packet, Version1ReportIsAJoinToo)
+{
+    feed_spec({.type = IGMP1_RPT});
+    EXPECT_EQ(relayed(), "JOIN UDP://239.1.2.3\n");
+}
+
+TEST_F(Packet, SecondReportFromAnyHostPrintsNothing)
+{
+    LogCapture log;
+    feed(report_frame("239.1.2.3"));
+    const std::string before = log.text();
+    feed(report_frame("239.1.2.3"));
+    auto from_another = report_frame("239.1.2.3");
+    from_another[14 + 15] = 77;
+    feed(from_another);
+    feed_spec({.type = IGMP1_RPT});
+    EXPECT_EQ(relayed(), "JOIN UDP://239.1.2.3\n");
+    EXPECT_EQ(log.text(), before);
+    EXPECT_EQ(joined(), 1U);
+}
+
+TEST_F(Packet, LeaveOfAGroupNotJoinedPassesInSilence)
+{
+    LogCapture log;
+    feed(leave_frame("239.1.2.3"));
+    EXPECT_EQ(relayed(), "");
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Packet, LeaveEndsAGroupWithTheFirstHostThatLeaves)
+{
+    feed(report_frame("239.1.2.3"));
+    feed(report_frame("239.1.2.3"));
+    feed(leave_frame("239.1.2.3"));
+    feed(leave_frame("239.1.2.3"));
+    EXPECT_EQ(relayed(), "JOIN UDP://239.1.2.3\nLEAVE UDP://239.1.2.3\n");
+    EXPECT_EQ(joined(), 0U);
+}
+
+TEST_F(Packet, ReportAfterALeaveIsANewJoin)
+{
+    feed(report_frame("239.1.2.3"));
+    feed(leave_frame("239.1.2.3"));
+    feed(report_frame("239.1.2.3"));
+    EXPECT_EQ(relayed(), "JOIN UDP://239.1.2.3\nLEAVE UDP://239.1.2.3\nJOIN UDP://239.1.2.3\n");
+}
+
+TEST_F(Packet, GroupsAreKeptApart)
+{
+    for (int i = 0; i < 100; ++i) {
+        feed(report_frame("239.1." + std::to_string(i) + ".7"));
+    }
+    EXPECT_EQ(joined(), 100U);
+    feed(leave_frame("239.1.50.7"));
+    feed(report_frame("239.1.51.7"));
+    EXPECT_EQ(joined(), 99U);
+    EXPECT_EQ(relayed().substr(100 * std::string("JOIN UDP://239.1.xx.7\n").size() - 10),
+              "LEAVE UDP://239.1.50.7\n");
+}
+
+TEST_F(Packet, EveryOctetIsPrintedAsInetNtoaDoes)
+{
+    for (const char* group :
+         {"224.0.0.1", "239.255.255.250", "232.10.100.99", "225.9.19.109", "230.200.0.10"}) {
+        in_addr addr;
+        inet_aton(group, &addr);
+        EXPECT_STREQ(group_text(static_cast<int32_t>(addr.s_addr)), group);
+    }
+    EXPECT_STREQ(group_text(0), "0.0.0.0");
+    EXPECT_STREQ(group_text(-1), "255.255.255.255");
+}
+
+TEST_F(Packet, QueriesAndUnknownTypesAreIgnored)
+{
+    for (const int type : {17, 34, 0, 19, 21, 24, 255}) {
+        feed_spec({.type = static_cast<uint8_t>(type)});
+    }
+    EXPECT_EQ(relayed(), "");
+    EXPECT_EQ(joined(), 0U);
+}
+
+TEST_F(Packet, Igmp3ReportNeverGivesALineAndItsDumpSaysUnknown)
+{
+    g_cfg.log_level = DEBUG_level;
+    LogCapture log(NORM_level);
+    feed_spec({.type = 34});
+    EXPECT_EQ(relayed(), "");
+    EXPECT_EQ(log.text(), "02:00:00:00:00:02 -> 01:00:5e:01:02:03 [0800]\n?\?/22 239.1.2.3\n");
+}
+
+TEST_F(Packet, DumpsGoToTheMirrorFirstAndAreNotCounted)
+{
+    g_cfg.log_level = DEBUG_level;
+    LogCapture log(ERR_level);
+    char* mirrored = nullptr;
+    size_t length = 0;
+    FILE* mirror = open_memstream(&mirrored, &length);
+    log_mirror(&g_log, mirror);
+    feed(report_frame("239.1.2.3"));
+    fclose(mirror);
+    const std::string dumps = "02:00:00:00:00:02 -> 01:00:5e:01:02:03 [0800]\nv2-report/16 239.1.2.3\n";
+    EXPECT_EQ(std::string(mirrored, length), dumps);
+    EXPECT_EQ(log.text(), dumps);
+    EXPECT_EQ(g_log.total_out, 0U);
+    free(mirrored);
+}
+
+TEST_F(Packet, NoDumpsBelowDebugLevel)
+{
+    g_cfg.log_level = INFO_level;
+    LogCapture log(ERR_level);
+    feed(report_frame("239.1.2.3"));
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Packet, NamesOfTheTypes)
+{
+    EXPECT_STREQ(igmp_type_str(IGMP_QRY), "query");
+    EXPECT_STREQ(igmp_type_str(IGMP1_RPT), "v1-report");
+    EXPECT_STREQ(igmp_type_str(IGMP2_RPT), "v2-report");
+    EXPECT_STREQ(igmp_type_str(IGMP2_LEAVE), "leave");
+    EXPECT_STREQ(igmp_type_str(34), "??");
+    EXPECT_STREQ(igmp_type_str(0x0116), "??");
+}
+
+TEST_F(Packet, DebugLinesOfAReportInOrder)
+{
+    LogCapture log(DEBUG_level);
+    feed(report_frame("239.1.2.3"));
+    EXPECT_EQ(
+        log.lines(),
+        (Lines{kBegin, "(DBG)  on_pcap_pkt: addr=[239.1.2.3]",
+               "(DBG)  on_pcap_pkt: IGMP report msg caught on 239.1.2.3", "(DBG)  relay_msg: BEGIN",
+               "(NRM)  relay_msg: 21 bytes output: JOIN UDP://239.1.2.3", "(DBG)  relay_msg: END", kEnd}));
+}
+
+TEST_F(Packet, DebugLinesOfALeaveInOrder)
+{
+    feed(report_frame("239.1.2.3"));
+    LogCapture log(DEBUG_level);
+    feed(leave_frame("239.1.2.3"));
+    EXPECT_EQ(
+        log.lines(),
+        (Lines{kBegin, "(DBG)  on_pcap_pkt: addr=[239.1.2.3]",
+               "(DBG)  on_pcap_pkt: IGMP LEAVE msg caught on 239.1.2.3", "(DBG)  relay_msg: BEGIN",
+               "(NRM)  relay_msg: 22 bytes output: LEAVE UDP://239.1.2.3", "(DBG)  relay_msg: END", kEnd}));
+}
+
+TEST_F(Packet, FramesOfUpTo33BytesAreTooSmall)
+{
+    for (size_t length = 0; length <= 33; ++length) {
+        LogCapture log(DEBUG_level);
+        auto frame = report_frame("239.1.2.3");
+        frame.resize(length);
+        feed(frame);
+        EXPECT_EQ(
+            log.lines(),
+            (Lines{kBegin, "(ERR)  on_pcap_pkt: packet is too small: " + std::to_string(length) + " bytes",
+                   kEnd}));
+    }
+    EXPECT_EQ(relayed(), "");
+}
+
+TEST_F(Packet, EveryCapturedLengthFrom14To90)
+{
+    for (size_t length = 14; length <= 90; ++length) {
+        LogCapture log;
+        FrameSpec spec{.cut = length, .padded = length};
+        const std::string before = relayed();
+        // 34 to 38 bytes hold no group at all, 39 and 40 half a one: the rest reads as zero. A report of
+        // 0.0.0.0 ends the process, so a leave stands for it.
+        if (length < 42) {
+            spec.type = IGMP2_LEAVE;
+        }
+        feed_spec(spec);
+        if (length >= 42) {
+            feed_spec({.type = IGMP2_LEAVE, .cut = length, .padded = length});
+            EXPECT_EQ(relayed().substr(before.size()), "JOIN UDP://239.1.2.3\nLEAVE UDP://239.1.2.3\n")
+                << length;
+        } else {
+            EXPECT_EQ(relayed(), before) << length;
+        }
+        EXPECT_EQ(log.text().find("too small") != std::string::npos, length < 34) << length;
+    }
+}
+
+TEST_F(Packet, FrameOf34To41BytesIsStillParsed)
+{
+    feed_spec({.group = "239.0.0.0", .cut = 39});
+    EXPECT_EQ(relayed(), "JOIN UDP://239.0.0.0\n");
+    feed_spec({.group = "239.7.0.0", .cut = 40});
+    feed_spec({.group = "239.7.8.0", .cut = 41});
+    EXPECT_EQ(relayed(), "JOIN UDP://239.0.0.0\nJOIN UDP://239.7.0.0\nJOIN UDP://239.7.8.0\n");
+    for (size_t length = 34; length <= 38; ++length) {
+        LogCapture log(DEBUG_level);
+        feed_spec({.type = IGMP2_LEAVE, .cut = length});
+        EXPECT_EQ(log.lines()[1], "(DBG)  on_pcap_pkt: addr=[0.0.0.0]");
+    }
+}
+
+TEST_F(Packet, IpOptionsAreHonoured)
+{
+    for (uint8_t ihl = 5; ihl <= 15; ++ihl) {
+        const std::string group = "239.1.1." + std::to_string(ihl);
+        const std::string before = relayed();
+        feed_spec({.group = group, .ihl = ihl});
+        EXPECT_EQ(relayed(), before + "JOIN UDP://" + group + "\n");
+    }
+}
+
+TEST_F(Packet, HeaderLengthBelowTheFixedPartIsTakenAsItIs)
+{
+    // With a length of 0 the message is read from the IP header itself: its first byte 0x40 is no IGMP type.
+    for (uint8_t ihl = 0; ihl < 5; ++ihl) {
+        feed_spec({.ihl = ihl});
+    }
+    EXPECT_EQ(relayed(), "");
+    // Length 4: the message would begin at byte 16 of the IP header, which is the destination address.
+    auto frame = igmp_frame({.group = "22.0.0.0", .ihl = 4});
+    frame[14 + 20] = 239;
+    frame[14 + 21] = 9;
+    frame[14 + 22] = 8;
+    frame[14 + 23] = 7;
+    feed(frame);
+    EXPECT_EQ(relayed(), "JOIN UDP://239.9.8.7\n");
+}
+
+TEST_F(Packet, HeaderLengthBeyondTheFrameReadsZeros)
+{
+    LogCapture log(DEBUG_level);
+    auto frame = report_frame("239.1.2.3");
+    frame[14] = 0x4f;
+    feed(frame);
+    EXPECT_EQ(log.lines(), (Lines{kBegin, "(DBG)  on_pcap_pkt: addr=[0.0.0.0]", kEnd}));
+    EXPECT_EQ(relayed(), "");
+}
+
+TEST_F(Packet, EtherTypeOtherThanIpIsAnErrorAndShownAsItStandsInMemory)
+{
+    LogCapture log(DEBUG_level);
+    feed_spec({.ether_type = 0x86dd});
+    EXPECT_EQ(log.lines(), (Lines{kBegin, "(ERR)  on_pcap_pkt: got non-IP packet: type=dd86", kEnd}));
+    log.clear();
+    feed_spec({.ether_type = 0x0008});
+    EXPECT_EQ(log.lines(), (Lines{kBegin, "(ERR)  on_pcap_pkt: got non-IP packet: type=800", kEnd}));
+    EXPECT_EQ(relayed(), "");
+}
+
+TEST_F(Packet, IpVersionOtherThan4IsAnError)
+{
+    for (uint8_t version = 0; version < 16; ++version) {
+        if (version == 4) {
+            continue;
+        }
+        LogCapture log;
+        feed_spec({.version = version});
+        char line[64];
+        snprintf(line, sizeof line, "(ERR)  on_pcap_pkt: non-IPv4: %x", version);
+        EXPECT_EQ(log.lines(), Lines{line});
+    }
+    EXPECT_EQ(relayed(), "");
+}
+
+TEST_F(Packet, ProtocolOtherThanIgmpIsAnError)
+{
+    LogCapture log;
+    feed_spec({.protocol = 17});
+    feed_spec({.protocol = 255});
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  on_pcap_pkt: proto=17 - non-IGMP packet",
+                                  "(ERR)  on_pcap_pkt: proto=255 - non-IGMP packet"}));
+}
+
+TEST_F(Packet, ChecksumsAreNotVerified)
+{
+    auto frame = report_frame("239.1.2.3");
+    frame[14 + 10] ^= 0xff;
+    frame[14 + 22] ^= 0xff;
+    feed(frame);
+    EXPECT_EQ(relayed(), "JOIN UDP://239.1.2.3\n");
+}
+
+TEST_F(Packet, kept_ReportOfTheZeroGroupAbortsTheProcess)
+{
+    const auto result = support::run_in_child([] {
+        feed(report_frame("0.0.0.0"));
+        return 0;
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.err.find("Assertion `tbl != nullptr && key != nullptr' failed"), std::string::npos)
+        << result.err;
+}
+
+TEST_F(Packet, LeaveOfTheZeroGroupIsJustNotFound)
+{
+    LogCapture log;
+    feed(leave_frame("0.0.0.0"));
+    EXPECT_EQ(log.text(), "");
+    EXPECT_EQ(relayed(), "");
+}
+
+TEST_F(Packet, ReportOfTheZeroGroupOutOfScopeDoesNoHarm)
+{
+    g_cfg.min_group = 0xe0000001;
+    feed(report_frame("0.0.0.0"));
+    EXPECT_EQ(relayed(), "");
+}
+
+TEST_F(Packet, GeneralQueryIsAskedForScopeBeforeItsType)
+{
+    g_cfg.min_group = 0xe0000001;
+    LogCapture log(DEBUG_level);
+    feed_spec({.type = IGMP_QRY, .group = "0.0.0.0"});
+    EXPECT_EQ(log.lines(), (Lines{kBegin, "(DBG)  on_pcap_pkt: addr=[0.0.0.0]",
+                                  "(DBG)  on_pcap_pkt: address out of scope: 0.0.0.0", kEnd}));
+}
+
+TEST_F(Packet, OutOfScopeGroupIsNeitherReportedNorDumped)
+{
+    g_cfg.min_group = 0xefffffff;
+    g_cfg.log_level = DEBUG_level;
+    LogCapture log(ERR_level);
+    feed(report_frame("239.1.2.3"));
+    EXPECT_EQ(relayed(), "");
+    EXPECT_EQ(log.text(), "02:00:00:00:00:02 -> 01:00:5e:01:02:03 [0800]\n");
+}
+
+TEST_F(Packet, FailedAddIsOneErrorLineAndNoRelayLine)
+{
+    LogCapture log;
+    nkht_t table = g_ctx.wgrp_ht;
+    // A table without slots answers EINVAL to both.
+    size_t* rlen = reinterpret_cast<size_t*>(table) + 2;
+    const size_t saved = *rlen;
+    *rlen = 0;
+    feed(report_frame("239.1.2.3"));
+    feed(leave_frame("239.1.2.3"));
+    *rlen = saved;
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  on_pcap_pkt: error adding group 30201ef",
+                                  "(ERR)  on_pcap_pkt: error removing group 30201ef"}));
+    EXPECT_EQ(relayed(), "");
+}
+
+TEST_F(Packet, DescriptorZeroCountsAsNoSink)
+{
+    FILE* sink = g_ctx.rep.fp;
+    for (const int fd : {-1, 0}) {
+        g_ctx.rep.fp = nullptr;
+        g_ctx.rep.sockfd = fd;
+        LogCapture log(DEBUG_level);
+        relay_msg("JOIN UDP://%s\n", "239.1.2.3");
+        EXPECT_EQ(log.lines(), Lines{"(DBG)  relay_msg: BEGIN"});
+    }
+    g_ctx.rep.fp = sink;
+}
+
+TEST_F(Packet, LineLongerThanItsBufferIsRefused)
+{
+    LogCapture log;
+    relay_msg("%s", std::string(128, 'x').c_str());
+    relay_msg("%s", "");
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  relay_msg: not enough buffer space",
+                                  "(ERR)  relay_msg: not enough buffer space"}));
+    EXPECT_EQ(relayed(), "");
+}
+
+TEST_F(Packet, LineOf127CharactersPassesCutByOne)
+{
+    relay_msg("%s", std::string(127, 'x').c_str());
+    EXPECT_EQ(relayed(), std::string(126, 'x'));
+}
+
+TEST_F(Packet, IdleTurnIsLoggedAtMostEveryFiveSeconds)
+{
+    LogCapture log(DEBUG_level);
+    EXPECT_EQ(on_idle(), 0);
+    EXPECT_EQ(on_idle(), 0);
+    EXPECT_EQ(log.lines(), Lines{"(DBG)  on_idle: doing nothing"});
+}
+
+TEST_F(Packet, QuitHandlerWritesTheSignalAndKeepsErrno)
+{
+    const auto result = support::run_in_child([] {
+        g_ctx.handle = nullptr;
+        errno = EXDEV;
+        handle_qsig(SIGTERM);
+        handle_qsig(SIGINT);
+        return errno == EXDEV && g_quit == 1 && g_sigctx == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.err, "\nSIG(15)\n\nSIG(2)\n");
+}

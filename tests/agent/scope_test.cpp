@@ -1,0 +1,345 @@
+// Which groups are in scope: the range, the list, and the list's file.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <unistd.h>
+
+#include "child.h"
+#include "fds.h"
+#include "frames.h"
+#include "log.h"
+#include "logcap.h"
+#include "oom.h"
+#include "zent.h"
+
+using support::FailAllocation;
+using support::FdGuard;
+using support::LogCapture;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+int32_t net(const std::string& text)
+{
+    in_addr addr;
+    inet_aton(text.c_str(), &addr);
+    return static_cast<int32_t>(addr.s_addr);
+}
+
+uint32_t host(const std::string& text)
+{
+    return ntohl(static_cast<uint32_t>(net(text)));
+}
+
+class Scope : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        g_cfg = {};
+        g_ctx = {};
+        char path[] = "/tmp/scope-XXXXXX";
+        const int fd = mkstemp(path);
+        close(fd);
+        path_ = path;
+    }
+
+    void TearDown() override
+    {
+        if (g_ctx.scope_ht != 0) {
+            nkht_destroy(g_ctx.scope_ht, nullptr);
+            g_ctx.scope_ht = 0;
+        }
+        unlink(path_.c_str());
+    }
+
+    int load(const std::string& text)
+    {
+        FILE* fp = fopen(path_.c_str(), "w");
+        fwrite(text.data(), 1, text.size(), fp);
+        fclose(fp);
+        const FdGuard fds;
+        return load_group_list(path_.c_str());
+    }
+
+    // Loads a list that must be refused with one line, and leave the scope as it was.
+    void expect_refused(const std::string& text, const std::string& line)
+    {
+        const nkht_t before = g_ctx.scope_ht;
+        LogCapture log;
+        EXPECT_EQ(load(text), -1) << text;
+        EXPECT_EQ(log.lines(), Lines{"(ERR)  load_group_list: [" + path_ + "]" + line});
+        EXPECT_EQ(g_ctx.scope_ht, before);
+    }
+
+    std::string path_;
+};
+
+} // namespace
+
+TEST_F(Scope, WithoutRangeAndListEverythingIsInScope)
+{
+    for (const char* group : {"0.0.0.0", "10.1.1.1", "224.0.0.1", "239.255.255.255", "255.255.255.255"}) {
+        EXPECT_TRUE(in_scope(net(group))) << group;
+    }
+}
+
+TEST_F(Scope, LowerBoundAlone)
+{
+    g_cfg.min_group = host("239.0.0.0");
+    EXPECT_TRUE(in_scope(net("239.0.0.0")));
+    EXPECT_TRUE(in_scope(net("239.255.255.255")));
+    EXPECT_TRUE(in_scope(net("255.255.255.255")));
+    EXPECT_FALSE(in_scope(net("238.255.255.255")));
+    EXPECT_FALSE(in_scope(net("224.0.0.1")));
+    EXPECT_FALSE(in_scope(net("0.0.0.0")));
+}
+
+TEST_F(Scope, UpperBoundAloneReachesBelowMulticast)
+{
+    g_cfg.max_group = host("239.0.0.0");
+    EXPECT_TRUE(in_scope(net("239.0.0.0")));
+    EXPECT_TRUE(in_scope(net("10.0.0.1")));
+    EXPECT_TRUE(in_scope(net("0.0.0.0")));
+    EXPECT_FALSE(in_scope(net("239.0.0.1")));
+}
+
+TEST_F(Scope, BothBoundsAreInclusive)
+{
+    g_cfg.min_group = host("239.1.0.0");
+    g_cfg.max_group = host("239.2.0.0");
+    EXPECT_FALSE(in_scope(net("239.0.255.255")));
+    EXPECT_TRUE(in_scope(net("239.1.0.0")));
+    EXPECT_TRUE(in_scope(net("239.2.0.0")));
+    EXPECT_FALSE(in_scope(net("239.2.0.1")));
+    EXPECT_FALSE(in_scope(net("0.0.0.0")));
+}
+
+TEST_F(Scope, EqualBoundsHoldOneGroup)
+{
+    g_cfg.min_group = g_cfg.max_group = host("239.1.2.3");
+    EXPECT_TRUE(in_scope(net("239.1.2.3")));
+    EXPECT_FALSE(in_scope(net("239.1.2.2")));
+    EXPECT_FALSE(in_scope(net("239.1.2.4")));
+}
+
+TEST_F(Scope, GroupOutsideTheRangeButInTheListIsInScope)
+{
+    g_cfg.min_group = host("239.1.0.0");
+    g_cfg.max_group = host("239.2.0.0");
+    ASSERT_EQ(load("224.5.6.7\n"), 0);
+    EXPECT_TRUE(in_scope(net("239.1.5.5")));
+    EXPECT_TRUE(in_scope(net("224.5.6.7")));
+    EXPECT_FALSE(in_scope(net("224.5.6.8")));
+}
+
+TEST_F(Scope, ListAlone)
+{
+    ASSERT_EQ(load("239.1.1.1\n239.1.1.2\n"), 0);
+    EXPECT_TRUE(in_scope(net("239.1.1.1")));
+    EXPECT_TRUE(in_scope(net("239.1.1.2")));
+    EXPECT_FALSE(in_scope(net("239.1.1.3")));
+    EXPECT_FALSE(in_scope(net("0.0.0.0")));
+}
+
+TEST_F(Scope, kept_EntryWithALastOctetFrom128OnIsNotFound)
+{
+    ASSERT_EQ(load("239.1.1.1\n239.1.1.200\n239.1.1.127\n"), 0);
+    EXPECT_TRUE(in_scope(net("239.1.1.1")));
+    EXPECT_TRUE(in_scope(net("239.1.1.127")));
+    EXPECT_FALSE(in_scope(net("239.1.1.200")));
+    EXPECT_EQ(nkht_count(g_ctx.scope_ht), 3U);
+}
+
+TEST_F(Scope, EmptyFileIsASuccessAndThenNothingIsInScope)
+{
+    ASSERT_EQ(load(""), 0);
+    ASSERT_NE(g_ctx.scope_ht, 0);
+    EXPECT_EQ(nkht_count(g_ctx.scope_ht), 0U);
+    EXPECT_FALSE(in_scope(net("239.1.1.1")));
+}
+
+TEST_F(Scope, DirectoryAsListIsAnEmptyList)
+{
+    ASSERT_EQ(load_group_list("/tmp"), 0);
+    EXPECT_EQ(nkht_count(g_ctx.scope_ht), 0U);
+}
+
+TEST_F(Scope, FileWithoutANewlineAtItsEndIsReadNormally)
+{
+    ASSERT_EQ(load("239.1.1.1\n239.1.1.2"), 0);
+    EXPECT_TRUE(in_scope(net("239.1.1.2")));
+}
+
+TEST_F(Scope, ExtraEmptyLineFailsAtThatLine)
+{
+    expect_refused("239.1.1.1\n\n", " error parsing entry at line 2: ");
+}
+
+TEST_F(Scope, CommentsAreNotKnown)
+{
+    expect_refused("# groups\n239.1.1.1\n", " error parsing entry at line 1: # groups");
+}
+
+TEST_F(Scope, CrLfLineEndsAreAccepted)
+{
+    ASSERT_EQ(load("239.1.1.1\r\n239.1.1.2\n\r239.1.1.3\r\n"), -1);
+    ASSERT_EQ(load("239.1.1.1\r\n239.1.1.2\r\n"), 0);
+    EXPECT_TRUE(in_scope(net("239.1.1.1")));
+    EXPECT_TRUE(in_scope(net("239.1.1.2")));
+}
+
+TEST_F(Scope, BlankBehindTheAddressPasses)
+{
+    ASSERT_EQ(load("239.1.1.1 \n239.1.1.2\tsecond\n"), 0);
+    EXPECT_TRUE(in_scope(net("239.1.1.1")));
+    EXPECT_TRUE(in_scope(net("239.1.1.2")));
+}
+
+TEST_F(Scope, RepeatedAddressFailsTheLoad)
+{
+    expect_refused("239.1.1.1\n239.1.1.2\n239.1.1.1\n",
+                   " duplicate at line 3: (" + std::to_string(static_cast<uint32_t>(net("239.1.1.1"))) +
+                       ") 239.1.1.1");
+}
+
+TEST_F(Scope, RepeatedAddressInAnotherNotationFailsTheLoad)
+{
+    expect_refused("239.1.1.1\n0xef010101\n", " duplicate at line 2: (" +
+                                                  std::to_string(static_cast<uint32_t>(net("239.1.1.1"))) +
+                                                  ") 0xef010101");
+}
+
+TEST_F(Scope, NonMulticastEntryFailsTheLoad)
+{
+    expect_refused("239.1.1.1\n192.168.1.2\n239.1.1.3\n",
+                   ":2 non-multicast address: (0x201a8c0) 192.168.1.2");
+    expect_refused("240.0.0.0\n", ":1 non-multicast address: (0x00f0) 240.0.0.0");
+}
+
+TEST_F(Scope, FailedLoadKeepsTheListThatWasThere)
+{
+    ASSERT_EQ(load("239.1.1.1\n"), 0);
+    expect_refused("239.1.1.2\nnonsense\n", " error parsing entry at line 2: nonsense");
+    EXPECT_TRUE(in_scope(net("239.1.1.1")));
+    EXPECT_FALSE(in_scope(net("239.1.1.2")));
+}
+
+TEST_F(Scope, SecondLoadReplacesTheFirst)
+{
+    ASSERT_EQ(load("239.1.1.1\n"), 0);
+    ASSERT_EQ(load("239.1.1.2\n"), 0);
+    EXPECT_FALSE(in_scope(net("239.1.1.1")));
+    EXPECT_TRUE(in_scope(net("239.1.1.2")));
+}
+
+TEST_F(Scope, LineOf62CharactersIsOneEntry)
+{
+    std::string line = "239.1.1.1" + std::string(52, ' ');
+    ASSERT_EQ(line.size(), 61U);
+    ASSERT_EQ(load(line + "\n239.1.1.2\n"), 0);
+    EXPECT_EQ(nkht_count(g_ctx.scope_ht), 2U);
+}
+
+TEST_F(Scope, LongerLineIsReadInPiecesThatCountAsLines)
+{
+    // The first 62 characters are an entry, what is left of the line is the next piece.
+    expect_refused("239.1.1.1" + std::string(53, ' ') + "x\n", " error parsing entry at line 2: x");
+    // A line of exactly 62 characters leaves its line end for the next read.
+    expect_refused("239.1.1.1" + std::string(53, ' ') + "\n", " error parsing entry at line 2: ");
+    ASSERT_EQ(load("239.1.1.1" + std::string(53, ' ') + "239.1.1.2\n"), 0);
+    EXPECT_EQ(nkht_count(g_ctx.scope_ht), 2U);
+}
+
+TEST_F(Scope, LineThatOpensWithANulByteIsAnEmptyLine)
+{
+    expect_refused(std::string("\0\n", 2) + "239.1.1.1\n", " error parsing entry at line 1: ");
+}
+
+TEST_F(Scope, MissingFileIsOneLine)
+{
+    const FdGuard fds;
+    LogCapture log;
+    EXPECT_EQ(load_group_list("/nonexistent/list"), -1);
+    EXPECT_EQ(log.lines(), Lines{"(ERR)  load_group_list: failed to open [/nonexistent/list]"});
+}
+
+TEST_F(Scope, LinesOfASuccessAtDebugLevel)
+{
+    LogCapture log(DEBUG_level);
+    ASSERT_EQ(load("239.1.1.1\n"), 0);
+    EXPECT_EQ(log.lines(), (Lines{"(DBG)  load_group_list: [" + path_ + "]:1 added (0x10101ef) 239.1.1.1",
+                                  "(DBG)  load_group_list: 1 enties added"}));
+}
+
+TEST_F(Scope, AllocationFailureAtEveryPointLeavesTheScopeAsItWas)
+{
+    ASSERT_EQ(load("239.1.1.9\n"), 0);
+    const nkht_t before = g_ctx.scope_ht;
+    FILE* fp = fopen(path_.c_str(), "w");
+    fputs("239.1.1.1\n239.1.1.2\n", fp);
+    fclose(fp);
+    LogCapture log;
+    bool failed = true;
+    for (size_t n = 1; failed && n < 20; ++n) {
+        log.clear();
+        const FdGuard fds;
+        FailAllocation fail(n);
+        const int rc = load_group_list(path_.c_str());
+        failed = fail.happened();
+        if (!failed) {
+            EXPECT_EQ(rc, 0);
+            break;
+        }
+        EXPECT_EQ(g_ctx.scope_ht, before);
+        EXPECT_EQ(log.lines().size(), 1U) << log.text();
+        EXPECT_EQ(rc, n <= 2 ? ENOMEM : -1) << n << log.text();
+    }
+    EXPECT_FALSE(failed);
+    EXPECT_TRUE(in_scope(net("239.1.1.2")));
+}
+
+TEST_F(Scope, LargeListIsReadWhole)
+{
+    std::string text;
+    for (int i = 0; i < 100; ++i) {
+        for (int k = 0; k < 100; ++k) {
+            text += "239.1." + std::to_string(i) + "." + std::to_string(k) + "\n";
+        }
+    }
+    ASSERT_EQ(load(text), 0);
+    EXPECT_EQ(nkht_count(g_ctx.scope_ht), 10000U);
+    EXPECT_TRUE(in_scope(net("239.1.99.99")));
+    EXPECT_FALSE(in_scope(net("239.1.99.100")));
+}
+
+TEST_F(Scope, WrongMarkInTheTableEndsTheProcess)
+{
+    const auto result = support::run_in_child([] {
+        log_default(&g_log, stderr);
+        nkht_create(&g_ctx.scope_ht, 16, tw_shift);
+        void* value = reinterpret_cast<void*>(0xcccc);
+        nkht_add(g_ctx.scope_ht, static_cast<long>(net("239.1.1.1")), &value);
+        return in_scope(net("239.1.1.1")) ? 0 : 1;
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.err.find("(PNC)  in_scope: corrupt scope HT, got 0xcccc for key=16843247\n"),
+              std::string::npos)
+        << result.err;
+    EXPECT_NE(result.err.find("Aborting at:\n#0: "), std::string::npos);
+}
+
+TEST_F(Scope, UnusableTableEndsTheProcess)
+{
+    const auto result = support::run_in_child([] {
+        log_default(&g_log, stderr);
+        nkht_create(&g_ctx.scope_ht, 16, tw_shift);
+        reinterpret_cast<size_t*>(g_ctx.scope_ht)[2] = 0; // no slots
+        return in_scope(net("239.1.1.1")) ? 0 : 1;
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.err.find("(PNC)  in_scope: error(22) getting key=16843247 from scope HT\n"),
+              std::string::npos)
+        << result.err;
+}

@@ -1,0 +1,65 @@
+// The agent's binary in one namespace of a pair, hosts and frames in the other.
+#ifndef TESTS_SUPPORT_AGENT_RUN_H
+#define TESTS_SUPPORT_AGENT_RUN_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "child.h"
+#include "netns.h"
+
+namespace support {
+
+// A host in namespace b of the pair: a member of groups by the kernel's own IGMP, and a sender of raw frames.
+class SegmentHost {
+  public:
+    explicit SegmentHost(const NetnsPair& pair);
+    SegmentHost(const SegmentHost&) = delete;
+    SegmentHost& operator=(const SegmentHost&) = delete;
+    ~SegmentHost();
+
+    void use_igmp(int version) const; // 1, 2 or 3: force_igmp_version of every interface
+    void join(const std::string& group);
+    void leave(const std::string& group);
+    void send(const std::vector<uint8_t>& frame) const;
+
+  private:
+    struct Membership {
+        std::string group;
+        int fd;
+    };
+
+    const NetnsPair& pair_;
+    std::vector<Membership> members_;
+    int raw_ = -1;
+};
+
+// Starts a program in namespace a of the pair.
+Process start_in_a(const NetnsPair& pair, const std::vector<std::string>& argv);
+
+// Waits until a file holds a text.
+bool wait_for_file(const std::string& path, const std::string& text);
+
+// The whole of a file, empty if it cannot be read.
+std::string read_file(const std::string& path);
+
+// A directory of the test's own, removed with all it holds.
+class TempDir {
+  public:
+    TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    ~TempDir();
+
+    const std::string& path() const { return path_; }
+
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_;
+};
+
+} // namespace support
+
+#endif
