@@ -179,7 +179,8 @@ int pcap_setup(const char* ifc_name)
 {
     bpf_u_int32 net = 0;
     bpf_u_int32 mask = 0;
-    struct bpf_program prog;
+    // Kept: the compiled program is not freed; it lives as long as the process does.
+    static struct bpf_program prog;
 
     handle_quit_signals(handle_qsig);
     if (pcap_lookupnet(ifc_name, &net, &mask, g_ctx.errbuf) != 0) {
@@ -195,7 +196,6 @@ int pcap_setup(const char* ifc_name)
         log_err("%s: pcap_compile(..,%s,...) FAILED: %s\n", __func__, kFilter, g_ctx.errbuf);
         return -1;
     }
-    // Kept: the compiled program is not freed; it lives as long as the capture does.
     if (pcap_setfilter(g_ctx.handle, &prog) != 0) {
         log_err("%s: pcap_setfilter(...) FAILED: %s\n", __func__, g_ctx.errbuf);
         return -1;
