@@ -218,9 +218,9 @@ ssize_t ts_probe(const uint8_t* buf, size_t len, bool full_pkts);
  * bytes before the end of the buffer, k being the offset of the sync byte before, plus 1.
  *
  * Returns the offset, or -1 if there is none, which includes that no further sync byte follows one that was
- * not confirmed. Candidates end at offset TS_MAX_PKTSIZE - 2: the first sync byte behind that is returned
- * unconfirmed, with *pkt_len as it was. A NULL pkt_len confirms nothing: the walk then goes on to that end,
- * or to -1.
+ * not confirmed. The walk ends with the first sync byte behind offset TS_MAX_PKTSIZE - 2, which is returned
+ * confirmed or not; only in the first case *pkt_len is written. A NULL pkt_len confirms nothing: the walk
+ * then goes on to that end, or to -1.
  */
 off_t ts_find_head(const uint8_t* buf, size_t len, size_t* pkt_len);
 
