@@ -79,6 +79,7 @@ void encode_pairs(benchmark::State& state)
             memcpy(text + 2 * i, &g_pairs[2U * g_bytes[i]], 2);
         }
         text[2 * kSize] = 0;
+        benchmark::DoNotOptimize(text);
         benchmark::ClobberMemory();
     }
     finish(state);

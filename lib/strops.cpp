@@ -35,6 +35,7 @@ constexpr int kTagDigits = 6; // bytes behind the letter of a track tag, with th
 
 constexpr size_t kBlock = 16;
 using Block = uint8_t __attribute__((vector_size(kBlock)));
+using SignedBlock = int8_t __attribute__((vector_size(kBlock))); // whose comparisons cost least
 
 // ---- numbers -------------------------------------------------------------------------------------
 
@@ -119,16 +120,18 @@ size_t leading_number(const char* digits)
 
 // ---- hexadecimal text ----------------------------------------------------------------------------
 
-// Values of the digits. Kept: other characters are 0, and the terminator is 16, as if it stood behind "F".
+// Values of the digits. Kept: other characters are 0, and the terminator is 16, as it stands behind "F" in
+// the text of the digits.
 constexpr auto kDigitValues = [] {
+    constexpr char kDigits[] = "0123456789ABCDEF";
     std::array<uint8_t, 256> values{};
-    for (int i = 0; i < 10; ++i) {
-        values['0' + i] = static_cast<uint8_t>(i);
+    for (size_t i = 0; i < sizeof kDigits; ++i) {
+        const char digit = kDigits[i];
+        values[static_cast<unsigned char>(digit)] = static_cast<uint8_t>(i);
+        if (digit >= 'A') {
+            values[static_cast<unsigned char>(digit - 'A' + 'a')] = static_cast<uint8_t>(i);
+        }
     }
-    for (int i = 0; i < 6; ++i) {
-        values['A' + i] = values['a' + i] = static_cast<uint8_t>(10 + i);
-    }
-    values[0] = 16;
     return values;
 }();
 
@@ -156,7 +159,8 @@ void put_block(const uint8_t* bytes, char* to)
     const Block high = block >> 4;
     const Block low = block & 15;
     const auto digits = [](Block nibbles) {
-        return nibbles + '0' + (std::bit_cast<Block>(nibbles > 9) & ('a' - '9' - 1));
+        const auto letters = std::bit_cast<Block>(std::bit_cast<SignedBlock>(nibbles) > 9);
+        return nibbles + '0' + (letters & ('a' - '9' - 1));
     };
     const Block first =
         digits(__builtin_shufflevector(high, low, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23));
@@ -201,6 +205,7 @@ void put_digits(const uint8_t* bin, size_t count, char* s)
     }
 }
 
+// The text "%02x%s" of each byte and the delimiter.
 void put_delimited(const uint8_t* bin, size_t count, const char* delim, size_t delim_length, char* s)
 {
     for (size_t i = 0; i < count; ++i) {
