@@ -69,7 +69,7 @@ class Receiver {
 
 std::string replaced(const char* path, const char* dir, size_t room, bool& ok)
 {
-    std::vector<char> buf(room);
+    std::vector<char> buf(room + 1);
     const char* result = replace_dir(path, dir, buf.data(), room);
     ok = result == buf.data();
     EXPECT_TRUE(ok || result == nullptr);
