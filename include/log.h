@@ -187,7 +187,7 @@ extern volatile sig_atomic_t g_sigctx;
                 log_entry(PANIC_level, "ASSERT at:\n%s==\n", frames);                                        \
             }                                                                                                \
             fflush(log_fp(&g_log));                                                                          \
-            log_assert_failed(__FILE__, __LINE__, __func__);                                                 \
+            log_assert_failed(__FILE__, __LINE__, __extension__ __PRETTY_FUNCTION__);                        \
         }                                                                                                    \
     } while (0)
 

@@ -2,16 +2,21 @@
 #include "log.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <execinfo.h>
+#include <iterator>
+#include <limits>
 #include <strings.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <utility>
 
 #include "detail/assertions.h"
+#include "detail/tmlock.h"
 #include "timeop.h"
 
 DECLARE_MLL(MLL_COMMON);
@@ -40,29 +45,28 @@ char g_sigbuf[kLineMax]; // of a handler, so that the line it interrupts stays w
 bool g_rotating = false; // lines that a rotation writes must not rotate in their turn
 
 struct LevelName {
-    int level;
     const char* tag;
     const char* name;
     int syslog_pri;
 };
 
 constexpr LevelName kLevels[] = {
-    {PANIC_level, "(PNC)", "panic", LOG_ALERT},  {ERR_level, "(ERR)", "error", LOG_ERR},
-    {CRIT_level, "(CRI)", "ctitical", LOG_CRIT}, {WARN_level, "(WRN)", "warning", LOG_WARNING},
-    {NORM_level, "(NRM)", "normal", LOG_NOTICE}, {INFO_level, "(INF)", "info", LOG_INFO},
-    {DEBUG_level, "(DBG)", "debug", LOG_DEBUG},  {SECTION_level, "(SCT)", "section", LOG_DEBUG},
+    {"(PNC)", "panic", LOG_ALERT},     {"(ERR)", "error", LOG_ERR},     {"(CRI)", "ctitical", LOG_CRIT},
+    {"(WRN)", "warning", LOG_WARNING}, {"(NRM)", "normal", LOG_NOTICE}, {"(INF)", "info", LOG_INFO},
+    {"(DBG)", "debug", LOG_DEBUG},
 };
+constexpr LevelName kSection = {"(SCT)", "section", LOG_DEBUG};
+constexpr LevelName kNoLevel = {"( ? )", "??", LOG_DEBUG};
+constexpr size_t kTagLength = 5;
 
-constexpr LevelName kNoLevel = {0, "( ? )", "??", LOG_DEBUG};
+static_assert(std::size(kLevels) == DEBUG_level - PANIC_level + 1, "one row a level");
 
 const LevelName& level_name(int level)
 {
-    for (const LevelName& entry : kLevels) {
-        if (entry.level == level) {
-            return entry;
-        }
+    if (level >= PANIC_level && level <= DEBUG_level) {
+        return kLevels[level - PANIC_level];
     }
-    return kNoLevel;
+    return level == SECTION_level ? kSection : kNoLevel;
 }
 
 int flags2clock(uint32_t flags)
@@ -90,16 +94,19 @@ struct Line {
         room -= count;
     }
 
-    // A field of n bytes stands at the place, or would need n: close it with one more blank over its
-    // terminator.
-    bool close_field(ssize_t n)
+    // Puts a field and the two blanks behind it. The bytes put without the last blank; negated if they do
+    // not fit.
+    int put_field(const char* text, size_t length)
     {
-        if (n <= 0 || static_cast<size_t>(n) >= room) {
-            return false;
+        const int n = static_cast<int>(length + 1);
+        if (length + 1 >= room) {
+            return -n;
         }
-        at[n] = ' ';
-        advance(static_cast<size_t>(n) + 1);
-        return true;
+        memcpy(at, text, length);
+        at[length] = ' ';
+        at[length + 1] = ' ';
+        advance(length + 2);
+        return n;
     }
 };
 
@@ -115,10 +122,12 @@ bool put_time(const struct log_ctx* log, Line& line)
         return false;
     }
     const ssize_t n = mk_timestr(&now, log->time_format, line.at, line.room);
-    if (!line.close_field(n)) {
+    if (n <= 0 || static_cast<size_t>(n) >= line.room) {
         fprintf(stderr, "%s: time buffer error (n=%d)\n", "log_write", static_cast<int>(n));
         return false;
     }
+    line.at[n] = ' ';
+    line.advance(static_cast<size_t>(n) + 1);
     return true;
 }
 
@@ -127,9 +136,11 @@ bool put_pid(const struct log_ctx* log, Line& line)
     if (log->pid <= 0) {
         return true;
     }
-    const int n = snprintf(line.at, line.room, "%lu ", static_cast<unsigned long>(log->pid));
-    if (!line.close_field(n)) {
-        fprintf(stderr, "%s: pid buffer error (n=%d)", "log_write", n);
+    char digits[std::numeric_limits<pid_t>::digits10 + 1];
+    const char* end = std::to_chars(std::begin(digits), std::end(digits), log->pid).ptr;
+    const int n = line.put_field(digits, static_cast<size_t>(end - digits));
+    if (n < 0) {
+        fprintf(stderr, "%s: pid buffer error (n=%d)", "log_write", -n);
         return false;
     }
     return true;
@@ -137,12 +148,12 @@ bool put_pid(const struct log_ctx* log, Line& line)
 
 bool put_level(int level, Line& line)
 {
-    if (level < MIN_level + 1) {
+    if (level <= MIN_level) {
         return true;
     }
-    const int n = snprintf(line.at, line.room, "%s ", level_name(level).tag);
-    if (!line.close_field(n)) {
-        fprintf(stderr, "%s: level buffer error (n=%d)", "log_write", n);
+    const int n = line.put_field(level_name(level).tag, kTagLength);
+    if (n < 0) {
+        fprintf(stderr, "%s: level buffer error (n=%d)", "log_write", -n);
         return false;
     }
     return true;
@@ -154,9 +165,9 @@ bool put_group(const struct log_ctx* log, Line& line)
         return true;
     }
     assert(log->group.sym8[7] == 0);
-    const int n = snprintf(line.at, line.room, "%s ", log->group.sym8);
-    if (!line.close_field(n)) {
-        fprintf(stderr, "%s: group buffer error (n=%d)", "log_write", n);
+    const int n = line.put_field(log->group.sym8, strlen(log->group.sym8));
+    if (n < 0) {
+        fprintf(stderr, "%s: group buffer error (n=%d)", "log_write", -n);
         return false;
     }
     return true;
@@ -425,6 +436,7 @@ void log_write(struct log_ctx* log, int level, const char* fmt, ...)
         return;
     }
     if (level < 0 && log->use_syslog != 0) {
+        const mv::TimeLock lock; // libc stamps the message with local time
         va_start(args, fmt);
         vsyslog(get_syslog_pri(level) | LOG_LOCAL0, fmt, args);
         va_end(args);
@@ -651,9 +663,9 @@ size_t log_rota_maxsize(struct log_ctx* log)
 
 int log_rotate(struct log_ctx* log)
 {
-    g_rotating = true;
+    const bool outer = std::exchange(g_rotating, true); // a hook may rotate again
     const int rc = rotate(log);
-    g_rotating = false;
+    g_rotating = outer;
     return rc;
 }
 

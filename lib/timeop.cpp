@@ -8,36 +8,31 @@
 
 #include "clk.h"
 #include "detail/assertions.h"
+#include "detail/tmlock.h"
 #include "ktime.h"
 #include "log.h"
 #include "rqs.h"
 
 DECLARE_MLL(MLL_COMMON);
 
+namespace mv {
+
+volatile sig_atomic_t g_tmlock = 0;
+
+} // namespace mv
+
 namespace {
 
-// Guards every break-down of a time: a signal handler that logs would deadlock in libc's zone lock.
-volatile int g_tmlock = 0;
+using mv::g_tmlock;
+using mv::TimeLock;
 
-class TimeLock {
-  public:
-    TimeLock() { g_tmlock = 1; }
-
-    ~TimeLock() { g_tmlock = 0; }
-
-    TimeLock(const TimeLock&) = delete;
-    TimeLock& operator=(const TimeLock&) = delete;
-};
-
-// The text of one local or GMT minute, "YYYY-MM-DD HH:MM:". A minute is kept only where the zone's offset is
-// a whole number of minutes, so that no change of offset can fall inside it; the zone's variables tell a
-// tzset().
+// The text of one local or GMT minute, "YYYY-MM-DD HH:MM:". The zone's variables tell a tzset().
 struct MinuteText {
     time_t start = 0;  // first second; valid for 60
     size_t length = 0; // 0: nothing kept
+    char text[24] = {};
     long zone = 0;
-    const char* zone_name = nullptr;
-    char text[40] = {};
+    const char* names[2] = {};
 };
 
 MinuteText g_minutes[2]; // local, GMT
@@ -47,8 +42,8 @@ constexpr size_t kTextMax = 96;
 
 bool minute_holds(const MinuteText& minute, time_t second)
 {
-    return minute.length != 0 && second >= minute.start && second - minute.start < 60 &&
-           minute.zone == timezone && minute.zone_name == tzname[0];
+    return static_cast<uint64_t>(second) - static_cast<uint64_t>(minute.start) < 60 && minute.length != 0 &&
+           minute.zone == timezone && minute.names[0] == tzname[0] && minute.names[1] == tzname[1];
 }
 
 int full_year(const struct tm& parts)
@@ -56,35 +51,52 @@ int full_year(const struct tm& parts)
     return static_cast<int>(1900U + static_cast<unsigned>(parts.tm_year)); // wraps beyond the last years
 }
 
-void keep_minute(MinuteText& minute, const struct tm& parts, time_t second)
+bool break_down(time_t second, bool gmt, struct tm& parts)
 {
-    minute.length = 0;
-    if (parts.tm_gmtoff % 60 != 0 || parts.tm_sec > 59) {
-        return;
-    }
-    minute.start = second - parts.tm_sec;
-    minute.zone = timezone;
-    minute.zone_name = tzname[0];
-    const int n = snprintf(minute.text, sizeof minute.text, "%04d-%02d-%02d %02d:%02d:", full_year(parts),
-                           parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min);
-    minute.length = static_cast<size_t>(n);
+    return (gmt ? gmtime_r(&second, &parts) : localtime_r(&second, &parts)) != nullptr;
 }
 
-char* put_digits(char* at, unsigned value, int count)
+// Whether one offset, of whole minutes, holds for the whole minute: a rule may change it at any second.
+bool is_even_minute(const struct tm& parts, time_t start, bool gmt)
 {
-    for (int i = count - 1; i >= 0; --i) {
-        at[i] = static_cast<char>('0' + value % 10);
-        value /= 10;
+    struct tm first;
+    struct tm last;
+    return parts.tm_gmtoff % 60 == 0 && parts.tm_sec <= 59 && break_down(start, gmt, first) &&
+           break_down(start + 59, gmt, last) && first.tm_min == parts.tm_min && last.tm_min == parts.tm_min &&
+           first.tm_gmtoff == parts.tm_gmtoff && last.tm_gmtoff == parts.tm_gmtoff;
+}
+
+// False if the minute is none that can be kept.
+bool keep_minute(MinuteText& minute, const struct tm& parts, time_t second, bool gmt)
+{
+    constexpr time_t kLastSecond = 253402300799; // of the years that have four digits
+    minute.length = 0;
+    if (second < 0 || second > kLastSecond || !is_even_minute(parts, second - parts.tm_sec, gmt)) {
+        return false;
     }
-    return at + count;
+    const int n = snprintf(minute.text, sizeof minute.text, "%04d-%02d-%02d %02d:%02d:", full_year(parts),
+                           parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min);
+    minute.start = second - parts.tm_sec;
+    minute.length = static_cast<size_t>(n);
+    minute.zone = timezone;
+    minute.names[0] = tzname[0];
+    minute.names[1] = tzname[1];
+    return true;
+}
+
+char* put_two(char* at, unsigned value)
+{
+    at[0] = static_cast<char>('0' + value / 10);
+    at[1] = static_cast<char>('0' + value % 10);
+    return at + 2;
 }
 
 // Name of the local zone behind a blank, looked up once; NULL where that fails.
 const char* get_timezone(int refresh)
 {
-    static char timezone_text[kZoneMax] = "";
-    if (timezone_text[0] != 0 && refresh == 0) {
-        return timezone_text;
+    static char zone_text[kZoneMax] = "";
+    if (zone_text[0] != 0 && refresh == 0) {
+        return zone_text;
     }
     const TimeLock lock;
     const time_t now = time(nullptr);
@@ -93,27 +105,16 @@ const char* get_timezone(int refresh)
         perror("localtime_r");
         return nullptr;
     }
-    const size_t n = strftime(timezone_text, kZoneMax - 1, " %Z", &parts);
+    const size_t n = strftime(zone_text, kZoneMax - 1, " %Z", &parts);
     if (n == 0 || n > kZoneMax - 1) {
         perror("strftime");
-        strcpy(timezone_text, "#ERR#");
+        strcpy(zone_text, "#ERR#");
         return nullptr;
     }
-    return timezone_text;
+    return zone_text;
 }
 
-// snprintf's way with a text that is already made: what fits, and the full length as the result.
-ssize_t put_text(char* buf, size_t buflen, const char* text, size_t length)
-{
-    if (buflen > 0) {
-        const size_t fits = length < buflen ? length : buflen - 1;
-        memcpy(buf, text, fits);
-        buf[fits] = 0;
-    }
-    return static_cast<ssize_t>(length);
-}
-
-// A time whose minute is not kept: broken down and formatted afresh.
+// A time whose minute is not kept: formatted afresh.
 ssize_t format_parts(const struct tm& parts, long nsec, uint32_t flags, const char* zone, char* buf,
                      size_t buflen)
 {
@@ -126,20 +127,39 @@ ssize_t format_parts(const struct tm& parts, long nsec, uint32_t flags, const ch
                     parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, nsec / 1000, zone);
 }
 
-// A time whose minute is kept: seconds and fraction put behind it.
+// A time of a kept minute: seconds, fraction and zone put behind it. The room is kTextMax or more.
+ssize_t put_kept(const MinuteText& minute, const struct timespec* tms, uint32_t flags, const char* zone,
+                 char* buf)
+{
+    memcpy(buf, minute.text, sizeof minute.text);
+    char* at = put_two(buf + minute.length, static_cast<unsigned>(tms->tv_sec - minute.start));
+    if ((flags & f_FMT_SECONDS) == 0) {
+        const auto micros = static_cast<unsigned>(tms->tv_nsec / 1000);
+        *at = '.';
+        at = put_two(at + 1, micros / 10000);
+        at = put_two(at, micros / 100 % 100);
+        at = put_two(at, micros % 100);
+    }
+    const size_t zone_length = strlen(zone);
+    memcpy(at, zone, zone_length + 1);
+    return at - buf + static_cast<ssize_t>(zone_length);
+}
+
+// The same into any room, in snprintf's way: what fits, and the full length as the result.
 ssize_t format_kept(const MinuteText& minute, const struct timespec* tms, uint32_t flags, const char* zone,
                     char* buf, size_t buflen)
 {
-    char text[kTextMax];
-    memcpy(text, minute.text, sizeof minute.text);
-    char* at = put_digits(text + minute.length, static_cast<unsigned>(tms->tv_sec - minute.start), 2);
-    if ((flags & f_FMT_SECONDS) == 0) {
-        *at++ = '.';
-        at = put_digits(at, static_cast<unsigned>(tms->tv_nsec / 1000), 6);
+    if (buflen >= kTextMax) {
+        return put_kept(minute, tms, flags, zone, buf);
     }
-    const size_t zone_length = strlen(zone);
-    memcpy(at, zone, zone_length);
-    return put_text(buf, buflen, text, static_cast<size_t>(at - text) + zone_length);
+    char text[kTextMax];
+    const auto length = static_cast<size_t>(put_kept(minute, tms, flags, zone, text));
+    if (buflen > 0) {
+        const size_t fits = length < buflen ? length : buflen - 1;
+        memcpy(buf, text, fits);
+        buf[fits] = 0;
+    }
+    return static_cast<ssize_t>(length);
 }
 
 bool has_six_digits(long nsec)
@@ -147,29 +167,34 @@ bool has_six_digits(long nsec)
     return nsec >= 0 && nsec < 1'000'000'000;
 }
 
-// The text at the buffer; -1 if the time cannot be broken down.
+// The text at the buffer; -1 if the time cannot be broken down. What is kept is copied under the lock: a
+// handler that logs may put another minute there at any time afterwards.
 ssize_t format_time(const struct timespec* tms, uint32_t flags, char* buf, size_t buflen)
 {
     const bool gmt = (flags & f_GMT_TIME) != 0;
-    MinuteText& minute = g_minutes[gmt ? 1 : 0];
+    MinuteText& kept = g_minutes[gmt ? 1 : 0];
+    MinuteText minute;
     struct tm parts;
-    bool kept = false;
+    bool is_kept = false;
     {
         const TimeLock lock;
-        kept = has_six_digits(tms->tv_nsec) && minute_holds(minute, tms->tv_sec);
-        if (!kept) {
-            if ((gmt ? gmtime_r(&tms->tv_sec, &parts) : localtime_r(&tms->tv_sec, &parts)) == nullptr) {
+        const bool may_keep = has_six_digits(tms->tv_nsec);
+        is_kept = may_keep && minute_holds(kept, tms->tv_sec);
+        if (!is_kept) {
+            if (!break_down(tms->tv_sec, gmt, parts)) {
                 perror("gmtime_r/localtime_r");
                 return -1;
             }
-            keep_minute(minute, parts, tms->tv_sec);
+            is_kept = may_keep && keep_minute(kept, parts, tms->tv_sec, gmt);
         }
+        minute.start = kept.start;
+        minute.length = kept.length;
+        memcpy(minute.text, kept.text, sizeof minute.text);
     }
     const char* found = get_timezone(0);
     const char* zone = found != nullptr ? found : "(null)";
-    const TimeLock lock; // a handler must not put another minute into what is read here
-    return kept ? format_kept(minute, tms, flags, zone, buf, buflen)
-                : format_parts(parts, tms->tv_nsec, flags, zone, buf, buflen);
+    return is_kept ? format_kept(minute, tms, flags, zone, buf, buflen)
+                   : format_parts(parts, tms->tv_nsec, flags, zone, buf, buflen);
 }
 
 void set_real_now(struct timespec* tms)
@@ -261,8 +286,8 @@ void calc_timespan(const struct timespec* from, const struct timespec* till, str
 ssize_t mk_timestr(const struct timespec* tms, const uint32_t flags, char* buf, size_t buflen)
 {
     if ((flags & f_RAW_TIME) != 0) {
-        const int n =
-            snprintf(buf, buflen - 1, "%ld.%06ld", static_cast<long>(tms->tv_sec), tms->tv_nsec / 1000);
+        const int n = snprintf(buf, buflen > 0 ? buflen - 1 : 0, "%ld.%06ld", static_cast<long>(tms->tv_sec),
+                               tms->tv_nsec / 1000);
         return n >= 0 && static_cast<size_t>(n) < buflen ? n : -1;
     }
     if (g_tmlock != 0) {
