@@ -316,6 +316,12 @@ size_t iterate(const ht_t* tbl, gkiter_t f, void* farg)
     return visited;
 }
 
+size_t count(const ht_t* tbl)
+{
+    assert(tbl != nullptr);
+    return tbl->count;
+}
+
 struct SlotStats {
     long length;
     const void* last_key; // address of the key field of the chain's last record
@@ -476,12 +482,12 @@ void nkht_print(nkht_t h, FILE* out, int verbose)
 
 size_t skht_count(skht_t h)
 {
-    return table(h)->count;
+    return count(table(h));
 }
 
 size_t nkht_count(nkht_t h)
 {
-    return table(h)->count;
+    return count(table(h));
 }
 
 u_long plHash(const void* key, u_long seed)
