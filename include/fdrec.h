@@ -60,6 +60,7 @@ void init_fdrec(struct fdrec* r);
 /*
  * free_fdrec: unmaps, closes, unlinks a shared memory name, and releases everything owned and the record.
  * What fails on the way is logged and passed over. Multicast groups are left with the close; a watch stays.
+ * REQUIRES: r.
  */
 void free_fdrec(struct fdrec* r);
 

@@ -1,0 +1,140 @@
+// Records of open descriptors: made, named and taken down.
+#include "fdrec.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/mman.h>
+
+#include "dgram.h"
+#include "log.h"
+#include "syswrap.h"
+#include "util.h"
+
+DECLARE_MLL(MLL_COMMON);
+
+namespace {
+
+constexpr size_t kTagMax = 64;
+
+constexpr char kShmPrefix[] = "/shm.";
+
+bool has_mapping(const struct fdrec* r)
+{
+    return r->mmbuf != nullptr && r->mmbuf != MAP_FAILED;
+}
+
+// Whether a path is the name of a shared memory object: the prefix alone says so.
+bool is_shm(const char* path)
+{
+    return strncmp(path, kShmPrefix, sizeof kShmPrefix - 1) == 0;
+}
+
+void mk_dbg_tag(struct fdrec* r)
+{
+    ASSERT(r->dbg_tag == nullptr);
+    r->dbg_tag = static_cast<char*>(Calloc(1, kTagMax));
+    if (r->dbg_tag == nullptr) {
+        log_panic("%s: failed to allocate memory.\n", __func__);
+    }
+    if (r->fd == -1 && has_mapping(r)) {
+        snprintf(r->dbg_tag, kTagMax - 1, "r(%p).M(%p)", static_cast<void*>(r), r->mmbuf);
+    } else {
+        snprintf(r->dbg_tag, kTagMax - 1, "r(%p).%s(%d)", static_cast<void*>(r), fmode_str(r->mode), r->fd);
+    }
+}
+
+void unmap(struct fdrec* r)
+{
+    if (munmap(r->mmbuf, r->mmbuf_size) != 0) {
+        const int err = errno;
+        log_err("%s: munmap(%p, %ld) ERROR(%d): %s\n", "free_fdrec", r->mmbuf,
+                static_cast<long>(r->mmbuf_size), err, strerror(err));
+        return;
+    }
+    log_dbg("%s: freed mmap-ed area (%p) [%ld bytes]\n", "free_fdrec", r->mmbuf,
+            static_cast<long>(r->mmbuf_size));
+}
+
+void remove_shm(const struct fdrec* r)
+{
+    if (shm_unlink(r->path) != 0) {
+        const int err = errno;
+        log_err("%s: shm_unlink('%s') ERROR(%d): %s\n", "free_fdrec", r->path, err, strerror(err));
+        return;
+    }
+    log_dbg("%s: removed '%s'\n", "free_fdrec", r->path);
+}
+
+} // namespace
+
+struct fdrec* alloc_fdrec(void)
+{
+    auto* const r = static_cast<struct fdrec*>(Calloc(1, sizeof(struct fdrec)));
+    if (r != nullptr) {
+        init_fdrec(r);
+    }
+    return r;
+}
+
+void init_fdrec(struct fdrec* r)
+{
+    r->fd = -1;
+    r->wd = -1;
+}
+
+void free_fdrec(struct fdrec* r)
+{
+    ASSERT(r != nullptr);
+    if (has_mapping(r)) {
+        unmap(r);
+    }
+    if (r->fd >= 0) {
+        Close(r->fd);
+    }
+    if (is_shm(r->path)) {
+        remove_shm(r);
+    }
+    if (r->sspec != nullptr) {
+        log_dbg("%s: freeing sspec: %p\n", __func__, static_cast<void*>(r->sspec));
+        free(r->sspec);
+    }
+    if (r->mifc != nullptr) {
+        log_dbg("%s: freeing mifc: %p\n", __func__, static_cast<void*>(r->mifc));
+        free(r->mifc);
+    }
+    if (r->dbg_tag != nullptr) {
+        log_dbg("%s: freeing [%s]: tag=%p\n", __func__, r->dbg_tag, static_cast<void*>(r->dbg_tag));
+        free(r->dbg_tag);
+    } else {
+        log_dbg("%s: freeing r=%p\n", __func__, static_cast<void*>(r));
+    }
+    if (r->dgram != nullptr) {
+        free_dgram_idx(r->dgram);
+    }
+    free(r);
+}
+
+const char* get_fdrec_tag(struct fdrec* r)
+{
+    if (r->dbg_tag == nullptr) {
+        mk_dbg_tag(r);
+    }
+    return r->dbg_tag;
+}
+
+int set_fdrec_tag(struct fdrec* r, const char* tag)
+{
+    free(r->dbg_tag);
+    r->dbg_tag = nullptr;
+    if (tag == nullptr) {
+        return 0;
+    }
+    r->dbg_tag = strdup(tag);
+    if (r->dbg_tag == nullptr) {
+        log_crit("%s: out of memory\n", __func__);
+        return -1;
+    }
+    return 0;
+}

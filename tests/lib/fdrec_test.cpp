@@ -1,0 +1,393 @@
+// Records of descriptors: what is released, in which order, and what is said about it.
+#include "fdrec.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "child.h"
+#include "dgram.h"
+#include "fds.h"
+#include "logcap.h"
+#include "netops.h"
+#include "oom.h"
+
+using support::FailAllocation;
+using support::FdGuard;
+using support::LogCapture;
+using support::run_in_child;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+bool g_fail_strdup = false;
+
+MV_PRINTF(1, 2) std::string text(const char* fmt, ...)
+{
+    char buf[512];
+    va_list args;
+    va_start(args, fmt);
+    vsnprintf(buf, sizeof buf, fmt, args);
+    va_end(args);
+    return buf;
+}
+
+void* at(const void* p)
+{
+    return const_cast<void*>(p);
+}
+
+// The name of a shared memory object of this process, which is made and is to be removed by the record.
+struct Shm {
+    Shm()
+    {
+        snprintf(name, sizeof name, "/shm.fdrec_test.%ld", static_cast<long>(getpid()));
+        const int fd = shm_open(name, O_CREAT | O_RDWR, 0600);
+        made = fd >= 0;
+        close(fd);
+    }
+
+    Shm(const Shm&) = delete;
+    Shm& operator=(const Shm&) = delete;
+
+    ~Shm() { shm_unlink(name); }
+
+    bool exists() const
+    {
+        const int fd = shm_open(name, O_RDONLY, 0);
+        if (fd >= 0) {
+            close(fd);
+        }
+        return fd >= 0;
+    }
+
+    char name[64];
+    bool made;
+};
+
+} // namespace
+
+extern "C" {
+char* __real_strdup(const char* s);
+char* __wrap_strdup(const char* s);
+
+char* __wrap_strdup(const char* s)
+{
+    if (g_fail_strdup) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return __real_strdup(s);
+}
+}
+
+// ---- making ----------------------------------------------------------------------------------------
+
+TEST(Fdrec, a_new_record_is_zero_but_for_its_descriptors)
+{
+    fdrec* const r = alloc_fdrec();
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->fd, -1);
+    EXPECT_EQ(r->wd, -1);
+    auto* const bytes = reinterpret_cast<unsigned char*>(r);
+    memset(&r->fd, 0, sizeof r->fd);
+    memset(&r->wd, 0, sizeof r->wd);
+    for (size_t i = 0; i < sizeof *r; ++i) {
+        EXPECT_EQ(bytes[i], 0) << i;
+    }
+    init_fdrec(r);
+    free_fdrec(r);
+}
+
+TEST(Fdrec, a_record_without_memory_is_null_and_logged)
+{
+    LogCapture log;
+    const FailAllocation failure(1);
+    EXPECT_EQ(alloc_fdrec(), nullptr);
+    EXPECT_EQ(log.lines(), (Lines{text("(ERR)  alloc_fdrec: calloc(1, %ld) ERROR(12): Cannot allocate memory",
+                                       static_cast<long>(sizeof(fdrec)))}));
+}
+
+TEST(Fdrec, init_touches_the_descriptors_alone)
+{
+    fdrec r;
+    memset(&r, 0x5a, sizeof r);
+    init_fdrec(&r);
+    EXPECT_EQ(r.fd, -1);
+    EXPECT_EQ(r.wd, -1);
+    memset(&r.fd, 0x5a, sizeof r.fd);
+    memset(&r.wd, 0x5a, sizeof r.wd);
+    fdrec untouched;
+    memset(&untouched, 0x5a, sizeof untouched);
+    EXPECT_EQ(memcmp(&r, &untouched, sizeof r), 0);
+}
+
+TEST(Fdrec, a_path_has_384_bytes)
+{
+    EXPECT_EQ(static_cast<int>(FDR_PATH_MAX), 384);
+    EXPECT_EQ(sizeof(fdrec::path), 384U);
+}
+
+// ---- releasing -------------------------------------------------------------------------------------
+
+TEST(Fdrec, a_fresh_record_releases_only_itself)
+{
+    const FdGuard guard;
+    LogCapture log(DEBUG_level);
+    fdrec* const r = alloc_fdrec();
+    const std::string line = text("(DBG)  free_fdrec: freeing r=%p", at(r));
+    free_fdrec(r);
+    EXPECT_EQ(log.lines(), Lines{line});
+}
+
+TEST(Fdrec, all_that_hangs_on_a_record_is_released_in_order)
+{
+    const FdGuard guard;
+    const Shm shm;
+    ASSERT_TRUE(shm.made);
+    LogCapture log(DEBUG_level);
+    fdrec* const r = alloc_fdrec();
+    r->fd = dup(0);
+    r->mmbuf = mmap(nullptr, 8192, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    r->mmbuf_size = 8192;
+    strcpy(r->path, shm.name);
+    r->sspec = static_cast<socket_spec*>(calloc(1, sizeof(socket_spec)));
+    r->mifc = static_cast<ifc_info*>(calloc(1, sizeof(ifc_info)));
+    r->dgram = mk_dgram_idx(4, 1000);
+    ASSERT_EQ(set_fdrec_tag(r, "name"), 0);
+    log.clear();
+    const Lines lines{
+        text("(DBG)  free_fdrec: freed mmap-ed area (%p) [8192 bytes]", r->mmbuf),
+        text("(DBG)  free_fdrec: CLOSED(fd%d)", r->fd),
+        text("(DBG)  free_fdrec: removed '%s'", shm.name),
+        text("(DBG)  free_fdrec: freeing sspec: %p", at(r->sspec)),
+        text("(DBG)  free_fdrec: freeing mifc: %p", at(r->mifc)),
+        text("(DBG)  free_fdrec: freeing [name]: tag=%p", at(r->dbg_tag)),
+        text("(DBG)  free_dgram_idx: DI(%p): 0 dgram sequences", at(r->dgram)),
+    };
+    unsigned char* const area = static_cast<unsigned char*>(r->mmbuf);
+    free_fdrec(r);
+    EXPECT_EQ(log.lines(), lines);
+    EXPECT_FALSE(shm.exists());
+    unsigned char resident = 0;
+    EXPECT_EQ(mincore(area, 4096, &resident), -1);
+    EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST(Fdrec, kept_a_shared_memory_name_goes_even_where_the_descriptor_failed_to_open)
+{
+    const Shm shm;
+    ASSERT_TRUE(shm.made);
+    LogCapture log;
+    fdrec* const r = alloc_fdrec();
+    strcpy(r->path, shm.name);
+    free_fdrec(r);
+    EXPECT_FALSE(shm.exists());
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST(Fdrec, an_unlink_that_fails_is_logged_and_the_rest_goes_on)
+{
+    const FdGuard guard;
+    LogCapture log(DEBUG_level);
+    fdrec* const r = alloc_fdrec();
+    r->fd = dup(0);
+    strcpy(r->path, "/shm.fdrec_test.nothing");
+    r->sspec = static_cast<socket_spec*>(calloc(1, sizeof(socket_spec)));
+    const Lines lines{
+        text("(DBG)  free_fdrec: CLOSED(fd%d)", r->fd),
+        "(ERR)  free_fdrec: shm_unlink('/shm.fdrec_test.nothing') ERROR(2): No such file or directory",
+        text("(DBG)  free_fdrec: freeing sspec: %p", at(r->sspec)),
+        text("(DBG)  free_fdrec: freeing r=%p", at(r)),
+    };
+    free_fdrec(r);
+    EXPECT_EQ(log.lines(), lines);
+}
+
+TEST(Fdrec, a_path_without_the_prefix_is_no_shared_memory)
+{
+    LogCapture log;
+    for (const char* path : {"shm.x", "/shm", "/shmx", "/Shm.x", "/dev/shm/shm.x", " /shm.x"}) {
+        fdrec* const r = alloc_fdrec();
+        strcpy(r->path, path);
+        free_fdrec(r);
+    }
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST(Fdrec, an_area_of_all_ones_is_none)
+{
+    LogCapture log(DEBUG_level);
+    fdrec* const r = alloc_fdrec();
+    r->mmbuf = MAP_FAILED;
+    r->mmbuf_size = 4096;
+    const std::string line = text("(DBG)  free_fdrec: freeing r=%p", at(r));
+    free_fdrec(r);
+    EXPECT_EQ(log.lines(), Lines{line});
+}
+
+TEST(Fdrec, an_unmap_that_fails_is_logged_and_the_rest_goes_on)
+{
+    const FdGuard guard;
+    LogCapture log;
+    fdrec* const r = alloc_fdrec();
+    r->fd = dup(0);
+    void* const area = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    r->mmbuf = static_cast<char*>(area) + 1; // no page begins there
+    r->mmbuf_size = 4095;
+    const std::string line =
+        text("(ERR)  free_fdrec: munmap(%p, 4095) ERROR(22): Invalid argument", r->mmbuf);
+    free_fdrec(r);
+    EXPECT_EQ(log.lines(), Lines{line});
+    EXPECT_EQ(munmap(area, 4096), 0);
+}
+
+TEST(Fdrec, a_close_that_fails_is_logged_and_the_rest_goes_on)
+{
+    LogCapture log;
+    fdrec* const r = alloc_fdrec();
+    r->fd = 999;
+    r->mifc = static_cast<ifc_info*>(calloc(1, sizeof(ifc_info)));
+    free_fdrec(r);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  free_fdrec: close(fd999) ERROR(9): Bad file descriptor"}));
+}
+
+TEST(Fdrec, descriptor_0_is_closed_too)
+{
+    const auto result = run_in_child([] {
+        fdrec* const r = alloc_fdrec();
+        r->fd = 0;
+        free_fdrec(r);
+        return fcntl(0, F_GETFD) == -1 && errno == EBADF ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_code, 0);
+}
+
+TEST(Fdrec, a_null_record_is_asserted)
+{
+    const auto result = run_in_child([] {
+        log_default(&g_log, stderr);
+        free_fdrec(nullptr);
+        return 0;
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.err.find("ASSERT at:"), std::string::npos) << result.err;
+}
+
+// ---- names -----------------------------------------------------------------------------------------
+
+TEST(Fdrec, a_tag_is_made_once)
+{
+    const FdGuard guard;
+    fdrec* const r = alloc_fdrec();
+    const char* const tag = get_fdrec_tag(r);
+    const std::string first = tag;
+    r->fd = dup(0);
+    r->mode = S_IFREG;
+    EXPECT_EQ(get_fdrec_tag(r), tag);
+    EXPECT_EQ(first, tag);
+    free_fdrec(r);
+}
+
+TEST(Fdrec, a_tag_names_kind_and_descriptor)
+{
+    const struct {
+        mode_t mode;
+        const char* name;
+    } kinds[] = {{S_IFREG | 0644, "FILE"}, {S_IFSOCK, "SOCK"}, {S_IFDIR, "DIR"},  {S_IFCHR, "CHR"},
+                 {S_IFBLK, "BLK"},         {S_IFIFO, "FIFO"},  {S_IFLNK, "LINK"}, {0, "{???}"}};
+
+    for (const auto& kind : kinds) {
+        fdrec* const r = alloc_fdrec();
+        r->mode = kind.mode;
+        r->fd = 777;
+        EXPECT_EQ(get_fdrec_tag(r), text("r(%p).%s(777)", at(r), kind.name));
+        r->fd = -1;
+        free_fdrec(r);
+    }
+}
+
+TEST(Fdrec, a_record_without_descriptor_and_area_is_named_with_minus_1)
+{
+    fdrec* const r = alloc_fdrec();
+    EXPECT_EQ(get_fdrec_tag(r), text("r(%p).{\?\?\?}(-1)", at(r)));
+    ASSERT_EQ(set_fdrec_tag(r, nullptr), 0);
+    r->mmbuf = MAP_FAILED;
+    EXPECT_EQ(get_fdrec_tag(r), text("r(%p).{\?\?\?}(-1)", at(r)));
+    free_fdrec(r);
+}
+
+TEST(Fdrec, a_record_with_an_area_alone_is_named_by_it)
+{
+    fdrec* const r = alloc_fdrec();
+    r->mmbuf = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    r->mmbuf_size = 4096;
+    EXPECT_EQ(get_fdrec_tag(r), text("r(%p).M(%p)", at(r), r->mmbuf));
+    ASSERT_EQ(set_fdrec_tag(r, nullptr), 0);
+    r->fd = 777;
+    EXPECT_EQ(get_fdrec_tag(r), text("r(%p).{\?\?\?}(777)", at(r)));
+    r->fd = -1;
+    free_fdrec(r);
+}
+
+TEST(Fdrec, a_tag_that_is_set_is_a_copy)
+{
+    LogCapture log(DEBUG_level);
+    fdrec* const r = alloc_fdrec();
+    char name[] = "first";
+    EXPECT_EQ(set_fdrec_tag(r, name), 0);
+    name[0] = 'x';
+    EXPECT_STREQ(get_fdrec_tag(r), "first");
+    EXPECT_EQ(set_fdrec_tag(r, "second"), 0);
+    EXPECT_STREQ(get_fdrec_tag(r), "second");
+    EXPECT_EQ(log.text(), "");
+    free_fdrec(r);
+}
+
+TEST(Fdrec, a_null_tag_takes_the_name_away_until_one_is_made)
+{
+    fdrec* const r = alloc_fdrec();
+    ASSERT_EQ(set_fdrec_tag(r, "name"), 0);
+    EXPECT_EQ(set_fdrec_tag(r, nullptr), 0);
+    EXPECT_EQ(r->dbg_tag, nullptr);
+    EXPECT_EQ(get_fdrec_tag(r), text("r(%p).{\?\?\?}(-1)", at(r)));
+    free_fdrec(r);
+}
+
+TEST(Fdrec, a_tag_without_memory_for_its_copy_is_logged_and_leaves_none)
+{
+    LogCapture log;
+    fdrec* const r = alloc_fdrec();
+    ASSERT_EQ(set_fdrec_tag(r, "name"), 0);
+    g_fail_strdup = true;
+    EXPECT_EQ(set_fdrec_tag(r, "other"), -1);
+    g_fail_strdup = false;
+    EXPECT_EQ(r->dbg_tag, nullptr);
+    EXPECT_EQ(log.lines(), (Lines{"(CRI)  set_fdrec_tag: out of memory"}));
+    free_fdrec(r);
+}
+
+TEST(Fdrec, a_tag_that_cannot_be_made_ends_the_process)
+{
+    const auto result = run_in_child([] {
+        log_timefmt(&g_log, f_NO_TIME);
+        log_default(&g_log, stderr);
+        fdrec* const r = alloc_fdrec();
+        const FailAllocation failure(1);
+        get_fdrec_tag(r);
+        return 0;
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.err.find("(ERR)  mk_dbg_tag: calloc(1, 64) ERROR(12): Cannot allocate memory\n"),
+              std::string::npos)
+        << result.err;
+    EXPECT_NE(result.err.find("(PNC)  mk_dbg_tag: failed to allocate memory.\n(PNC)  Aborting at:\n"),
+              std::string::npos)
+        << result.err;
+}
