@@ -1,0 +1,139 @@
+#!/usr/bin/env python3
+"""Drives the watchers and the flood for scripts/bench_agent: bench_agent.py BUILD_DIR ROUNDS. Medians are printed."""
+import os
+import re
+import resource
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+BUILD, ROUNDS = sys.argv[1], int(sys.argv[2])
+CHANGES, REPEATS = 400_000, 1_000_000
+FOLDER = tempfile.TemporaryDirectory(prefix="zent-bench-")
+
+
+def sh(*command):
+    subprocess.run(command, check=True)
+
+
+class Watcher:
+    """A program that watches seg0. Its output goes to a file; ready and counted say how it tells of itself."""
+
+    def __init__(self, name):
+        self.name = name
+        self.out = f"{FOLDER.name}/{name}.out"
+        fifo = f"{FOLDER.name}/{name}.log"
+        if os.path.exists(fifo):
+            os.unlink(fifo)
+        os.mkfifo(fifo)
+        self.fifo = os.open(fifo, os.O_RDONLY | os.O_NONBLOCK)
+        commands = {
+            "zent": [f"{BUILD}/zent", "-T", "-i", "seg0", "-l", fifo, "-L", "info"],
+            "zent norm": [f"{BUILD}/zent", "-T", "-i", "seg0", "-l", "/dev/null", "-L", "norm"],
+            "tcpdump": ["tcpdump", "-i", "seg0", "-n", "igmp"],
+            "least": [f"{BUILD}/bench/agent_least", "seg0"],
+        }
+        self.errors = os.open(fifo, os.O_WRONLY)
+        start = time.monotonic()
+        self.process = subprocess.Popen(commands[name], stdout=open(self.out, "w") if name != "least" else self.errors,
+                                        stderr=self.errors)
+        self.text = ""
+        word = {"zent": "is running as", "zent norm": None, "tcpdump": "listening on", "least": "ready"}[name]
+        while word and word not in self.text:
+            self.read()
+        if word is None:
+            time.sleep(0.5)
+        self.startup_ms = (time.monotonic() - start) * 1000
+
+    def read(self):
+        try:
+            self.text += os.read(self.fifo, 65536).decode()
+        except BlockingIOError:
+            pass
+
+    def memory_mb(self):
+        with open(f"/proc/{self.process.pid}/status") as f:
+            return int(re.search(r"VmHWM:\s+(\d+)", f.read()).group(1)) / 1024
+
+    def stop(self):
+        """Waits until the capture's last buffer has come, ends the program. Gives processor seconds and what it saw."""
+        time.sleep(5.5)
+        self.memory = self.memory_mb()
+        before = resource.getrusage(resource.RUSAGE_CHILDREN)
+        self.process.send_signal(signal.SIGTERM)
+        self.process.wait()
+        after = resource.getrusage(resource.RUSAGE_CHILDREN)
+        self.read()
+        os.close(self.fifo)
+        os.close(self.errors)
+        cpu = (after.ru_utime - before.ru_utime) + (after.ru_stime - before.ru_stime)
+        if self.name == "least":
+            seen = int(self.text.split()[-1])
+        else:
+            with open(self.out) as f:
+                seen = sum(1 for _ in f)
+        return cpu, seen
+
+
+def flood(count, rate, mode):
+    done = subprocess.run(["nsenter", "-t", str(PEER.pid), "-n", f"{BUILD}/bench/agent_flood", "host0", str(count),
+                           str(rate), mode], check=True, stdout=subprocess.PIPE, text=True)
+    return float(done.stdout.split()[1])
+
+
+def run_once(name, count, rate, mode):
+    watcher = Watcher(name)
+    reached = flood(count, rate, mode)
+    cpu, seen = watcher.stop()
+    return {"startup": watcher.startup_ms, "memory": watcher.memory, "cpu_us": cpu / count * 1e6, "seen": seen,
+            "rate": reached}
+
+
+def median(rows, key):
+    return statistics.median(row[key] for row in rows)
+
+
+def main():
+    names = ("zent norm", "tcpdump", "least")
+    print(f"rounds: {ROUNDS}; all figures are medians")
+    startups = {name: [] for name in ("zent", "tcpdump", "least")}
+    for _ in range(ROUNDS * 4):
+        for name in startups:
+            watcher = Watcher(name)
+            startups[name].append(watcher.startup_ms)
+            watcher.process.kill()
+            watcher.process.wait()
+            os.close(watcher.fifo)
+            os.close(watcher.errors)
+    for name, times in startups.items():
+        print(f"start-up to capture  {name:10} {statistics.median(times):8.1f} ms")
+    for mode, count, rate in (("changes", CHANGES, 0), ("changes", CHANGES, 100_000), ("changes", CHANGES, 200_000),
+                              ("repeats", REPEATS, 0)):
+        rows = {name: [] for name in names}
+        for _ in range(ROUNDS):
+            for name in names:
+                rows[name].append(run_once(name, count, rate, mode))
+        for name in names:
+            seen = [row["seen"] for row in rows[name]]
+            print(f"{mode:8} at {median(rows[name], 'rate') / 1000:6.0f}k/s  {name:10} "
+                  f"{median(rows[name], 'cpu_us') * 1000:8.0f} ns/packet  peak {median(rows[name], 'memory'):6.1f} MB  "
+                  f"seen {min(seen)}..{max(seen)} of {count}")
+
+
+PEER = subprocess.Popen(["unshare", "-n", "sleep", "3600"])
+try:
+    own = os.readlink("/proc/self/ns/net")
+    while os.readlink(f"/proc/{PEER.pid}/ns/net") == own:
+        time.sleep(0.01)
+    inside = ("nsenter", "-t", str(PEER.pid), "-n", "ip")
+    sh("ip", "link", "add", "seg0", "type", "veth", "peer", "name", "host0", "netns", str(PEER.pid))
+    sh("ip", "addr", "add", "10.9.0.1/24", "dev", "seg0")
+    sh("ip", "link", "set", "seg0", "up")
+    sh(*inside, "addr", "add", "10.9.0.2/24", "dev", "host0")
+    sh(*inside, "link", "set", "host0", "up")
+    main()
+finally:
+    PEER.kill()
