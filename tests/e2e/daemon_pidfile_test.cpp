@@ -124,8 +124,7 @@ TEST_F(DaemonPidFile, in_a_directory_that_is_missing_ends_it_with_2)
     EXPECT_NE(log().find("(ERR)  create_pidfile_extra: open('" + path("missing/pid") + "', "),
               std::string::npos)
         << log();
-    EXPECT_NE(log().find("(INF)  zent is exiting with rc=2
-"), std::string::npos) << log();
+    EXPECT_NE(log().find("(INF)  zent is exiting with rc=2\n"), std::string::npos) << log();
 }
 
 TEST_F(DaemonPidFile, that_is_a_symbolic_link_is_written_through_it_and_the_link_removed)
