@@ -25,10 +25,20 @@ std::string proc_path(pid_t pid, const std::string& name)
     return "/proc/" + std::to_string(pid) + "/" + name;
 }
 
+// A file of a process; empty if the process is gone, or goes while it is read.
+std::string read_proc(pid_t pid, const std::string& name)
+{
+    char block[8192];
+    const int fd = open(proc_path(pid, name).c_str(), O_RDONLY | O_CLOEXEC);
+    const ssize_t n = fd < 0 ? -1 : read(fd, block, sizeof block);
+    close(fd);
+    return n < 0 ? "" : std::string(block, static_cast<size_t>(n));
+}
+
 // A process's line; nothing if there is none of that number.
 std::optional<ProcStat> proc_stat(pid_t pid)
 {
-    const std::string text = read_file(proc_path(pid, "stat"));
+    const std::string text = read_proc(pid, "stat");
     const size_t open = text.find('(');
     const size_t close = text.rfind(')');
     if (open == std::string::npos || close == std::string::npos) {
@@ -89,7 +99,7 @@ std::string proc_link(pid_t pid, const std::string& name)
 
 std::string proc_status(pid_t pid, const std::string& field)
 {
-    std::istringstream lines(read_file(proc_path(pid, "status")));
+    std::istringstream lines(read_proc(pid, "status"));
     for (std::string line; std::getline(lines, line);) {
         if (line.compare(0, field.size() + 1, field + ":") == 0) {
             return line.substr(line.find_first_not_of(" \t", field.size() + 1));
