@@ -1,5 +1,6 @@
 # What `cmake --install` puts where: the binary, the library in both forms, headers under morvane/,
-# pkg-config and CMake package files, the manual pages.
+# pkg-config and CMake package files, the manual pages, the systemd unit and the logrotate settings.
+# Their readers look in /etc: packages configure with -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_SYSCONFDIR=/etc.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS zent RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
@@ -26,3 +27,7 @@ endif()
 if(MAN8)
   install(FILES ${MAN8} DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 endif()
+
+install(FILES packaging/systemd/zent@.service DESTINATION lib/systemd/system)
+install(FILES packaging/logrotate/zent DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/logrotate.d)
+install(FILES packaging/systemd/zent.env DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)

@@ -1,0 +1,158 @@
+// The systemd unit and the logrotate settings that are shipped.
+#include <regex>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+
+#include "daemon.h"
+
+namespace support {
+
+namespace {
+
+const std::string kUnit = TEST_SOURCE_DIR "/packaging/systemd/zent@.service";
+const std::string kEnvironment = TEST_SOURCE_DIR "/packaging/systemd/zent.env";
+const std::string kLogrotate = TEST_SOURCE_DIR "/packaging/logrotate/zent";
+
+bool has_program(const std::string& name)
+{
+    return run_program({"sh", "-c", "command -v " + name}).exit_code == 0;
+}
+
+// The value of a setting "NAME=VALUE"; the first one of that name.
+std::string setting(const std::string& file, const std::string& name)
+{
+    std::istringstream lines(read_file(file));
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with(name + "=")) {
+            return line.substr(name.size() + 1);
+        }
+    }
+    return "";
+}
+
+std::vector<std::string> words(const std::string& text)
+{
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), {}};
+}
+
+std::string replaced(std::string text, const std::string& what, const std::string& by)
+{
+    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
+        text.replace(at, what.size(), by);
+    }
+    return text;
+}
+
+// A user other than root with the right to capture, as the unit makes one.
+std::vector<std::string> as_unit_user(const std::vector<std::string>& command)
+{
+    std::vector<std::string> argv{"setpriv",        "--reuid",        "65534",          "--regid",
+                                  "65534",          "--clear-groups", "--inh-caps",     "-all,+net_raw",
+                                  "--ambient-caps", "-all,+net_raw",  "--bounding-set", "-all,+net_raw",
+                                  "--no-new-privs"};
+    argv.insert(argv.end(), command.begin(), command.end());
+    return argv;
+}
+
+} // namespace
+
+TEST(Unit, is_rated_2_or_better)
+{
+    if (!has_program("systemd-analyze")) {
+        GTEST_SKIP() << "skipped: systemd-analyze is not installed";
+    }
+    const ChildResult result =
+        run_program({"systemd-analyze", "security", "--offline=true", "--no-pager", kUnit});
+    std::smatch level;
+    ASSERT_TRUE(
+        std::regex_search(result.out, level, std::regex("Overall exposure level for [^:]*: ([0-9.]+)")))
+        << result.out << result.err;
+    EXPECT_LE(std::stod(level[1]), 2.0) << result.out;
+}
+
+TEST(Unit, has_no_setting_that_systemd_does_not_know)
+{
+    if (!has_program("systemd-analyze")) {
+        GTEST_SKIP() << "skipped: systemd-analyze is not installed";
+    }
+    const ChildResult result =
+        run_program({"systemd-analyze", "verify", "--man=no", "--recursive-errors=no", kUnit});
+    std::istringstream lines(result.err);
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_NE(line.find("Command zent is not executable"), std::string::npos)
+            << line; // it is not installed
+    }
+}
+
+TEST(Unit, never_runs_as_root_and_has_the_right_to_capture_alone)
+{
+    EXPECT_EQ(setting(kUnit, "Type"), "exec");
+    EXPECT_EQ(setting(kUnit, "DynamicUser"), "yes");
+    EXPECT_EQ(setting(kUnit, "AmbientCapabilities"), "CAP_NET_RAW");
+    EXPECT_EQ(setting(kUnit, "CapabilityBoundingSet"), "CAP_NET_RAW");
+    EXPECT_EQ(setting(kUnit, "NoNewPrivileges"), "yes");
+    EXPECT_EQ(read_file(kUnit).find("\nUser="), std::string::npos);
+}
+
+TEST(Unit, starts_the_agent_with_a_lower_bound_and_the_options_of_the_environment_file)
+{
+    EXPECT_EQ(setting(kUnit, "ExecStart"), "zent -i %I -g 224.0.1.0 -L norm -l /dev/null $ZENT_ARGS");
+    EXPECT_EQ(setting(kUnit, "EnvironmentFile"), "-/etc/default/zent-%i");
+}
+
+class Packaging : public DaemonTest {
+  protected:
+    // The command of the unit, for the test's interface.
+    std::vector<std::string> unit_command(const std::string& args) const
+    {
+        std::string line = replaced(setting(kUnit, "ExecStart"), "%I", "va");
+        std::vector<std::string> command = words(replaced(line, "$ZENT_ARGS", args));
+        command[0] = binary();
+        return as_unit_user(command);
+    }
+};
+
+TEST_F(Packaging, the_command_of_the_unit_runs_and_shows_its_log_on_stderr)
+{
+    Process zent = run(unit_command(""));
+    SegmentHost host(segment());
+    host.use_igmp(2);
+    host.join("224.0.1.77");
+    EXPECT_TRUE(zent.wait_for_err("(NRM)  relay_msg: 22 bytes output: JOIN UDP://224.0.1.77\n"))
+        << zent.err();
+    EXPECT_EQ(proc_status(zent.pid(), "Uid"), "65534\t65534\t65534\t65534");
+    EXPECT_EQ(proc_status(zent.pid(), "CapEff"), "0000000000002000");
+    zent.kill(SIGTERM);
+    const ChildResult result = zent.wait();
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.out, "JOIN UDP://224.0.1.77\n");
+}
+
+TEST_F(Packaging, logrotate_copies_and_cuts_the_log_of_a_running_daemon)
+{
+    if (!has_program("logrotate")) {
+        GTEST_SKIP() << "skipped: logrotate is not installed";
+    }
+    ASSERT_EQ(chmod(path("").c_str(), 0755), 0); // logrotate refuses directories that others may write to
+    write_file(path("settings"),
+               replaced(read_file(kLogrotate), "/var/log/zent.log /var/log/zent/*.log", path("log")));
+    ASSERT_EQ(chmod(path("settings").c_str(), 0644), 0);
+
+    Daemon daemon = start_usual();
+    const std::string before = log();
+    const ChildResult result = run_program({"logrotate", "-f", "-s", path("state"), path("settings")});
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    EXPECT_EQ(read_file(path("log.1")), before);
+    EXPECT_EQ(log(), "");
+    EXPECT_TRUE(daemon.is_running());
+
+    const std::string pid = std::to_string(daemon.pid());
+    EXPECT_EQ(daemon.stop().exit_code, 0);
+    const std::string after = log();
+    EXPECT_EQ(after.find('\0'), std::string::npos) << "the daemon goes on at the start of the file";
+    EXPECT_NE(after.find(" " + pid + "  (INF)  zent is exiting with rc=0\n"), std::string::npos) << after;
+}
+
+} // namespace support
