@@ -468,11 +468,12 @@ int call_write(const struct epoll_event& ev, int fd_err)
     return rc;
 }
 
-int on_event(const struct epoll_event& ev)
+int on_event(const struct epoll_event* at)
 {
     if (g_rqs.events.max_len == 0) {
         assert_event_space();
     }
+    const struct epoll_event ev = *at; // a copy: a callback may end the loop's life
     const uint32_t mask = ev.events;
     const int fd_err = ((mask & EPOLLERR) != 0 ? RQS_SOCKERR : 0) |
                        ((mask & (EPOLLHUP | EPOLLRDHUP)) != 0 ? RQS_SOCKHUP : 0);
@@ -563,9 +564,7 @@ void event_stage(Run& run)
     g_rqs.loop_stage = ELOOP_EV;
     run.nfailed = 0;
     for (size_t i = 0; i < g_rqs.events.len; ++i) {
-        // Read from the array afresh: a callback may end the loop's life.
-        const struct epoll_event ev = static_cast<const struct epoll_event*>(g_rqs.events.data)[i];
-        run.nfailed += on_event(ev) != 0 ? 1 : 0;
+        run.nfailed += on_event(static_cast<const struct epoll_event*>(g_rqs.events.data) + i) != 0 ? 1 : 0;
     }
 }
 
