@@ -54,9 +54,12 @@ Bytes ts_get_payload(const uint8_t* b, Bytes rest)
 // match_start at an offset that may lie at or behind the end, where zeros stand.
 bool match_at(Bytes bytes, size_t offset, uint8_t id)
 {
-    const uint8_t code[] = {mv::byte_at(bytes, offset), mv::byte_at(bytes, offset + 1),
-                            mv::byte_at(bytes, offset + 2), mv::byte_at(bytes, offset + 3)};
-    return match_start(code, id);
+    const Bytes rest = mv::tail(bytes, offset);
+    if (rest.size() >= 4) {
+        return match_start(rest.data(), id);
+    }
+    const uint8_t cut[] = {mv::byte_at(rest, 0), mv::byte_at(rest, 1), mv::byte_at(rest, 2), 0};
+    return match_start(cut, id);
 }
 
 bool is_pes_video(Bytes payload)
@@ -64,9 +67,9 @@ bool is_pes_video(Bytes payload)
     return match_at(payload, 0, PES_STREAM_ID_VIDEO_MPEG);
 }
 
-bool ts_has_video_iframe(const uint8_t* b, Bytes rest)
+bool ts_has_video_iframe(const uint8_t* b, Bytes payload)
 {
-    return ts_has_iframe(b) && ts_payload_start(b) != 0 && is_pes_video(ts_get_payload(b, rest));
+    return ts_has_iframe(b) && ts_payload_start(b) != 0 && is_pes_video(payload);
 }
 
 // Offset of the first start code with that id that begins below eod - 4, or -1. eod may lie behind the bytes.
@@ -87,16 +90,14 @@ ssize_t pes_find_stream_id(Bytes bytes, size_t eod, uint8_t id)
     return -1;
 }
 
-// The type of the picture whose header stands in the packet at the start of rest: 'I', 'P', 'B', 'D', 'x' for
-// a type that is none of these, or -1 if there is no picture behind a sequence header.
-int pes_mpeg2_pic(const uint8_t* b, Bytes rest)
+// The type of the picture whose header stands in the packet with that payload, of which so many bytes belong
+// to the packet itself: 'I', 'P', 'B', 'D', 'x' for a type that is none of these, or -1 if there is no
+// picture behind a sequence header.
+int pes_mpeg2_pic(const uint8_t* b, Bytes payload, size_t eod)
 {
-    const Bytes payload = ts_get_payload(b, rest);
     if (payload.empty() || ts_payload_start(b) == 0 || !is_pes_video(payload)) {
         return -1;
     }
-    const size_t before = rest.size() - payload.size();
-    const size_t eod = before < TS_MIN_PKTSIZE ? TS_MIN_PKTSIZE - before : 0;
     const ssize_t sequence = pes_find_stream_id(payload, eod, kSequenceHeader);
     if (sequence < 0) {
         return -1;
@@ -117,7 +118,10 @@ int pes_mpeg2_pic(const uint8_t* b, Bytes rest)
 
 bool has_iframe(const uint8_t* b, Bytes rest)
 {
-    return ts_has_video_iframe(b, rest) || pes_mpeg2_pic(b, rest) == 'I';
+    const Bytes payload = ts_get_payload(b, rest);
+    const size_t before = rest.size() - payload.size();
+    const size_t eod = before < TS_MIN_PKTSIZE ? TS_MIN_PKTSIZE - before : 0;
+    return ts_has_video_iframe(b, payload) || pes_mpeg2_pic(b, payload, eod) == 'I';
 }
 
 // A mask of the four header bytes, for a word loaded as they stand in memory.
@@ -126,13 +130,20 @@ constexpr uint32_t header_mask(uint8_t second, uint8_t fourth)
     return std::bit_cast<uint32_t>(std::array<uint8_t, 4>{0, second, 0, fourth});
 }
 
+enum Request : unsigned { kPat = 1, kPcr = 2, kFrame = 4 };
+
+unsigned requests(const struct sseg_ctx& sseg)
+{
+    return (sseg.pat_idx != 0 ? kPat : 0U) | (sseg.pcr_idx != 0 ? kPcr : 0U) |
+           (sseg.iframe_idx != 0 ? kFrame : 0U);
+}
+
 // The bits without which a packet cannot answer any open request: a table and a picture begin at the start of
 // a payload, a clock stands in an adaptation field.
-uint32_t needed_bits(const struct sseg_ctx& open)
+uint32_t needed_bits(unsigned open)
 {
-    const uint32_t start = open.pat_idx != 0 || open.iframe_idx != 0 ? header_mask(0x40, 0) : 0;
-    const uint32_t adaptation = open.pcr_idx != 0 ? header_mask(0, 0x20) : 0;
-    return start | adaptation;
+    return ((open & (kPat | kFrame)) != 0 ? header_mask(0x40, 0) : 0) |
+           ((open & kPcr) != 0 ? header_mask(0, 0x20) : 0);
 }
 
 uint32_t header_at(Bytes bytes, size_t pos)
@@ -142,48 +153,68 @@ uint32_t header_at(Bytes bytes, size_t pos)
     return word;
 }
 
-// The next packet from pos on that has one of the bits, or whose header is cut by the end; or the end.
-size_t next_candidate(Bytes bytes, size_t pos, size_t size, uint32_t bits)
+// A packet of a walk: where it begins, and its number, counted from 1.
+struct Place {
+    size_t pos;
+    uint32_t number;
+};
+
+// The next packet from there on that has one of the bits, or whose header is cut by the end; or the end.
+Place next_candidate(Bytes bytes, Place at, size_t size, uint32_t bits)
 {
-    while (bytes.size() - pos >= sizeof(uint32_t) && (header_at(bytes, pos) & bits) == 0) {
-        if (bytes.size() - pos <= size) {
-            return bytes.size();
+    // Where there are many, four packets a step: their loads do not wait for each other's branch.
+    const size_t step = size >= sizeof(uint32_t) && size <= bytes.size() / 16 ? 4 * size : bytes.size();
+    while (bytes.size() - at.pos > step) {
+        const uint32_t seen = header_at(bytes, at.pos) | header_at(bytes, at.pos + size) |
+                              header_at(bytes, at.pos + 2 * size) | header_at(bytes, at.pos + 3 * size);
+        if ((seen & bits) != 0) {
+            break;
         }
-        pos += size;
+        at = {at.pos + step, at.number + 4};
     }
-    return pos;
+    while (bytes.size() - at.pos >= sizeof(uint32_t) && (header_at(bytes, at.pos) & bits) == 0) {
+        if (bytes.size() - at.pos <= size) {
+            return {bytes.size(), at.number};
+        }
+        at = {at.pos + size, at.number + 1};
+    }
+    return at;
 }
 
-// Looks for what sseg asks in packets of that size, and answers in place.
-void find_marks(Bytes bytes, size_t size, struct sseg_ctx* sseg)
+// Puts the packet at the start of rest to the open requests. Returns those that stay open.
+unsigned answer(Bytes rest, uint32_t number, unsigned open, struct sseg_ctx* sseg)
 {
-    struct sseg_ctx open = *sseg;
-    sseg->pat_idx = sseg->pcr_idx = sseg->iframe_idx = 0;
-    for (size_t pos = 0; pos < bytes.size();) {
-        pos = next_candidate(bytes, pos, size, needed_bits(open));
-        if (pos == bytes.size()) {
+    const PacketHead packet(rest);
+    const uint8_t* b = packet.get();
+    if ((open & kPat) != 0 && ts_has_pat(b)) {
+        sseg->pat_idx = number;
+        open &= ~kPat;
+    }
+    if ((open & kPcr) != 0 && ts_has_pcr(b)) {
+        sseg->pcr_idx = number;
+        sseg->pcr = ts_get_pcr(b);
+        open &= ~kPcr;
+    }
+    if ((open & kFrame) != 0 && has_iframe(b, rest)) {
+        sseg->iframe_idx = number;
+        open &= ~kFrame;
+    }
+    return open;
+}
+
+// Looks for what is asked in packets of that size.
+void find_marks(Bytes bytes, size_t size, unsigned open, struct sseg_ctx* sseg)
+{
+    for (Place at = {0, 1}; at.pos < bytes.size(); at = {at.pos + size, at.number + 1}) {
+        at = next_candidate(bytes, at, size, needed_bits(open));
+        if (at.pos == bytes.size()) {
             return;
         }
-        const Bytes rest = mv::tail(bytes, pos);
-        const PacketHead packet(rest);
-        const auto number = static_cast<uint32_t>(pos / size + 1);
-        if (open.pat_idx != 0 && ts_has_pat(packet.get())) {
-            sseg->pat_idx = number;
-            open.pat_idx = 0;
-        }
-        if (open.pcr_idx != 0 && ts_has_pcr(packet.get())) {
-            sseg->pcr_idx = number;
-            sseg->pcr = ts_get_pcr(packet.get());
-            open.pcr_idx = 0;
-        }
-        if (open.iframe_idx != 0 && has_iframe(packet.get(), rest)) {
-            sseg->iframe_idx = number;
-            open.iframe_idx = 0;
-        }
-        if (needed_bits(open) == 0 || rest.size() <= size) {
+        const Bytes rest = bytes.subspan(at.pos);
+        open = answer(rest, at.number, open, sseg);
+        if (open == 0 || rest.size() <= size) {
             return;
         }
-        pos += size;
     }
 }
 
@@ -279,15 +310,16 @@ int32_t probe_segment(const uint8_t* buf, size_t buflen, int32_t stype_id, size_
     }
     log_dbg("%s: %s len=%lu, count=%lu\n", __func__, TypeText(type).text, static_cast<unsigned long>(size),
             static_cast<unsigned long>(size != 0 ? buflen / size : 1));
-    if (sseg == nullptr || (sseg->pat_idx == 0 && sseg->pcr_idx == 0 && sseg->iframe_idx == 0)) {
+    const unsigned open = sseg != nullptr ? requests(*sseg) : 0;
+    if (open == 0) {
         return type;
     }
+    sseg->pat_idx = sseg->pcr_idx = sseg->iframe_idx = 0;
     if (type != STY_MPEGTS.num) {
-        sseg->pat_idx = sseg->pcr_idx = sseg->iframe_idx = 0;
         log_warn("%s: no processing for [%s] stream supported\n", __func__, TypeText(type).text);
         return type;
     }
-    find_marks({buf, buflen}, size, sseg);
+    find_marks({buf, buflen}, size, open, sseg);
     if (loglevel_is(DEBUG_level)) {
         log_marks(__func__, {buf, buflen}, size, *sseg);
     }

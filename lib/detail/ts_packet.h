@@ -5,27 +5,33 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstring>
 
 #include "bytes.h"
 #include "mpegts.h"
 
 namespace mv {
 
-// The first bytes of a packet, as far as the accessors of mpegts.h reach; zeros follow the end of the buffer.
+// The first bytes of a packet, as far as the accessors of mpegts.h reach: in place, or, of a packet that the
+// end of the buffer cuts before that, in a copy that zeros follow.
 class PacketHead {
   public:
-    explicit PacketHead(Bytes rest)
+    explicit PacketHead(Bytes rest) : head_(rest.data())
     {
-        if (!rest.empty()) {
-            memcpy(bytes_.data(), rest.data(), std::min(rest.size(), bytes_.size()));
+        if (rest.size() < copy_.size()) {
+            copy_.fill(0);
+            std::copy(rest.begin(), rest.end(), copy_.begin());
+            head_ = copy_.data();
         }
     }
 
-    const uint8_t* get() const { return bytes_.data(); }
+    PacketHead(const PacketHead&) = delete;
+    PacketHead& operator=(const PacketHead&) = delete;
+
+    const uint8_t* get() const { return head_; }
 
   private:
-    std::array<uint8_t, 12> bytes_{};
+    const uint8_t* head_;
+    std::array<uint8_t, 12> copy_;
 };
 
 inline bool ts_has_pcr(const uint8_t* b)
