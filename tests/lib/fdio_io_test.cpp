@@ -1,0 +1,750 @@
+// Reads and writes that survive signals, waiting, and the two ends of a transfer.
+#include "fdio.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <numeric>
+#include <poll.h>
+#include <string>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "app_flags.h"
+#include "child.h"
+#include "fds.h"
+#include "logcap.h"
+#include "psensor.h"
+#include "tempdir.h"
+
+using support::ChildResult;
+using support::FdGuard;
+using support::LogCapture;
+using support::run_in_child;
+using support::TempDir;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// What the next system calls of a kind do: the result and errno given, as often as told; then the real thing.
+struct Script {
+    int calls = 0; // so far
+    int times = 0; // still to be answered by the script
+    ssize_t result = -1;
+    int err = 0;
+
+    bool answers()
+    {
+        ++calls;
+        if (times == 0) {
+            return false;
+        }
+        --times;
+        if (result < 0) {
+            errno = err;
+        }
+        return true;
+    }
+};
+
+Script g_read;
+Script g_write;
+Script g_pread;
+Script g_sendfile;
+Script g_unlink;
+int g_getrusage_calls = 0;
+
+class Pipe {
+  public:
+    Pipe() { EXPECT_EQ(pipe(ends_), 0); }
+
+    ~Pipe()
+    {
+        close_reader();
+        close_writer();
+    }
+
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    int reader() const { return ends_[0]; }
+
+    int writer() const { return ends_[1]; }
+
+    void close_reader() { close_end(0); }
+
+    void close_writer() { close_end(1); }
+
+    // Into the pipe, by the system's own call.
+    void fill(const std::string& text) const;
+
+  private:
+    void close_end(int i)
+    {
+        if (ends_[i] >= 0) {
+            close(ends_[i]);
+            ends_[i] = -1;
+        }
+    }
+
+    int ends_[2] = {-1, -1};
+};
+
+class SocketPair {
+  public:
+    explicit SocketPair(int type = SOCK_STREAM) { EXPECT_EQ(socketpair(AF_UNIX, type, 0, ends_), 0); }
+
+    ~SocketPair()
+    {
+        close(ends_[0]);
+        if (ends_[1] >= 0) {
+            close(ends_[1]);
+        }
+    }
+
+    SocketPair(const SocketPair&) = delete;
+    SocketPair& operator=(const SocketPair&) = delete;
+
+    int ours() const { return ends_[0]; }
+
+    int peer() const { return ends_[1]; }
+
+    void close_peer()
+    {
+        close(ends_[1]);
+        ends_[1] = -1;
+    }
+
+  private:
+    int ends_[2] = {-1, -1};
+};
+
+volatile sig_atomic_t g_signals = 0;
+
+void count_signal(int)
+{
+    g_signals = g_signals + 1;
+}
+
+void set_quit(int)
+{
+    g_quit = 1;
+}
+
+// Without SA_RESTART: a blocked call ends with EINTR.
+void interrupt_by(void (*handler)(int))
+{
+    struct sigaction action {};
+
+    action.sa_handler = handler;
+    sigaction(SIGUSR1, &action, nullptr);
+}
+
+// A process that sends us SIGUSR1, count times or (0) until it is killed, and then runs last.
+template <class Last>
+pid_t pester(int count, Last last)
+{
+    const pid_t target = getpid();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        for (int i = 0; count == 0 || i < count; ++i) {
+            if (kill(target, SIGUSR1) != 0 || getppid() != target) {
+                _exit(1);
+            }
+            usleep(2000);
+        }
+        last();
+        _exit(0);
+    }
+    return pid;
+}
+
+void end(pid_t pid)
+{
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
+} // namespace
+
+extern "C" {
+ssize_t __real_read(int fd, void* buf, size_t count);
+ssize_t __real_write(int fd, const void* buf, size_t count);
+ssize_t __real_pread(int fd, void* buf, size_t count, off_t offset);
+ssize_t __real_sendfile(int out, int in, off_t* offset, size_t count);
+int __real_unlink(const char* path);
+int __real_getrusage(int who, struct rusage* ru);
+ssize_t __wrap_read(int fd, void* buf, size_t count);
+ssize_t __wrap_write(int fd, const void* buf, size_t count);
+ssize_t __wrap_pread(int fd, void* buf, size_t count, off_t offset);
+ssize_t __wrap_sendfile(int out, int in, off_t* offset, size_t count);
+int __wrap_unlink(const char* path);
+int __wrap_getrusage(int who, struct rusage* ru);
+
+ssize_t __wrap_read(int fd, void* buf, size_t count)
+{
+    return g_read.answers() ? g_read.result : __real_read(fd, buf, count);
+}
+
+ssize_t __wrap_write(int fd, const void* buf, size_t count)
+{
+    return g_write.answers() ? g_write.result : __real_write(fd, buf, count);
+}
+
+ssize_t __wrap_pread(int fd, void* buf, size_t count, off_t offset)
+{
+    return g_pread.answers() ? g_pread.result : __real_pread(fd, buf, count, offset);
+}
+
+ssize_t __wrap_sendfile(int out, int in, off_t* offset, size_t count)
+{
+    return g_sendfile.answers() ? g_sendfile.result : __real_sendfile(out, in, offset, count);
+}
+
+int __wrap_unlink(const char* path)
+{
+    return g_unlink.answers() ? static_cast<int>(g_unlink.result) : __real_unlink(path);
+}
+
+int __wrap_getrusage(int who, struct rusage* ru)
+{
+    ++g_getrusage_calls;
+    return __real_getrusage(who, ru);
+}
+}
+
+namespace {
+
+void Pipe::fill(const std::string& text) const
+{
+    EXPECT_EQ(__real_write(writer(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+}
+
+// A descriptor of a file in memory with the text.
+int memory_file(const std::string& text)
+{
+    const int fd = memfd_create("test", MFD_CLOEXEC);
+    EXPECT_EQ(__real_write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    return fd;
+}
+
+// Each call of the four with its script, as one shape.
+struct Way {
+    const char* name;
+    Script* script;
+    ssize_t failure;    // how it tells one
+    bool verbose_alone; // of the flags, FDIO_VERBOSE alone makes it log
+    ssize_t (*call)(int fd, size_t count, u_int32_t flags);
+};
+
+class FdioAll : public testing::Test {
+  protected:
+    void TearDown() override
+    {
+        for (Script* script : {&g_read, &g_write, &g_pread, &g_sendfile}) {
+            *script = {};
+        }
+    }
+};
+
+char g_block[16];
+off_t g_offset = 0;
+
+const Way kWays[] = {
+    {"nread", &g_read, -1, false,
+     [](int fd, size_t count, u_int32_t flags) { return nread(fd, g_block, count, flags); }},
+    {"nwrite", &g_write, -1, false,
+     [](int fd, size_t count, u_int32_t flags) { return nwrite(fd, g_block, count, flags); }},
+    {"npread", &g_pread, 0, true,
+     [](int fd, size_t count, u_int32_t flags) { return npread(fd, g_block, count, 0, flags); }},
+    {"nsendfile", &g_sendfile, 0, true,
+     [](int fd, size_t count, u_int32_t flags) { return nsendfile(fd, fd, &g_offset, count, 0, flags); }}};
+
+} // namespace
+
+TEST_F(FdioAll, ACountOfZeroMakesNoSystemCall)
+{
+    LogCapture log;
+    for (const Way& way : kWays) {
+        EXPECT_EQ(way.call(-1, 0, FDIO_VERBOSE), 0) << way.name;
+        EXPECT_EQ(way.script->calls, 0) << way.name;
+    }
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(FdioAll, ABadDescriptorFailsInTheWayOfEachCall)
+{
+    for (const Way& way : kWays) {
+        LogCapture log;
+        errno = 0;
+        EXPECT_EQ(way.call(-1, 4, 0), way.failure) << way.name;
+        EXPECT_EQ(errno, EBADF) << way.name;
+        ASSERT_EQ(log.lines().size(), 1U) << way.name;
+        EXPECT_EQ(log.text().find(std::string("(ERR)  ") + way.name + ": "), 0U) << log.text();
+        EXPECT_NE(log.text().find("ERROR(9): Bad file descriptor"), std::string::npos) << log.text();
+    }
+}
+
+TEST_F(FdioAll, AnInterruptionIsRepeatedUntilBytesMove)
+{
+    LogCapture log;
+    for (const Way& way : kWays) {
+        *way.script = {0, 3, -1, EINTR};
+        errno = 0;
+        // The fourth call is real and fails.
+        EXPECT_EQ(way.call(-1, 4, 0), way.failure) << way.name;
+        EXPECT_EQ(way.script->calls, 4) << way.name;
+        EXPECT_EQ(errno, EBADF) << way.name;
+    }
+    EXPECT_EQ(log.lines().size(), std::size(kWays)) << log.text();
+}
+
+TEST_F(FdioAll, AnInterruptionWithTheQuitFlagEndsWithoutErrno)
+{
+    LogCapture log;
+    g_quit = 1;
+    for (const Way& way : kWays) {
+        *way.script = {0, 3, -1, EINTR};
+        errno = ENOTTY;
+        EXPECT_EQ(way.call(-1, 4, 0), way.failure) << way.name;
+        EXPECT_EQ(way.script->calls, 1) << way.name;
+        EXPECT_EQ(errno, 0) << way.name;
+    }
+    g_quit = 0;
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(FdioAll, ThePlainErrorsOfAStreamAreSilentWithoutFlags)
+{
+    for (const Way& way : kWays) {
+        for (const int err : {EAGAIN, EPIPE, ECONNRESET}) {
+            LogCapture log;
+            *way.script = {0, 1, -1, err};
+            EXPECT_EQ(way.call(-1, 4, 0), way.failure) << way.name;
+            EXPECT_EQ(errno, err) << way.name;
+            EXPECT_EQ(log.text(), "") << way.name;
+        }
+    }
+}
+
+TEST_F(FdioAll, kept_AnyFlagMakesReadAndWriteLogButOnlyVerboseTheOtherTwo)
+{
+    for (const Way& way : kWays) {
+        for (const u_int32_t flags : {u_int32_t{FDIO_VERBOSE}, u_int32_t{FDIO_SENDFILE}}) {
+            LogCapture log;
+            *way.script = {0, 1, -1, EAGAIN};
+            EXPECT_EQ(way.call(-1, 4, flags), way.failure) << way.name;
+            EXPECT_EQ(errno, EAGAIN) << way.name;
+            EXPECT_EQ(!log.text().empty(), flags == FDIO_VERBOSE || !way.verbose_alone)
+                << way.name << " " << flags;
+        }
+    }
+}
+
+TEST_F(FdioAll, kept_AnythingMovedEndsTheCall)
+{
+    for (const Way& way : kWays) {
+        *way.script = {0, 5, 1, 0};
+        EXPECT_EQ(way.call(-1, 4, 0), 1) << way.name;
+        EXPECT_EQ(way.script->calls, 1) << way.name;
+    }
+}
+
+TEST_F(FdioAll, AResultOfZeroEndsTheCall)
+{
+    for (const Way& way : kWays) {
+        *way.script = {0, 5, 0, 0};
+        errno = 0;
+        EXPECT_EQ(way.call(-1, 4, 0), 0) << way.name;
+        EXPECT_EQ(way.script->calls, 1) << way.name;
+    }
+}
+
+TEST_F(FdioAll, kept_AZeroWithAStaleInterruptionIsRepeatedOnlyWhenWriting)
+{
+    for (const Way& way : kWays) {
+        *way.script = {0, 5, 0, 0};
+        errno = EINTR; // of some earlier call
+        EXPECT_EQ(way.call(-1, 4, 0), 0) << way.name;
+        const bool writes = way.script == &g_write || way.script == &g_sendfile;
+        EXPECT_EQ(way.script->calls, writes ? 2 : 1) << way.name;
+    }
+}
+
+TEST(FdioWrite, AShortWriteIsNotRepeated)
+{
+    FdGuard guard;
+    SocketPair pair;
+    fcntl(pair.ours(), F_SETFL, O_NONBLOCK);
+    const std::string data(4 << 20, 'x');
+    const ssize_t n = nwrite(pair.ours(), data.data(), data.size(), 0);
+    EXPECT_GT(n, 0);
+    EXPECT_LT(n, static_cast<ssize_t>(data.size()));
+    EXPECT_EQ(g_write.calls, 1);
+}
+
+TEST(FdioWrite, AFullBufferGivesEagainInSilence)
+{
+    FdGuard guard;
+    SocketPair pair;
+    fcntl(pair.ours(), F_SETFL, O_NONBLOCK);
+    const std::string data(1 << 16, 'x');
+    while (nwrite(pair.ours(), data.data(), data.size(), 0) > 0) {
+    }
+    LogCapture log;
+    EXPECT_EQ(nwrite(pair.ours(), data.data(), data.size(), 0), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST(FdioRead, TheEndOfTheFileGivesZero)
+{
+    FdGuard guard;
+    const int fd = memory_file("abc");
+    lseek(fd, 0, SEEK_SET);
+    char buf[8];
+    EXPECT_EQ(nread(fd, buf, sizeof buf, 0), 3);
+    EXPECT_EQ(std::string(buf, 3), "abc");
+    EXPECT_EQ(nread(fd, buf, sizeof buf, 0), 0);
+    close(fd);
+}
+
+TEST(FdioRead, ASignalRestartsABlockedRead)
+{
+    FdGuard guard;
+    Pipe pipe;
+    interrupt_by(count_signal);
+    const pid_t helper = pester(5, [&] { pipe.fill("x"); });
+    char buf[8];
+    EXPECT_EQ(nread(pipe.reader(), buf, sizeof buf, 0), 1);
+    end(helper);
+    EXPECT_GE(g_signals, 1);
+}
+
+TEST(FdioRead, ASignalWithTheQuitFlagEndsABlockedRead)
+{
+    FdGuard guard;
+    Pipe pipe;
+    interrupt_by(set_quit);
+    const pid_t helper = pester(0, [] {});
+    char buf[8];
+    errno = ENOTTY;
+    EXPECT_EQ(nread(pipe.reader(), buf, sizeof buf, 0), -1);
+    EXPECT_EQ(errno, 0);
+    end(helper);
+    g_quit = 0;
+}
+
+TEST(FdioPread, ReadsAtTheOffsetAndLeavesThePosition)
+{
+    FdGuard guard;
+    const int fd = memory_file("abcdef");
+    lseek(fd, 1, SEEK_SET);
+    char buf[8];
+    EXPECT_EQ(npread(fd, buf, 2, 3, 0), 2);
+    EXPECT_EQ(std::string(buf, 2), "de");
+    EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 1);
+    errno = 0;
+    EXPECT_EQ(npread(fd, buf, 2, 6, 0), 0);
+    EXPECT_EQ(errno, 0);
+    close(fd);
+}
+
+TEST(FdioSendfile, MovesBytesAndTheOffset)
+{
+    FdGuard guard;
+    SocketPair pair;
+    const int fd = memory_file("abcdef");
+    off_t offset = 2;
+    EXPECT_EQ(nsendfile(pair.ours(), fd, &offset, 3, 0, 0), 3);
+    EXPECT_EQ(offset, 5);
+    char buf[8];
+    EXPECT_EQ(__real_read(pair.peer(), buf, sizeof buf), 3);
+    EXPECT_EQ(std::string(buf, 3), "cde");
+    EXPECT_EQ(nsendfile(pair.ours(), fd, &offset, 100, 0, 0), 1);
+    errno = 0;
+    EXPECT_EQ(nsendfile(pair.ours(), fd, &offset, 100, 0, 0), 0);
+    EXPECT_EQ(errno, 0);
+    close(fd);
+}
+
+TEST(FdioSendfile, NeedsAnOffset)
+{
+    const ChildResult result = run_in_child([] {
+        log_default(&g_log, stderr);
+        return static_cast<int>(nsendfile(-1, -1, nullptr, 0, 0, 0));
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.err.find("nsendfile: Assertion"), std::string::npos) << result.err;
+}
+
+TEST(FdioWait, PollOnSocketGivesTheEvents)
+{
+    FdGuard guard;
+    SocketPair pair;
+    EXPECT_EQ(poll_on_socket(pair.ours(), POLLIN | POLLOUT, 0), POLLOUT);
+    EXPECT_EQ(__real_write(pair.peer(), "x", 1), 1);
+    EXPECT_EQ(poll_on_socket(pair.ours(), POLLIN | POLLOUT, -1), POLLIN | POLLOUT);
+}
+
+TEST(FdioWait, PollOnSocketGivesZeroAfterItsTime)
+{
+    FdGuard guard;
+    SocketPair pair;
+    LogCapture log;
+    EXPECT_EQ(poll_on_socket(pair.ours(), POLLIN, 3), 0);
+    EXPECT_EQ(log.lines(), Lines{"(WRN)  poll_on_socket: poll() has timed out after 3 ms"});
+}
+
+TEST(FdioWait, PollOnSocketDoesNotRepeatAnInterruption)
+{
+    FdGuard guard;
+    SocketPair pair;
+    LogCapture log;
+    interrupt_by(count_signal);
+    const pid_t helper = pester(0, [] {});
+    EXPECT_EQ(poll_on_socket(pair.ours(), POLLIN, -1), -1);
+    EXPECT_EQ(errno, EINTR);
+    end(helper);
+    EXPECT_EQ(log.lines().size(), 1U);
+}
+
+TEST(FdioWait, ToReadIsReadyNotReadyOrFailed)
+{
+    FdGuard guard;
+    LogCapture log;
+    Pipe pipe;
+    EXPECT_EQ(wait_to_read(pipe.reader(), 0), 1);
+    pipe.fill("x");
+    EXPECT_EQ(wait_to_read(pipe.reader(), 0), 0);
+    pipe.close_reader();
+    EXPECT_EQ(wait_to_read(pipe.writer(), 0), -1); // POLLERR: the reader has gone
+}
+
+TEST(FdioWait, kept_AHangUpAloneIsNotReady)
+{
+    FdGuard guard;
+    Pipe pipe;
+    pipe.close_writer();
+    EXPECT_EQ(poll_on_socket(pipe.reader(), POLLIN, 0), POLLHUP);
+    EXPECT_EQ(wait_to_read(pipe.reader(), 0), 1);
+}
+
+TEST(FdioWait, ToWriteIsReadyNotReadyOrFailed)
+{
+    FdGuard guard;
+    LogCapture log;
+    SocketPair pair;
+    EXPECT_EQ(wait_to_write(pair.ours(), 0), 0);
+    fcntl(pair.ours(), F_SETFL, O_NONBLOCK);
+    const std::string data(1 << 16, 'x');
+    while (nwrite(pair.ours(), data.data(), data.size(), 0) > 0) {
+    }
+    EXPECT_EQ(wait_to_write(pair.ours(), 0), 1);
+    Pipe pipe;
+    pipe.close_reader();
+    EXPECT_EQ(wait_to_write(pipe.writer(), 0), -1);
+}
+
+TEST(FdioWait, AnInterruptedWaitFails)
+{
+    FdGuard guard;
+    LogCapture log;
+    SocketPair pair;
+    interrupt_by(count_signal);
+    const pid_t helper = pester(0, [] {});
+    EXPECT_EQ(wait_to_read(pair.ours(), -1), -1);
+    end(helper);
+}
+
+TEST(FdioTestRead, ASilentDescriptorIsAnErrorAfterItsTime)
+{
+    FdGuard guard;
+    SocketPair pair;
+    LogCapture log;
+    const int fd = pair.ours();
+    EXPECT_EQ(test_read_fd(fd, 1), 1);
+    EXPECT_EQ(log.lines(),
+              (Lines{"(WRN)  poll_on_socket: poll() has timed out after 1 ms",
+                     "(ERR)  test_read_fd: cannot read from fd=" + std::to_string(fd) + ", nrd=-1"}));
+}
+
+TEST(FdioTestRead, AClosedPeerIsAnError)
+{
+    FdGuard guard;
+    SocketPair pair;
+    LogCapture log;
+    const int fd = pair.ours();
+    pair.close_peer();
+    EXPECT_EQ(test_read_fd(fd, 1000), -1);
+    EXPECT_EQ(log.lines(),
+              Lines{"(ERR)  test_read_fd: cannot read from fd=" + std::to_string(fd) + ", nrd=0"});
+}
+
+TEST(FdioTestRead, ADeliveringDescriptorLosesUpToHalfAKilobyte)
+{
+    FdGuard guard;
+    Pipe pipe;
+    pipe.fill(std::string(600, 'x'));
+    const int fd = pipe.reader();
+    {
+        LogCapture log(DEBUG_level);
+        EXPECT_EQ(test_read_fd(fd, -1), 0);
+        EXPECT_EQ(log.lines(),
+                  Lines{"(DBG)  test_read_fd: fd=" + std::to_string(fd) + " is readable [512 bytes]"});
+    }
+    char buf[600];
+    EXPECT_EQ(nread(fd, buf, sizeof buf, 0), 88);
+}
+
+TEST(FdioTestRead, AFailedReadKeepsItsError)
+{
+    FdGuard guard;
+    Pipe pipe;
+    pipe.fill("x");
+    LogCapture log;
+    g_read = {0, 1, -1, EIO};
+    EXPECT_EQ(test_read_fd(pipe.reader(), 0), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(log.lines().size(), 2U) << log.text();
+}
+
+TEST(FdioOpen, TheSourceIsOpenedForReading)
+{
+    FdGuard guard;
+    TempDir dir;
+    dir.write("f", "abc");
+    const int fd = open_src_file(dir.path("f").c_str());
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
+    close(fd);
+    LogCapture log;
+    EXPECT_EQ(open_src_file("/nonexistent"), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(
+        log.lines(),
+        Lines{"(ERR)  open_src_file: open('/nonexistent', 0, 0x0) ERROR(2): No such file or directory"});
+}
+
+TEST(FdioOpen, TheDestinationIsCreated)
+{
+    FdGuard guard;
+    TempDir dir;
+    const std::string path = dir.path("f");
+    const int fd = open_dst_file(path.c_str(), 0);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_WRONLY);
+
+    struct stat st {};
+
+    EXPECT_EQ(fstat(fd, &st), 0);
+    const mode_t mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(st.st_mode & 07777, 0644 & ~mask);
+    close(fd);
+}
+
+TEST(FdioOpen, ADestinationThatExistsIsAnError)
+{
+    FdGuard guard;
+    TempDir dir;
+    dir.write("f", "old");
+    LogCapture log;
+    EXPECT_EQ(open_dst_file(dir.path("f").c_str(), 0), -1);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(log.lines(), Lines{"(ERR)  open_dst_file: open('" + dir.path("f") +
+                                 "', 705, 0x1a4) ERROR(17): File exists"});
+    EXPECT_EQ(dir.read("f"), "old");
+}
+
+TEST(FdioOpen, AnUnlinkedDestinationLivesInItsDescriptor)
+{
+    FdGuard guard;
+    TempDir dir;
+    const int fd = open_dst_file(dir.path("f").c_str(), FDIO_UNLINK_DST);
+    ASSERT_GE(fd, 0);
+    EXPECT_FALSE(dir.has("f"));
+    EXPECT_EQ(__real_write(fd, "x", 1), 1);
+    close(fd);
+}
+
+TEST(FdioOpen, kept_AFailedUnlinkLeavesTheDescriptorOpen)
+{
+    TempDir dir;
+    LogCapture log;
+    g_unlink = {0, 1, -1, EBUSY};
+    const auto before = support::open_fds();
+    EXPECT_EQ(open_dst_file(dir.path("f").c_str(), FDIO_UNLINK_DST), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(log.lines().size(), 1U);
+    const auto after = support::open_fds();
+    EXPECT_EQ(after.size(), before.size() + 1);
+    for (const int fd : after) {
+        if (before.count(fd) == 0) {
+            close(fd);
+        }
+    }
+}
+
+TEST(FdioOpen, SendfileServesAFileAndAStreamSocket)
+{
+    u_int32_t flags = FDIO_VERBOSE;
+    EXPECT_EQ(check_can_sendfile(S_IFIFO, S_IFREG, SOCK_DGRAM, &flags), 1);
+    EXPECT_EQ(check_can_sendfile(S_IFREG | 0644, S_IFREG, SOCK_DGRAM, &flags), 2);
+    EXPECT_EQ(check_can_sendfile(S_IFREG | 0644, S_IFSOCK, SOCK_DGRAM, &flags), 3);
+    EXPECT_EQ(flags, static_cast<u_int32_t>(FDIO_VERBOSE));
+    EXPECT_EQ(check_can_sendfile(S_IFREG | 0644, S_IFSOCK | 0777, SOCK_STREAM, &flags), 0);
+    EXPECT_EQ(flags, static_cast<u_int32_t>(FDIO_VERBOSE | FDIO_SENDFILE));
+    EXPECT_EQ(use_sendfile(flags, nullptr), 1);
+    EXPECT_EQ(use_sendfile(FDIO_VERBOSE | FDIO_SENDTO, nullptr), 0);
+}
+
+namespace {
+
+// A program that moves some bytes and waits once, and says what its sensors have seen.
+std::string sensed_program(int enable)
+{
+    return run_in_child([=] {
+               psensors_init(nullptr, enable);
+               Pipe pipe;
+               char buf[4];
+               const int fd = memory_file("abc");
+               SocketPair pair;
+               off_t offset = 0;
+               g_getrusage_calls = 0;
+               nwrite(pipe.writer(), "abc", 3, 0);
+               wait_to_read(pipe.reader(), 0);
+               nread(pipe.reader(), buf, sizeof buf, 0);
+               npread(fd, buf, sizeof buf, 0, 0);
+               nsendfile(pair.ours(), fd, &offset, 3, 0, 0);
+               printf("%d\n", g_getrusage_calls);
+               psensors_dump(stdout);
+               close(fd);
+               return 0;
+           })
+        .out;
+}
+
+} // namespace
+
+TEST(FdioSensors, AProgramWithSensorsSeesItsInputOutputAndIdleTime)
+{
+    const std::string text = sensed_program(1);
+    EXPECT_EQ(text.find("10\n"), 0U) << text; // two readings for each of five calls
+    EXPECT_NE(text.find("P-Sensor [ev_idle]\n== time:\t0."), std::string::npos) << text;
+    EXPECT_NE(text.find("P-Sensor [data_in]\n== time:\t0."), std::string::npos) << text;
+    EXPECT_NE(text.find("P-Sensor [data_out]\n== time:\t0."), std::string::npos) << text;
+    EXPECT_EQ(text.find("ev_loop"), std::string::npos) << text;
+}
+
+TEST(FdioSensors, AProgramWithoutSensorsMakesNoReading)
+{
+    EXPECT_EQ(sensed_program(0), "0\n");
+}
