@@ -1,0 +1,268 @@
+// Descriptors over domain sockets.
+#include "fdio.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <string>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "child.h"
+#include "fds.h"
+#include "logcap.h"
+#include "psensor.h"
+
+using support::FdGuard;
+using support::LogCapture;
+using support::open_fds;
+using support::run_in_child;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr int kUntouched = -77;
+
+class Pair {
+  public:
+    explicit Pair(int type = SOCK_STREAM) { EXPECT_EQ(socketpair(AF_UNIX, type, 0, ends_), 0); }
+
+    ~Pair()
+    {
+        close(ends_[0]);
+        close_peer();
+    }
+
+    Pair(const Pair&) = delete;
+    Pair& operator=(const Pair&) = delete;
+
+    int ours() const { return ends_[0]; }
+
+    int peer() const { return ends_[1]; }
+
+    void close_peer()
+    {
+        if (ends_[1] >= 0) {
+            close(ends_[1]);
+            ends_[1] = -1;
+        }
+    }
+
+  private:
+    int ends_[2];
+};
+
+// Sends bytes with count copies of a descriptor in one control message.
+ssize_t send_many(int dst, size_t bytes, size_t count)
+{
+    char text[] = "0123456789";
+    iovec data{text, bytes};
+    alignas(cmsghdr) char control[CMSG_SPACE(8 * sizeof(int))] = {};
+    msghdr msg{};
+    msg.msg_iov = &data;
+    msg.msg_iovlen = 1;
+    if (count > 0) {
+        msg.msg_control = control;
+        msg.msg_controllen = CMSG_SPACE(count * sizeof(int));
+        cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+        cmsg->cmsg_level = SOL_SOCKET;
+        cmsg->cmsg_type = SCM_RIGHTS;
+        cmsg->cmsg_len = CMSG_LEN(count * sizeof(int));
+        for (size_t i = 0; i < count; ++i) {
+            memcpy(CMSG_DATA(cmsg) + i * sizeof(int), &dst, sizeof dst);
+        }
+    }
+    return sendmsg(dst, &msg, 0);
+}
+
+} // namespace
+
+TEST(FdioPass, ADescriptorArrivesInAnotherProcess)
+{
+    FdGuard guard;
+    Pair pair;
+    const auto result = run_in_child([&] {
+        const int file = memfd_create("passed", 0);
+        if (write(file, "content", 7) != 7) {
+            return 1;
+        }
+        char text[] = "abc";
+        return send_fd(pair.peer(), text, 3, file) == 3 ? 0 : 2;
+    });
+    ASSERT_EQ(result.exit_code, 0);
+    LogCapture log;
+    char buf[8] = {};
+    int fd = kUntouched;
+    EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, FDIO_VERBOSE), 3);
+    EXPECT_STREQ(buf, "abc");
+    ASSERT_GE(fd, 0);
+    char content[8] = {};
+    EXPECT_EQ(pread(fd, content, sizeof content, 0), 7);
+    EXPECT_STREQ(content, "content");
+    close(fd);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST(FdioPass, APlainMessageStoresMinusOne)
+{
+    FdGuard guard;
+    Pair pair;
+    LogCapture log;
+    char buf[8];
+    int fd = kUntouched;
+    ASSERT_EQ(write(pair.peer(), "abcd", 4), 4);
+    EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, 0), 4);
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(log.text(), "");
+    ASSERT_EQ(write(pair.peer(), "abcd", 4), 4);
+    EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, FDIO_VERBOSE), 4);
+    EXPECT_EQ(log.lines(), Lines{"(ERR)  recv_fd: invalid control message structure: cmsg=(nil), clen=-1"});
+}
+
+TEST(FdioPass, AClosedPeerGivesZeroAndItsOwnText)
+{
+    FdGuard guard;
+    Pair pair;
+    LogCapture log;
+    pair.close_peer();
+    char buf[8];
+    int fd = kUntouched;
+    for (const int err : {0, EAGAIN}) {
+        log.clear();
+        errno = err;
+        EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, 0), 0);
+        EXPECT_EQ(errno, err);
+        ASSERT_EQ(log.lines().size(), 1U);
+        EXPECT_EQ(log.text().find("(ERR)  recv_fd: recvmsg(" + std::to_string(pair.ours()) + ", "), 0U);
+        EXPECT_NE(
+            log.text().find(", 0) ERROR(" + std::to_string(err) + "): connection has been closed by peer\n"),
+            std::string::npos)
+            << log.text();
+    }
+    EXPECT_EQ(fd, kUntouched);
+}
+
+TEST(FdioPass, AnEmptySocketIsSilentUnlessVerbose)
+{
+    FdGuard guard;
+    Pair pair;
+    LogCapture log;
+    fcntl(pair.ours(), F_SETFL, O_NONBLOCK);
+    char buf[8];
+    int fd = kUntouched;
+    EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, 0), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(log.text(), "");
+    EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, FDIO_VERBOSE), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_NE(log.text().find("ERROR(11): Resource temporarily unavailable"), std::string::npos);
+    EXPECT_EQ(fd, kUntouched);
+}
+
+TEST(FdioPass, AnyOtherFailureIsLogged)
+{
+    FdGuard guard;
+    LogCapture log;
+    char buf[8];
+    int fd = kUntouched;
+    EXPECT_EQ(recv_fd(-1, buf, sizeof buf, &fd, 0), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(fd, kUntouched);
+    EXPECT_EQ(log.lines().size(), 1U);
+}
+
+TEST(FdioPass, MoreThanOneDescriptorIsClosed)
+{
+    FdGuard guard;
+    for (size_t count = 2; count <= 8; ++count) {
+        Pair pair;
+        LogCapture log;
+        ASSERT_EQ(send_many(pair.peer(), 5, count), 5);
+        const auto before = open_fds();
+        char buf[8];
+        int fd = kUntouched;
+        EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, count == 2 ? 0 : FDIO_VERBOSE), 5);
+        EXPECT_EQ(fd, -1);
+        EXPECT_EQ(open_fds(), before) << count;
+        if (count == 2) {
+            EXPECT_EQ(log.text(), "");
+        } else {
+            ASSERT_EQ(log.lines().size(), 1U);
+            EXPECT_NE(log.text().find(", clen=24\n"), std::string::npos) << log.text();
+        }
+    }
+}
+
+TEST(FdioPass, DescriptorsOfAnEmptyDatagramAreClosed)
+{
+    FdGuard guard;
+    for (const size_t count : {1, 2, 5}) {
+        Pair pair(SOCK_DGRAM);
+        LogCapture log;
+        ASSERT_EQ(send_many(pair.peer(), 0, count), 0);
+        const auto before = open_fds();
+        char buf[8];
+        int fd = kUntouched;
+        EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, 0), 0);
+        EXPECT_EQ(fd, kUntouched);
+        EXPECT_EQ(open_fds(), before) << count;
+    }
+}
+
+TEST(FdioPass, AnotherControlMessageOfThatLengthIsRefused)
+{
+    FdGuard guard;
+    const int rx = socket(AF_INET, SOCK_DGRAM, 0);
+    const int tx = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof addr;
+    ASSERT_EQ(bind(rx, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ASSERT_EQ(getsockname(rx, reinterpret_cast<sockaddr*>(&addr), &length), 0);
+    const int on = 1;
+    ASSERT_EQ(setsockopt(rx, IPPROTO_IP, IP_RECVTTL, &on, sizeof on), 0); // an int, like a descriptor
+    ASSERT_EQ(sendto(tx, "abc", 3, 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 3);
+    LogCapture log;
+    char buf[8];
+    int fd = kUntouched;
+    EXPECT_EQ(recv_fd(rx, buf, sizeof buf, &fd, FDIO_VERBOSE), 3);
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(log.lines(), Lines{"(ERR)  recv_fd: invalid control message level/type=0/2"});
+    close(rx);
+    close(tx);
+}
+
+TEST(FdioPass, ABadDescriptorCannotBeSent)
+{
+    FdGuard guard;
+    Pair pair;
+    LogCapture log;
+    char text[] = "abc";
+    EXPECT_EQ(send_fd(pair.ours(), text, 3, -1), -1);
+    EXPECT_EQ(errno, EBADF);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.text().find("(ERR)  send_fd: sendmsg(" + std::to_string(pair.ours()) + ", "), 0U);
+    EXPECT_NE(log.text().find(", 0) ERROR(9): Bad file descriptor\n"), std::string::npos) << log.text();
+}
+
+TEST(FdioPass, ReceivingCountsAsInput)
+{
+    FdGuard guard;
+    Pair pair;
+    psensors_init(nullptr, 1);
+    ASSERT_EQ(send_many(pair.peer(), 1, 1), 1);
+    char buf[8];
+    int fd = -1;
+    EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, 0), 1);
+    close(fd);
+    const timespec& tm = g_psensor[PRF_DATAIN].sensor.accum.tm;
+    EXPECT_TRUE(tm.tv_sec > 0 || tm.tv_nsec > 0);
+}

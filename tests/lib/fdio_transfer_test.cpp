@@ -1,0 +1,1045 @@
+// The transfer engine, step by step and on real descriptors.
+#include "fdio.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <limits>
+#include <netinet/in.h>
+#include <string>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "child.h"
+#include "fds.h"
+#include "logcap.h"
+#include "oom.h"
+#include "psensor.h"
+
+using support::ChildResult;
+using support::FailAllocation;
+using support::FdGuard;
+using support::LogCapture;
+using support::run_in_child;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr u_int32_t kOptions = 0xffff;
+
+int memory_file(const std::string& text)
+{
+    const int fd = memfd_create("test", MFD_CLOEXEC);
+    EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    EXPECT_EQ(lseek(fd, 0, SEEK_SET), 0);
+    return fd;
+}
+
+std::string content(int fd)
+{
+    std::string text(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
+    EXPECT_EQ(pread(fd, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+    return text;
+}
+
+std::string drained(int fd)
+{
+    std::string text(1 << 16, '\0');
+    const ssize_t n = recv(fd, text.data(), text.size(), MSG_DONTWAIT);
+    text.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return text;
+}
+
+// A spec with its offset and flag word, and the buffer of the module.
+class Rig {
+  public:
+    Rig(int in, int out, u_int32_t options, bool with_offset = true, off_t from = 0)
+        : flags(options),
+          offset(from),
+          spec(new_transfer_spec(in, out, with_offset ? &offset : nullptr, &flags, nullptr, 0))
+    {
+    }
+
+    ~Rig() { free(spec); }
+
+    Rig(const Rig&) = delete;
+    Rig& operator=(const Rig&) = delete;
+
+    int step(size_t count)
+    {
+        moved = -999;
+        errno = ENOTTY;
+        rc = transfer(spec, count, &moved);
+        err = errno;
+        return rc;
+    }
+
+    u_int32_t results() const { return flags & ~kOptions; }
+
+    u_int32_t flags;
+    off_t offset;
+    transfer_spec* spec;
+    int rc = 0;
+    ssize_t moved = 0;
+    int err = 0;
+};
+
+// Expects how the last step of a rig ended.
+#define EXPECT_STEP(rig, result, bytes, bits, error)                                                         \
+    do {                                                                                                     \
+        EXPECT_EQ((rig).rc, (result));                                                                       \
+        EXPECT_EQ((rig).moved, (bytes));                                                                     \
+        EXPECT_EQ((rig).results(), static_cast<u_int32_t>(bits));                                            \
+        EXPECT_EQ((rig).err, (error));                                                                       \
+    } while (0)
+
+class Pair {
+  public:
+    explicit Pair(int type = SOCK_STREAM)
+    {
+        EXPECT_EQ(socketpair(AF_UNIX, type, 0, ends_), 0);
+        fcntl(ends_[0], F_SETFL, O_NONBLOCK);
+        signal(SIGPIPE, SIG_IGN);
+    }
+
+    ~Pair()
+    {
+        close(ends_[0]);
+        close_peer();
+    }
+
+    Pair(const Pair&) = delete;
+    Pair& operator=(const Pair&) = delete;
+
+    int ours() const { return ends_[0]; }
+
+    int peer() const { return ends_[1]; }
+
+    void close_peer()
+    {
+        if (ends_[1] >= 0) {
+            close(ends_[1]);
+            ends_[1] = -1;
+        }
+    }
+
+    void fill() const
+    {
+        const std::string data(1 << 16, 'f');
+        while (write(ours(), data.data(), data.size()) > 0) {
+        }
+    }
+
+  private:
+    int ends_[2];
+};
+
+class FdioTransfer : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        LogCapture log;
+        ASSERT_EQ(fdio_init(MIN_TRF_BUFSIZE), 0);
+    }
+
+    void TearDown() override { fdio_destroy(); }
+
+    FdGuard guard_;
+};
+
+// What an inproc function was given, and what it answers.
+struct {
+    void* address;
+    ssize_t count;
+    ssize_t total;
+    int result;
+    int calls;
+} g_inproc;
+
+int inproc(void* address, ssize_t count, ssize_t* total)
+{
+    g_inproc.address = address;
+    g_inproc.count = count;
+    ++g_inproc.calls;
+    *total = g_inproc.total;
+    return g_inproc.result;
+}
+
+std::string abort_text(int (*body)())
+{
+    const ChildResult result = run_in_child([&] {
+        log_default(&g_log, stderr);
+        return body();
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    return result.err;
+}
+
+} // namespace
+
+TEST(FdioBuffer, MinusOneGivesTheDefaultSize)
+{
+    LogCapture log(DEBUG_level);
+    EXPECT_EQ(fdio_init(-1), 0);
+    EXPECT_EQ(get_trf_bufsize(), 2097152U);
+    EXPECT_EQ(log.lines(), Lines{"(DBG)  set_trf_bufsize: FDIO internal buffer size = 2097152 bytes."});
+    fdio_destroy();
+    EXPECT_EQ(get_trf_bufsize(), 0U);
+}
+
+TEST(FdioBuffer, OtherSizesBelowOneDoNothing)
+{
+    LogCapture log(DEBUG_level);
+    EXPECT_EQ(fdio_init(0), 0);
+    EXPECT_EQ(fdio_init(-2), 0);
+    EXPECT_EQ(get_trf_bufsize(), 0U);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST(FdioBuffer, WithoutABufferATransferIsAnAssertion)
+{
+    const std::string text = abort_text([] {
+        fdio_init(0);
+        Rig rig(0, 1, 0);
+        return rig.step(1);
+    });
+    EXPECT_NE(text.find("transfer: Assertion"), std::string::npos) << text;
+    const std::string by_sendfile = abort_text([] {
+        Rig rig(0, 1, FDIO_SENDFILE);
+        return rig.step(1);
+    });
+    EXPECT_NE(by_sendfile.find("transfer: Assertion"), std::string::npos) << by_sendfile;
+}
+
+TEST(FdioBuffer, TheLeastSizeIsTheLimit)
+{
+    LogCapture log;
+    EXPECT_EQ(set_trf_bufsize(65535), -1);
+    EXPECT_EQ(get_trf_bufsize(), 0U);
+    EXPECT_EQ(set_trf_bufsize(65536), 0);
+    EXPECT_EQ(get_trf_bufsize(), 65536U);
+    EXPECT_EQ(set_trf_bufsize(65536), 0);
+    EXPECT_EQ(set_trf_bufsize(65535), -1);
+    EXPECT_EQ(get_trf_bufsize(), 65536U); // the old buffer stays
+    EXPECT_EQ(set_trf_bufsize(65537), 0);
+    EXPECT_EQ(get_trf_bufsize(), 65537U);
+    EXPECT_EQ(log.lines(),
+              (Lines{"(ERR)  set_trf_bufsize: transfer buffer size cannot be less than 65536 bytes.",
+                     "(WRN)  set_trf_bufsize: transfer buffer size remains 65536 bytes.",
+                     "(ERR)  set_trf_bufsize: transfer buffer size cannot be less than 65536 bytes."}));
+    fdio_destroy();
+    log.clear();
+    EXPECT_EQ(fdio_init(5), -1);
+    EXPECT_EQ(log.lines().size(), 1U);
+}
+
+TEST(FdioBuffer, kept_AFailedResizeLosesTheOldBuffer)
+{
+    // In a child, whose end hides the block that is lost on purpose.
+    const ChildResult result = run_in_child([] {
+        LogCapture log;
+        fdio_init(65536);
+        {
+            const FailAllocation failure(1);
+            printf("%d;", set_trf_bufsize(100000));
+        }
+        printf("%zu;%s", get_trf_bufsize(), log.text().c_str());
+        log.clear();
+        const int same = set_trf_bufsize(65536);
+        printf("%d;%s", same, log.text().c_str());
+        return 0;
+    });
+    EXPECT_EQ(result.out.find("-1;65536;(ERR)  set_trf_bufsize: realloc(0x"), 0U) << result.out;
+    EXPECT_NE(
+        result.out.find("ERROR(12): Cannot allocate memory\n"
+                        "(ERR)  set_trf_bufsize: failed to allocate 100000 bytes for transfer buffer.\n"),
+        std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find("0;(WRN)  set_trf_bufsize: transfer buffer size remains 65536 bytes.\n"),
+              std::string::npos)
+        << result.out;
+    const std::string text = abort_text([] {
+        fdio_init(65536);
+        {
+            const FailAllocation failure(1);
+            set_trf_bufsize(100000);
+        }
+        Rig rig(0, 1, 0);
+        return rig.step(1);
+    });
+    EXPECT_NE(text.find("transfer: Assertion"), std::string::npos) << text;
+}
+
+TEST(FdioBuffer, AnAbsurdSizeFailsInsteadOfWrapping)
+{
+    LogCapture log;
+    const FailAllocation failure(1); // no allocator gives that much; a sanitizer's would end the process
+    EXPECT_EQ(set_trf_bufsize(std::numeric_limits<size_t>::max() - 100), -1);
+    EXPECT_TRUE(failure.happened());
+    EXPECT_EQ(log.lines().size(), 2U);
+    fdio_destroy();
+}
+
+TEST(FdioBuffer, DestroyWithoutABufferDoesNothing)
+{
+    fdio_destroy();
+    EXPECT_EQ(get_trf_bufsize(), 0U);
+}
+
+TEST(FdioSpec, HoldsItsSixValuesAndZeros)
+{
+    LogCapture log(DEBUG_level);
+    off_t offset = 0;
+    u_int32_t flags = FDIO_VERBOSE;
+    char aux = 0;
+    transfer_spec* spec = new_transfer_spec(3, 4, &offset, &flags, &aux, 1);
+    EXPECT_EQ(spec->in_fd, 3);
+    EXPECT_EQ(spec->out_fd, 4);
+    EXPECT_EQ(spec->offset, &offset);
+    EXPECT_EQ(spec->flags, &flags);
+    EXPECT_EQ(spec->aux, &aux);
+    EXPECT_EQ(spec->aux_len, 1);
+    EXPECT_EQ(spec->mmem, nullptr);
+    EXPECT_EQ(spec->mmlen, 0U);
+    EXPECT_EQ(spec->mmem_out, 0U);
+    EXPECT_EQ(spec->inproc, nullptr);
+    free(spec);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST(FdioSpec, TellsOfSendfile)
+{
+    LogCapture log(INFO_level);
+    u_int32_t flags = FDIO_SENDFILE;
+    transfer_spec* spec = new_transfer_spec(3, 4, nullptr, &flags, nullptr, 0);
+    char expected[128];
+    snprintf(expected, sizeof expected, "(INF)  new_transfer_spec(%p): SENDFILE on for fd4<-fd3\n",
+             static_cast<void*>(spec));
+    EXPECT_EQ(log.text(), expected);
+    free(spec);
+}
+
+TEST(FdioSpec, WithoutMemoryTheProcessEnds)
+{
+    const std::string text = abort_text([] {
+        u_int32_t flags = 0;
+        const FailAllocation failure(1);
+        free(new_transfer_spec(3, 4, nullptr, &flags, nullptr, 0));
+        return 0;
+    });
+    EXPECT_NE(text.find("new_transfer_spec: calloc(1, "), std::string::npos) << text;
+    EXPECT_NE(text.find("new_transfer_spec: Assertion"), std::string::npos) << text;
+}
+
+TEST_F(FdioTransfer, ThreeStepsReadAFileOfFiveBytesAndAFourthSeesItsEnd)
+{
+    const int in = memory_file("abcde");
+    const int out = memory_file("");
+    Rig rig(in, out, 0);
+    rig.step(2);
+    EXPECT_STEP(rig, 0, 2, 0, 0);
+    rig.step(2);
+    EXPECT_STEP(rig, 0, 2, 0, 0);
+    rig.step(2);
+    EXPECT_STEP(rig, 0, 1, 0, 0);
+    EXPECT_EQ(rig.offset, 5);
+    rig.step(2);
+    EXPECT_STEP(rig, 0, 0, FDIO_EOF | FDIO_ERR_READ, 0);
+    EXPECT_EQ(rig.offset, 5);
+    EXPECT_EQ(content(out), "abcde");
+    rig.offset = 4; // the result bits are of the last step alone
+    rig.step(2);
+    EXPECT_STEP(rig, 0, 1, 0, 0);
+    close(in);
+    close(out);
+}
+
+TEST_F(FdioTransfer, ACountOfZeroOrAboveTheBufferMovesABufferFull)
+{
+    const int in = memory_file(std::string(3 * 65536, 'x'));
+    const int out = memory_file("");
+    Rig rig(in, out, 0, false);
+    rig.step(0);
+    EXPECT_STEP(rig, 0, 65536, 0, 0);
+    rig.step(65537);
+    EXPECT_STEP(rig, 0, 65536, 0, 0);
+    rig.step(65535);
+    EXPECT_STEP(rig, 0, 65535, 0, 0);
+    EXPECT_EQ(content(out).size(), 3U * 65536 - 1);
+    close(in);
+    close(out);
+}
+
+TEST_F(FdioTransfer, BytesNeedNotBeAskedFor)
+{
+    const int in = memory_file("abc");
+    const int out = memory_file("");
+    Rig rig(in, out, 0);
+    EXPECT_EQ(transfer(rig.spec, 2, nullptr), 0);
+    EXPECT_EQ(rig.offset, 2);
+    close(in);
+    close(out);
+}
+
+TEST_F(FdioTransfer, ANegativeOffsetReadsAsAStream)
+{
+    const int in = memory_file("abc");
+    const int out = memory_file("");
+    Rig rig(in, out, 0, true, -2);
+    rig.step(2);
+    EXPECT_STEP(rig, 0, 2, 0, 0);
+    EXPECT_EQ(rig.offset, 0);
+    EXPECT_EQ(lseek(in, 0, SEEK_CUR), 2);
+    close(in);
+    close(out);
+}
+
+TEST_F(FdioTransfer, AStepTellsWhatItDidAtDebugLevel)
+{
+    const int in = memory_file("abc");
+    const int out = memory_file("");
+    Rig rig(in, out, FDIO_TRF_RWEQ);
+    LogCapture log(DEBUG_level);
+    rig.step(2);
+    char expected[256];
+    snprintf(expected, sizeof expected,
+             "(DBG)  transfer_out: [%p] +2 -> fd%d\n(DBG)  transfer: %d->%d [r2/w2  2 bytes], flags=0x2\n",
+             static_cast<void*>(rig.spec), out, in, out);
+    EXPECT_EQ(log.text(), expected);
+    close(in);
+    close(out);
+}
+
+TEST_F(FdioTransfer, AFailedReadWithoutVerboseIsItsError)
+{
+    const int out = memory_file("");
+    Pair pair;
+    Rig rig(pair.ours(), out, 0, false);
+    LogCapture log;
+    rig.step(10); // nothing there
+    EXPECT_STEP(rig, -1, 0, FDIO_ERR_READ, EAGAIN);
+    EXPECT_EQ(log.text(), "");
+    close(out);
+}
+
+TEST_F(FdioTransfer, AFailedReadWithVerboseIsLoggedAndForgivenIfItMayBeRepeated)
+{
+    const int out = memory_file("");
+    Pair pair;
+    Rig rig(pair.ours(), out, FDIO_VERBOSE, false);
+    LogCapture log;
+    rig.step(10);
+    EXPECT_STEP(rig, 0, 0, FDIO_ERR_READ, EAGAIN);
+    ASSERT_EQ(log.lines().size(), 2U); // the checked call's line and the engine's
+    EXPECT_EQ(log.lines()[1], "(ERR)  transfer (" + std::to_string(pair.ours()) + "->" + std::to_string(out) +
+                                  ", 10 bytes) read ERROR(11): Resource temporarily unavailable");
+    close(out);
+}
+
+TEST_F(FdioTransfer, AnyOtherReadErrorIsLoggedAndFails)
+{
+    const int out = memory_file("");
+    for (const bool with_offset : {true, false}) {
+        Rig rig(-1, out, 0, with_offset);
+        LogCapture log;
+        rig.step(10);
+        EXPECT_STEP(rig, -1, 0, FDIO_ERR_READ, EBADF);
+        ASSERT_EQ(log.lines().size(), 2U);
+        EXPECT_EQ(log.lines()[1], "(ERR)  transfer (-1->" + std::to_string(out) +
+                                      ", 10 bytes) read ERROR(9): Bad file descriptor");
+        EXPECT_EQ(rig.offset, 0);
+    }
+    close(out);
+}
+
+TEST_F(FdioTransfer, ABrokenPeerIsAnErrorWithoutVerbose)
+{
+    const int in = memory_file("abc");
+    Pair pair;
+    pair.close_peer();
+    Rig rig(in, pair.ours(), 0);
+    LogCapture log;
+    rig.step(3);
+    EXPECT_STEP(rig, -1, 0, FDIO_ERR_WRITE, EPIPE);
+    EXPECT_EQ(rig.offset, 0);
+    EXPECT_EQ(log.text(), "");
+    close(in);
+}
+
+TEST_F(FdioTransfer, ABrokenPeerIsLoggedAndForgivenWithVerbose)
+{
+    const int in = memory_file("abc");
+    Pair pair;
+    pair.close_peer();
+    Rig rig(in, pair.ours(), FDIO_VERBOSE);
+    LogCapture log;
+    rig.step(3);
+    EXPECT_STEP(rig, 0, 0, FDIO_ERR_WRITE, EPIPE);
+    ASSERT_EQ(log.lines().size(), 2U);
+    EXPECT_EQ(log.lines()[1], "(ERR)  transfer (" + std::to_string(in) + "->" + std::to_string(pair.ours()) +
+                                  ", 3 bytes) write ERROR(32): Broken pipe");
+    close(in);
+}
+
+TEST_F(FdioTransfer, AFullBufferIsEagainAndAnOffsetKeepsTheData)
+{
+    const int in = memory_file("abc");
+    Pair pair;
+    pair.fill();
+    LogCapture log;
+    Rig quiet(in, pair.ours(), 0);
+    quiet.step(3);
+    EXPECT_STEP(quiet, -1, 0, FDIO_ERR_WRITE, EAGAIN);
+    EXPECT_EQ(quiet.offset, 0);
+    EXPECT_EQ(log.text(), "");
+    Rig verbose(in, pair.ours(), FDIO_VERBOSE);
+    verbose.step(3);
+    EXPECT_STEP(verbose, 0, 0, FDIO_ERR_WRITE, EAGAIN);
+    Rig stream(in, pair.ours(), 0, false); // without an offset the data is gone
+    stream.step(3);
+    EXPECT_STEP(stream, -1, 0, FDIO_ERR_WRITE, EAGAIN);
+    EXPECT_EQ(lseek(in, 0, SEEK_CUR), 3);
+    close(in);
+}
+
+TEST_F(FdioTransfer, AnyOtherWriteErrorIsLoggedAndFails)
+{
+    const int in = memory_file("abc");
+    Rig rig(in, -1, 0);
+    LogCapture log;
+    rig.step(3);
+    EXPECT_STEP(rig, -1, 0, FDIO_ERR_WRITE, EBADF);
+    EXPECT_EQ(log.lines().size(), 2U);
+    close(in);
+}
+
+TEST_F(FdioTransfer, AShortWriteIsNoErrorAndMovesByWhatWasWritten)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    const std::string half(fcntl(ends[1], F_GETPIPE_SZ) / 2, 'h');
+    ASSERT_EQ(write(ends[1], half.data(), half.size()), static_cast<ssize_t>(half.size()));
+    const int in = memory_file(std::string(65536, 'x'));
+    LogCapture log;
+    for (const bool with_offset : {true, false}) {
+        Rig rig(in, ends[1], FDIO_TRF_RWEQ, with_offset);
+        log.clear();
+        rig.step(0);
+        EXPECT_GT(rig.moved, 0);
+        EXPECT_LT(rig.moved, 65536);
+        EXPECT_STEP(rig, 0, rig.moved, 0, 0);
+        EXPECT_EQ(rig.offset, with_offset ? rig.moved : 0); // the rest of a stream is gone
+        EXPECT_EQ(log.lines(),
+                  Lines{"(ERR)  transfer: fd in/out=[" + std::to_string(in) + "/" + std::to_string(ends[1]) +
+                        "] mismatch: read/write=[65536/" + std::to_string(rig.moved) + "]"});
+        std::string rest(static_cast<size_t>(rig.moved), '\0');
+        ASSERT_EQ(read(ends[0], rest.data(), rest.size()), rig.moved);
+    }
+    EXPECT_EQ(lseek(in, 0, SEEK_CUR), 65536);
+    close(in);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(FdioTransfer, SendfileMovesTheCallersCountAndThePosition)
+{
+    const int in = memory_file(std::string(100000, 'x'));
+    Pair pair;
+    Rig rig(in, pair.ours(), FDIO_SENDFILE);
+    LogCapture log(DEBUG_level);
+    rig.step(70000); // more than the buffer holds
+    EXPECT_STEP(rig, 0, 70000, 0, 0);
+    EXPECT_EQ(rig.offset, 70000);
+    ASSERT_EQ(log.lines().size(), 2U);
+    EXPECT_EQ(log.lines()[0], "(DBG)  transfer: using sendfile");
+    close(in);
+}
+
+TEST_F(FdioTransfer, kept_SendfileOfZeroBytesReportsTheEnd)
+{
+    const int in = memory_file("abc");
+    Pair pair;
+    Rig rig(in, pair.ours(), FDIO_SENDFILE);
+    rig.step(0);
+    EXPECT_STEP(rig, 0, 0, FDIO_EOF, 0);
+    EXPECT_EQ(drained(pair.peer()), "");
+    rig.offset = 3;
+    rig.step(5);
+    EXPECT_STEP(rig, 0, 0, FDIO_EOF, 0);
+    close(in);
+}
+
+TEST_F(FdioTransfer, kept_AnySendfileFailureReadsAsTheEnd)
+{
+    const int in = memory_file("abc");
+    Pair pair;
+    pair.fill();
+    Rig full(in, pair.ours(), FDIO_SENDFILE);
+    full.step(3);
+    EXPECT_STEP(full, 0, 0, FDIO_EOF, 0);
+    pair.close_peer();
+    Rig broken(in, pair.ours(), FDIO_SENDFILE);
+    broken.step(3);
+    EXPECT_STEP(broken, 0, 0, FDIO_EOF, 0);
+    LogCapture log;
+    Rig bad(-1, pair.ours(), FDIO_SENDFILE);
+    bad.step(3);
+    EXPECT_STEP(bad, 0, 0, FDIO_EOF, 0);
+    EXPECT_EQ(bad.offset, 0);
+    EXPECT_NE(log.text().find("nsendfile: LNX sendfile("), std::string::npos) << log.text();
+    close(in);
+}
+
+TEST_F(FdioTransfer, DatagramsGoToTheAddressOfTheSpec)
+{
+    const int rx = socket(AF_INET, SOCK_DGRAM, 0);
+    const int tx = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof addr;
+    ASSERT_EQ(bind(rx, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ASSERT_EQ(getsockname(rx, reinterpret_cast<sockaddr*>(&addr), &length), 0);
+    psensors_init(nullptr, 1);
+    const int in = memory_file("first second");
+    Rig rig(in, tx, FDIO_SENDTO);
+    rig.spec->aux = &addr;
+    rig.spec->aux_len = sizeof addr;
+    rig.step(6);
+    EXPECT_STEP(rig, 0, 6, 0, 0);
+    rig.step(100);
+    EXPECT_STEP(rig, 0, 6, 0, 0);
+    char buf[64];
+    EXPECT_EQ(std::string(buf, static_cast<size_t>(recv(rx, buf, sizeof buf, 0))), "first ");
+    EXPECT_EQ(std::string(buf, static_cast<size_t>(recv(rx, buf, sizeof buf, 0))), "second");
+    const timespec& tm = g_psensor[PRF_DATAOUT].sensor.accum.tm;
+    EXPECT_TRUE(tm.tv_sec > 0 || tm.tv_nsec > 0);
+    close(in);
+    close(rx);
+    close(tx);
+}
+
+TEST_F(FdioTransfer, ADatagramThatIsTooLongFailsWithTheErrorOfSendto)
+{
+    const int tx = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(9);
+    const int in = memory_file(std::string(65536, 'x'));
+    Rig rig(in, tx, FDIO_SENDTO);
+    rig.spec->aux = &addr;
+    rig.spec->aux_len = sizeof addr;
+    LogCapture log;
+    rig.step(0);
+    EXPECT_STEP(rig, -1, 0, FDIO_ERR_WRITE, EMSGSIZE);
+    // No line of the checked call, only the engine's own.
+    EXPECT_EQ(log.lines(), Lines{"(ERR)  transfer (" + std::to_string(in) + "->" + std::to_string(tx) +
+                                 ", 0 bytes) write ERROR(90): Message too long"});
+    close(in);
+    close(tx);
+}
+
+TEST_F(FdioTransfer, MemoryIsFilledFromADescriptor)
+{
+    const int in = memory_file("abcdefgh");
+    char block[6] = {'#', '#', '#', '#', '#', '#'};
+    Rig rig(in, -1, 0, true, 1);
+    rig.spec->mmem = block;
+    rig.spec->mmlen = sizeof block;
+    rig.step(3);
+    EXPECT_STEP(rig, 0, 3, 0, 0);
+    EXPECT_EQ(std::string(block, 6), "#abc##"); // a plain read, to the position in the block
+    EXPECT_EQ(rig.offset, 4);
+    LogCapture log;
+    rig.step(3); // two are left
+    EXPECT_STEP(rig, 0, 2, 0, 0);
+    char expected[256];
+    snprintf(expected, sizeof expected,
+             "(WRN)  mm_in: attempt to reach over the end of buffer: buf=%p, len=6, offset=4, "
+             "count=3 - new_count=2\n",
+             static_cast<void*>(block));
+    EXPECT_EQ(log.text(), expected);
+    EXPECT_EQ(std::string(block, 6), "#abcde");
+    log.clear();
+    rig.step(3); // none is left: the read count is 0, which is the end
+    EXPECT_STEP(rig, 0, 0, FDIO_EOF, 0);
+    EXPECT_EQ(log.lines().size(), 1U);
+    close(in);
+}
+
+TEST_F(FdioTransfer, MemoryIsWrittenToADescriptor)
+{
+    const int out = memory_file("");
+    char block[] = {'a', 'b', 'c', 'd', 'e'};
+    Rig rig(-1, out, FDIO_SENDFILE); // memory wins
+    rig.spec->mmem = block;
+    rig.spec->mmlen = sizeof block;
+    rig.spec->mmem_out = 1;
+    rig.step(3);
+    EXPECT_STEP(rig, 0, 3, 0, 0);
+    LogCapture log;
+    rig.step(3);
+    EXPECT_STEP(rig, 0, 2, 0, 0);
+    EXPECT_EQ(content(out), "abcde");
+    EXPECT_EQ(log.lines().size(), 1U);
+    log.clear();
+    rig.step(3); // at the end: nothing moves, but it is no end of stream
+    EXPECT_STEP(rig, 0, 0, 0, 0);
+    char expected[256];
+    snprintf(expected, sizeof expected,
+             "(WRN)  mm_out: attempt to reach over the end of buffer: buf=%p, len=5, offset=5, "
+             "count=3 - new_count=0\n",
+             static_cast<void*>(block));
+    EXPECT_EQ(log.text(), expected);
+    close(out);
+}
+
+TEST_F(FdioTransfer, APositionOutsideTheBlockMovesNothing)
+{
+    const int file = memory_file("abc");
+    char block[4] = {};
+
+    const struct {
+        off_t position;
+        const char* left;
+    } kCases[] = {
+        {6, "new_count=-2\n"}, {-1, "new_count=0\n"}, {std::numeric_limits<off_t>::min(), "new_count=0\n"}};
+
+    for (const auto& [position, left] : kCases) {
+        for (const unsigned out : {0U, 1U}) {
+            Rig rig(file, file, 0, true, position);
+            rig.spec->mmem = block;
+            rig.spec->mmlen = sizeof block;
+            rig.spec->mmem_out = out & 1U;
+            LogCapture log;
+            rig.step(2);
+            EXPECT_STEP(rig, 0, 0, out != 0 ? 0 : FDIO_EOF, 0);
+            EXPECT_EQ(rig.offset, position);
+            EXPECT_NE(log.text().find(left), std::string::npos) << log.text();
+        }
+    }
+    EXPECT_EQ(content(file), "abc");
+    close(file);
+}
+
+TEST_F(FdioTransfer, kept_AFailedStepMovesThePositionInMemoryBack)
+{
+    char block[4] = {'a', 'b', 'c', 'd'};
+    LogCapture log;
+    for (const unsigned out : {0U, 1U}) {
+        Rig rig(-1, -1, 0, true, 1);
+        rig.spec->mmem = block;
+        rig.spec->mmlen = sizeof block;
+        rig.spec->mmem_out = out & 1U;
+        rig.step(2);
+        EXPECT_STEP(rig, -1, -1, out != 0 ? FDIO_ERR_WRITE : FDIO_ERR_READ, EBADF);
+        EXPECT_EQ(rig.offset, 0);
+        rig.step(2);
+        EXPECT_EQ(rig.offset, -1);
+        rig.step(2); // before the block: a warning, and nothing else
+        EXPECT_STEP(rig, 0, 0, out != 0 ? 0 : FDIO_EOF, 0);
+        EXPECT_EQ(rig.offset, -1);
+    }
+}
+
+TEST_F(FdioTransfer, MemoryNeedsAnOffset)
+{
+    const std::string text = abort_text([] {
+        char block[4];
+        Rig rig(0, 1, 0, false);
+        rig.spec->mmem = block;
+        rig.spec->mmlen = sizeof block;
+        return rig.step(1);
+    });
+    EXPECT_NE(text.find("memory_step: Assertion"), std::string::npos) << text;
+}
+
+TEST(FdioMemory, WithoutATransferBufferThePortionIsNothing)
+{
+    FdGuard guard;
+    const int in = memory_file("abc");
+    char block[4] = {};
+    Rig rig(in, -1, 0);
+    rig.spec->mmem = block;
+    rig.spec->mmlen = sizeof block;
+    rig.step(2);
+    EXPECT_STEP(rig, 0, 0, FDIO_EOF | FDIO_ERR_READ, 0);
+    close(in);
+    const std::string text = abort_text([] {
+        char source[4] = {};
+        Rig out(-1, 1, 0);
+        out.spec->mmem = source;
+        out.spec->mmlen = sizeof source;
+        out.spec->mmem_out = 1;
+        return out.step(2);
+    });
+    EXPECT_NE(text.find("transfer_out: Assertion"), std::string::npos) << text;
+}
+
+TEST_F(FdioTransfer, InprocSeesTheBlockAndSetsTheTotal)
+{
+    const int in = memory_file("abcdef");
+    char block[8] = {};
+    Rig rig(in, -1, FDIO_TRF_RWEQ, true, 2);
+    rig.spec->mmem = block;
+    rig.spec->mmlen = sizeof block;
+    rig.spec->inproc = inproc;
+    g_inproc = {nullptr, 0, 1, 0, 0};
+    LogCapture log;
+    rig.step(4);
+    EXPECT_STEP(rig, 0, 1, 0, 0);
+    EXPECT_EQ(g_inproc.address, block + 2);
+    EXPECT_EQ(g_inproc.count, 4);
+    EXPECT_EQ(rig.offset, 3);
+    EXPECT_EQ(log.lines(),
+              Lines{"(ERR)  transfer: fd in/out=[" + std::to_string(in) + "/-1] mismatch: read/write=[4/1]"});
+    close(in);
+}
+
+TEST_F(FdioTransfer, AFailedInprocEndsTheStepWithItsError)
+{
+    const int in = memory_file("abcdef");
+    const int out = memory_file("");
+    char block[8] = {};
+    for (const bool memory : {true, false}) {
+        for (const int error : {EINVAL, EAGAIN}) {
+            Rig rig(in, out, 0);
+            rig.spec->mmem = memory ? block : nullptr;
+            rig.spec->mmlen = sizeof block;
+            rig.spec->inproc = inproc;
+            g_inproc = {nullptr, 0, 0, error, 0};
+            LogCapture log;
+            rig.step(2);
+            EXPECT_EQ(rig.rc, -1);
+            EXPECT_EQ(rig.moved, 0);
+            EXPECT_EQ(g_inproc.calls, 1);
+            EXPECT_EQ(rig.results(), 0U);
+            if (error == EAGAIN) {
+                EXPECT_EQ(rig.err, EAGAIN);
+                EXPECT_EQ(log.text(), "");
+            } else {
+                EXPECT_EQ(log.lines(),
+                          Lines{"(ERR)  transfer (" + std::to_string(in) + "->" + std::to_string(out) +
+                                ", 2 bytes) ??? ERROR(22): Invalid argument"});
+            }
+        }
+    }
+    EXPECT_EQ(content(out), "");
+    close(in);
+    close(out);
+}
+
+TEST_F(FdioTransfer, kept_BetweenDescriptorsInprocDoesNotSeeTheData)
+{
+    const int in = memory_file("abcdef");
+    const int out = memory_file("");
+    Rig rig(in, out, 0, true, 1);
+    rig.spec->inproc = inproc;
+    g_inproc = {nullptr, 0, 2, 0, 0};
+    rig.step(4);
+    EXPECT_STEP(rig, 0, 2, 0, 0);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(g_inproc.address), 1U); // no block, plus the position
+    EXPECT_EQ(g_inproc.count, 4);
+    EXPECT_EQ(content(out), "bc");
+    EXPECT_EQ(rig.offset, 3);
+    close(in);
+    close(out);
+}
+
+TEST_F(FdioTransfer, ATotalThatTheBufferCannotHoldIsAnAssertion)
+{
+    for (const ssize_t total :
+         {ssize_t{65537}, ssize_t{-1}, ssize_t{0}, std::numeric_limits<ssize_t>::min()}) {
+        g_inproc = {nullptr, 0, total, 0, 0};
+        const std::string text = abort_text([] {
+            Rig rig(memory_file("abc"), memory_file(""), 0);
+            rig.spec->inproc = inproc;
+            return rig.step(2);
+        });
+        EXPECT_NE(text.find(": Assertion"), std::string::npos) << text;
+    }
+    const int in = memory_file("abc");
+    const int out = memory_file("");
+    Rig rig(in, out, 0);
+    rig.spec->inproc = inproc;
+    g_inproc = {nullptr, 0, 65536, 0, 0}; // all that it holds may go
+    rig.step(2);
+    EXPECT_STEP(rig, 0, 65536, 0, 0);
+    close(in);
+    close(out);
+}
+
+TEST_F(FdioTransfer, AWildTotalInMemoryOverflowsNothing)
+{
+    const int in = memory_file("abcdef");
+    char block[8] = {};
+    Rig rig(in, -1, 0, true, 2);
+    rig.spec->mmem = block;
+    rig.spec->mmlen = sizeof block;
+    rig.spec->inproc = inproc;
+    g_inproc = {nullptr, 0, std::numeric_limits<ssize_t>::max(), 0, 0};
+    rig.step(2);
+    EXPECT_EQ(rig.offset, std::numeric_limits<off_t>::min() + 1);
+    LogCapture log;
+    rig.spec->inproc = nullptr;
+    rig.step(2);
+    EXPECT_STEP(rig, 0, 0, FDIO_EOF, 0);
+    close(in);
+}
+
+TEST_F(FdioTransfer, InprocBetweenDescriptorsNeedsAnOffset)
+{
+    const std::string text = abort_text([] {
+        Rig rig(memory_file("abc"), memory_file(""), 0, false);
+        rig.spec->inproc = inproc;
+        return rig.step(2);
+    });
+    EXPECT_NE(text.find("buffer_step: Assertion"), std::string::npos) << text;
+}
+
+namespace {
+
+constexpr size_t kStormBytes = size_t{192} << 20;
+
+volatile sig_atomic_t g_alarms = 0;
+
+// A signal every 200 microseconds that ends blocked calls.
+void start_storm()
+{
+    struct sigaction action {};
+
+    action.sa_handler = [](int) { g_alarms = g_alarms + 1; };
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval often{{0, 200}, {0, 200}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+}
+
+void end_storm()
+{
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
+}
+
+uint64_t next_word(uint64_t& state)
+{
+    uint64_t z = (state += 0x9e3779b97f4a7c15);
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
+    z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
+    return z ^ (z >> 31);
+}
+
+// A file in memory, mapped.
+class Mapped {
+  public:
+    Mapped() : fd(memfd_create("storm", MFD_CLOEXEC))
+    {
+        EXPECT_EQ(ftruncate(fd, static_cast<off_t>(kStormBytes)), 0);
+        words = static_cast<uint64_t*>(mmap(nullptr, kStormBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+        EXPECT_NE(words, MAP_FAILED);
+    }
+
+    ~Mapped()
+    {
+        munmap(words, kStormBytes);
+        close(fd);
+    }
+
+    Mapped(const Mapped&) = delete;
+    Mapped& operator=(const Mapped&) = delete;
+
+    int fd;
+    uint64_t* words;
+};
+
+enum class Road { Buffer, Sendfile, Memory };
+
+// Moves the whole file to a socket, and in another process from there to a second file; both under the storm.
+void move_under_storm(Road road)
+{
+    FdGuard guard;
+    Mapped source;
+    const Mapped target;
+    uint64_t state = 42;
+    for (size_t i = 0; i < kStormBytes / sizeof(uint64_t); ++i) {
+        source.words[i] = next_word(state);
+    }
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    const pid_t receiver = fork();
+    if (receiver == 0) {
+        close(ends[0]);
+        start_storm();
+        Rig rig(ends[1], target.fd, 0, false);
+        while (rig.step(0) == 0 && (rig.results() & FDIO_EOF) == 0) {
+        }
+        _exit(rig.rc == 0 ? 0 : 1);
+    }
+    close(ends[1]);
+    start_storm();
+    Rig rig(source.fd, ends[0], road == Road::Sendfile ? FDIO_SENDFILE : 0);
+    rig.spec->mmem = road == Road::Memory ? source.words : nullptr;
+    rig.spec->mmlen = kStormBytes;
+    rig.spec->mmem_out = 1;
+    while (rig.offset < static_cast<off_t>(kStormBytes) &&
+           rig.step(kStormBytes - static_cast<size_t>(rig.offset)) == 0 && rig.moved > 0) {
+    }
+    end_storm();
+    close(ends[0]);
+    EXPECT_EQ(rig.offset, static_cast<off_t>(kStormBytes));
+    int status = -1;
+    while (waitpid(receiver, &status, 0) != receiver && errno == EINTR) {
+    }
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(memcmp(source.words, target.words, kStormBytes), 0);
+    EXPECT_GT(g_alarms, 0);
+}
+
+} // namespace
+
+TEST_F(FdioTransfer, ALargeFileArrivesBitIdenticalUnderAStormOfSignals)
+{
+    move_under_storm(Road::Buffer);
+}
+
+TEST_F(FdioTransfer, ALargeFileArrivesBitIdenticalBySendfileUnderAStormOfSignals)
+{
+    move_under_storm(Road::Sendfile);
+}
+
+TEST_F(FdioTransfer, ALargeBlockArrivesBitIdenticalUnderAStormOfSignals)
+{
+    move_under_storm(Road::Memory);
+}
+
+TEST_F(FdioTransfer, ABlockIsFilledFromASocketPieceByPiece)
+{
+    Pair pair;
+    std::string block(100000, '\0');
+    std::string expected(100000, '\0');
+    uint64_t state = 7;
+    for (char& c : expected) {
+        c = static_cast<char>(next_word(state));
+    }
+    Rig rig(pair.ours(), -1, 0);
+    rig.spec->mmem = block.data();
+    rig.spec->mmlen = block.size();
+    for (size_t sent = 0; sent < expected.size();) {
+        const size_t piece = std::min<size_t>(1 + next_word(state) % 9000, expected.size() - sent);
+        ASSERT_EQ(write(pair.peer(), expected.data() + sent, piece), static_cast<ssize_t>(piece));
+        sent += piece;
+        rig.step(block.size() - static_cast<size_t>(rig.offset));
+        ASSERT_EQ(rig.moved, static_cast<ssize_t>(piece));
+    }
+    EXPECT_EQ(block, expected);
+}
