@@ -1,0 +1,177 @@
+// What `cmake --install` puts in place, and that others can build on it.
+#include <filesystem>
+#include <fstream>
+#include <sys/stat.h>
+
+#include "daemon.h"
+
+namespace support {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A variable of the build's cache.
+std::string cached(const std::string& name)
+{
+    std::ifstream file(TEST_BUILD_DIR "/CMakeCache.txt");
+    for (std::string line; std::getline(file, line);) {
+        if (line.starts_with(name + ":")) {
+            return line.substr(line.find('=') + 1);
+        }
+    }
+    return "";
+}
+
+// A program in C that owes the library its flags and uses a table, the log and the version.
+constexpr const char* kConsumer = R"(#include <morvane/gkh.h>
+#include <morvane/libmeta.h>
+#include <morvane/log.h>
+
+DECLARE_MLL(MLL_COMMON);
+volatile sig_atomic_t g_quit, g_hup, g_usr1, g_sigctx, g_goodbye;
+
+int main(void)
+{
+    nkht_t table = 0;
+    glog_init("consumer");
+    log_default(&g_log, stdout);
+    log_timefmt(&g_log, f_NO_TIME);
+    if (nkht_create(&table, 16, tw_shift) != 0) {
+        return 1;
+    }
+    log_norm("%s\n", lbmvn_info());
+    nkht_destroy(table, NULL);
+    return 0;
+}
+)";
+constexpr const char* kConsumerSays = "(NRM)  libmvn/1.0-2.25 (d15a4342) @1557583422\n";
+
+} // namespace
+
+class Install : public testing::Test {
+  protected:
+    // Installs the build under a directory of the test's own, as a package is made.
+    void SetUp() override
+    {
+        const std::vector<std::string> command{"env", "DESTDIR=" + root_.path(), "cmake", "--install",
+                                               TEST_BUILD_DIR};
+        const ChildResult result = run_program(command, std::chrono::seconds(60));
+        ASSERT_EQ(result.exit_code, 0) << result.out << result.err;
+        prefix_ = root_.path() + cached("CMAKE_INSTALL_PREFIX");
+        for (const fs::path& path : fs::recursive_directory_iterator(prefix_)) {
+            if (path.extension() == ".pc") {
+                libdir_ = path.parent_path().parent_path();
+            }
+        }
+        ASSERT_FALSE(libdir_.empty());
+        ASSERT_TRUE(fs::create_directory(work_ = root_.file("work")));
+    }
+
+    void expect_file(const std::string& name) const
+    {
+        EXPECT_TRUE(fs::is_regular_file(prefix_ / name)) << prefix_ / name;
+    }
+
+    static void must_do(const std::vector<std::string>& command)
+    {
+        const ChildResult result = run_program(command, std::chrono::seconds(100));
+        ASSERT_EQ(result.exit_code, 0) << command[0] << ":\n" << result.out << result.err;
+    }
+
+    // Flags that a program needs to meet a library with sanitizers.
+    static std::string sanitizer_flags()
+    {
+        const std::string kinds = cached("MORVANE_SANITIZE");
+        return kinds.empty() ? "" : "-fsanitize=" + kinds;
+    }
+
+    void expect_runs(const fs::path& program) const
+    {
+        const ChildResult result = run_program({"env", "LD_LIBRARY_PATH=" + libdir_.string(), program});
+        EXPECT_EQ(result.exit_code, 0) << result.err;
+        EXPECT_EQ(result.out, kConsumerSays);
+    }
+
+    TempDir root_;
+    fs::path prefix_;
+    fs::path libdir_;
+    fs::path work_;
+};
+
+TEST_F(Install, has_the_agent_its_page_its_unit_and_its_logrotate_settings)
+{
+    expect_file("sbin/zent");
+    expect_file("share/man/man8/zent.8");
+    expect_file("lib/systemd/system/zent@.service");
+    expect_file("etc/logrotate.d/zent");
+    expect_file("share/doc/morvane/examples/zent.env");
+}
+
+TEST_F(Install, has_the_library_in_both_forms_and_what_others_need_to_find_it)
+{
+    EXPECT_TRUE(fs::is_regular_file(libdir_ / "libmorvane.a"));
+    EXPECT_TRUE(fs::is_symlink(libdir_ / "libmorvane.so"));
+    EXPECT_TRUE(fs::is_symlink(libdir_ / "libmorvane.so.1"));
+    EXPECT_TRUE(fs::is_regular_file(libdir_ / "libmorvane.so"));
+    EXPECT_TRUE(fs::is_regular_file(libdir_ / "pkgconfig/libmorvane.pc"));
+    EXPECT_TRUE(fs::is_regular_file(libdir_ / "cmake/morvane/morvane-config.cmake"));
+    EXPECT_TRUE(fs::is_regular_file(libdir_ / "cmake/morvane/morvane-config-version.cmake"));
+    EXPECT_TRUE(fs::is_regular_file(libdir_ / "cmake/morvane/morvane-targets.cmake"));
+}
+
+TEST_F(Install, has_every_header_and_none_that_is_private)
+{
+    size_t count = 0;
+    for (const auto& header : fs::directory_iterator(TEST_SOURCE_DIR "/include")) {
+        expect_file("include/morvane/" + header.path().filename().string());
+        ++count;
+    }
+    const fs::directory_iterator installed(prefix_ / "include/morvane");
+    EXPECT_EQ(static_cast<size_t>(std::distance(begin(installed), end(installed))), count);
+    EXPECT_GE(count, 20U);
+}
+
+TEST_F(Install, has_the_binary_that_was_built_for_everybody_to_run)
+{
+    EXPECT_EQ(read_file(prefix_ / "sbin/zent"), read_file(TEST_ZENT));
+    struct stat st = {};
+    ASSERT_EQ(stat((prefix_ / "sbin/zent").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777U, 0755U);
+    EXPECT_EQ(run_program({prefix_ / "sbin/zent"}).exit_code, 1);
+}
+
+TEST_F(Install, a_cmake_project_finds_the_package_and_links_either_form)
+{
+    std::ofstream(work_ / "main.c") << kConsumer;
+    std::ofstream(work_ / "CMakeLists.txt")
+        << "cmake_minimum_required(VERSION 3.25)\n"
+           "project(consumer LANGUAGES C CXX)\n"
+           "find_package(morvane 1.0 REQUIRED)\n"
+           "foreach(form shared static)\n"
+           "  add_executable(with_${form} main.c)\n"
+           "  target_link_libraries(with_${form} PRIVATE morvane::${form})\n"
+           "endforeach()\n";
+    const fs::path build = work_ / "build";
+    must_do({"cmake", "-S", work_, "-B", build, "-G", "Ninja", "-DCMAKE_PREFIX_PATH=" + prefix_.string(),
+             "-DCMAKE_C_COMPILER=" + cached("CMAKE_C_COMPILER"),
+             "-DCMAKE_CXX_COMPILER=" + cached("CMAKE_CXX_COMPILER"), "-DCMAKE_C_FLAGS=" + sanitizer_flags()});
+    must_do({"cmake", "--build", build});
+    expect_runs(build / "with_shared");
+    expect_runs(build / "with_static");
+}
+
+TEST_F(Install, pkg_config_gives_the_flags_of_the_library)
+{
+    std::ofstream(work_ / "main.c") << kConsumer;
+    const fs::path program = work_ / "program";
+    const std::string pkg_config = "PKG_CONFIG_LIBDIR=" + (libdir_ / "pkgconfig").string() +
+                                   " PKG_CONFIG_SYSROOT_DIR=" + root_.path() +
+                                   " pkg-config --cflags --libs libmorvane";
+    must_do({"sh", "-c",
+             "cc -std=gnu11 -Wall -Werror " + sanitizer_flags() + " " + (work_ / "main.c").string() + " -o " +
+                 program.string() + " $(" + pkg_config + ")"});
+    expect_runs(program);
+}
+
+} // namespace support
