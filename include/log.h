@@ -122,9 +122,7 @@ struct log_ctx {
 #else
 #define ZERO_LOG                                                                                             \
     {                                                                                                        \
-        {                                                                                                    \
-            0                                                                                                \
-        }                                                                                                    \
+        0                                                                                                    \
     }
 #endif
 

@@ -2,13 +2,11 @@
 #include "log.h"
 
 #include <cerrno>
-#include <charconv>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <execinfo.h>
 #include <iterator>
-#include <limits>
 #include <strings.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -136,9 +134,13 @@ bool put_pid(const struct log_ctx* log, Line& line)
     if (log->pid <= 0) {
         return true;
     }
-    char digits[std::numeric_limits<pid_t>::digits10 + 1];
-    const char* end = std::to_chars(std::begin(digits), std::end(digits), log->pid).ptr;
-    const int n = line.put_field(digits, static_cast<size_t>(end - digits));
+    char digits[10];
+    char* const end = std::end(digits);
+    char* at = end;
+    for (pid_t rest = log->pid; rest != 0; rest /= 10) {
+        *--at = static_cast<char>('0' + rest % 10);
+    }
+    const int n = line.put_field(at, static_cast<size_t>(end - at));
     if (n < 0) {
         fprintf(stderr, "%s: pid buffer error (n=%d)", "log_write", -n);
         return false;
