@@ -19,12 +19,14 @@
 
 #include <gtest/gtest.h>
 
+#include "asserted.h"
 #include "child.h"
 #include "fds.h"
 #include "logcap.h"
 #include "oom.h"
 #include "psensor.h"
 
+using support::asserted_in;
 using support::ChildResult;
 using support::FailAllocation;
 using support::FdGuard;
@@ -213,12 +215,12 @@ TEST(FdioBuffer, WithoutABufferATransferIsAnAssertion)
         Rig rig(0, 1, 0);
         return rig.step(1);
     });
-    EXPECT_NE(text.find("transfer: Assertion"), std::string::npos) << text;
+    EXPECT_TRUE(asserted_in(text, "transfer")) << text;
     const std::string by_sendfile = abort_text([] {
         Rig rig(0, 1, FDIO_SENDFILE);
         return rig.step(1);
     });
-    EXPECT_NE(by_sendfile.find("transfer: Assertion"), std::string::npos) << by_sendfile;
+    EXPECT_TRUE(asserted_in(by_sendfile, "transfer")) << by_sendfile;
 }
 
 TEST(FdioBuffer, TheLeastSizeIsTheLimit)
@@ -277,7 +279,7 @@ TEST(FdioBuffer, kept_AFailedResizeLosesTheOldBuffer)
         Rig rig(0, 1, 0);
         return rig.step(1);
     });
-    EXPECT_NE(text.find("transfer: Assertion"), std::string::npos) << text;
+    EXPECT_TRUE(asserted_in(text, "transfer")) << text;
 }
 
 TEST(FdioBuffer, AnAbsurdSizeFailsInsteadOfWrapping)
@@ -338,7 +340,7 @@ TEST(FdioSpec, WithoutMemoryTheProcessEnds)
         return 0;
     });
     EXPECT_NE(text.find("new_transfer_spec: calloc(1, "), std::string::npos) << text;
-    EXPECT_NE(text.find("new_transfer_spec: Assertion"), std::string::npos) << text;
+    EXPECT_TRUE(asserted_in(text, "new_transfer_spec")) << text;
 }
 
 TEST_F(FdioTransfer, ThreeStepsReadAFileOfFiveBytesAndAFourthSeesItsEnd)
@@ -762,7 +764,7 @@ TEST_F(FdioTransfer, MemoryNeedsAnOffset)
         rig.spec->mmlen = sizeof block;
         return rig.step(1);
     });
-    EXPECT_NE(text.find("memory_step: Assertion"), std::string::npos) << text;
+    EXPECT_TRUE(asserted_in(text, "memory_step")) << text;
 }
 
 TEST(FdioMemory, WithoutATransferBufferThePortionIsNothing)
@@ -784,7 +786,7 @@ TEST(FdioMemory, WithoutATransferBufferThePortionIsNothing)
         out.spec->mmem_out = 1;
         return out.step(2);
     });
-    EXPECT_NE(text.find("transfer_out: Assertion"), std::string::npos) << text;
+    EXPECT_TRUE(asserted_in(text, "transfer_out")) << text;
 }
 
 TEST_F(FdioTransfer, InprocSeesTheBlockAndSetsTheTotal)
@@ -905,7 +907,7 @@ TEST_F(FdioTransfer, InprocBetweenDescriptorsNeedsAnOffset)
         rig.spec->inproc = inproc;
         return rig.step(2);
     });
-    EXPECT_NE(text.find("buffer_step: Assertion"), std::string::npos) << text;
+    EXPECT_TRUE(asserted_in(text, "buffer_step")) << text;
 }
 
 namespace {
