@@ -14,8 +14,9 @@ inline bool asserted_in(const std::string& text, const std::string& function)
         return false;
     }
     const size_t line = text.rfind('\n', assertion) + 1;
-    const std::string place = text.substr(line, assertion - line);
-    return place.ends_with(" " + function) || place.find(" " + function + "(") != std::string::npos;
+    const std::string place = text.substr(line, assertion - line) + "(";
+    const size_t name = place.find(function + "(");
+    return name != std::string::npos && name > 0 && (place[name - 1] == ' ' || place[name - 1] == ':');
 }
 
 } // namespace support
