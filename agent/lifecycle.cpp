@@ -70,6 +70,7 @@ int open_log()
 
 int settle_daemon()
 {
+    // Kept: nothing is put in its place. Descriptor 1 goes to the pid file, 2 to whatever is opened next.
     close(STDERR_FILENO);
     if (g_cfg.rt_user[0] != 0) {
         log_info("Running as user [%s]\n", g_cfg.rt_user);
