@@ -15,9 +15,11 @@ namespace mv {
 // end of the buffer cuts before that, in a copy that zeros follow.
 class PacketHead {
   public:
+    static constexpr size_t kSize = 12;
+
     explicit PacketHead(Bytes rest) : head_(rest.data())
     {
-        if (rest.size() < copy_.size()) {
+        if (rest.size() < kSize) {
             copy_.fill(0);
             std::copy(rest.begin(), rest.end(), copy_.begin());
             head_ = copy_.data();
@@ -31,7 +33,7 @@ class PacketHead {
 
   private:
     const uint8_t* head_;
-    std::array<uint8_t, 12> copy_;
+    std::array<uint8_t, kSize> copy_;
 };
 
 inline bool ts_has_pcr(const uint8_t* b)

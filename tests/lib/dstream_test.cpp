@@ -176,7 +176,7 @@ TEST(ProbeSegment, type_switches)
                                   "(WRN)  probe_segment: stream type switch: [abcd]->[RAW]"}));
 }
 
-TEST(ProbeSegment, known_type_and_size_stand_even_on_garbage)
+TEST(ProbeSegment, kept_known_type_and_size_stand_even_on_garbage)
 {
     LogCapture log;
     Buffer garbage(1000, 0xab);
@@ -342,7 +342,7 @@ TEST(ProbePat, kept_no_adaptation_field_is_allowed_for)
     EXPECT_EQ(find_pat(with_byte(pat_packet(), 3, 0x20)), 1U) << "nor is one seen";
 }
 
-TEST(ProbeFrame, a_marked_video_packet)
+TEST(ProbeFrame, kept_a_marked_packet_of_the_first_video_id)
 {
     EXPECT_EQ(find_frame(entry_packet(1)), 1U);
     EXPECT_EQ(find_frame(with_byte(entry_packet(1), 1, 0x01)), 0U) << "no payload start";
