@@ -912,7 +912,7 @@ TEST_F(FdioTransfer, InprocBetweenDescriptorsNeedsAnOffset)
 
 namespace {
 
-constexpr size_t kStormBytes = size_t{192} << 20;
+constexpr size_t kStormBytes = size_t{344} << 20;
 
 volatile sig_atomic_t g_alarms = 0;
 
