@@ -1,0 +1,565 @@
+// Membership of groups, by both forms of the options, as the kernel lists it; hop limit, outgoing interface
+// and scope ids.
+#include "netops_support.h"
+
+#include <algorithm>
+#include <memory>
+#include <net/if.h>
+#include <netinet/in.h>
+
+using namespace net_test;
+using support::FdGuard;
+using support::LogCapture;
+using support::NetnsPair;
+
+namespace {
+
+int g_setsockopt_calls = 0; // in the levels of IP alone
+int g_last_level = -1;
+int g_last_option = -1;
+std::vector<unsigned char> g_last_value;
+
+} // namespace
+
+extern "C" {
+int __real_setsockopt(int, int, int, const void*, socklen_t);
+int __wrap_setsockopt(int, int, int, const void*, socklen_t);
+
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length)
+{
+    ++g_setsockopt_calls;
+    g_last_level = level;
+    g_last_option = name;
+    const auto* bytes = static_cast<const unsigned char*>(value);
+    g_last_value.assign(bytes, bytes + length);
+    return __real_setsockopt(fd, level, name, value, length);
+}
+}
+
+namespace {
+
+// What the last option carried.
+template <class Record>
+Record last_record()
+{
+    Record record{};
+    EXPECT_EQ(g_last_value.size(), sizeof record);
+    memcpy(&record, g_last_value.data(), std::min(sizeof record, g_last_value.size()));
+    return record;
+}
+
+// The test's process stands in the first namespace of the pair ("va").
+struct Segment {
+    NetnsPair pair;
+
+    Segment() { pair.enter_a(); }
+};
+
+struct InfoDeleter {
+    void operator()(ifc_info* info) const { free(info); }
+};
+
+using Info = std::unique_ptr<ifc_info, InfoDeleter>;
+
+Info info_of(int family, const char* tag)
+{
+    return Info(get_ifc_info(family, tag));
+}
+
+Fd udp(int family)
+{
+    return Fd(socket(family, SOCK_DGRAM, 0));
+}
+
+} // namespace
+
+TEST(NetopsMcast, ipv4_group_is_joined_and_left_by_index)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    LogCapture log;
+    const Fd fd = udp(AF_INET);
+    const Info va = info_of(AF_INET, "va");
+    sockaddr_storage group = addr("239.1.2.3");
+    EXPECT_EQ(mcast_join(fd, &group, va.get()), 0);
+    EXPECT_EQ(g_last_option, MCAST_JOIN_GROUP);
+    EXPECT_EQ(last_record<group_req>().gr_interface, va->idx);
+    EXPECT_TRUE(is_member("va", group));
+    EXPECT_EQ(mcast_leave(fd, &group, va.get()), 0);
+    EXPECT_EQ(g_last_option, MCAST_LEAVE_GROUP);
+    EXPECT_FALSE(is_member("va", group));
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(NetopsMcast, ipv6_group_is_joined_and_left_by_index)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    LogCapture log;
+    const Fd fd = udp(AF_INET6);
+    const Info va = info_of(AF_INET6, "va");
+    sockaddr_storage group = addr("ff15::4321");
+    EXPECT_EQ(mcast_join(fd, &group, va.get()), 0);
+    EXPECT_EQ(g_last_level, IPPROTO_IPV6);
+    EXPECT_TRUE(is_member("va", group));
+    EXPECT_EQ(mcast_leave(fd, &group, va.get()), 0);
+    EXPECT_FALSE(is_member("va", group));
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(NetopsMcast, without_a_record_the_kernel_chooses)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    LogCapture log(DEBUG_level);
+    const Fd fd = udp(AF_INET);
+    sockaddr_storage group = addr("239.1.2.4");
+    EXPECT_EQ(mcast_join(fd, &group, nullptr), 0);
+    EXPECT_EQ(last_record<group_req>().gr_interface, 0U);
+    EXPECT_TRUE(is_member("va", group)); // by the default route
+    EXPECT_EQ(log.lines(),
+              (Lines{"(DBG)  mcast_join: ifc-name=<none>, idx=0 ifc=(nil)",
+                     "(INF)  mcast_group_op: using GENERIC mulitcast API to MCAST_JOIN group 239.1.2.4:0"}));
+}
+
+TEST(NetopsMcast, lines_of_a_leave_and_of_the_older_form)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    const Fd fd = udp(AF_INET6);
+    const Info va = info_of(AF_INET6, "va");
+    sockaddr_storage group = addr("ff15::1", 99);
+    set_legacy_mcast_api(1);
+    EXPECT_EQ(mcast_join(fd, &group, va.get()), 0);
+    LogCapture log(DEBUG_level);
+    EXPECT_EQ(mcast_leave(fd, &group, va.get()), 0);
+    EXPECT_EQ(
+        log.lines(),
+        (Lines{
+            text("(DBG)  mcast_leave: ifc-name=va, idx=%u ifc=%p", va->idx, static_cast<void*>(&va->ss)),
+            "(INF)  mcast_group_op: using protocol-specific mulitcast API to MCAST_LEAVE group [ff15::1]:99"}));
+}
+
+TEST(NetopsMcast, membership_ends_with_the_socket)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    sockaddr_storage group = addr("239.1.2.5");
+    {
+        const Fd fd = udp(AF_INET);
+        EXPECT_EQ(mcast_join(fd, &group, nullptr), 0);
+        EXPECT_TRUE(is_member("va", group));
+    }
+    EXPECT_FALSE(is_member("va", group));
+}
+
+TEST(NetopsMcast, failed_operations_leave_two_lines_and_errno)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    LogCapture log;
+    const Fd fd = udp(AF_INET);
+    sockaddr_storage group = addr("239.1.2.6");
+    EXPECT_EQ(mcast_leave(fd, &group, nullptr), -1);
+    EXPECT_EQ(errno, EADDRNOTAVAIL);
+    const Lines lines = log.lines();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].find(text("(ERR)  mcast_group_op: setsockopt(%d, 0, 45, 0x", int{fd})), 0U)
+        << lines[0];
+    EXPECT_NE(lines[0].find(", 136) ERROR(99)"), std::string::npos) << lines[0];
+    EXPECT_EQ(lines[1],
+              text("(ERR)  mcast_leave: MCAST_LEAVE fd=%d: Cannot assign requested address", int{fd}));
+    log.clear();
+    sockaddr_storage unicast = addr("10.0.0.9");
+    EXPECT_EQ(mcast_join(fd, &unicast, nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(log.lines().size(), 2U);
+    EXPECT_EQ(log.lines()[1], text("(ERR)  mcast_join: MCAST_JOIN fd=%d: Invalid argument", int{fd}));
+}
+
+TEST(NetopsMcast, unknown_family_fails_in_both_forms)
+{
+    FdGuard guard;
+    LogCapture log;
+    const Fd fd = udp(AF_INET);
+    sockaddr_storage group = of_family(AF_UNIX);
+    EXPECT_EQ(mcast_join(fd, &group, nullptr), -1);
+    EXPECT_EQ(g_last_level, -1);
+    EXPECT_EQ(log.lines().size(), 2U);
+    log.clear();
+    set_legacy_mcast_api(1);
+    g_setsockopt_calls = 0;
+    errno = 0;
+    EXPECT_EQ(mcast_join(fd, &group, nullptr), -1);
+    EXPECT_EQ(g_setsockopt_calls, 0);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  mcast_group_op: unsupported family 1",
+                                  text("(ERR)  mcast_join: MCAST_JOIN fd=%d: Success", int{fd})}));
+}
+
+TEST(NetopsMcast, kept_legacy_switch_is_never_turned_off)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    LogCapture log;
+    const Fd fd = udp(AF_INET6);
+    const Info va = info_of(AF_INET6, "va");
+    sockaddr_storage group = addr("ff15::2");
+    set_legacy_mcast_api(0);
+    EXPECT_EQ(mcast_join(fd, &group, va.get()), 0);
+    EXPECT_EQ(g_last_option, MCAST_JOIN_GROUP);
+    EXPECT_EQ(mcast_leave(fd, &group, va.get()), 0);
+    set_legacy_mcast_api(1);
+    set_legacy_mcast_api(0);
+    EXPECT_EQ(mcast_join(fd, &group, va.get()), 0);
+    EXPECT_EQ(g_last_option, IPV6_JOIN_GROUP);
+    EXPECT_EQ(last_record<ipv6_mreq>().ipv6mr_interface, va->idx);
+    EXPECT_TRUE(is_member("va", group));
+    EXPECT_EQ(mcast_leave(fd, &group, va.get()), 0);
+    EXPECT_EQ(g_last_option, IPV6_LEAVE_GROUP);
+    EXPECT_FALSE(is_member("va", group));
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(NetopsMcast, older_ipv4_form_with_any_interface_uses_the_any_address)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    LogCapture log;
+    const Fd fd = udp(AF_INET);
+    set_legacy_mcast_api(1);
+    sockaddr_storage group = addr("239.1.2.7");
+    ifc_info any{};
+    strcpy(any.name, "any");
+    any.idx = 1; // not looked at
+    EXPECT_EQ(mcast_join(fd, &group, &any), 0);
+    EXPECT_EQ(g_last_option, IP_ADD_MEMBERSHIP);
+    EXPECT_EQ(last_record<ip_mreq>().imr_interface.s_addr, htonl(INADDR_ANY));
+    EXPECT_EQ(str(any.ss), "0.0.0.0:0");
+    EXPECT_TRUE(is_member("va", group));
+    EXPECT_EQ(mcast_leave(fd, &group, &any), 0);
+    EXPECT_EQ(g_last_option, IP_DROP_MEMBERSHIP);
+    EXPECT_FALSE(is_member("va", group));
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(NetopsMcast, older_ipv4_form_looks_the_address_up_once)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    LogCapture log;
+    const Fd fd = udp(AF_INET);
+    set_legacy_mcast_api(1);
+    sockaddr_storage group = addr("239.1.2.8");
+    ifc_info info{};
+    strcpy(info.name, "va");
+    EXPECT_EQ(mcast_join(fd, &group, &info), 0);
+    EXPECT_EQ(str(info.ss), "10.0.0.1:0");
+    EXPECT_TRUE(is_member("va", group));
+    strcpy(info.name, "nosuchif"); // not looked at again
+    EXPECT_EQ(mcast_leave(fd, &group, &info), 0);
+    EXPECT_FALSE(is_member("va", group));
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(NetopsMcast, older_ipv4_form_without_an_address_makes_no_call)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    support::must_run("ip -4 addr flush dev va");
+    LogCapture log;
+    const Fd fd = udp(AF_INET);
+    set_legacy_mcast_api(1);
+    sockaddr_storage group = addr("239.1.2.9");
+    sockaddr_storage source = addr("10.0.0.2");
+    ifc_info info{};
+    strcpy(info.name, "va");
+    g_setsockopt_calls = 0;
+    EXPECT_EQ(mcast_join(fd, &group, &info), -1);
+    EXPECT_EQ(ssm_join(fd, &source, &group, &info), -1);
+    EXPECT_EQ(g_setsockopt_calls, 0);
+    const std::string line = "(ERR)  ifc_addr_lookup: failed to look up address for ifc=va";
+    EXPECT_EQ(log.lines(), (Lines{line, line}));
+}
+
+TEST(NetopsMcast, older_ipv4_form_without_a_record_ends_by_assertion)
+{
+    expect_abort([] {
+        set_legacy_mcast_api(1);
+        sockaddr_storage group = addr("239.1.2.9");
+        mcast_join(-1, &group, nullptr);
+    });
+}
+
+TEST(NetopsSsm, source_is_joined_by_the_protocol_independent_form)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    LogCapture log;
+    const Fd fd = udp(AF_INET);
+    const Info va = info_of(AF_INET, "va");
+    sockaddr_storage group = addr("232.1.1.1");
+    sockaddr_storage source = addr("10.0.0.2");
+    EXPECT_EQ(ssm_join(fd, &source, &group, va.get()), 0);
+    EXPECT_EQ(g_last_option, MCAST_JOIN_SOURCE_GROUP);
+    EXPECT_EQ(last_record<group_source_req>().gsr_interface, va->idx);
+    EXPECT_TRUE(has_source_filter("va", "232.1.1.1", "10.0.0.2"));
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(NetopsSsm, ipv6_source_is_joined_by_the_protocol_independent_form)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    LogCapture log;
+    const Fd fd = udp(AF_INET6);
+    const Info va = info_of(AF_INET6, "va");
+    sockaddr_storage group = addr("ff35::1");
+    sockaddr_storage source = addr("fd00::2");
+    EXPECT_EQ(ssm_join(fd, &source, &group, va.get()), 0);
+    EXPECT_EQ(g_last_level, IPPROTO_IPV6);
+    EXPECT_TRUE(is_member("va", group));
+    const std::string filters = contents("/proc/self/net/mcfilter6");
+    EXPECT_NE(filters.find("ff350000000000000000000000000001 fd000000000000000000000000000002"),
+              std::string::npos)
+        << filters;
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(NetopsSsm, source_is_joined_by_the_older_form)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    LogCapture log;
+    const Fd fd = udp(AF_INET);
+    set_legacy_mcast_api(1);
+    ifc_info info{};
+    strcpy(info.name, "va");
+    sockaddr_storage group = addr("232.1.1.2");
+    sockaddr_storage source = addr("10.0.0.2");
+    EXPECT_EQ(ssm_join(fd, &source, &group, &info), 0);
+    EXPECT_EQ(g_last_option, IP_ADD_SOURCE_MEMBERSHIP);
+    EXPECT_EQ(str(info.ss), "10.0.0.1:0");
+    EXPECT_TRUE(has_source_filter("va", "232.1.1.2", "10.0.0.2"));
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(NetopsSsm, older_form_has_no_ipv6_source)
+{
+    FdGuard guard;
+    LogCapture log;
+    const Fd fd = udp(AF_INET6);
+    set_legacy_mcast_api(1);
+    sockaddr_storage group = addr("ff35::1");
+    sockaddr_storage source = addr("fd00::2");
+    g_setsockopt_calls = 0;
+    EXPECT_EQ(ssm_join(fd, &source, &group, nullptr), -22);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(g_setsockopt_calls, 0);
+    EXPECT_EQ(log.lines(),
+              (Lines{"(ERR)  ssm_join: (ssm_proto_op) IPv6-specific SSM not supported",
+                     text("(ERR)  ssm_join: (ssm_proto_op) SSM_JOIN ifc=(null)/0 fd%d: Invalid argument",
+                          int{fd})}));
+}
+
+TEST(NetopsSsm, older_form_ignores_other_families)
+{
+    LogCapture log(DEBUG_level);
+    set_legacy_mcast_api(1);
+    sockaddr_storage group = of_family(AF_UNIX);
+    sockaddr_storage source = of_family(AF_UNIX);
+    g_setsockopt_calls = 0;
+    EXPECT_EQ(ssm_join(-1, &source, &group, nullptr), 0);
+    EXPECT_EQ(g_setsockopt_calls, 0);
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(NetopsSsm, families_that_differ_end_by_assertion)
+{
+    expect_abort([] {
+        sockaddr_storage group = addr("232.1.1.1");
+        sockaddr_storage source = addr("fd00::2");
+        ssm_join(-1, &source, &group, nullptr);
+    });
+}
+
+TEST(NetopsSsm, kept_leave_issues_the_join)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    LogCapture log;
+    const Fd fd = udp(AF_INET);
+    const Info va = info_of(AF_INET, "va");
+    sockaddr_storage group = addr("232.1.1.3");
+    sockaddr_storage source = addr("10.0.0.2");
+    EXPECT_EQ(ssm_leave(fd, &source, &group, va.get()), 0);
+    EXPECT_EQ(g_last_option, MCAST_JOIN_SOURCE_GROUP);
+    EXPECT_TRUE(has_source_filter("va", "232.1.1.3", "10.0.0.2"));
+    EXPECT_EQ(log.lines(), Lines{});
+    // What the kernel says to the second join is the result of the "leave".
+    EXPECT_EQ(ssm_leave(fd, &source, &group, va.get()), -1);
+    EXPECT_EQ(errno, EADDRNOTAVAIL);
+    const Lines lines = log.lines();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].find(text("(ERR)  ssm_generic_op: setsockopt(%d, 0, 46, 0x", int{fd})), 0U)
+        << lines[0];
+    EXPECT_NE(lines[0].find(", 264) ERROR(99)"), std::string::npos) << lines[0];
+    EXPECT_EQ(
+        lines[1],
+        text("(ERR)  ssm_leave: (ssm_generic_op) SSM_JOIN ifc=va/%u fd%d: Cannot assign requested address",
+             va->idx, int{fd}));
+    EXPECT_TRUE(has_source_filter("va", "232.1.1.3", "10.0.0.2"));
+}
+
+TEST(NetopsTtl, is_set_for_both_families)
+{
+    FdGuard guard;
+    LogCapture log(INFO_level);
+    const Fd v4 = udp(AF_INET);
+    const Fd v6 = udp(AF_INET6);
+    EXPECT_EQ(set_mcast_ttl(AF_INET, v4, 17), 0);
+    EXPECT_EQ(set_mcast_ttl(AF_INET6, v6, 255), 0);
+    EXPECT_EQ(int_option(v4, IPPROTO_IP, IP_MULTICAST_TTL), 17);
+    EXPECT_EQ(int_option(v6, IPPROTO_IPV6, IPV6_MULTICAST_HOPS), 255);
+    EXPECT_EQ(log.lines(),
+              (Lines{text("(INF)  set_mcast_ttl: IP mcast fd=%d, op=MULTICAST_TTL(17): OK", int{v4}),
+                     text("(INF)  set_mcast_ttl: IPv6 mcast fd=%d, op=MULTICAST_HOPS(255): OK", int{v6})}));
+}
+
+TEST(NetopsTtl, value_beyond_the_limit_gives_the_error)
+{
+    FdGuard guard;
+    LogCapture log;
+    const Fd v4 = udp(AF_INET);
+    const Fd v6 = udp(AF_INET6);
+    EXPECT_EQ(set_mcast_ttl(AF_INET, v4, 256), EINVAL);
+    EXPECT_EQ(set_mcast_ttl(AF_INET6, v6, 256), EINVAL);
+    const Lines lines = log.lines();
+    ASSERT_EQ(lines.size(), 4U);
+    EXPECT_EQ(lines[1],
+              text("(ERR)  set_mcast_ttl: IP mcast fd=%d, op=MULTICAST_TTL(256): Invalid argument", int{v4}));
+    EXPECT_EQ(
+        lines[3],
+        text("(ERR)  set_mcast_ttl: IPv6 mcast fd=%d, op=MULTICAST_HOPS(256): Invalid argument", int{v6}));
+}
+
+TEST(NetopsTtl, other_family_ends_by_assertion)
+{
+    expect_abort([] { set_mcast_ttl(AF_UNIX, -1, 1); });
+}
+
+TEST(NetopsOutgoing, index_zero_is_refused_without_a_call)
+{
+    FdGuard guard;
+    LogCapture log;
+    const Fd fd = udp(AF_INET6);
+    g_setsockopt_calls = 0;
+    EXPECT_EQ(set_ipv6_sock_ifc(fd, 0), -1);
+    EXPECT_EQ(g_setsockopt_calls, 0);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  set_ipv6_sock_ifc: network interface must be specified"}));
+}
+
+TEST(NetopsOutgoing, index_is_set_and_an_unknown_one_gives_the_error)
+{
+    FdGuard guard;
+    LogCapture log;
+    const Fd fd = udp(AF_INET6);
+    const unsigned int lo = if_nametoindex("lo");
+    EXPECT_EQ(set_ipv6_sock_ifc(fd, lo), 0);
+    EXPECT_EQ(int_option(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF), static_cast<int>(lo));
+    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(set_ipv6_sock_ifc(fd, 54321), ENODEV);
+    const Lines lines = log.lines();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[1], "(ERR)  set_ipv6_sock_ifc: setsockopt IPV6_MULTICAST_IF failed (19): No such device");
+}
+
+TEST(NetopsScope, other_families_are_left_without_a_word)
+{
+    LogCapture log(DEBUG_level);
+    sockaddr_storage ss = addr("239.1.1.1");
+    const sockaddr_storage before = ss;
+    sockaddr_storage ifc{};
+    sync_ipv6addr_scope_id(raw(ss), nullptr, &ifc);
+    EXPECT_EQ(memcmp(&ss, &before, sizeof ss), 0);
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(NetopsScope, scope_that_is_there_stays)
+{
+    LogCapture log;
+    sockaddr_storage ss = addr("ff02::1", 0, 7);
+    sockaddr_storage ifc = addr("fe80::1", 0, 3);
+    sync_ipv6addr_scope_id(raw(ss), "lo", &ifc);
+    EXPECT_EQ(scope_of(ss), 7U);
+    sockaddr_storage unknown{};
+    sync_ipv6addr_scope_id(raw(ss), nullptr, &unknown);
+    EXPECT_EQ(unknown.ss_family, 0);
+    const std::string line = "(ERR)  IPv6 address scope ID 7 left unchanged";
+    EXPECT_EQ(log.lines(), (Lines{line, line}));
+}
+
+TEST(NetopsScope, kept_both_outcomes_are_logged_as_errors)
+{
+    LogCapture log;
+    sockaddr_storage ss = addr("ff02::1");
+    sockaddr_storage linked = addr("fe80::1", 0, 3);
+    sockaddr_storage global = addr("fd00::1");
+    sync_ipv6addr_scope_id(raw(ss), "x", &global);
+    EXPECT_EQ(scope_of(ss), 0U);
+    sync_ipv6addr_scope_id(raw(ss), "x", &linked);
+    EXPECT_EQ(scope_of(ss), 3U);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  IPv6 address scope ID 0 left unchanged",
+                                  "(ERR)  updated IPv6 address scope ID to 3"}));
+}
+
+TEST(NetopsScope, no_name_and_no_address_is_refused)
+{
+    LogCapture log;
+    sockaddr_storage ss = addr("ff02::1");
+    sockaddr_storage ifc{};
+    sync_ipv6addr_scope_id(raw(ss), nullptr, &ifc);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  sync_ipv6addr_scope_id: cannot set scope id, interface or "
+                                  "link-specific address must be selected"}));
+}
+
+TEST(NetopsScope, kept_record_declared_const_is_completed)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    support::must_run("ip -6 addr flush dev va scope global");
+    LogCapture log;
+    sockaddr_storage ss = addr("ff02::99");
+    sockaddr_storage ifc{};
+    sync_ipv6addr_scope_id(raw(ss), "va", &ifc);
+    const unsigned int va = if_nametoindex("va");
+    EXPECT_EQ(ifc.ss_family, AF_INET6);
+    EXPECT_EQ(scope_of(ifc), va);
+    EXPECT_EQ(scope_of(ss), va);
+    EXPECT_EQ(log.lines(), (Lines{text("(ERR)  updated IPv6 address scope ID to %u", va)}));
+}
+
+TEST(NetopsScope, failed_look_up_leaves_the_address)
+{
+    LogCapture log;
+    sockaddr_storage ss = addr("ff02::1");
+    sockaddr_storage ifc{};
+    sync_ipv6addr_scope_id(raw(ss), "nosuchif", &ifc);
+    EXPECT_EQ(scope_of(ss), 0U);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  ifc_addr_lookup: failed to look up address for ifc=nosuchif",
+                                  "(ERR)  IPv6 address scope ID 0 left unchanged"}));
+}
