@@ -379,6 +379,7 @@ int xtract_ts_payload(void* buf, size_t inlen, ssize_t* outlen, int32_t* stype, 
         return -1;
     }
     const ssize_t payload = length - header - footer;
+    // Stands for the day on which the test above is loosened: behind it there is always enough.
     if (payload < TS_MIN_PKTSIZE) {
         log_err("%s: not enough payload (for TS) inside RTP packet: %ld bytes\n", __func__,
                 static_cast<long>(payload));

@@ -1,5 +1,6 @@
 #include "dgram.h"
 
+#include <climits>
 #include <csignal>
 #include <ctime>
 #include <memory>
@@ -147,6 +148,16 @@ TEST_F(Dgram, slot_widths_by_the_time_out)
         EXPECT_EQ(di->stype.num, 0);
         EXPECT_EQ(di->seq.len, 0U);
     }
+}
+
+TEST_F(Dgram, a_time_out_beyond_the_range_of_milliseconds_has_always_passed)
+{
+    const Index di = make(ULONG_MAX);
+    EXPECT_EQ(di->seq_tmout.tv_sec, -1);
+    EXPECT_EQ(di->seq_tmout.tv_nsec, 0);
+    off_t offset = 0;
+    EXPECT_EQ(feed(di, offset, 100, 1), 0);
+    EXPECT_EQ(feed(di, offset, 100, 1), 1);
 }
 
 TEST_F(Dgram, storage_is_reserved_at_once)
