@@ -268,7 +268,9 @@ Daemon DaemonTest::start_usual(const std::vector<std::string>& more) const
     std::vector<std::string> args{"-i", "va", "-l", path("log"), "-p", path("pid")};
     args.insert(args.end(), more.begin(), more.end());
     Daemon daemon = start(args);
-    const auto captures = [&] { return log().find(" is running as UID=") != std::string::npos; };
+    const std::string last_words =
+        ", pid=" + std::to_string(daemon.pid()) + "\n"; // of "zent is running as ..."
+    const auto captures = [&] { return log().find(last_words) != std::string::npos; };
     wait_until([&] { return captures() || !daemon.is_running(); });
     EXPECT_TRUE(captures()) << "the daemon did not come up";
     return daemon;
