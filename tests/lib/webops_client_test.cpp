@@ -1,0 +1,1018 @@
+// The client's half of HTTP: the request's text, the response's head in pieces of any size, real servers.
+#include "webops.h"
+
+#include <arpa/inet.h>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "child.h"
+#include "fds.h"
+#include "logcap.h"
+#include "oom.h"
+#include "wait.h"
+
+using support::FailAllocation;
+using support::FdGuard;
+using support::LogCapture;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// Two connected sockets: ours is the client's, peer plays the server.
+struct Wire {
+    int ours = -1;
+    int peer = -1;
+
+    explicit Wire(int flags = 0)
+    {
+        int fds[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | flags, 0, fds) != 0) {
+            abort();
+        }
+        ours = fds[0];
+        peer = fds[1];
+    }
+
+    Wire(const Wire&) = delete;
+    Wire& operator=(const Wire&) = delete;
+
+    ~Wire()
+    {
+        close(ours);
+        close_peer();
+    }
+
+    void close_peer()
+    {
+        if (peer >= 0) {
+            close(peer);
+        }
+        peer = -1;
+    }
+
+    void say(const std::string& text) const
+    {
+        ASSERT_EQ(write(peer, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+
+    std::string heard() const
+    {
+        char block[8192];
+        const ssize_t n = recv(peer, block, sizeof block, MSG_DONTWAIT);
+        return {block, n > 0 ? static_cast<size_t>(n) : 0};
+    }
+};
+
+// A response being read into a block of its exact size.
+struct Reading {
+    explicit Reading(size_t size = 1024) : buf(size, '\x55') {}
+
+    Reading(const Reading&) = delete;
+    Reading& operator=(const Reading&) = delete;
+
+    ~Reading() { reset_resp_ctx(&ctx); }
+
+    int from(int fd) { return recv_http_response(fd, buf.data(), buf.size(), &ctx); }
+
+    std::string body() const { return {buf.data() + ctx.tail, static_cast<size_t>(ctx.total - ctx.tail)}; }
+
+    std::vector<char> buf;
+    struct http_resp_ctx ctx = NULL_http_ctx;
+};
+
+struct Answer {
+    int rc;
+    int code;
+    std::string location;
+    std::string type;
+    long length;
+};
+
+Answer answer_to(const std::string& head)
+{
+    Wire wire;
+    wire.say(head);
+    wire.close_peer();
+    Reading reading;
+    reading.ctx.content_length = 77;
+    const int rc = reading.from(wire.ours);
+    return {rc, reading.ctx.code, reading.ctx.location != nullptr ? reading.ctx.location : "(null)",
+            reading.ctx.content_type, reading.ctx.content_length};
+}
+
+const std::string kPlain = "HTTP/1.1 200 OK\r\nServer: x\r\n\r\n";
+
+std::string request_text(const char* line, const char* host, const char* connection, const char* agent)
+{
+    return std::string("GET ") + line + "\r\nHost: " + host + "\r\nConnection: " + connection +
+           "\r\nUser-Agent: " + agent +
+           "\r\nAccept: text/html,video/*, application/*\r\nAccept-Language: en-US,en,ru\r\n"
+           "Accept-Charset: ISO-8859-1,UTF-8\r\nCache-Control: no-cache\r\n\r\n";
+}
+
+std::string sent_by(struct http_request request)
+{
+    Wire wire;
+    EXPECT_EQ(send_http_request(wire.ours, &request), 0);
+    return wire.heard();
+}
+
+} // namespace
+
+TEST(WebSend, RequestWordForWord)
+{
+    const FdGuard fds;
+    LogCapture log;
+    EXPECT_EQ(sent_by({RQTYPE_GET, 0, "/a?b", "agent/1", "host", "8080"}),
+              request_text("/a?b HTTP/1.1", "host:8080", "close", "agent/1"));
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(WebSend, FlagsChooseVersionAndConnection)
+{
+    EXPECT_EQ(sent_by({RQTYPE_GET, RQFLAG_HTTP10_GET, "/", "t", "h", nullptr}),
+              request_text("/ HTTP/1.0", "h", "close", "t"));
+    EXPECT_EQ(sent_by({RQTYPE_GET, RQFLAG_KEEPALIVE, "/", "t", "h", nullptr}),
+              request_text("/ HTTP/1.1", "h", "keep-alive", "t"));
+    EXPECT_EQ(sent_by({RQTYPE_GET, RQFLAG_HTTP10_GET | RQFLAG_KEEPALIVE, "/", "t", "h", nullptr}),
+              request_text("/ HTTP/1.0", "h", "keep-alive", "t"));
+}
+
+TEST(WebSend, LeadingSlashIsAddedWhereThereIsNone)
+{
+    EXPECT_EQ(sent_by({RQTYPE_GET, 0, "a", "t", "h", nullptr}),
+              request_text("/a HTTP/1.1", "h", "close", "t"));
+    EXPECT_EQ(sent_by({RQTYPE_GET, 0, "", "t", "h", nullptr}), request_text("/ HTTP/1.1", "h", "close", "t"));
+    EXPECT_EQ(sent_by({RQTYPE_GET, 0, "//a", "t", "h", nullptr}),
+              request_text("//a HTTP/1.1", "h", "close", "t"));
+}
+
+TEST(WebSend, HostWithoutNameIsLocalhost)
+{
+    EXPECT_EQ(sent_by({RQTYPE_GET, 0, "/", "t", nullptr, nullptr}),
+              request_text("/ HTTP/1.1", "localhost", "close", "t"));
+    EXPECT_EQ(sent_by({RQTYPE_GET, 0, "/", "t", "", "81"}),
+              request_text("/ HTTP/1.1", "localhost:81", "close", "t"));
+}
+
+TEST(WebSend, BlankPortIsNoPort)
+{
+    for (const char* port : {"", " ", "\t80", "\r", "\n"}) {
+        EXPECT_EQ(sent_by({RQTYPE_GET, 0, "/", "t", "h", port}),
+                  request_text("/ HTTP/1.1", "h", "close", "t"));
+    }
+}
+
+TEST(WebSend, OnlyGetIsSent)
+{
+    const FdGuard fds;
+    Wire wire;
+    LogCapture log;
+    struct http_request request = {RQTYPE_HEAD, 0, "/", "t", "h", nullptr};
+    EXPECT_EQ(send_http_request(wire.ours, &request), -1);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  send_http_request: only GET requests are currently supported."}));
+    EXPECT_EQ(wire.heard(), "");
+}
+
+TEST(WebSend, HostLimit)
+{
+    LogCapture log;
+    const std::string host126(126, 'h');
+    EXPECT_NE(sent_by({RQTYPE_GET, 0, "/", "t", host126.c_str(), nullptr}).find("Host: " + host126 + "\r\n"),
+              std::string::npos);
+    EXPECT_EQ(log.lines(), Lines{});
+    Wire wire;
+    const std::string host128(128, 'h');
+    struct http_request request = {RQTYPE_GET, 0, "/", "t", host128.c_str(), nullptr};
+    EXPECT_EQ(send_http_request(wire.ours, &request), -1);
+    const std::string host125(125, 'h');
+    request.host_addr = host125.c_str();
+    request.host_port = "80";
+    EXPECT_EQ(send_http_request(wire.ours, &request), -1);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  send_http_request: host buffer is too small, 128 bytes needed",
+                                  "(ERR)  send_http_request: host buffer is too small, 128 bytes needed"}));
+    EXPECT_EQ(wire.heard(), "");
+}
+
+TEST(WebSend, kept_HostOfExactly127CharactersLosesItsLast)
+{
+    LogCapture log;
+    const std::string host(127, 'h');
+    EXPECT_NE(sent_by({RQTYPE_GET, 0, "/", "t", host.c_str(), nullptr})
+                  .find("Host: " + host.substr(0, 126) + "\r\n"),
+              std::string::npos);
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(WebSend, RequestLimit)
+{
+    const size_t frame = request_text("/ HTTP/1.1", "h", "close", "t").size() - 1;
+    LogCapture log;
+    const std::string fits = "/" + std::string(2046 - frame - 1, 'x');
+    EXPECT_EQ(sent_by({RQTYPE_GET, 0, fits.c_str(), "t", "h", nullptr}),
+              request_text((fits + " HTTP/1.1").c_str(), "h", "close", "t"));
+    EXPECT_EQ(log.lines(), Lines{});
+    Wire wire;
+    const std::string over = fits + "xx";
+    struct http_request request = {RQTYPE_GET, 0, over.c_str(), "t", "h", nullptr};
+    EXPECT_EQ(send_http_request(wire.ours, &request), -1);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  send_http_request: buffer is too small, 2048 bytes required."}));
+    EXPECT_EQ(wire.heard(), "");
+}
+
+TEST(WebSend, kept_RequestOfExactly2047CharactersGoesOutWithAZeroByteAtItsEnd)
+{
+    const size_t frame = request_text("/ HTTP/1.1", "h", "close", "t").size() - 1;
+    const std::string path = "/" + std::string(2047 - frame - 1, 'x');
+    std::string expected = request_text((path + " HTTP/1.1").c_str(), "h", "close", "t");
+    ASSERT_EQ(expected.size(), 2047U);
+    expected.back() = '\0';
+    EXPECT_EQ(sent_by({RQTYPE_GET, 0, path.c_str(), "t", "h", nullptr}), expected);
+}
+
+TEST(WebSend, FailedAndShortWrites)
+{
+    const FdGuard fds;
+    LogCapture log;
+    struct http_request request = {RQTYPE_GET, 0, "/", "t", "h", nullptr};
+    EXPECT_EQ(send_http_request(-1, &request), -1);
+    EXPECT_EQ(errno, EBADF);
+    ASSERT_EQ(log.lines().size(), 2U); // of the write itself, and of this layer
+    EXPECT_EQ(log.lines()[1], "(ERR)  send_http_request: error sending HTTP request to fd=-1");
+
+    // A pipe with less room than the request takes a part of it.
+    int pipe_fds[2];
+    ASSERT_EQ(pipe2(pipe_fds, O_NONBLOCK), 0);
+    const int capacity = fcntl(pipe_fds[1], F_SETPIPE_SZ, 4096);
+    ASSERT_EQ(capacity, 4096);
+    const std::string path = "/" + std::string(1500, 'x');
+    request.request = path.c_str();
+    log.clear();
+    int sent = 0;
+    while (send_http_request(pipe_fds[1], &request) == 0) {
+        ASSERT_LT(++sent, 4);
+    }
+    close(pipe_fds[0]);
+    close(pipe_fds[1]);
+    const std::string last = log.lines().back();
+    EXPECT_TRUE(last.find("send_http_request: error sending HTTP request to fd=") != std::string::npos ||
+                last.find("send_http_request: only ") != std::string::npos)
+        << last;
+}
+
+TEST(WebSend, ShortWriteIsAWarningAndAFailure)
+{
+    const FdGuard fds;
+    // A regular file that may not grow beyond a limit takes a part of a write.
+    char name[] = "/tmp/webops_short_XXXXXX";
+    const int fd = mkstemp(name);
+    ASSERT_GE(fd, 0);
+    unlink(name);
+    const auto result = support::run_in_child([fd] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{100, 100};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        log_default(&g_log, stderr);
+        log_timefmt(&g_log, f_NO_TIME);
+        struct http_request request = {RQTYPE_GET, 0, "/", "t", "h", nullptr};
+        return send_http_request(fd, &request) == -1 ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_code, 0);
+    const size_t whole = request_text("/ HTTP/1.1", "h", "close", "t").size();
+    EXPECT_EQ(result.err, "(WRN)  send_http_request: only 100 out of " + std::to_string(whole) +
+                              " bytes sent to fd=" + std::to_string(fd) + "\n");
+    close(fd);
+}
+
+TEST(WebSend, FullWriteIsShownAtDebugLevel)
+{
+    Wire wire;
+    LogCapture log(DEBUG_level);
+    struct http_request request = {RQTYPE_GET, 0, "/", "t", "h", nullptr};
+    EXPECT_EQ(send_http_request(wire.ours, &request), 0);
+    const std::string text = request_text("/ HTTP/1.1", "h", "close", "t");
+    EXPECT_EQ(log.text(), "(DBG)  send_http_request: sent " + std::to_string(text.size()) +
+                              " bytes to fd=" + std::to_string(wire.ours) + ":\n" + text);
+}
+
+TEST(WebGet, UrlBecomesARequest)
+{
+    const FdGuard fds;
+
+    struct Case {
+        const char* url;
+        const char* line;
+        const char* host;
+    };
+
+    for (const Case& c : {
+             Case{"http://h/a", "/a HTTP/1.1", "h"},
+             Case{"http://h", "/ HTTP/1.1", "h"},
+             Case{"http://h?", "/ HTTP/1.1", "h"},
+             Case{"http://h:8080/a/b?c=d", "/a/b?c=d HTTP/1.1", "h:8080"},
+             Case{"http://h:8080?c=d", "/?c=d HTTP/1.1", "h:8080"},
+             Case{"http://[::1]:80/x", "/x HTTP/1.1", "::1:80"},
+             Case{"http://u@h/x", "/x HTTP/1.1", "h"},
+             Case{"udp://h:1/x", "/x HTTP/1.1", "h:1"}, // the scheme is the caller's business
+             Case{"http://:81/x", "/x HTTP/1.1", "localhost:81"},
+         }) {
+        Wire wire;
+        EXPECT_EQ(send_http_get(wire.ours, c.url, "tag", false), 0);
+        EXPECT_EQ(wire.heard(), request_text(c.line, c.host, "close", "tag")) << c.url;
+    }
+}
+
+TEST(WebGet, kept_BracketedHostWithoutPortAsksForItsBracket)
+{
+    Wire wire;
+    EXPECT_EQ(send_http_get(wire.ours, "http://[::1]/x", "tag", false), 0);
+    EXPECT_EQ(wire.heard(), request_text("/]/x HTTP/1.1", "::1", "close", "tag"));
+}
+
+TEST(WebGet, Version10OnDemand)
+{
+    Wire wire;
+    LogCapture log(DEBUG_level);
+    EXPECT_EQ(send_http_get(wire.ours, "http://h/a", "tag", true), 0);
+    EXPECT_EQ(wire.heard(), request_text("/a HTTP/1.0", "h", "close", "tag"));
+    EXPECT_EQ(log.lines()[0], "(DBG)  send_http_get: Using HTTP/1.0 request");
+}
+
+TEST(WebGet, LongestQueryArrivesWhole)
+{
+    Wire wire;
+    const std::string query(URI_QUERY_MAX - 1, 'q');
+    EXPECT_EQ(send_http_get(wire.ours, ("http://h/a?" + query).c_str(), "tag", false), 0);
+    EXPECT_EQ(wire.heard(), request_text(("/a?" + query + " HTTP/1.1").c_str(), "h", "close", "tag"));
+}
+
+TEST(WebGet, RefusedUrlsSendNothing)
+{
+    const FdGuard fds;
+    Wire wire;
+    LogCapture log;
+    EXPECT_EQ(send_http_get(wire.ours, "no url", "tag", false), -1);
+    log.clear();
+    EXPECT_EQ(send_http_get(wire.ours, "http://[::1/x", "tag", false), -1);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  uri_path_addrport: ERROR parsing path=[[::1/x]",
+                                  "(ERR)  send_http_get: URI has no path tail: http://[::1/x"}));
+    EXPECT_EQ(wire.heard(), "");
+}
+
+TEST(WebRead, OkWithBodyBytesBehindTheHead)
+{
+    const FdGuard fds;
+    Wire wire;
+    wire.say(kPlain + "body");
+    Reading reading;
+    LogCapture log;
+    EXPECT_EQ(reading.from(wire.ours), 0);
+    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(reading.ctx.code, 200);
+    EXPECT_EQ(reading.ctx.tail, static_cast<ssize_t>(kPlain.size()));
+    EXPECT_EQ(reading.body(), "body");
+    // The head is one text: the marker's last byte became its terminator.
+    EXPECT_EQ(std::string(reading.buf.data()), kPlain.substr(0, kPlain.size() - 1));
+}
+
+TEST(WebRead, VersionsAreServedAlike)
+{
+    for (const char* head : {"HTTP/1.0 200 OK\r\n\r\n", "HTTP/1.1 200 OK\r\n\r\n", "HTTP/2.0 200 OK\r\n\r\n",
+                             "HTTP/1.1 200 OK\n\n"}) {
+        EXPECT_EQ(answer_to(head).rc, 0) << head;
+        EXPECT_EQ(answer_to(head).code, 200) << head;
+    }
+}
+
+TEST(WebRead, StatusLinesThatAreRefused)
+{
+    struct Case {
+        const char* line;
+        int parsed;
+    };
+
+    for (const Case& c : {Case{"HTTP/11.0 200 OK", 1}, Case{"HTTP/1.1 200", 3}, Case{"HTTP/1.1 200 ", 3},
+                          Case{"HTTP/1.1 OK", 2}, Case{"http/1.1 200 OK", 0}, Case{"HTTP/1.11 200 OK", 3},
+                          Case{"ICY 200 OK", 0}, Case{"", -1}}) {
+        LogCapture log;
+        const Answer answer = answer_to(std::string(c.line) + "\r\n\r\n");
+        if (std::string(c.line) == "HTTP/1.11 200 OK") {
+            EXPECT_EQ(answer.rc, 0); // the second digit is taken for the code
+            EXPECT_EQ(answer.code, 1);
+            continue;
+        }
+        EXPECT_EQ(answer.rc, -1) << c.line;
+        EXPECT_EQ(log.lines(), (Lines{"(ERR)  recv_http_response: parsed " + std::to_string(c.parsed) +
+                                      " < 4 elements (expected to be parsed)"}))
+            << c.line;
+    }
+}
+
+TEST(WebRead, ReasonMayBeLong)
+{
+    LogCapture log(DEBUG_level);
+    EXPECT_EQ(answer_to("HTTP/1.1 404 " + std::string(70, 'r') + "\r\n\r\n").code, 404);
+    EXPECT_NE(log.text().find("received: HTTP/1.1 404 [" + std::string(63, 'r') + "]\n"), std::string::npos);
+}
+
+TEST(WebRead, HeadSplitAtEveryByte)
+{
+    const FdGuard fds;
+    const std::string head = "HTTP/1.1 302 Moved\r\nLocation: http://h/x\r\nContent-Type: a/b\r\n"
+                             "Content-Length: 5\r\n\r\n";
+    for (const std::string& text : {head, std::string("HTTP/1.1 200 OK\nA: b\n\n")}) {
+        for (size_t at = 1; at < text.size(); ++at) {
+            SCOPED_TRACE(at);
+            Wire wire(SOCK_NONBLOCK);
+            Reading reading;
+            LogCapture log;
+            wire.say(text.substr(0, at));
+            ASSERT_EQ(reading.from(wire.ours), EAGAIN);
+            EXPECT_EQ(reading.ctx.total, static_cast<ssize_t>(at));
+            EXPECT_EQ(reading.ctx.tail, 0);
+            wire.say(text.substr(at));
+            ASSERT_EQ(reading.from(wire.ours), 0);
+            EXPECT_EQ(reading.ctx.tail, static_cast<ssize_t>(text.size()));
+            EXPECT_EQ(log.lines(),
+                      (Lines{"(WRN)  read_http: fd=" + std::to_string(wire.ours) +
+                             ", no HTTP EOD marker found, " + std::to_string(at) + " bytes read."}));
+            if (reading.ctx.code == 302) {
+                EXPECT_STREQ(reading.ctx.location, "http://h/x");
+            }
+        }
+    }
+}
+
+TEST(WebRead, HeadByteByByte)
+{
+    Wire wire(SOCK_NONBLOCK);
+    Reading reading;
+    LogCapture log;
+    for (size_t i = 0; i < kPlain.size(); ++i) {
+        wire.say(kPlain.substr(i, 1));
+        ASSERT_EQ(reading.from(wire.ours), i + 1 < kPlain.size() ? EAGAIN : 0);
+    }
+    EXPECT_EQ(reading.ctx.code, 200);
+}
+
+TEST(WebRead, MarkersThatEndAHead)
+{
+    struct Case {
+        const char* text;
+        ssize_t tail;
+    };
+
+    for (const Case& c : {
+             Case{"a\n\nb", 3},
+             Case{"a\r\n\r\nb", 5},
+             Case{"\n\n", 2},
+             Case{"\r\n\r\n", 4},
+             Case{"a\r\n\nbcd", 4}, // by the rule of LF, once it is not near the end
+             Case{"a\r\n\n", 0},
+             Case{"a\n\r\nbcd", 0},
+             Case{"a\r\r\n\r\n", 6},
+             Case{"a\n", 0},
+             Case{"a\r\n\r", 0},
+             Case{"a\rb\n\n", 5}, // three bytes stand behind the CR
+             Case{"a\r\n\nb", 4},
+             Case{"\r\n\n", 0},
+             Case{"abc", 0},
+         }) {
+        Wire wire;
+        wire.say(c.text);
+        char buf[64];
+        ssize_t tail = 0;
+        LogCapture log;
+        EXPECT_EQ(read_http(wire.ours, buf, sizeof buf, 0, &tail), static_cast<ssize_t>(strlen(c.text)));
+        EXPECT_EQ(tail, c.tail) << testing::PrintToString(c.text);
+    }
+}
+
+TEST(WebRead, CrNearTheEndHidesAMarkerUntilMoreComes)
+{
+    Wire wire;
+    char buf[64];
+    ssize_t tail = 0;
+    LogCapture log;
+    wire.say("\rx\n");
+    EXPECT_EQ(read_http(wire.ours, buf, sizeof buf, 0, &tail), 3);
+    wire.say("\n");
+    EXPECT_EQ(read_http(wire.ours, buf, sizeof buf, 3, &tail), 1);
+    EXPECT_EQ(tail, 4);
+}
+
+TEST(WebRead, ReadHttpLinesAndBounds)
+{
+    const FdGuard fds;
+    Wire wire;
+    char buf[8];
+    LogCapture log(DEBUG_level);
+    const std::string fd = std::to_string(wire.ours);
+    wire.say("a\n\n");
+    EXPECT_EQ(read_http(wire.ours, buf, sizeof buf, 0, nullptr), 3);
+    EXPECT_EQ(log.lines(), (Lines{"(DBG)  read_http: HTTP EOD marker found at pos=3",
+                                  "(DBG)  read_http: 3 bytes read from fd" + fd}));
+    log.clear();
+    wire.say("b");
+    ssize_t tail = 77;
+    EXPECT_EQ(read_http(wire.ours, buf, 1, 0, &tail), 1);
+    EXPECT_EQ(tail, 77); // stored only where the marker is found
+    EXPECT_EQ(log.lines(), (Lines{"(WRN)  read_http: fd=" + fd + ", no HTTP EOD marker found, 1 bytes read.",
+                                  "(DBG)  read_http: 1 bytes read from fd" + fd}));
+    log.clear();
+    wire.say("more");
+    for (const ssize_t offset : {ssize_t{8}, ssize_t{9}, ssize_t{-1}}) {
+        EXPECT_EQ(read_http(wire.ours, buf, sizeof buf, offset, &tail), 0) << offset;
+    }
+    wire.close_peer();
+    EXPECT_EQ(read_http(wire.ours, buf, sizeof buf, 0, &tail), 4);
+    log.clear();
+    EXPECT_EQ(read_http(wire.ours, buf, sizeof buf, 0, &tail), 0);
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(WebRead, HeadThatJustFitsAndOneThatDoesNot)
+{
+    const FdGuard fds;
+    for (const bool fits : {true, false}) {
+        Wire wire;
+        wire.say(kPlain);
+        Reading reading(kPlain.size() + (fits ? 1 : 0));
+        LogCapture log;
+        EXPECT_EQ(reading.from(wire.ours), fits ? 0 : -1);
+        if (!fits) {
+            EXPECT_EQ(log.lines().back(), "(WRN)  recv_http_response: buffer already full, yet no HTTP EOD");
+            EXPECT_EQ(std::string(reading.buf.data(), kPlain.size() - 1),
+                      kPlain.substr(0, kPlain.size() - 1));
+        }
+    }
+}
+
+TEST(WebRead, BufferOfOneByteIsFull)
+{
+    Wire wire;
+    Reading reading(1);
+    LogCapture log;
+    EXPECT_EQ(reading.from(wire.ours), -1);
+    EXPECT_EQ(log.lines(), (Lines{"(WRN)  recv_http_response: buffer already full, yet no HTTP EOD"}));
+}
+
+TEST(WebRead, ContextOfALargerBufferIsRefused)
+{
+    Wire wire;
+    Reading reading(8);
+    reading.ctx.total = 100;
+    reading.ctx.tail = 90;
+    LogCapture log;
+    EXPECT_EQ(reading.from(wire.ours), -1);
+    reading.ctx.total = -5; // compared as signed numbers, it asks for no byte
+    reading.ctx.tail = 0;
+    EXPECT_EQ(reading.from(wire.ours), -1);
+    EXPECT_EQ(reading.buf, std::vector<char>(8, '\x55'));
+}
+
+TEST(WebRead, NoBufferEndsTheProcess)
+{
+    for (const bool null : {true, false}) {
+        const auto result = support::run_in_child([null] {
+            char buf[8];
+            struct http_resp_ctx ctx = NULL_http_ctx;
+            log_default(&g_log, stderr);
+            return recv_http_response(0, null ? nullptr : buf, null ? 8 : 0, &ctx);
+        });
+        EXPECT_EQ(result.signal, SIGABRT);
+        EXPECT_NE(result.err.find("recv_http_response"), std::string::npos) << result.err;
+    }
+}
+
+TEST(WebRead, PeerThatClosesBeforeTheMarker)
+{
+    const FdGuard fds;
+    for (const char* text : {"", "HTTP/1.1 200 OK\r\n"}) {
+        Wire wire;
+        wire.say(text);
+        wire.close_peer();
+        Reading reading;
+        LogCapture log;
+        EXPECT_EQ(reading.from(wire.ours), -1);
+        EXPECT_EQ(log.lines().back(), "(ERR)  recv_http_response: client [fd=" + std::to_string(wire.ours) +
+                                          "] connection broken");
+    }
+}
+
+TEST(WebRead, PeerThatResets)
+{
+    const FdGuard fds;
+    Wire wire;
+    ASSERT_EQ(write(wire.ours, "x", 1), 1); // unread at the close: a reset for us
+    wire.close_peer();
+    Reading reading;
+    LogCapture log;
+    EXPECT_EQ(reading.from(wire.ours), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  recv_http_response: client [fd=" + std::to_string(wire.ours) +
+                                  "] connection broken"}));
+}
+
+TEST(WebRead, OtherErrorsHaveNoLineOfThisLayer)
+{
+    Reading reading;
+    LogCapture log;
+    EXPECT_EQ(reading.from(-1), -1);
+    EXPECT_EQ(errno, EBADF);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.text().find("recv_http_response"), std::string::npos) << log.text();
+}
+
+TEST(WebRead, MoreToComeIsToldAtDebugLevel)
+{
+    Wire wire(SOCK_NONBLOCK);
+    Reading reading;
+    LogCapture log(DEBUG_level);
+    EXPECT_EQ(reading.from(wire.ours), EAGAIN);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(log.lines(),
+              (Lines{"(DBG)  recv_http_response: expecting more data from fd=" + std::to_string(wire.ours)}));
+}
+
+TEST(WebRead, DebugLinesOfAWholeHead)
+{
+    Wire wire;
+    wire.say("HTTP/1.1 ");
+    Reading reading;
+    LogCapture log(DEBUG_level);
+    const std::string fd = std::to_string(wire.ours);
+    wire.say("200 OK\n\n");
+    EXPECT_EQ(reading.from(wire.ours), 0);
+    EXPECT_EQ(log.text(), "(DBG)  read_http: HTTP EOD marker found at pos=17\n"
+                          "(DBG)  read_http: 17 bytes read from fd" +
+                              fd +
+                              "\n"
+                              "(DBG)  recv_http_response: read 17 bytes from fd=" +
+                              fd +
+                              "\n"
+                              "(DBG)  recv_http_response: total=17, tail=17; buf=[HTTP/1.1 200 OK\n]\n"
+                              "(DBG)  recv_http_response: fd=" +
+                              fd + " received: HTTP/1.1 200 [OK]\n");
+}
+
+TEST(WebRead, HeadersAreLookedAtForRedirectsAlone)
+{
+    for (const int code : {200, 204, 300, 303, 307, 404}) {
+        const Answer a = answer_to("HTTP/1.1 " + std::to_string(code) +
+                                   " R\r\nLocation: x\r\nContent-Type: y\r\nContent-Length: bad\r\n\r\n");
+        EXPECT_EQ(a.rc, 0);
+        EXPECT_EQ(a.code, code);
+        EXPECT_EQ(a.location, "(null)");
+        EXPECT_EQ(a.type, "");
+        EXPECT_EQ(a.length, 77);
+    }
+    EXPECT_EQ(answer_to("HTTP/1.1 200 OK\r\nLocation:x\r\n\r\n").rc, 0);
+}
+
+TEST(WebRead, RedirectsGiveTheirHeaders)
+{
+    for (const int code : {301, 302}) {
+        LogCapture log;
+        const Answer a =
+            answer_to("HTTP/1.1 " + std::to_string(code) +
+                      " Moved\r\nlocation: http://h/x\r\nCONTENT-TYPE: text/html\r\nContent-Length: "
+                      "12\r\n\r\n");
+        EXPECT_EQ(a.rc, 0);
+        EXPECT_EQ(a.code, code);
+        EXPECT_EQ(a.location, "http://h/x");
+        EXPECT_EQ(a.type, "text/html");
+        EXPECT_EQ(a.length, 12);
+        EXPECT_EQ(log.lines(), Lines{});
+    }
+}
+
+TEST(WebRead, RedirectWithoutLengthStoresTheLocationAndSucceeds)
+{
+    LogCapture log;
+    const Answer a = answer_to("HTTP/1.1 302 Moved\r\nLocation: http://h/x\r\n\r\n");
+    EXPECT_EQ(a.rc, 0);
+    EXPECT_EQ(a.location, "http://h/x");
+    EXPECT_EQ(a.length, -1);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  parse_resp_headers: invalid Content-Length value: "}));
+}
+
+TEST(WebRead, RedirectWithoutLocation)
+{
+    const Answer a = answer_to("HTTP/1.1 301 Moved\r\nContent-Length: 0\r\n\r\n");
+    EXPECT_EQ(a.rc, 0);
+    EXPECT_EQ(a.location, "(null)");
+    EXPECT_EQ(a.length, 0);
+}
+
+TEST(WebRead, kept_RedirectWithoutAnyCrIsRefused)
+{
+    LogCapture log;
+    EXPECT_EQ(answer_to("HTTP/1.1 302 Moved\nLocation: http://h/x\n\n").rc, -1);
+    EXPECT_EQ(log.text(), "(ERR)  recv_http_response: cannot find LF at the end of response, broken? -- "
+                          "HTTP/1.1 302 Moved\nLocation: http://h/x\n\n");
+}
+
+TEST(WebRead, OtherByteBehindTheFirstCrIsAWarning)
+{
+    LogCapture log;
+    const Answer a = answer_to("HTTP/1.1 302 Moved\rLocation: http://h/x\r\nContent-Length: 1\r\n\r\n");
+    EXPECT_EQ(a.rc, 0);
+    EXPECT_EQ(a.location, "http://h/x");
+    EXPECT_EQ(log.lines(), (Lines{"(WRN)  recv_http_response: got 0x4c in place of CR(0x0a)"}));
+    log.clear();
+    EXPECT_EQ(answer_to("HTTP/1.1 302 Moved\nA: \xff\r\xffz\n\nbody").rc, 0);
+    EXPECT_EQ(log.lines()[0], "(WRN)  recv_http_response: got 0xff in place of CR(0x0a)");
+}
+
+TEST(WebRead, LocationLimit)
+{
+    for (const size_t length : {2047U, 2048U}) {
+        LogCapture log;
+        Wire wire;
+        const std::string location(length, 'l');
+        wire.say("HTTP/1.1 302 M\r\nContent-Length: 3\r\nContent-Type: t\r\nLocation: " + location +
+                 "\r\n\r\n");
+        Reading reading(4096);
+        EXPECT_EQ(reading.from(wire.ours), 0);
+        if (length < 2048) {
+            EXPECT_EQ(reading.ctx.location, location);
+            EXPECT_EQ(reading.ctx.content_length, 3);
+        } else {
+            EXPECT_EQ(reading.ctx.location, nullptr);
+            EXPECT_STREQ(reading.ctx.content_type, ""); // the headers behind it are not read
+            EXPECT_EQ(log.lines(),
+                      (Lines{"(WRN)  parse_resp_headers: location size=2048 is over the limit (2048)"}));
+        }
+    }
+}
+
+TEST(WebRead, SecondLocationEndsTheProcess)
+{
+    const auto result = support::run_in_child([] {
+        log_default(&g_log, stderr);
+        Wire wire;
+        Reading reading;
+        wire.say("HTTP/1.1 302 M\r\nLocation: a\r\n\r\n");
+        reading.from(wire.ours);
+        reading.ctx.total = reading.ctx.tail = 0; // in place of the reset
+        wire.say("HTTP/1.1 302 M\r\nLocation: b\r\n\r\n");
+        return reading.from(wire.ours);
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+}
+
+TEST(WebRead, LocationWithoutMemoryIsPassedOver)
+{
+    Wire wire;
+    wire.say("HTTP/1.1 302 M\r\nLocation: a\r\nContent-Length: 9\r\n\r\n");
+    Reading reading;
+    LogCapture log;
+    int rc = -1;
+    {
+        FailAllocation fail(1);
+        rc = reading.from(wire.ours);
+        EXPECT_TRUE(fail.happened());
+    }
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(reading.ctx.location, nullptr);
+    EXPECT_EQ(reading.ctx.content_length, 9);
+}
+
+TEST(WebRead, ContentTypeIsCutTo63Characters)
+{
+    for (const size_t length : {63U, 64U}) {
+        LogCapture log;
+        const Answer a = answer_to("HTTP/1.1 302 M\r\nContent-Type: " + std::string(length, 't') +
+                                   "\r\nContent-Length: 1\r\n\r\n");
+        EXPECT_EQ(a.type, std::string(63, 't'));
+        EXPECT_EQ(a.length, 1);
+        EXPECT_EQ(log.lines(),
+                  length == 63
+                      ? Lines{}
+                      : (Lines{"(WRN)  parse_resp_headers: Content-Type length=64, too big, max=63"}));
+    }
+}
+
+TEST(WebRead, ContentLengthValues)
+{
+    struct Case {
+        const char* value;
+        long length;
+        const char* line;
+    };
+
+    for (const Case& c : {
+             Case{"0", 0, ""},
+             Case{"999999999999999", 999999999999999, ""},
+             Case{"12abc", 12, ""},
+             Case{"1000000000000000", -1,
+                  "(ERR)  parse_resp_headers: Content-Length length=16, too big, max=15"},
+             Case{"00", -1, "(ERR)  parse_resp_headers: invalid Content-Length value: 00"},
+             Case{"-1", -1, "(ERR)  parse_resp_headers: invalid Content-Length value: -1"},
+             Case{"abc", -1, "(ERR)  parse_resp_headers: invalid Content-Length value: abc"},
+         }) {
+        LogCapture log;
+        const Answer a = answer_to(std::string("HTTP/1.1 302 M\r\nContent-Length: ") + c.value + "\r\n\r\n");
+        EXPECT_EQ(a.rc, 0);
+        EXPECT_EQ(a.length, c.length) << c.value;
+        EXPECT_EQ(log.lines(), *c.line == '\0' ? Lines{} : Lines{c.line});
+    }
+}
+
+TEST(WebHeader, FindsAValue)
+{
+    const char* text = "Host: h\r\nUser-Agent:  a b \r\nX:y\r\nEnd: z\n";
+    size_t length = 77;
+    EXPECT_EQ(find_http_header("host:", text, &length), text + 6);
+    EXPECT_EQ(length, 1U);
+    EXPECT_EQ(find_http_header("User-Agent", text, &length), text + 22); // the colon may be left out
+    EXPECT_EQ(length, 4U);
+    EXPECT_STREQ(find_http_header("End:", text, nullptr), "z\n");
+}
+
+TEST(WebHeader, AbsentOrBrokenHeadersGiveNull)
+{
+    for (const char* text :
+         {"", "Hos: x\n", "Host:x\n", "Host", "Host: x", "Host: x\ty\n", "Host: ", "ost: x\n"}) {
+        size_t length = 77;
+        EXPECT_EQ(find_http_header("Host:", text, &length), nullptr) << text;
+        EXPECT_EQ(length, 0U);
+    }
+}
+
+TEST(WebHeader, kept_TitleMatchesAnywhere)
+{
+    size_t length = 0;
+    const char* text = "X-Host: a\r\nHost: b\r\n";
+    EXPECT_EQ(find_http_header("Host:", text, &length), text + 8);
+    const char* inside = "A: say Host: c\r\nHost: b\r\n";
+    EXPECT_EQ(find_http_header("Host:", inside, &length), inside + 13);
+}
+
+TEST(WebHeader, kept_EmptyValueGivesTheNextLine)
+{
+    size_t length = 0;
+    const char* text = "Location: \r\nServer: x\r\n";
+    EXPECT_EQ(find_http_header("Location:", text, &length), text + 12);
+    EXPECT_EQ(length, 9U);
+}
+
+TEST(WebHeader, FirstMatchDecidesEvenIfItIsBroken)
+{
+    size_t length = 0;
+    EXPECT_EQ(find_http_header("Host:", "Host:x\r\nHost: y\r\n", &length), nullptr);
+}
+
+TEST(WebHeader, TitlesOfAnyFormAreFound)
+{
+    size_t length = 0;
+    const char* text = "a:b:: v\n";
+    EXPECT_EQ(find_http_header("a:b:", text, &length), text + 6); // one more colon is stepped over
+    EXPECT_EQ(find_http_header("b:", text, &length), text + 6);
+    EXPECT_EQ(find_http_header("", " v\n", &length) != nullptr, true);
+}
+
+TEST(WebHeader, NumbersOfAHeader)
+{
+    EXPECT_EQ(extract_num_hdr("N:", "N: 42\r\n", 0), 42);
+    EXPECT_EQ(extract_num_hdr("N", "N: -7x\r\n", 99), -7);
+    EXPECT_EQ(extract_num_hdr("N:", "N: x\r\n", 0), 0);
+    EXPECT_EQ(extract_num_hdr("N:", "M: 1\r\n", 0), -1);
+    LogCapture log;
+    EXPECT_EQ(extract_num_hdr("N:", ("N: " + std::string(31, '0') + "\r\n").c_str(), 0), 0);
+    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(extract_num_hdr("N:", ("N: " + std::string(30, '0') + "12\r\n").c_str(), 0), 1);
+    EXPECT_EQ(log.lines(), (Lines{"(WRN)  extract_num_hdr: header [N:] value length is too big: 32 bytes"}));
+    EXPECT_EQ(extract_num_hdr("N:", ("N: " + std::string(31, '9') + "\r\n").c_str(), 0), LONG_MAX);
+}
+
+TEST(WebReset, ReleasesAndZeroes)
+{
+    struct http_resp_ctx ctx = {302, 10, 5, "type", 7, strdup("loc")};
+    LogCapture log(DEBUG_level);
+    reset_resp_ctx(&ctx);
+    EXPECT_EQ(ctx.code, 0);
+    EXPECT_EQ(ctx.total, 0);
+    EXPECT_EQ(ctx.tail, 0);
+    EXPECT_STREQ(ctx.content_type, "");
+    EXPECT_EQ(ctx.content_length, 0);
+    EXPECT_EQ(ctx.location, nullptr);
+    char line[128];
+    snprintf(line, sizeof line, "(DBG)  reset_resp_ctx: resetting %p [loc]\n", static_cast<void*>(&ctx));
+    EXPECT_EQ(log.text(), line);
+    log.clear();
+    reset_resp_ctx(&ctx);
+    EXPECT_NE(log.text().find(" [-]\n"), std::string::npos);
+}
+
+TEST(WebStatus, RangesOfCodes)
+{
+    EXPECT_FALSE(is_HTTP_OK(199));
+    EXPECT_TRUE(is_HTTP_OK(200));
+    EXPECT_TRUE(is_HTTP_OK(299));
+    EXPECT_FALSE(is_HTTP_OK(300));
+    for (const int code : {300, 301, 302, 303}) {
+        EXPECT_EQ(need_resp_headers(code), code == 301 || code == 302);
+    }
+}
+
+// A listener's port that was free a moment ago.
+static int free_port()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof addr;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), length) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length) != 0) {
+        abort();
+    }
+    close(fd);
+    return ntohs(addr.sin_port);
+}
+
+static int connect_to(int port)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+TEST(WebPeer, NginxServesAFileAndARedirect)
+{
+    if (access("/usr/sbin/nginx", X_OK) != 0) {
+        GTEST_SKIP() << "skipped: no nginx here";
+    }
+    const FdGuard fds;
+    char dir[] = "/tmp/webops_nginx_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    chmod(dir, 0755);
+    const std::string root = dir;
+    const int port = free_port();
+    std::ofstream(root + "/file.txt") << "sixteen bytes...";
+    chmod((root + "/file.txt").c_str(), 0644);
+    std::ofstream(root + "/nginx.conf")
+        << "daemon off; master_process off; pid " << root << "/pid; error_log stderr;\nevents {}\nhttp {\n"
+        << "access_log off; client_body_temp_path " << root << "/b; proxy_temp_path " << root
+        << "/p; fastcgi_temp_path " << root << "/f; uwsgi_temp_path " << root << "/u; scgi_temp_path " << root
+        << "/s;\nserver { listen 127.0.0.1:" << port << "; root " << root
+        << "; location = /old { return 302 http://127.0.0.1/new; } }\n}\n";
+    {
+        support::Process nginx({"/usr/sbin/nginx", "-e", "stderr", "-p", root, "-c", root + "/nginx.conf"});
+        int fd = -1;
+        ASSERT_TRUE(support::wait_until([&] { return (fd = connect_to(port)) >= 0; })) << nginx.err();
+        const std::string base = "http://127.0.0.1:" + std::to_string(port);
+        for (const bool http10 : {true, false}) {
+            Reading reading(2048);
+            ASSERT_EQ(send_http_get(fd, (base + "/file.txt").c_str(), "test", http10), 0);
+            EXPECT_EQ(reading.from(fd), 0);
+            EXPECT_EQ(reading.ctx.code, 200);
+            EXPECT_EQ(extract_num_hdr("Content-Length:", reading.buf.data(), 0), 16);
+            std::string body = reading.body();
+            char block[64];
+            for (ssize_t n = 0; (n = read(fd, block, sizeof block)) > 0;) {
+                body.append(block, static_cast<size_t>(n));
+            }
+            EXPECT_EQ(body, "sixteen bytes...");
+            close(fd);
+            fd = connect_to(port);
+        }
+        Reading reading(2048);
+        ASSERT_EQ(send_http_get(fd, (base + "/old").c_str(), "test", false), 0);
+        EXPECT_EQ(reading.from(fd), 0);
+        EXPECT_EQ(reading.ctx.code, 302);
+        EXPECT_STREQ(reading.ctx.location, "http://127.0.0.1/new");
+        EXPECT_STREQ(reading.ctx.content_type, "text/html");
+        EXPECT_GT(reading.ctx.content_length, 0);
+        close(fd);
+        fd = connect_to(port);
+        Reading missing(2048);
+        ASSERT_EQ(send_http_get(fd, (base + "/missing").c_str(), "test", false), 0);
+        EXPECT_EQ(missing.from(fd), 0);
+        EXPECT_EQ(missing.ctx.code, 404);
+        close(fd);
+        nginx.kill(SIGTERM);
+        nginx.wait();
+    }
+    support::run_program({"/bin/rm", "-rf", root});
+}
