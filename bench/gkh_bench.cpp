@@ -21,9 +21,18 @@ namespace {
 
 template <class Key>
 struct Keys {
-    std::vector<Key> present;
+    std::vector<Key> present; // in the order of insertion
+    std::vector<Key> asked;   // the same in another order
     std::vector<Key> absent;
 };
+
+template <class Key>
+void shuffle_asked(Keys<Key>& keys)
+{
+    std::mt19937 random(8);
+    keys.asked = keys.present;
+    std::shuffle(keys.asked.begin(), keys.asked.end(), random);
+}
 
 // Below 2^31, in an order that has nothing to do with the tables'.
 const Keys<long>& make_keys(size_t count, long /*kind*/)
@@ -44,6 +53,7 @@ const Keys<long>& make_keys(size_t count, long /*kind*/)
         const auto middle = all.begin() + static_cast<ptrdiff_t>(count);
         keys.present.assign(all.begin(), middle);
         keys.absent.assign(middle, all.end());
+        shuffle_asked(keys);
     }
     return keys;
 }
@@ -60,6 +70,7 @@ const Keys<std::string>& make_keys(size_t count, const std::string& /*kind*/)
         for (const long key : numbers.absent) {
             keys.absent.push_back("name-" + std::to_string(key));
         }
+        shuffle_asked(keys);
     }
     return keys;
 }
@@ -224,7 +235,7 @@ void hit(benchmark::State& state)
     size_t i = 0;
     bool good = true;
     for (auto _ : state) {
-        good &= table.get(keys.present[i]);
+        good &= table.get(keys.asked[i]);
         benchmark::DoNotOptimize(good);
         i = i + 1 == count ? 0 : i + 1;
     }
@@ -266,7 +277,7 @@ void repeat(benchmark::State& state)
     size_t i = 0;
     bool added = false;
     for (auto _ : state) {
-        added |= table.add(keys.present[i]);
+        added |= table.add(keys.asked[i]);
         benchmark::DoNotOptimize(added);
         i = i + 1 == count ? 0 : i + 1;
     }
@@ -307,8 +318,8 @@ void erase(benchmark::State& state)
     size_t i = 0;
     bool good = true;
     for (auto _ : state) {
-        good &= table.rm(keys.present[i]);
-        good &= table.add(keys.present[i]);
+        good &= table.rm(keys.asked[i]);
+        good &= table.add(keys.asked[i]);
         benchmark::DoNotOptimize(good);
         i = i + 1 == count ? 0 : i + 1;
     }

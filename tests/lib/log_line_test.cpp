@@ -473,6 +473,77 @@ TEST(LogLimits, a_line_allocates_nothing)
     EXPECT_EQ(support::allocation_count(), before);
 }
 
+namespace {
+
+// The line by libc alone beside the one of the log.
+template <class... Args>
+void expect_as_printf(const char* fmt, Args... args)
+{
+    using Print = int (*)(char*, size_t, const char*, ...); // without the check of the format
+    using Write = void (*)(struct log_ctx*, int, const char*, ...);
+    const Print print = snprintf;
+    const Write write = log_write;
+    char expected[4096];
+    print(expected, sizeof expected, fmt, args...);
+    FileLog file;
+    write(&file.log, MIN_level, fmt, args...);
+    EXPECT_EQ(file.text(), expected) << fmt;
+    EXPECT_EQ(file.log.total_out, strlen(expected)) << fmt;
+}
+
+} // namespace
+
+TEST(LogMessage, is_formatted_as_by_printf)
+{
+    expect_as_printf("plain");
+    expect_as_printf("%s", "text");
+    expect_as_printf("%s%s|%s\n", "", "a", "b");
+    expect_as_printf("[%s]\n", static_cast<const char*>(nullptr));
+    for (const int number : {0, 1, -1, 9, 10, 99, 100, 2147483647, -2147483647 - 1}) {
+        expect_as_printf("%d %u %s\n", number, static_cast<unsigned>(number), "end");
+        expect_as_printf("%i %x %5d %-5d| %05d %+d % d\n", number, static_cast<unsigned>(number), number,
+                         number, number, number, number);
+    }
+    for (const long number : {0L, -1L, 1234567890123L, INT64_MAX, INT64_MIN}) {
+        expect_as_printf("%ld %lu %s\n", number, static_cast<unsigned long>(number), "end");
+        expect_as_printf("%lx %20ld %lld %zu %s\n", static_cast<unsigned long>(number), number,
+                         static_cast<long long>(number), static_cast<size_t>(number), "end");
+    }
+    expect_as_printf("100%% %d %%%s%%\n", 5, "x");
+    expect_as_printf("%d %s %c %p\n", 5, "x", 'y', nullptr);
+    expect_as_printf("%s %5s %-5s| %.2s %s\n", "first", "a", "b", "cut", "last");
+    expect_as_printf("%d %f %.3e %s\n", 1, 2.5, 3.25, "last");
+    expect_as_printf("%d %*d %hhd %hd %s\n", 1, 5, 2, 300, 70000, "last");
+    expect_as_printf("%lu%ld%u%d%s", 1UL, -2L, 3U, -4, "5");
+    expect_as_printf("%ls|%lc\n", L"wide", L'w');
+}
+
+TEST(LogMessage, limit_is_the_same_for_each_conversion_that_ends_it)
+{
+    const std::string filler(2046 - 10, 'f');
+    FileLog file;
+    const auto written = [&](auto... args) {
+        file.clear();
+        Stderr err;
+        using Write = void (*)(struct log_ctx*, int, const char*, ...);
+        const Write write = log_write;
+        write(&file.log, MIN_level, args...);
+        EXPECT_EQ(err.text().empty(), !file.text().empty());
+        return file.text().size();
+    };
+    EXPECT_EQ(written("%s%d", filler.c_str(), 1234567890), 2046U);
+    EXPECT_EQ(written("%s%d", filler.c_str(), -1234567890), 0U);
+    EXPECT_EQ(written("%s%lu", filler.c_str(), 1234567890UL), 2046U);
+    EXPECT_EQ(written("%s%lu", filler.c_str(), 12345678901UL), 0U);
+    EXPECT_EQ(written("%s%s", filler.c_str(), "1234567890"), 2046U);
+    EXPECT_EQ(written("%s%s", filler.c_str(), "12345678901"), 0U);
+    EXPECT_EQ(written("%s1234567890", filler.c_str()), 2046U);
+    EXPECT_EQ(written("%s12345678901", filler.c_str()), 0U);
+    EXPECT_EQ(written("%s%10d", filler.c_str(), 1), 2046U);
+    EXPECT_EQ(written("%s%11d", filler.c_str(), 1), 0U);
+    EXPECT_EQ(written("%s1234%s", filler.c_str(), static_cast<const char*>(nullptr)), 2046U);
+}
+
 // ---- mirror and hook ---------------------------------------------------------------------------
 
 TEST(LogMirror, stream_on_another_descriptor_gets_the_same_line)
@@ -602,9 +673,9 @@ TEST(LogHandler, line_of_a_handler_does_not_disturb_the_line_it_interrupts)
     FileLog file;
     handle_usr1(&file.log);
     g_in_format = interrupt;
-    log_write(&file.log, NORM_level, "interrupted %d %s\n", 42, std::string(200, 'i').c_str());
+    log_write(&file.log, NORM_level, "interrupted %3d %s\n", 42, std::string(200, 'i').c_str());
     EXPECT_EQ(file.text(),
-              "(ERR)  " + kHandlerLine + "(NRM)  interrupted 42 " + std::string(200, 'i') + "\n");
+              "(ERR)  " + kHandlerLine + "(NRM)  interrupted  42 " + std::string(200, 'i') + "\n");
     EXPECT_EQ(file.log.total_out, file.text().size());
 }
 
@@ -624,7 +695,7 @@ TEST(LogHandler, line_that_is_being_written_is_not_disturbed_either)
     run_once(g_in_format);
     // The first call goes to the formatter: it sets up the one inside the write.
     g_in_format = [] { g_in_format = interrupt; };
-    log_write(&log, NORM_level, "interrupted\n");
+    log_write(&log, NORM_level, "%-11s\n", "interrupted");
     EXPECT_EQ(file.text(), "(ERR)  " + kHandlerLine);
     EXPECT_EQ(text, "(NRM)  interrupted\n");
     EXPECT_EQ(seen.lines, std::vector<std::string>{"(NRM)  interrupted\n"});
