@@ -323,7 +323,10 @@ TEST(ProbePat, each_field_of_the_table_counts)
     EXPECT_EQ(find_pat(with_byte(pat_packet(), 5, 0x01)), 0U) << "another table";
     EXPECT_EQ(find_pat(with_byte(pat_packet(), 6, 0x30)), 0U) << "no section syntax";
     EXPECT_EQ(find_pat(with_byte(pat_packet(), 6, 0xf0)), 0U) << "the zero bit";
-    EXPECT_EQ(find_pat(with_byte(pat_packet(), 6, 0xb3)), 1U) << "the length does not matter";
+    EXPECT_EQ(find_pat(with_byte(pat_packet(), 6, 0xb3)), 1U) << "a length below 1024 does not matter";
+    for (const uint8_t reserved : {0x90, 0xa0, 0xb4, 0xb8}) {
+        EXPECT_EQ(find_pat(with_byte(pat_packet(), 6, reserved)), 0U) << unsigned{reserved};
+    }
     EXPECT_EQ(find_pat(with_byte(pat_packet(), 10, 0xc0)), 0U) << "not yet current";
     EXPECT_EQ(find_pat(with_byte(pat_packet(), 1, 0xe0)), 1U) << "error and priority do not matter";
 }
