@@ -17,11 +17,9 @@
 
 #include "mvtypes.h"
 #include "netops.h"
+#include "webops.h"
 
 MV_BEGIN_DECLS
-
-struct http_resp_buf;
-struct http_body_buf;
 
 /* usock_ctx: one URL socket. What is marked "owned" is released by usock_close(). */
 struct usock_ctx {
@@ -34,7 +32,7 @@ struct usock_ctx {
     const char* ifc_tag;      /* in: interface, by name or address (netops.h); NULL: any */
     int timeout_ms;           /* in: send or receive time-out in milliseconds; 0: none */
     int url_kind;             /* out: kind of the URL (URI_ of uri.h), -1 if it is no URL */
-    struct socket_spec sspec; /* in and out: the socket (netops.h) */
+    struct socket_spec sspec; /* in and out: the socket (netops.h); to be zeroed before another kind of URL */
     char* url_path;           /* out, owned: path of the URL; must be NULL when opening */
     struct ifc_info* mifc;    /* out, owned: interface of a multicast socket, or NULL */
     char* buf;                /* out, owned: buffer of a TCP or HTTP socket, else NULL */
