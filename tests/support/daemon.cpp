@@ -187,6 +187,7 @@ void DaemonTest::SetUp()
     if (!g_missing.empty()) {
         GTEST_SKIP() << "skipped: " << g_missing;
     }
+    guard_.emplace();
     dir_.emplace();
     ASSERT_EQ(chmod(dir_->path().c_str(), 0777), 0);
     std::filesystem::copy_file(zent_path(), binary()); // where any user may run it

@@ -14,6 +14,7 @@
 
 #include "agent_run.h"
 #include "child.h"
+#include "fds.h"
 #include "netns.h"
 
 namespace support {
@@ -111,6 +112,7 @@ class DaemonTest : public testing::Test {
     bool wait_for_log(const std::string& text) const { return wait_for_file(path("log"), text); }
 
   private:
+    std::optional<FdGuard> guard_; // outlives the two below
     std::optional<NetnsPair> pair_;
     std::optional<TempDir> dir_;
 };
