@@ -52,6 +52,7 @@ struct Listener {
 };
 
 Listener g_listener = {kListener, -1};
+constexpr size_t kClientSlot = sizeof(void*);
 struct xvlst g_clients = NULL_xvlst; // of Client*
 struct timespec g_idle_limit = {30, 0};
 struct timespec g_grace = {5, 0};
@@ -100,7 +101,7 @@ void accept_client()
         return; // gone again, or no descriptor left: the others are served on
     }
     auto* c = static_cast<Client*>(Calloc(1, sizeof(Client)));
-    const ssize_t slot = c != nullptr ? xvlst_add(&g_clients, sizeof(Client*), 64) : -1;
+    const ssize_t slot = c != nullptr ? xvlst_add(&g_clients, kClientSlot, 64) : -1;
     if (slot < 0) {
         free(c);
         Close(fd);

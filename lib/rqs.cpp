@@ -29,6 +29,7 @@ DECLARE_MLL(MLL_COMMON);
 
 static_assert(uint32_t{RQS_EVENT_READ} == EPOLLIN && uint32_t{RQS_EVENT_WRITE} == EPOLLOUT);
 static_assert(sizeof(void*) == sizeof(((epoll_event*)nullptr)->data));
+static_assert(std::endian::native == std::endian::little, "a descriptor is the low half of its data word");
 
 namespace {
 
@@ -236,7 +237,7 @@ void process_record(const struct inotify_event* iev)
     }
 }
 
-int process_inotify_records(int fd_err, void* udata)
+[[gnu::noinline]] int process_inotify_records(int fd_err, void* udata)
 {
     ASSERT(udata == &g_ino);
     if (fd_err != 0) {
@@ -412,6 +413,7 @@ int wait4events()
         abort();
     }
     const int limit = wait_limit(__func__);
+    // Kept: without any descriptor so far there is no room, and the call refuses with EINVAL.
     psensor_start(PRF_EVIDLE);
     const int count = epoll_wait(g_rqs.loopfd, static_cast<struct epoll_event*>(g_rqs.events.data),
                                  static_cast<int>(g_rqs.events.max_len), limit);
@@ -443,47 +445,54 @@ int wait4events()
     return -1;
 }
 
-int call_error(const struct epoll_event& ev, int fd_err)
+// Kept: the low half of the data word, which is the descriptor only where no udata was given.
+int as_fd(const void* word)
+{
+    return static_cast<int>(reinterpret_cast<uintptr_t>(word));
+}
+
+int call_error(void* word, int fd_err)
 {
     psensor_start(PRF_EVERR);
-    const int rc = g_config.cb.error(ev.data.fd, fd_err, ev.data.ptr, nullptr);
+    const int rc = g_config.cb.error(as_fd(word), fd_err, word, nullptr);
     psensor_stop(PRF_EVERR);
     return rc;
 }
 
-int call_read(const struct epoll_event& ev, int fd_err)
+int call_read(void* word, int fd_err)
 {
     psensor_start(PRF_EVREAD);
-    const int rc = is_inotify_rec(ev.data.ptr) ? process_inotify_records(fd_err, ev.data.ptr)
-                                               : g_config.cb.read(ev.data.fd, fd_err, ev.data.ptr, nullptr);
+    const int rc = is_inotify_rec(word) ? process_inotify_records(fd_err, word)
+                                        : g_config.cb.read(as_fd(word), fd_err, word, nullptr);
     psensor_stop(PRF_EVREAD);
     return rc;
 }
 
-int call_write(const struct epoll_event& ev, int fd_err)
+int call_write(void* word, int fd_err)
 {
     psensor_start(PRF_EVWRITE);
-    const int rc = g_config.cb.write(ev.data.fd, fd_err, ev.data.ptr, nullptr);
+    const int rc = g_config.cb.write(as_fd(word), fd_err, word, nullptr);
     psensor_stop(PRF_EVWRITE);
     return rc;
 }
 
-int on_event(const struct epoll_event* at)
+int on_event(const struct epoll_event* ev)
 {
     if (g_rqs.events.max_len == 0) {
         assert_event_space();
     }
-    const struct epoll_event ev = *at; // a copy: a callback may end the loop's life
-    const uint32_t mask = ev.events;
+    // By value: a callback may end the loop's life, and the array's.
+    const uint32_t mask = ev->events;
+    void* word = ev->data.ptr;
     const int fd_err = ((mask & EPOLLERR) != 0 ? RQS_SOCKERR : 0) |
                        ((mask & (EPOLLHUP | EPOLLRDHUP)) != 0 ? RQS_SOCKHUP : 0);
     if ((mask & EPOLLIN) != 0) {
-        return call_read(ev, fd_err); // of both directions the read goes first; the write comes again
+        return call_read(word, fd_err); // of both directions the read goes first; the write comes again
     }
     if ((mask & EPOLLOUT) != 0) {
-        return call_write(ev, fd_err);
+        return call_write(word, fd_err);
     }
-    return fd_err != 0 ? call_error(ev, fd_err) : report_mask(__func__, mask);
+    return fd_err != 0 ? call_error(word, fd_err) : report_mask(__func__, mask);
 }
 
 // ---- the cycle ----------------------------------------------------------------------------------
@@ -535,7 +544,7 @@ bool purge_stage(Run& run)
     return run.rc == 0;
 }
 
-// The queue of removals is emptied: what was queued outside the stages that purge is lost.
+// Kept: the queue is emptied, so what was queued outside the stages that purge is lost.
 void prepare_removals()
 {
     if (g_rqs.nopoll.len > g_rqs.nopoll_rm.max_len &&
@@ -551,6 +560,7 @@ bool nopoll_stage(Run& run)
     if (g_rqs.nopoll.len == 0) {
         return true;
     }
+    // Kept: all are called, and only the result of the last one counts.
     run.rc = xvlst_each(&g_rqs.nopoll, on_nopoll, nullptr);
     if (run.rc != 0) {
         log_err("%s: FAILED(%d)\n", kLoopName, run.rc);
@@ -563,6 +573,7 @@ void event_stage(Run& run)
 {
     g_rqs.loop_stage = ELOOP_EV;
     run.nfailed = 0;
+    // Kept: events of a descriptor that an earlier callback of the batch removed are dispatched too.
     for (size_t i = 0; i < g_rqs.events.len; ++i) {
         run.nfailed += on_event(static_cast<const struct epoll_event*>(g_rqs.events.data) + i) != 0 ? 1 : 0;
     }
@@ -581,6 +592,7 @@ bool post_process(Run& run, int stage)
 
 bool idle_stage(Run& run)
 {
+    // Kept: one failed event ends the loop, and its cycle has no idle stage.
     if (run.nfailed > 0) {
         log_dbg("%s: failed %ld events\n", kLoopName, static_cast<long>(run.nfailed));
         return false;
@@ -634,7 +646,7 @@ int rqs_init(const struct rqs_config* cfg)
 
 int rqs_event_loop(void)
 {
-    ASSERT(g_rqs.loopfd != 0);
+    ASSERT(g_rqs.loopfd != 0); // Kept: 0 is "not set up", though epoll may give it
     refresh_tmout();
     log_info("Entering event loop\n");
     Run run;
@@ -810,7 +822,7 @@ int rqs_add_file_watch(void* udata, const char* filepath)
 int rqs_rm_file_watch(int wd)
 {
     if (!drop_watch(__func__, wd)) {
-        return -1;
+        return -1; // Kept: also for a deleted file, whose watch is gone; it goes on counting
     }
     --g_ino.wfd_count;
     ASSERT(g_ino.wfd_count >= 0);

@@ -2,6 +2,7 @@
 #include "xvdat.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -23,8 +24,8 @@ constexpr size_t kEmbHeader = offsetof(emblst, data);
 constexpr size_t kSizeMax = PTRDIFF_MAX; // of one block
 
 // What the last xvlst_del of this thread left behind: it lowered avail of list from next to slot, so every
-// slot below next but that one is taken (a next of -1: every slot but that one). The xvlst_add that follows
-// may go on at next without a search. taken and len tell the record from another list at the same address.
+// slot below next but that one is taken. The xvlst_add that follows may go on at next without a search. taken
+// and len tell the record from another list at the same address.
 struct Lowered {
     const struct xvlst* list;
     const char* taken;
@@ -107,6 +108,14 @@ bool whole_blocks(size_t new_max, size_t blksz, size_t growblk, size_t* count, s
            !__builtin_mul_overflow(*count, blksz, bytes) && *bytes <= kSizeMax;
 }
 
+[[gnu::noinline]] ssize_t add_slowly(struct xvec* v, size_t blksz, size_t growblk)
+{
+    if ((v->flags & XV_FIXED_SIZE) != 0 ? v->len >= v->max_len : xvec_expand(v, 1, blksz, growblk) != 0) {
+        return -1;
+    }
+    return static_cast<ssize_t>(v->len++);
+}
+
 template <class Call>
 int walk_elements(struct xvec* v, size_t* pos, Call call)
 {
@@ -126,11 +135,12 @@ int walk_elements(struct xvec* v, size_t* pos, Call call)
 // The first slot from i on that is taken, or end.
 size_t next_taken(const char* map, size_t i, size_t end)
 {
+    static_assert(std::endian::native == std::endian::little, "the lowest bits are the first slot's");
     uint64_t eight = 0;
     for (; end - i >= sizeof eight; i += sizeof eight) {
         memcpy(&eight, map + i, sizeof eight);
         if (eight != 0) {
-            break;
+            return i + static_cast<size_t>(std::countr_zero(eight)) / 8;
         }
     }
     while (i < end && map[i] == 0) {
@@ -232,6 +242,30 @@ bool is_taken(List* list, size_t index)
 }
 
 template <class List>
+void make_avail(List* list, size_t index)
+{
+    if (list->avail < 0 || static_cast<size_t>(list->avail) > index) {
+        list->avail = static_cast<ssize_t>(index);
+    }
+}
+
+// The slot's map byte is clear; the clean-up may do with the list what it likes.
+template <class List>
+[[gnu::noinline]] void clean_up(List* list, size_t index, void (*cleanup)(void* data, size_t index))
+{
+    ++g_cleanups;
+    cleanup(base_of(list), index);
+    --g_cleanups;
+    if (used(list) == 0 || index >= capacity(list)) {
+        return; // it has emptied the list: the slot counts no longer
+    }
+    if (!is_taken(list, index)) { // it may have taken the slot for an element of its own
+        make_avail(list, index);
+    }
+    --used(list);
+}
+
+template <class List>
 int free_slot(List* list, size_t index, void (*cleanup)(void* data, size_t index))
 {
     if (index > list->last) {
@@ -242,17 +276,10 @@ int free_slot(List* list, size_t index, void (*cleanup)(void* data, size_t index
     }
     map_of(list)[index] = 0;
     if (cleanup != nullptr) {
-        ++g_cleanups;
-        cleanup(base_of(list), index);
-        --g_cleanups;
-        if (used(list) == 0 || index >= capacity(list)) {
-            return 0; // the clean-up has emptied the list: the slot counts no longer
-        }
+        clean_up(list, index, cleanup);
+        return 0;
     }
-    const bool still_free = !is_taken(list, index); // a clean-up may add elements of its own
-    if (still_free && (list->avail < 0 || static_cast<size_t>(list->avail) > index)) {
-        list->avail = static_cast<ssize_t>(index);
-    }
+    make_avail(list, index);
     --used(list);
     return 0;
 }
@@ -325,15 +352,13 @@ int xvec_expand(struct xvec* v, size_t plus, size_t blksz, size_t growblk)
 
 ssize_t xvec_add(struct xvec* v, size_t blksz, size_t growblk)
 {
-    if ((v->flags & XV_FIXED_SIZE) != 0) {
-        return v->len < v->max_len ? static_cast<ssize_t>(v->len++) : -1;
+    // Room for more than one in a vector that may grow: xvec_expand would find nothing to do.
+    const size_t len = v->len;
+    if ((v->flags & XV_FIXED_SIZE) == 0 && len + 1 < v->max_len && blksz != 0 && growblk != 0) {
+        v->len = len + 1;
+        return static_cast<ssize_t>(len);
     }
-    // Room for more than one: xvec_expand would find nothing to do.
-    const bool ample = v->max_len > 1 && v->len < v->max_len - 1 && blksz != 0 && growblk != 0;
-    if (!ample && xvec_expand(v, 1, blksz, growblk) != 0) {
-        return -1;
-    }
-    return static_cast<ssize_t>(v->len++);
+    return add_slowly(v, blksz, growblk);
 }
 
 void xvec_reset(struct xvec* v)
@@ -478,7 +503,9 @@ int xvlst_del(struct xvlst* l, size_t index, void (*cleanup)(void* data, size_t 
     forget_lowered();
     const ssize_t avail = l->avail;
     const int rc = free_slot(l, index, cleanup);
-    if (rc == 0 && cleanup == nullptr && g_cleanups == 0 && l->avail == static_cast<ssize_t>(index)) {
+    // Of a list that was full nothing need be known: the add fills it again.
+    const bool lowered = rc == 0 && avail >= 0 && l->avail == static_cast<ssize_t>(index);
+    if (lowered && cleanup == nullptr && g_cleanups == 0) {
         g_lowered = {l, l->taken, l->len, l->avail, avail};
     }
     return rc;

@@ -187,7 +187,7 @@ TEST_F(RqsFaults, an_interruption_without_nopoll_events_does_not_become_the_resu
     EXPECT_EQ(count("on_idle"), 3U);
 }
 
-TEST_F(RqsFaults, the_limit_of_the_wait_in_milliseconds)
+TEST_F(RqsFaults, kept_the_limit_of_the_wait_in_milliseconds_keeps_its_low_bits)
 {
     init();
     add_idle_reader();

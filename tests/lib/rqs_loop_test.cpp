@@ -360,7 +360,7 @@ TEST_F(RqsLoop, the_loop_can_be_left_and_entered_again)
 
 // ---- events of descriptors ------------------------------------------------------------------------------
 
-TEST_F(RqsLoop, the_data_word_has_two_views)
+TEST_F(RqsLoop, kept_the_data_word_has_two_views)
 {
     init();
     const Pipe with = make_pipe();
@@ -507,7 +507,7 @@ TEST_F(RqsLoop, an_error_alone_goes_to_error_and_with_a_direction_to_that_direct
     EXPECT_EQ(count("read"), 0U);
 }
 
-TEST_F(RqsLoop, a_failed_event_does_not_keep_the_rest_from_its_turn)
+TEST_F(RqsLoop, kept_a_failed_event_does_not_keep_the_rest_from_its_turn)
 {
     init();
     Pipe pipes[3];
