@@ -21,6 +21,8 @@
 
 MV_BEGIN_DECLS
 
+struct fdrec;
+
 /* Types of requests. */
 enum { RQTYPE_GET = 0, RQTYPE_HEAD = 1 };
 
@@ -240,6 +242,17 @@ int web_escape(const char* src, char* dst, size_t dstlen);
  * is cut to buflen, and a cut one has no terminator.
  */
 int mk_hls_item_url(const char* m3u_url, const char* path, char* buf, size_t buflen);
+
+/*
+ * open_uri_src, open_uri_dst: open a URL into a new record (fdrec.h), for reading and for writing; the caller
+ * releases it with free_fdrec. A file is opened, or for writing made anew (it must not exist); a socket does
+ * not block (a connect may be in progress), needs a port also for http, and gets no request. A source reads
+ * udp and rtp groups on the interface ifc_tag (NULL: any), and takes what stands before an '@' as the one
+ * source of the group. The record has path, mode and descriptor, and of a socket its specification and
+ * interface. *uri_kind, if given, becomes the kind of the URL (uri.h). NULL, logged, on any failure.
+ */
+struct fdrec* open_uri_src(const char* uri, const char* ifc_tag, int* uri_kind);
+struct fdrec* open_uri_dst(const char* uri, int* uri_kind);
 
 MV_END_DECLS
 

@@ -16,8 +16,12 @@
 #include "detail/owned.h"
 #include "detail/uri_text.h"
 #include "fdio.h"
+#include "fdrec.h"
 #include "log.h"
+#include "netops.h"
 #include "syswrap.h"
+#include "uri.h"
+#include "util.h"
 
 DECLARE_MLL(MLL_COMMON);
 
@@ -38,6 +42,8 @@ constexpr size_t kRequestSize = 2048;  // of a whole request
 constexpr size_t kResponseSize = 4096; // of a response's head
 constexpr size_t kAddrSize = 1025;
 constexpr size_t kPortSize = 32;
+
+enum { OUTBOUND_URI = 0, INBOUND_URI = 1 };
 constexpr size_t kGetSize = 640; // of path and query of a request
 constexpr size_t kReasonSize = 64;
 constexpr size_t kLocationMax = 2048;
@@ -479,6 +485,71 @@ const char* get_web_seq(char c)
 {
     const size_t place = std::string_view(web_ESC).find(c);
     return place != std::string_view::npos ? web_SEQ[place] : nullptr;
+}
+
+// ---- URLs as records of descriptors ------------------------------------------------------------------
+
+int open_file_uri(struct fdrec* r, int inbound)
+{
+    return inbound == INBOUND_URI ? open_src_file(r->path) : open_dst_file(r->path, 0);
+}
+
+// Opens the socket of a network URL into the record. No request is sent, and no port assumed. The descriptor,
+// or -1.
+int open_net_uri(struct fdrec* r, int kind, int inbound, const char* authority, const char* path,
+                 const char* ifc_tag)
+{
+    char addr[kAddrSize] = {};
+    char port[kPortSize] = {};
+    if (uri_path_addrport(path, URI_PATH_MAX, addr, sizeof addr, port, sizeof port) == nullptr) {
+        return -1;
+    }
+    r->sspec = static_cast<struct socket_spec*>(W_calloc("open_uri", 1, sizeof(struct socket_spec)));
+    if (r->sspec == nullptr) {
+        return -1;
+    }
+    const bool is_stream = kind == URI_TCP || kind == URI_HTTP;
+    r->sspec->writer = inbound == INBOUND_URI ? 0 : 1;
+    r->sspec->non_blocking = 1;
+    r->sspec->socktype = is_stream ? SOCK_STREAM : SOCK_DGRAM;
+    const char* source = nullptr;
+    if (inbound == INBOUND_URI && !is_stream && authority[0] != 0) {
+        source = authority;
+        log_dbg("%s: SSM source=[%s]\n", "open_uri", source);
+    }
+    return open_socket(addr, port, source, r->sspec, ifc_tag, &r->mifc);
+}
+
+struct fdrec* open_uri(int inbound, const char* uri, const char* ifc_tag, int* uri_kind)
+{
+    char authority[URI_AUTH_MAX] = {};
+    char path[URI_PATH_MAX] = {};
+    char query[URI_QUERY_MAX] = {};
+    const int kind = uri_extract(uri, nullptr, authority, path, query);
+    if (kind == URI_BAD) {
+        return nullptr;
+    }
+    struct fdrec* const r = alloc_fdrec();
+    if (r == nullptr) {
+        return nullptr;
+    }
+    snprintf(r->path, sizeof r->path, "%s", path);
+    if (kind == URI_FILE) {
+        r->fd = open_file_uri(r, inbound);
+    } else if (kind >= URI_TCP && kind <= URI_HTTP) {
+        r->fd = open_net_uri(r, kind, inbound, authority, path, ifc_tag);
+    } else {
+        log_err("%s: unsupported type of URI [%s]", __func__, uri);
+    }
+    if (r->fd < 0) {
+        free_fdrec(r);
+        return nullptr;
+    }
+    get_stat_mode(r->fd, &r->mode);
+    if (uri_kind != nullptr) {
+        *uri_kind = kind;
+    }
+    return r;
 }
 
 } // namespace
@@ -923,4 +994,14 @@ int mk_hls_item_url(const char* m3u_url, const char* path, char* buf, size_t buf
     memcpy(buf, m3u_url, prefix + 1);
     memcpy(buf + prefix + 1, path, length + 1);
     return 0;
+}
+
+struct fdrec* open_uri_src(const char* uri, const char* ifc_tag, int* uri_kind)
+{
+    return open_uri(INBOUND_URI, uri, ifc_tag, uri_kind);
+}
+
+struct fdrec* open_uri_dst(const char* uri, int* uri_kind)
+{
+    return open_uri(OUTBOUND_URI, uri, nullptr, uri_kind);
 }
