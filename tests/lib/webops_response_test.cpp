@@ -1,0 +1,466 @@
+// Heads of responses, as text and as curl sees them; texts for HTML and playlists.
+#include "webops.h"
+
+#include <arpa/inet.h>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <random>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "child.h"
+#include "fds.h"
+#include "logcap.h"
+
+using support::FdGuard;
+using support::LogCapture;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+struct http_response plain(int code)
+{
+    return {code, nullptr, -1, "Reason", "srv", nullptr, nullptr, nullptr};
+}
+
+// The head, composed in a block of its exact size; "(-1)" for a failure.
+std::string composed(const struct http_response& r, size_t size = 4096)
+{
+    std::vector<char> buf(std::max<size_t>(size, 1), '\x55');
+    const ssize_t n = mk_http_response(&r, buf.data(), size);
+    if (n < 0) {
+        return "(" + std::to_string(n) + ")";
+    }
+    EXPECT_EQ(buf[static_cast<size_t>(n)], '\0');
+    return {buf.data(), static_cast<size_t>(n)};
+}
+
+struct Canned {
+    struct http_response* record;
+    int code;
+    const char* reason;
+    long content_length;
+    const char* connection;
+};
+
+const Canned kCanned[] = {
+    {&g_resp_ok, 200, "OK", -1, nullptr},
+    {&g_resp_tmoved, 302, "Moved Temporarily", 0, "close"},
+    {&g_resp_bad, 400, "Bad request", 0, nullptr},
+    {&g_resp_denied, 403, "Forbidden", 0, "close"},
+    {&g_resp_nfound, 404, "Not Found", 0, "close"},
+    {&g_resp_timeout, 408, "Request Timeout", 0, "close"},
+    {&g_resp_err, 500, "Service error", 0, "close"},
+};
+
+std::string expected_head(const Canned& c)
+{
+    return "HTTP/1.1 " + std::to_string(c.code) + " " + c.reason + "\r\nServer: test\r\n" +
+           (c.content_length == 0 ? "Content-Length: 0\r\n" : "") +
+           (c.connection != nullptr ? "Connection: close\r\n" : "") + "\r\n";
+}
+
+struct Escaped {
+    int count;
+    std::string text;
+
+    bool operator==(const Escaped&) const = default;
+};
+
+void PrintTo(const Escaped& e, std::ostream* out)
+{
+    *out << "{" << e.count << ", [" << e.text << "]}";
+}
+
+Escaped escaped(const std::string& text, size_t size = 64)
+{
+    std::vector<char> dst(std::max<size_t>(size, 1), '#');
+    const int count = web_escape(text.c_str(), dst.data(), size);
+    return {count, std::string(dst.data(), strnlen(dst.data(), dst.size()))};
+}
+
+struct Item {
+    int rc;
+    std::string url;
+
+    bool operator==(const Item&) const = default;
+};
+
+void PrintTo(const Item& i, std::ostream* out)
+{
+    *out << "{" << i.rc << ", [" << i.url << "]}";
+}
+
+Item item_url(const char* m3u, const char* path, size_t size = 64)
+{
+    std::vector<char> buf(std::max<size_t>(size, 1), '#');
+    const int rc = mk_hls_item_url(m3u, path, buf.data(), size);
+    return {rc, std::string(buf.data(), strnlen(buf.data(), buf.size()))};
+}
+
+} // namespace
+
+TEST(WebResponse, AllHeadersInTheirOrder)
+{
+    const struct http_response r = {200,     "video/mp2t",       12,         "OK", "srv",
+                                    "close", "X-A: 1\r\nX-B: 2", "http://h/"};
+    EXPECT_EQ(composed(r),
+              "HTTP/1.1 200 OK\r\nServer: srv\r\nContent-Type: video/mp2t\r\nContent-Length: 12\r\n"
+              "Connection: close\r\nLocation: http://h/\r\nX-A: 1\r\nX-B: 2\r\n\r\n");
+}
+
+TEST(WebResponse, AbsentAndEmptyFieldsLeaveTheirHeadersOut)
+{
+    struct http_response r = plain(404);
+    EXPECT_EQ(composed(r), "HTTP/1.1 404 Reason\r\nServer: srv\r\n\r\n");
+    r.content_type = r.connection = r.location = r.ok_suffix = "";
+    EXPECT_EQ(composed(r), "HTTP/1.1 404 Reason\r\nServer: srv\r\n\r\n");
+    r.content_length = 0;
+    EXPECT_EQ(composed(r), "HTTP/1.1 404 Reason\r\nServer: srv\r\nContent-Length: 0\r\n\r\n");
+    r.content_length = LONG_MAX;
+    EXPECT_EQ(composed(r),
+              "HTTP/1.1 404 Reason\r\nServer: srv\r\nContent-Length: 9223372036854775807\r\n\r\n");
+    r.reason = r.server = "";
+    r.content_length = LONG_MIN;
+    r.code = -5;
+    EXPECT_EQ(composed(r), "HTTP/1.1 -5 \r\nServer: \r\n\r\n");
+}
+
+TEST(WebResponse, SuffixGoesWithCode200Alone)
+{
+    struct http_response r = plain(200);
+    r.ok_suffix = "X-A: 1";
+    EXPECT_EQ(composed(r), "HTTP/1.1 200 Reason\r\nServer: srv\r\nX-A: 1\r\n\r\n");
+    r.code = 404;
+    EXPECT_EQ(composed(r), "HTTP/1.1 404 Reason\r\nServer: srv\r\n\r\n");
+}
+
+TEST(WebResponse, HeadNeedsTwoBytesMoreThanItsLength)
+{
+    struct http_response r = {200, "t/t", 12, "OK", "srv", "close", "X-A: 1", "http://h/"};
+    for (const char* suffix : {"X-A: 1", static_cast<const char*>(nullptr)}) {
+        r.ok_suffix = suffix;
+        const std::string whole = composed(r);
+        for (size_t size = 0; size < whole.size() + 2; ++size) {
+            ASSERT_EQ(composed(r, size), "(-1)") << size;
+        }
+        EXPECT_EQ(composed(r, whole.size() + 2), whole);
+    }
+}
+
+TEST(WebResponse, LineOf128CharactersIsLeftOut)
+{
+    struct http_response r = plain(200);
+    const std::string type(127 - strlen("Content-Type: \r\n"), 't');
+    r.content_type = type.c_str();
+    EXPECT_EQ(composed(r), "HTTP/1.1 200 Reason\r\nServer: srv\r\nContent-Type: " + type + "\r\n\r\n");
+    const std::string longer = type + "t";
+    r.content_type = longer.c_str();
+    r.connection = "close";
+    EXPECT_EQ(composed(r), "HTTP/1.1 200 Reason\r\nServer: srv\r\nConnection: close\r\n\r\n");
+    // It still has to have room.
+    EXPECT_EQ(composed(r, 34 + 128), "(-1)");
+    const std::string rest = composed(r);
+    EXPECT_LT(rest.size() + 2, 34U + 128);
+}
+
+TEST(WebResponse, ServerAndReasonMayBeLong)
+{
+    struct http_response r = plain(200);
+    const std::string text(500, 's');
+    r.server = r.reason = text.c_str();
+    EXPECT_EQ(composed(r), "HTTP/1.1 200 " + text + "\r\nServer: " + text + "\r\n\r\n");
+}
+
+TEST(WebResponse, MissingFieldsEndTheProcess)
+{
+    for (int missing = 0; missing < 3; ++missing) {
+        const auto result = support::run_in_child([missing] {
+            log_default(&g_log, stderr);
+            struct http_response r = plain(missing == 0 ? 0 : 200);
+            r.reason = missing == 1 ? nullptr : r.reason;
+            r.server = missing == 2 ? nullptr : r.server;
+            char buf[256];
+            return static_cast<int>(mk_http_response(&r, buf, sizeof buf));
+        });
+        EXPECT_EQ(result.signal, SIGABRT) << missing;
+        EXPECT_NE(result.err.find("mk_http_response"), std::string::npos) << result.err;
+    }
+}
+
+TEST(WebCanned, RecordsAndTheirCodes)
+{
+    for (const Canned& c : kCanned) {
+        SCOPED_TRACE(c.code);
+        EXPECT_EQ(match_http_response(c.code), c.record);
+        EXPECT_EQ(c.record->code, c.code);
+        EXPECT_STREQ(c.record->reason, c.reason);
+        EXPECT_EQ(c.record->content_length, c.content_length);
+        EXPECT_STREQ(c.record->connection, c.connection);
+        EXPECT_EQ(c.record->server, nullptr);
+        EXPECT_EQ(c.record->content_type, nullptr);
+        EXPECT_EQ(c.record->ok_suffix, nullptr);
+        EXPECT_EQ(c.record->location, nullptr);
+    }
+    for (const int code : {0, -1, 199, 201, 301, 401, 501, int{RC_PING}}) {
+        EXPECT_EQ(match_http_response(code), nullptr) << code;
+    }
+}
+
+TEST(WebCanned, WhatAUserWritesStays)
+{
+    match_http_response(302)->location = "http://h/";
+    EXPECT_STREQ(match_http_response(302)->location, "http://h/");
+    g_resp_tmoved.location = nullptr;
+}
+
+TEST(WebCanned, WithoutServerTheProcessEnds)
+{
+    const auto result = support::run_in_child([] { return send_http_response(1, &g_resp_ok); });
+    EXPECT_EQ(result.signal, SIGABRT);
+}
+
+TEST(WebCanned, EachIsSentAsComposed)
+{
+    const FdGuard fds;
+    for (const Canned& c : kCanned) {
+        int pair[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        struct http_response* r = match_http_response(c.code);
+        r->server = "test";
+        LogCapture log;
+        EXPECT_EQ(send_http_response(pair[0], r), 0);
+        EXPECT_EQ(log.lines(), Lines{});
+        close(pair[0]);
+        char buf[4096];
+        const ssize_t n = read(pair[1], buf, sizeof buf);
+        EXPECT_EQ(std::string(buf, n > 0 ? static_cast<size_t>(n) : 0), expected_head(c));
+        close(pair[1]);
+    }
+}
+
+TEST(WebCanned, CurlUnderstandsEach)
+{
+    if (access("/usr/bin/curl", X_OK) != 0) {
+        GTEST_SKIP() << "skipped: no curl here";
+    }
+    const FdGuard fds;
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof addr;
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), length), 0);
+    ASSERT_EQ(listen(listener, 4), 0);
+    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &length), 0);
+    const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/";
+    for (const Canned& c : kCanned) {
+        for (const char* option : {"-i", "-I"}) {
+            support::Process curl({"/usr/bin/curl", "-s", "-S", "--noproxy", "*", "--max-time", "30", option,
+                                   url + std::to_string(c.code)});
+            const int fd = accept(listener, nullptr, nullptr);
+            ASSERT_GE(fd, 0);
+            char request[4096];
+            const ssize_t n = read(fd, request, sizeof request - 1);
+            ASSERT_GT(n, 0);
+            request[n] = '\0';
+            char path[16];
+            char query[16];
+            ASSERT_EQ(extract_http_request_path_query(request, static_cast<size_t>(n), path, sizeof path,
+                                                      query, sizeof query - 1),
+                      0);
+            struct http_response* r = match_http_response(atoi(path));
+            ASSERT_NE(r, nullptr);
+            r->server = "test";
+            EXPECT_EQ(send_http_response(fd, r), 0);
+            close(fd);
+            const auto result = curl.wait();
+            EXPECT_EQ(result.exit_code, 0) << result.err;
+            EXPECT_EQ(result.out, expected_head(c));
+        }
+    }
+    close(listener);
+}
+
+TEST(WebSendResponse, HeadThatDoesNotFit)
+{
+    const std::string text(4096, 's');
+    struct http_response r = plain(200);
+    r.server = text.c_str();
+    LogCapture log;
+    EXPECT_EQ(send_http_response(1, &r), -1);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  send_http_response: error compiling HTTP response for fd=1"}));
+}
+
+TEST(WebSendResponse, FailedWrite)
+{
+    const struct http_response r = plain(200);
+    const std::string length = std::to_string(composed(r).size());
+    LogCapture log;
+    EXPECT_EQ(send_http_response(-1, &r), -1);
+    EXPECT_EQ(errno, EBADF);
+    ASSERT_EQ(log.lines().size(), 4U); // the first is that of the call itself
+    EXPECT_EQ(log.lines()[1], "(ERR)  send_http_response: error sending HTTP response to fd=-1");
+    EXPECT_EQ(log.lines()[2], "(WRN)  send_http_response: only -1 out of " + length + " bytes sent to fd=-1");
+    EXPECT_EQ(log.lines()[3], "(ERR)  send_http_response: error compiling HTTP response for fd=-1");
+}
+
+TEST(WebSendResponse, kept_ShortWriteIsASuccess)
+{
+    const FdGuard fds;
+    char name[] = "/tmp/webops_short_XXXXXX";
+    const int fd = mkstemp(name);
+    ASSERT_GE(fd, 0);
+    unlink(name);
+    const struct http_response r = plain(200);
+    // A file that may not grow beyond a limit takes a part of the write.
+    const auto result = support::run_in_child([fd, &r] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{10, 10};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        log_default(&g_log, stderr);
+        log_timefmt(&g_log, f_NO_TIME);
+        return send_http_response(fd, &r);
+    });
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.err, "(WRN)  send_http_response: only 10 out of " + std::to_string(composed(r).size()) +
+                              " bytes sent to fd=" + std::to_string(fd) + "\n");
+    close(fd);
+}
+
+TEST(WebSendResponse, SuccessIsShownAtDebugLevel)
+{
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    const struct http_response r = plain(200);
+    const std::string head = composed(r);
+    LogCapture log(DEBUG_level);
+    EXPECT_EQ(send_http_response(pair[0], &r), 0);
+    EXPECT_EQ(log.text(), "(DBG)  send_http_response: sent HTTP response (" + std::to_string(head.size()) +
+                              " bytes) to fd=" + std::to_string(pair[0]) + ":\n" + head + "\n");
+    close(pair[0]);
+    close(pair[1]);
+}
+
+TEST(WebEscape, CountsStretches)
+{
+    EXPECT_EQ(escaped("a&b"), (Escaped{2, "a&amp;b"}));
+    EXPECT_EQ(escaped("a&"), (Escaped{1, "a&amp;"}));
+    EXPECT_EQ(escaped("&"), (Escaped{1, "&amp;"}));
+    EXPECT_EQ(escaped("<a href='x'>\""), (Escaped{5, "&lt;a href=&apos;x&apos;&gt;&quot;"}));
+}
+
+TEST(WebEscape, NothingToEscapeLeavesTheBuffer)
+{
+    EXPECT_EQ(escaped("ab").count, 0);
+    EXPECT_EQ(escaped("ab").text, std::string(64, '#'));
+    EXPECT_EQ(escaped("").count, 0);
+}
+
+TEST(WebEscape, WithoutBufferItOnlyCounts)
+{
+    EXPECT_EQ(web_escape("a&b<c", nullptr, 0), 3);
+    EXPECT_EQ(web_escape("abc", nullptr, 0), 0);
+}
+
+TEST(WebEscape, RestOfTheBufferBecomesZero)
+{
+    char dst[16];
+    memset(dst, '#', sizeof dst);
+    EXPECT_EQ(web_escape("a&b", dst, sizeof dst), 2);
+    EXPECT_EQ(std::string(dst, sizeof dst), "a&amp;b" + std::string(9, '\0'));
+}
+
+TEST(WebEscape, TextAndTerminatorMustFit)
+{
+    for (const char* text : {"a&b", "a&", "&", "<<<>>>", "abc&defghij", "a&b&c"}) {
+        const Escaped whole = escaped(text);
+        for (size_t size = 0; size <= whole.text.size(); ++size) {
+            ASSERT_EQ(escaped(text, size).count, -ERANGE) << text << " " << size;
+        }
+        EXPECT_EQ(escaped(text, whole.text.size() + 1), whole);
+    }
+}
+
+TEST(WebEscape, RandomTextsAgreeWithAModel)
+{
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    for (int round = 0; round < 2000; ++round) {
+        std::string text;
+        std::string expected;
+        int count = 0;
+        for (unsigned n = random() % 12; n > 0; --n) {
+            const char c = "&><'\"ab"[random() % 7];
+            text += c;
+            const char* place = c >= 'a' ? nullptr : strchr(web_ESC, c);
+            expected += place != nullptr ? web_SEQ[std::string(web_ESC).find(c)] : std::string(1, c);
+            count += place != nullptr ? 1 : 0;
+        }
+        if (count > 0 && text.back() >= 'a') {
+            ++count;
+        }
+        const Escaped got = escaped(text, 128);
+        ASSERT_EQ(got.count, count) << text;
+        if (count > 0) {
+            ASSERT_EQ(got.text, expected);
+        }
+    }
+}
+
+TEST(WebEscape, TableOfSequences)
+{
+    EXPECT_EQ(strlen(web_ESC) + 1, static_cast<size_t>(web_SEQ_COUNT));
+    EXPECT_EQ(web_SEQ[web_SEQ_COUNT - 1], nullptr);
+}
+
+TEST(WebHls, RelativeItems)
+{
+    EXPECT_EQ(item_url("http://h/a/l.m3u8", "s1.ts"), (Item{0, "http://h/a/s1.ts"}));
+    EXPECT_EQ(item_url("HTTP://h/l.m3u8", "b/s1.ts"), (Item{0, "HTTP://h/b/s1.ts"}));
+    EXPECT_EQ(item_url("http://h/", ""), (Item{0, "http://h/"}));
+}
+
+TEST(WebHls, kept_RootPathAndOtherSchemesAreJoinedLikeAnyOther)
+{
+    EXPECT_EQ(item_url("http://h/a/l.m3u8", "/s1.ts"), (Item{0, "http://h/a//s1.ts"}));
+    EXPECT_EQ(item_url("http://h/a/l.m3u8", "https://x/y"), (Item{0, "http://h/a/https://x/y"}));
+}
+
+TEST(WebHls, AbsoluteItems)
+{
+    EXPECT_EQ(item_url("anything", "Http://x/y"), (Item{0, "Http://x/y"}));
+    EXPECT_EQ(item_url("anything", "http://x/y", 10).url, "http://x/y"); // fills the buffer: no terminator
+    EXPECT_EQ(item_url("anything", "http://x/y", 8).url, "http://x");
+    EXPECT_EQ(item_url("anything", "http://x/y", 0), (Item{0, "#"}));
+}
+
+TEST(WebHls, PlaylistsThatAreNone)
+{
+    LogCapture log;
+    EXPECT_EQ(item_url("https://h/a", "s").rc, EINVAL);
+    EXPECT_EQ(item_url("", "s").rc, EINVAL);
+    EXPECT_EQ(item_url("http://h", "s").rc, EINVAL);
+    EXPECT_EQ(item_url("http:///x", "s").rc, EINVAL);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  mk_hls_item_url: non-http M3U url: https://h/a",
+                                  "(ERR)  mk_hls_item_url: non-http M3U url: ",
+                                  "(ERR)  mk_hls_item_url: pfx-len=6 bad m3u URL: http://h",
+                                  "(ERR)  mk_hls_item_url: pfx-len=7 bad m3u URL: http:///x"}));
+}
+
+TEST(WebHls, RoomForTheUrl)
+{
+    LogCapture log;
+    EXPECT_EQ(item_url("http://h/l", "s", 11), (Item{0, "http://h/s"}));
+    EXPECT_EQ(item_url("http://h/l", "s", 10), (Item{EINVAL, "##########"}));
+    EXPECT_EQ(item_url("http://h/l", "s", 0), (Item{EINVAL, "#"}));
+    EXPECT_EQ(log.lines().size(), 2U);
+}
