@@ -42,8 +42,6 @@ constexpr size_t kRequestSize = 2048;  // of a whole request
 constexpr size_t kResponseSize = 4096; // of a response's head
 constexpr size_t kAddrSize = 1025;
 constexpr size_t kPortSize = 32;
-
-enum { OUTBOUND_URI = 0, INBOUND_URI = 1 };
 constexpr size_t kGetSize = 640; // of path and query of a request
 constexpr size_t kReasonSize = 64;
 constexpr size_t kLocationMax = 2048;
@@ -56,6 +54,8 @@ constexpr size_t kMethodMax = 7;
 constexpr char kHttpPrefix[] = "http://";
 constexpr size_t kHttpPrefixSize = sizeof kHttpPrefix - 1;
 constexpr char kVersion[] = "HTTP/1.";
+
+enum { OUTBOUND_URI = 0, INBOUND_URI = 1 };
 
 // A terminated copy of a text inside a larger one, for a log line. A line is shorter than the copy may
 // become, so what is cut here could not have been logged anyway.
