@@ -189,8 +189,8 @@ extern volatile sig_atomic_t g_sigctx;
         }                                                                                                    \
     } while (0)
 
-/* loglevel_is: whether the module's level, or the level of the open section, is a or more. Not the gate's
- * test. */
+/* loglevel_is: whether the module's level, or the level of the open section, is a or more. Kept: not the
+ * gate's test. */
 #define loglevel_is(a) ((a) <= g_mod_ll[g_llctx.mod] || (g_llctx.sec >= 0 && g_sec_ll[g_llctx.sec] >= (a)))
 
 /* Levels of modules: read slot a; read this file's slot; set this file's slot; set slot a. */

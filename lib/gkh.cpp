@@ -97,6 +97,7 @@ struct hrec* s_mkhrec(const void* key)
     if (rec == nullptr) {
         return nullptr;
     }
+    // Kept: a longer key is cut, though the look-up compares it whole.
     const size_t length = strnlen(static_cast<const char*>(key), HT_MAX_SKEY - 1);
     memcpy(rec->s_key, key, length);
     return reinterpret_cast<struct hrec*>(rec);
@@ -278,7 +279,7 @@ int get(const ht_t* tbl, const void* key, void** pdat)
 void destroy(ht_t* tbl, gkfree_t free_data)
 {
     assert(tbl != nullptr);
-    if (tbl->r != nullptr && tbl->rlen <= HT_MAX_CAP) {
+    if (tbl->r != nullptr && tbl->rlen <= HT_MAX_CAP) { // Kept: a greater table keeps its records
         for (size_t i = 0; i < tbl->rlen; ++i) {
             for (struct hrec* rec = tbl->r[i]; rec != nullptr;) {
                 struct hrec* next = rec->next;

@@ -48,6 +48,7 @@ struct LevelName {
     int syslog_pri;
 };
 
+// Kept: the spelling of "ctitical", which scripts match.
 constexpr LevelName kLevels[] = {
     {"(PNC)", "panic", LOG_ALERT},     {"(ERR)", "error", LOG_ERR},     {"(CRI)", "ctitical", LOG_CRIT},
     {"(WRN)", "warning", LOG_WARNING}, {"(NRM)", "normal", LOG_NOTICE}, {"(INF)", "info", LOG_INFO},
@@ -274,6 +275,7 @@ bool put_header(const struct log_ctx* log, int level, Line& line)
 void output(struct log_ctx* log, const Line& line)
 {
     *line.at = 0;
+    // Kept: a zero byte in the message ends what is written, not what is counted.
     fputs_unlocked(line.start, log->fp);
     log->total_out += static_cast<size_t>(line.at - line.start);
     if (log->mirror_fp != nullptr && fileno(log->mirror_fp) != fileno(log->fp)) {
@@ -312,6 +314,7 @@ int do_open(struct log_ctx* log, const char* filecmd)
             return -1;
         }
         if (filecmd != log->name) {
+            // Kept: a path of 128 characters is open already and stored cut.
             strncpy(log->name, filecmd, LOG_PATHNAME_MAX - 1);
             log->name[LOG_PATHNAME_MAX - 1] = 0;
         }
@@ -345,7 +348,7 @@ int move_if_present(const char* fpath)
     if (!S_ISREG(st.st_mode) || st.st_size == 0) {
         return 0;
     }
-    char moved[kMovedNameMax];
+    char moved[kMovedNameMax]; // Kept: the limit is one less, so a name of 127 characters loses its last
     const int n =
         snprintf(moved, kMovedNameMax - 1, "%s.%lu", fpath, static_cast<unsigned long>(st.st_mtime));
     if (n > static_cast<int>(kMovedNameMax - 1)) {
@@ -371,7 +374,8 @@ bool rotated_name(const struct log_ctx* log, const char* caller, time_t tm, char
     return true;
 }
 
-// Enters a rotated file into the ring; the file whose place it takes is deleted.
+// Enters a rotated file into the ring; the file whose place it takes is deleted. Kept: also where that is the
+// same name, of a rotation in the same second.
 void handle_rotation(struct log_ctx* log, time_t now, const char* prev_log)
 {
     struct rotation_ctx& rota = log->rota;

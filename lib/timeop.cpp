@@ -108,7 +108,7 @@ const char* get_timezone(int refresh)
     const size_t n = strftime(zone_text, kZoneMax - 1, " %Z", &parts);
     if (n == 0 || n > kZoneMax - 1) {
         perror("strftime");
-        strcpy(zone_text, "#ERR#");
+        strcpy(zone_text, "#ERR#"); // Kept: what later calls then get
         return nullptr;
     }
     return zone_text;
@@ -294,6 +294,7 @@ ssize_t mk_timestr(const struct timespec* tms, const uint32_t flags, char* buf, 
         return -EDEADLK;
     }
     const ssize_t n = format_time(tms, flags, buf, buflen);
+    // Kept: a text of just the buffer's size passes, cut by one.
     if (n > 0 && static_cast<size_t>(n) > buflen) {
         fprintf(stderr, "%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__,
                 static_cast<int>(n), static_cast<long>(buflen));
