@@ -192,6 +192,15 @@ class Loop : public testing::Test {
 
     static void no_wait(timespec* tmout) { *tmout = {0, 0}; }
 
+    // A pipe with a byte in it, registered as a reader.
+    static Pipe add_ready_reader(Record& record)
+    {
+        Pipe p = make_pipe();
+        EXPECT_EQ(rqs_add_reader(p.in.get(), &record), 0);
+        put(p.out, "x");
+        return p;
+    }
+
     // A reader that is never ready, so that the loop has room for events and something to wait on.
     void add_idle_reader()
     {

@@ -279,10 +279,8 @@ TEST_F(RqsLoop, the_flags_of_a_removal_are_ignored)
 TEST_F(RqsLoop, a_cycle_runs_its_stages_in_order)
 {
     init();
-    const Pipe p = make_pipe();
     Record record;
-    ASSERT_EQ(rqs_add_reader(p.in.get(), &record), 0);
-    put(p.out, "x");
+    const Pipe p = add_ready_reader(record);
     std::vector<int> stages;
     const auto keep = [&] { stages.push_back(loop::stage()); };
     hooks.update_tmout = [&](timespec*) { keep(); };
@@ -333,10 +331,8 @@ TEST_F(RqsLoop, the_result_of_time_out_is_ignored)
 TEST_F(RqsLoop, callbacks_that_may_be_null_may_all_be_null)
 {
     init(fewest_callbacks());
-    const Pipe p = make_pipe();
     Record record;
-    ASSERT_EQ(rqs_add_reader(p.in.get(), &record), 0);
-    put(p.out, "x");
+    const Pipe p = add_ready_reader(record);
     int reads = 0;
     hooks.read = [&](int, int, void*) { return ++reads == 3 ? 1 : 0; };
     EXPECT_EQ(rqs_event_loop(), 1);
@@ -510,12 +506,10 @@ TEST_F(RqsLoop, an_error_alone_goes_to_error_and_with_a_direction_to_that_direct
 TEST_F(RqsLoop, kept_a_failed_event_does_not_keep_the_rest_from_its_turn)
 {
     init();
-    Pipe pipes[3];
     Record records[3];
+    Pipe pipes[3];
     for (int i = 0; i < 3; ++i) {
-        pipes[i] = make_pipe();
-        ASSERT_EQ(rqs_add_reader(pipes[i].in.get(), &records[i]), 0);
-        put(pipes[i].out, "x");
+        pipes[i] = add_ready_reader(records[i]);
     }
     int calls = 0;
     hooks.read = [&](int, int, void*) { return ++calls == 1 ? 55 : 0; };
@@ -531,10 +525,8 @@ TEST_F(RqsLoop, kept_a_failed_event_does_not_keep_the_rest_from_its_turn)
 TEST_F(RqsLoop, a_result_of_post_process_goes_before_the_count_of_failed_events)
 {
     init();
-    const Pipe p = make_pipe();
     Record record;
-    ASSERT_EQ(rqs_add_reader(p.in.get(), &record), 0);
-    put(p.out, "x");
+    const Pipe p = add_ready_reader(record);
     hooks.read = [](int, int, void*) { return 1; };
     hooks.post_process = [](int) { return 42; };
     EXPECT_EQ(rqs_event_loop(), 42);
@@ -544,12 +536,10 @@ TEST_F(RqsLoop, a_result_of_post_process_goes_before_the_count_of_failed_events)
 TEST_F(RqsLoop, kept_events_of_a_descriptor_that_was_removed_in_the_same_batch_are_dispatched)
 {
     init();
-    Pipe pipes[3];
     Record records[3];
+    Pipe pipes[3];
     for (int i = 0; i < 3; ++i) {
-        pipes[i] = make_pipe();
-        ASSERT_EQ(rqs_add_reader(pipes[i].in.get(), &records[i]), 0);
-        put(pipes[i].out, "x");
+        pipes[i] = add_ready_reader(records[i]);
     }
     std::vector<void*> seen;
     hooks.read = [&](int, int, void* udata) {

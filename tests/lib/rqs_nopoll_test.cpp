@@ -251,10 +251,8 @@ TEST_F(RqsNopoll, a_removal_queued_by_a_nopoll_callback_takes_effect_before_the_
 TEST_F(RqsNopoll, a_removal_queued_by_a_descriptors_callback_takes_effect_after_post_process)
 {
     init();
-    const Pipe p = make_pipe();
     Record record;
-    ASSERT_EQ(rqs_add_reader(p.in.get(), &record), 0);
-    put(p.out, "x");
+    const Pipe p = add_ready_reader(record);
     Event event;
     add(event);
     hooks.read = [&](int, int, void* udata) {

@@ -293,10 +293,8 @@ TEST_F(RqsWatch, a_udata_of_null_is_handed_on)
 TEST_F(RqsWatch, changes_come_in_the_stage_of_events_between_other_readers)
 {
     init();
-    const Pipe p = make_pipe();
     Record record;
-    ASSERT_EQ(rqs_add_reader(p.in.get(), &record), 0);
-    put(p.out, "x");
+    const Pipe p = add_ready_reader(record);
     watch(file, &mark);
     append(file);
     std::vector<int> stages;
@@ -431,10 +429,8 @@ TEST_F(RqsWatch, without_the_table_all_but_file_watches_works)
     log.clear();
     EXPECT_EQ(rqs_add_file_watch(&mark, file.c_str()), -1);
     EXPECT_EQ(lines_with("(ERR)  wfd_map_add: ERROR(22) adding wfd=1, udata=").size(), 1U) << log.text();
-    const Pipe p = make_pipe();
     Record record;
-    ASSERT_EQ(rqs_add_reader(p.in.get(), &record), 0);
-    put(p.out, "x");
+    const Pipe p = add_ready_reader(record);
     stop_after(1);
     EXPECT_EQ(rqs_event_loop(), kStopped);
     EXPECT_EQ(count("read"), 1U);
