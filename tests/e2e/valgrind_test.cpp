@@ -35,6 +35,14 @@ class Valgrind : public DaemonTest {
         return result;
     }
 
+    void expect_clean() const
+    {
+        const std::string report = read_file(path("valgrind"));
+        EXPECT_NE(report.find("ERROR SUMMARY: 0 errors"), std::string::npos) << report;
+        // The log stays open to the end of the process; nothing else does.
+        EXPECT_EQ(left_open(report), std::vector<std::string>{path("log")}) << report;
+    }
+
     Process start_under_valgrind(const std::vector<std::string>& args) const
     {
         std::vector<std::string> argv{"valgrind",
@@ -63,10 +71,16 @@ TEST_F(Valgrind, finds_nothing_in_a_run_with_a_join_and_a_leave)
     EXPECT_TRUE(zent.wait_for_out("LEAVE UDP://239.1.2.3\n"));
     zent.kill(SIGTERM);
     EXPECT_EQ(zent.wait().exit_code, 0);
-    const std::string report = read_file(path("valgrind"));
-    EXPECT_NE(report.find("ERROR SUMMARY: 0 errors"), std::string::npos) << report;
-    // The log stays open to the end of the process; nothing else does.
-    EXPECT_EQ(left_open(report), std::vector<std::string>{path("log")}) << report;
+    expect_clean();
+}
+
+TEST_F(Valgrind, finds_nothing_in_a_run_with_a_relay)
+{
+    Process zent = start_under_valgrind({"-T", "-i", "va", "-l", path("log"), "-R", "127.0.0.1:4554"});
+    ASSERT_TRUE(wait_for_log(" is running as UID="));
+    zent.kill(SIGTERM);
+    EXPECT_EQ(zent.wait().exit_code, 0);
+    expect_clean();
 }
 
 } // namespace support
