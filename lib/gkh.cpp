@@ -93,13 +93,15 @@ int l_cmp(const struct hrec* rec, const void* key)
 
 struct hrec* s_mkhrec(const void* key)
 {
-    auto* rec = static_cast<struct s_hrec*>(calloc(1, sizeof(struct s_hrec)));
+    auto* rec = static_cast<struct s_hrec*>(malloc(sizeof(struct s_hrec)));
     if (rec == nullptr) {
         return nullptr;
     }
-    // Kept: a longer key is cut, though the look-up compares it whole.
+    // Kept: a longer key is cut, though the look-up compares it whole. What is behind the terminator is never
+    // read: clearing it would touch three more cache lines of each record.
     const size_t length = strnlen(static_cast<const char*>(key), HT_MAX_SKEY - 1);
     memcpy(rec->s_key, key, length);
+    rec->s_key[length] = 0;
     return reinterpret_cast<struct hrec*>(rec);
 }
 
