@@ -575,6 +575,24 @@ TEST_F(RqsRecords, a_watch_that_cannot_be_dropped_is_told)
               std::string::npos);
 }
 
+TEST_F(RqsRecords, removing_a_watch_that_the_table_does_not_know_is_told)
+{
+    ASSERT_EQ(rqs_rm_file_watch(wd), 0);
+    {
+        // No memory for the table, and the kernel's watch stays: it is in force without a key.
+        const support::FailAllocation fail(1);
+        g_faults.inotify_rm_watch_error = EBADF;
+        EXPECT_EQ(rqs_add_file_watch(&mark, "/"), -1);
+        g_faults.inotify_rm_watch_error = 0;
+    }
+    ASSERT_EQ(rqs_add_file_watch(&mark, "/tmp"), wd + 2);
+    log.clear();
+    EXPECT_EQ(rqs_rm_file_watch(wd + 1), -1);
+    EXPECT_EQ(lines_with("(ERR)  wfd_map_rm: wfd=" + std::to_string(wd + 1) + " is not found.").size(), 1U);
+    EXPECT_EQ(lines_with("(ERR)").size(), 1U) << log.text();
+    EXPECT_EQ(rqs_fd_count(GET_POLLFDS), 0U) << "the count went to 0 all the same";
+}
+
 TEST_F(RqsRecords, more_removals_than_adds_are_an_assertion)
 {
     expect_abort("Assertion", [this] {
