@@ -506,6 +506,7 @@ int set_nblock(int sockfd, int nblock)
     if ((is_set && nblock == 1) || (!is_set && nblock == 0)) {
         return 0;
     }
+    // Kept: any number but 1 clears the bit, though the line below calls it non-blocking.
     const int wanted = nblock == 1 ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
     if (fcntl(sockfd, F_SETFL, wanted) == -1) {
         const int error = errno;
@@ -727,6 +728,7 @@ int set_up(int fd, const struct addrinfo* ai, struct socket_spec* spec, const ch
     if (spec->multicast == 0) {
         return spec->passive != 0 ? setup_listener(fd, ai, spec) : setup_client(fd, ai, spec);
     }
+    // Kept: an interface that does not exist is logged and leaves the socket on the default one.
     mifc.reset(is_anyaddr(ifc_tag) != 0 ? any_ifc_info(ai->ai_family) : get_ifc_info(ai->ai_family, ifc_tag));
     return spec->writer != 0 ? setup_mcast_writer(fd, ai, mifc.get())
                              : setup_mcast_reader(fd, ai, mifc.get(), spec->is_ssm ? &spec->src_ss : nullptr);
@@ -1214,8 +1216,8 @@ namespace {
 constexpr int kPortMax = 65535;
 constexpr long kMsecPerSec = 1000;
 
-// Puts the port of a text into the caller's address. What is wrong with either is only logged: a port that is
-// none counts as its number, cut to 16 bits.
+// Puts the port of a text into the caller's address. Kept: what is wrong with either is only logged, and a
+// port that is none counts as its number, cut to 16 bits.
 void store_port(const char* caller, const struct sockaddr_storage* ss, const char* text)
 {
     ASSERT(text != nullptr);
