@@ -61,7 +61,18 @@ constexpr ByteTable make_safe_table()
     return table;
 }
 
+// What a character of an encoded text stands for by itself; 0: the end, or an escape.
+constexpr ByteTable make_plain_table()
+{
+    ByteTable table{};
+    for (int c = 0; c < 256; ++c) {
+        table[static_cast<size_t>(c)] = static_cast<int8_t>(c == '%' ? 0 : c == '+' ? ' ' : c);
+    }
+    return table;
+}
+
 constexpr ByteTable kHexTable = make_hex_table();
+constexpr ByteTable kPlainTable = make_plain_table();
 constexpr ByteTable kSafeTable = make_safe_table();
 
 const char* cpyseg(const char* seg, size_t seg_len, char* buf, size_t buflen)
@@ -241,6 +252,11 @@ int hex2dec(char c)
     return kHexTable[static_cast<unsigned char>(c)];
 }
 
+char plain_char(char c)
+{
+    return static_cast<char>(kPlainTable[static_cast<unsigned char>(c)]);
+}
+
 // isprint() of the character as a signed char, without the index below the table: 0xFF is EOF and does not
 // print.
 bool is_printable(char c)
@@ -262,12 +278,14 @@ char* uri_decode_opt(char* s, size_t len, unsigned options)
 {
     size_t in = 0;
     size_t out = 0;
-    while (in < len && s[in] != '\0') {
-        const char c = s[in];
-        if (c != '%') {
-            s[out++] = c == '+' ? ' ' : c;
+    while (in < len) {
+        if (const char plain = plain_char(s[in]); plain != '\0') {
+            s[out++] = plain;
             ++in;
             continue;
+        }
+        if (s[in] == '\0') {
+            break;
         }
         if (len - in <= 2) {
             return nullptr;

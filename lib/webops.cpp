@@ -51,6 +51,7 @@ constexpr size_t kQueryMax = 256; // of a request to a server, with its terminat
 constexpr size_t kHeaderLineSize = 128;
 constexpr size_t kMethodMin = 3;
 constexpr size_t kMethodMax = 7;
+constexpr int kCaseBit = 'a' ^ 'A';
 constexpr char kHttpPrefix[] = "http://";
 constexpr size_t kHttpPrefixSize = sizeof kHttpPrefix - 1;
 constexpr char kVersion[] = "HTTP/1.";
@@ -91,9 +92,17 @@ bool is_eagain(int err)
     return err == EAGAIN || err == EWOULDBLOCK;
 }
 
+// isspace() and iscntrl() of a character: ASCII is the same in every locale and needs no call.
 bool is_white(char c)
 {
-    return isspace(static_cast<unsigned char>(c)) != 0;
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x80 ? byte == ' ' || (byte >= '\t' && byte <= '\r') : isspace(byte) != 0;
+}
+
+bool is_control(char c)
+{
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x80 ? byte < ' ' || byte == 0x7f : iscntrl(byte) != 0;
 }
 
 // The length of a head with the marker that ends it (LF LF or CR LF CR LF), 0 if it is not there yet. A CR
@@ -128,7 +137,9 @@ const char* find_title(const char* title, size_t length, const char* buf)
         return strcasestr(buf, title);
     }
     for (const char* colon = strchr(buf, ':'); colon != nullptr; colon = strchr(colon + 1, ':')) {
+        // The last letter tells most titles apart before the whole of them is compared.
         if (static_cast<size_t>(colon - buf) + 1 >= length &&
+            (length == 1 || ((colon[-1] ^ title[length - 2]) & ~kCaseBit) == 0) &&
             strncasecmp(colon + 1 - length, title, length) == 0) {
             return colon + 1 - length;
         }
@@ -707,7 +718,7 @@ const char* find_http_header(const char* title, const char* buf, size_t* hdr_len
         ++value;
     }
     const char* end = value;
-    while (iscntrl(static_cast<unsigned char>(*end)) == 0) {
+    while (!is_control(*end)) {
         ++end;
     }
     if (*end != '\n' && *end != '\r') {
