@@ -53,6 +53,7 @@ struct Local {
 
     Local(const Local&) = delete;
     Local& operator=(const Local&) = delete;
+
     ~Local() { close(fd); }
 
     int fd;

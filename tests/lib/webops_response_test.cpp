@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "asserted.h"
 #include "child.h"
 #include "fds.h"
 #include "logcap.h"
@@ -191,7 +192,7 @@ TEST(WebResponse, MissingFieldsEndTheProcess)
             return static_cast<int>(mk_http_response(&r, buf, sizeof buf));
         });
         EXPECT_EQ(result.signal, SIGABRT) << missing;
-        EXPECT_NE(result.err.find("mk_http_response"), std::string::npos) << result.err;
+        EXPECT_TRUE(support::asserted_in(result.err, "mk_http_response")) << result.err;
     }
 }
 
