@@ -129,8 +129,9 @@ size_t head_eod(const char* buf, size_t buflen)
     return 0;
 }
 
-// The first place of a title in a text, by any case. The titles used here end in their only colon, which is
-// far rarer than any letter: the colons are walked and the title compared in front of each.
+// The first place of a title in a text, by any case. Kept: no look at line starts. The titles used here end
+// in their only colon, which is far rarer than any letter: the colons are walked and the title compared in
+// front of each.
 const char* find_title(const char* title, size_t length, const char* buf)
 {
     if (length == 0 || strchr(title, ':') != title + length - 1) {
@@ -414,7 +415,7 @@ class Head {
         length_ += piece.size();
     }
 
-    // A header line. False: no room for it. A line beyond kHeaderLineSize is left out.
+    // A header line. False: no room for it. Kept: a line of kHeaderLineSize and more is left out.
     bool line(std::string_view title, std::string_view value)
     {
         const size_t length = title.size() + value.size() + 2;
@@ -928,6 +929,7 @@ int send_http_response(int sockfd, const struct http_response* r)
             log_err("%s: error sending HTTP response to fd=%d\n", __func__, sockfd);
             rc = -1;
         }
+        // Kept: a failed write logs this line too, and a short one is no failure.
         if (sent != length) {
             log_warn("%s: only %ld out of %ld bytes sent to fd=%d\n", __func__, static_cast<long>(sent),
                      static_cast<long>(length), sockfd);
@@ -988,7 +990,7 @@ int web_escape(const char* src, char* dst, size_t dstlen)
 int mk_hls_item_url(const char* m3u_url, const char* path, char* buf, size_t buflen)
 {
     if (strncasecmp(path, kHttpPrefix, kHttpPrefixSize) == 0) {
-        strncpy(buf, path, buflen);
+        strncpy(buf, path, buflen); // Kept: no terminator where it fills buf.
         return 0;
     }
     if (strncasecmp(m3u_url, kHttpPrefix, kHttpPrefixSize) != 0) {

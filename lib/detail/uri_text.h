@@ -10,7 +10,7 @@
 
 namespace mv {
 
-// The length of the text in front of the query mark. A text that ends in '/' has no query.
+// The length of the text in front of the query mark. Kept: a text that ends in '/' has no query.
 inline size_t till_query(std::string_view text)
 {
     if (text.empty() || text.back() == '/') {
@@ -20,7 +20,7 @@ inline size_t till_query(std::string_view text)
     return mark == nullptr ? text.size() : static_cast<size_t>(static_cast<const char*>(mark) - text.data());
 }
 
-// The length of the scheme in front of "://". A single letter is no scheme.
+// The length of the scheme in front of "://". Kept: a single letter is no scheme.
 inline size_t scheme_length(std::string_view text)
 {
     const size_t colon = text.find(':');

@@ -667,7 +667,7 @@ TEST(WebRead, DebugLinesOfAWholeHead)
                               fd + " received: HTTP/1.1 200 [OK]\n");
 }
 
-TEST(WebRead, HeadersAreLookedAtForRedirectsAlone)
+TEST(WebRead, kept_HeadersAreLookedAtForRedirectsAlone)
 {
     for (const int code : {200, 204, 300, 303, 307, 404}) {
         const Answer a = answer_to("HTTP/1.1 " + std::to_string(code) +

@@ -156,7 +156,7 @@ TEST(WebResponse, HeadNeedsTwoBytesMoreThanItsLength)
     }
 }
 
-TEST(WebResponse, LineOf128CharactersIsLeftOut)
+TEST(WebResponse, kept_LineOf128CharactersIsLeftOut)
 {
     struct http_response r = plain(200);
     const std::string type(127 - strlen("Content-Type: \r\n"), 't');
@@ -300,7 +300,7 @@ TEST(WebSendResponse, HeadThatDoesNotFit)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  send_http_response: error compiling HTTP response for fd=1"}));
 }
 
-TEST(WebSendResponse, FailedWrite)
+TEST(WebSendResponse, kept_FailedWriteLogsTheLineOfAShortOneToo)
 {
     const struct http_response r = plain(200);
     const std::string length = std::to_string(composed(r).size());
@@ -436,7 +436,7 @@ TEST(WebHls, kept_RootPathAndOtherSchemesAreJoinedLikeAnyOther)
     EXPECT_EQ(item_url("http://h/a/l.m3u8", "https://x/y"), (Item{0, "http://h/a/https://x/y"}));
 }
 
-TEST(WebHls, AbsoluteItems)
+TEST(WebHls, kept_AbsoluteItemThatFillsTheBufferHasNoTerminator)
 {
     EXPECT_EQ(item_url("anything", "Http://x/y"), (Item{0, "Http://x/y"}));
     EXPECT_EQ(item_url("anything", "http://x/y", 10).url, "http://x/y"); // fills the buffer: no terminator
