@@ -225,15 +225,15 @@ void process_inmodify(const struct inotify_event* iev)
     g_config.cb.on_file_modified(iev->wd, modification_flags(iev->mask), udata, nullptr);
 }
 
-void process_record(const struct inotify_event* iev)
+void process_record(const char* caller, const struct inotify_event* iev)
 {
     dump_inotify_event(iev);
     if ((iev->mask & kWatchMask) != 0) {
         process_inmodify(iev);
     } else if ((iev->mask & IN_IGNORED) != 0) {
-        log_dbg("%s: IN_IGNORED (0x%lx)\n", __func__, static_cast<unsigned long>(iev->mask));
+        log_dbg("%s: IN_IGNORED (0x%lx)\n", caller, static_cast<unsigned long>(iev->mask));
     } else {
-        log_warn("%s: unhandled inotify mask: 0x%lx\n", __func__, static_cast<unsigned long>(iev->mask));
+        log_warn("%s: unhandled inotify mask: 0x%lx\n", caller, static_cast<unsigned long>(iev->mask));
     }
 }
 
@@ -262,7 +262,9 @@ void process_record(const struct inotify_event* iev)
         return -1;
     }
     const auto bytes = static_cast<size_t>(got);
-    const mv::InotifyWalk walk = mv::each_inotify_record({g_ino.buf, bytes}, process_record);
+    const char* caller = __func__;
+    const mv::InotifyWalk walk = mv::each_inotify_record(
+        {g_ino.buf, bytes}, [caller](const struct inotify_event* iev) { process_record(caller, iev); });
     if (walk.bytes != bytes) {
         log_warn("%s: a broken inotify record at byte %ld of %ld\n", __func__, static_cast<long>(walk.bytes),
                  static_cast<long>(bytes));

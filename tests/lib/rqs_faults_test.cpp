@@ -439,9 +439,9 @@ TEST_F(RqsRecords, ignored_and_unknown_masks_reach_no_callback)
 {
     EXPECT_EQ(deliver(record(wd, IN_IGNORED) + record(-1, IN_Q_OVERFLOW) + record(wd, IN_OPEN)), kStopped);
     EXPECT_TRUE(seen.empty());
-    EXPECT_EQ(lines_with("(DBG)  process_record: IN_IGNORED (0x8000)").size(), 1U);
-    EXPECT_EQ(lines_with("(WRN)  process_record: unhandled inotify mask: 0x4000").size(), 1U);
-    EXPECT_EQ(lines_with("(WRN)  process_record: unhandled inotify mask: 0x20").size(), 1U);
+    EXPECT_EQ(lines_with("(DBG)  process_inotify_records: IN_IGNORED (0x8000)").size(), 1U);
+    EXPECT_EQ(lines_with("(WRN)  process_inotify_records: unhandled inotify mask: 0x4000").size(), 1U);
+    EXPECT_EQ(lines_with("(WRN)  process_inotify_records: unhandled inotify mask: 0x20").size(), 1U);
     EXPECT_EQ(lines_with(": 3 inotify_event records processed").size(), 1U);
 }
 

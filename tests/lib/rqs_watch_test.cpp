@@ -174,7 +174,7 @@ TEST_F(RqsWatch, a_removed_watch_reports_nothing_but_a_line)
     EXPECT_NE(again, wd);
     run_some();
     EXPECT_TRUE(seen.empty());
-    EXPECT_EQ(lines_with("(DBG)  process_record: IN_IGNORED (0x8000)").size(), 1U) << log.text();
+    EXPECT_EQ(lines_with("(DBG)  process_inotify_records: IN_IGNORED (0x8000)").size(), 1U) << log.text();
     append(file);
     run_until(2);
     EXPECT_EQ(wds, (std::vector<int>{again, again}));
