@@ -772,9 +772,11 @@ TEST_F(RqsLoop, is_dormant_returning_false_before_the_first_descriptor_leads_to_
 // ---- signals and g_quit
 // ---------------------------------------------------------------------------------------
 
+volatile sig_atomic_t g_may_quit = 0;
+
 void set_quit(int)
 {
-    g_quit = 1;
+    g_quit = g_may_quit;
 }
 
 void ignore_signal(int) {}
@@ -845,8 +847,9 @@ TEST_F(RqsLoop, an_interrupted_wait_with_g_quit_ends_the_loop_with_0)
     init();
     add_idle_reader();
     const Alarm alarm(set_quit);
-    // Only from here on may the flag be set, so that the wait and not the top of the cycle sees it.
-    hooks.update_tmout = [](timespec*) { g_quit = 0; };
+    // Only from the call before the wait on may the flag be set, so that the wait and not the top of the
+    // cycle sees it.
+    hooks.update_tmout = [calls = 0](timespec*) mutable { g_may_quit = ++calls > 1 ? 1 : 0; };
     EXPECT_EQ(rqs_event_loop(), 0);
     EXPECT_EQ(count("time_out"), 0U);
     EXPECT_EQ(count("post_process@2"), 0U);
