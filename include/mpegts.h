@@ -214,8 +214,8 @@ ssize_t ts_probe(const uint8_t* buf, size_t len, bool full_pkts);
 
 /*
  * ts_find_head: the offset of the first packet in a buffer that may begin inside one: the first sync byte
- * from which ts_probe finds a size, which then goes to *pkt_len. The bytes looked at for the k-th begin end k
- * bytes before the end of the buffer, k being the offset of the sync byte before, plus 1.
+ * from which ts_probe finds a size, which then goes to *pkt_len. The search for the next one, from offset k
+ * on, leaves out the last k bytes of the buffer.
  *
  * Returns the offset, or -1 if there is none, which includes that no further sync byte follows one that was
  * not confirmed. The walk ends with the first sync byte behind offset TS_MAX_PKTSIZE - 2, which is returned
