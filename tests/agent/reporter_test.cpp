@@ -1,0 +1,192 @@
+// The way out: lines to a stream and datagrams to a relay, on loopback.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <cstdlib>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "child.h"
+#include "fds.h"
+#include "log.h"
+#include "logcap.h"
+#include "uri.h"
+#include "zent.h"
+
+using support::FdGuard;
+using support::LogCapture;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// A relay's socket on loopback.
+class Relay {
+  public:
+    Relay()
+    {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+        const timeval limit{10, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    }
+
+    Relay(const Relay&) = delete;
+    Relay& operator=(const Relay&) = delete;
+
+    ~Relay() { close(fd_); }
+
+    std::string port() const { return std::to_string(port_); }
+
+    std::string receive() const
+    {
+        char datagram[256];
+        const ssize_t n = recv(fd_, datagram, sizeof datagram, 0);
+        return n < 0 ? "nothing" : std::string(datagram, static_cast<size_t>(n));
+    }
+
+    bool is_empty() const
+    {
+        char byte;
+        return recv(fd_, &byte, 1, MSG_DONTWAIT | MSG_PEEK) < 0;
+    }
+
+  private:
+    int fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    uint16_t port_ = 0;
+};
+
+class Reporter : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        g_cfg = {};
+        g_ctx = {};
+    }
+
+    static int report_to(const std::string& target)
+    {
+        snprintf(g_cfg.report_url, sizeof g_cfg.report_url, "udp://%s", target.c_str());
+        return reporter_setup();
+    }
+};
+
+} // namespace
+
+TEST_F(Reporter, WithoutATargetLinesGoToStdout)
+{
+    LogCapture log(DEBUG_level);
+    g_ctx.rep.fp = stderr;
+    g_ctx.rep.sockfd = 7;
+    EXPECT_EQ(reporter_setup(), 0);
+    EXPECT_EQ(g_ctx.rep.fp, stdout);
+    EXPECT_EQ(g_ctx.rep.sockfd, -1);
+    EXPECT_EQ(log.lines(), Lines{"(DBG)  reporter_setup: reporting to STDOUT"});
+}
+
+TEST_F(Reporter, DatagramIsTheLineWithItsNewlineAndNothingElse)
+{
+    const FdGuard fds;
+    const Relay relay;
+    ASSERT_EQ(report_to("127.0.0.1:" + relay.port()), 0);
+    LogCapture log;
+    relay_msg("JOIN UDP://%s\n", "239.1.2.3");
+    relay_msg("LEAVE UDP://%s\n", "239.1.2.3");
+    EXPECT_EQ(relay.receive(), "JOIN UDP://239.1.2.3\n");
+    EXPECT_EQ(relay.receive(), "LEAVE UDP://239.1.2.3\n");
+    EXPECT_EQ(log.lines(), (Lines{"(NRM)  relay_msg: 21 bytes sent: JOIN UDP://239.1.2.3",
+                                  "(NRM)  relay_msg: 22 bytes sent: LEAVE UDP://239.1.2.3"}));
+    app_shutdown();
+    EXPECT_EQ(g_ctx.rep.sockfd, -1);
+}
+
+TEST_F(Reporter, TargetDropsTheStreamThatWasSet)
+{
+    const FdGuard fds;
+    const Relay relay;
+    g_ctx.rep.fp = stdout;
+    LogCapture log(DEBUG_level);
+    ASSERT_EQ(report_to("127.0.0.1:" + relay.port()), 0);
+    EXPECT_EQ(g_ctx.rep.fp, nullptr);
+    EXPECT_GT(g_ctx.rep.sockfd, 0);
+    EXPECT_EQ(g_ctx.rep.usock.url_kind, URI_UDP);
+    EXPECT_EQ(log.lines().back(), "(DBG)  reporter_setup: reporting to udp://127.0.0.1:" + relay.port());
+    app_shutdown();
+}
+
+TEST_F(Reporter, HostNamesAreResolvedOnce)
+{
+    const FdGuard fds;
+    const Relay relay;
+    ASSERT_EQ(report_to("localhost:" + relay.port()), 0);
+    if (g_ctx.rep.usock.sspec.family == AF_INET) {
+        relay_msg("JOIN UDP://%s\n", "239.1.2.3");
+        EXPECT_EQ(relay.receive(), "JOIN UDP://239.1.2.3\n");
+    }
+    app_shutdown();
+}
+
+TEST_F(Reporter, RefusedTargetsFailWithALineThatNamesThem)
+{
+    for (const char* target : {"127.0.0.1", "no.such.host.invalid:4554", ":4554x"}) {
+        const FdGuard fds;
+        LogCapture log;
+        EXPECT_EQ(report_to(target), -1) << target;
+        EXPECT_EQ(log.lines().back(),
+                  "(ERR)  reporter_setup: failed to open [udp://" + std::string(target) + "]");
+        app_shutdown();
+    }
+}
+
+TEST_F(Reporter, RelayThatIsDownCostsAtMostALineAnEventAndMayComeBack)
+{
+    const FdGuard fds;
+    std::string port;
+    {
+        const Relay gone;
+        port = gone.port();
+    }
+    ASSERT_EQ(report_to("127.0.0.1:" + port), 0);
+    LogCapture log;
+    for (int i = 0; i < 3; ++i) {
+        relay_msg("JOIN UDP://%s\n", "239.1.2.3");
+    }
+    EXPECT_LE(log.lines().size(), 9U);
+    app_shutdown();
+}
+
+TEST_F(Reporter, FailedSendIsReportedWithTheLine)
+{
+    const FdGuard fds;
+    const Relay relay;
+    ASSERT_EQ(report_to("127.0.0.1:" + relay.port()), 0);
+    const int fd = g_ctx.rep.sockfd;
+    g_ctx.rep.sockfd = 999; // no such descriptor
+    LogCapture log;
+    relay_msg("JOIN UDP://%s\n", "239.1.2.3");
+    g_ctx.rep.sockfd = fd;
+    const Lines lines = log.lines();
+    ASSERT_EQ(lines.size(), 3U) << log.text(); // the text's own newline makes an empty one
+    EXPECT_EQ(lines[0].find("(ERR)  relay_msg: sendto(999, 0x"), 0U) << lines[0];
+    EXPECT_NE(lines[0].find(", 21, 64, ...) ERROR(9): Bad file descriptor"), std::string::npos) << lines[0];
+    EXPECT_EQ(lines[1], "(ERR)  relay_msg: failed to relay: JOIN UDP://239.1.2.3");
+    EXPECT_EQ(lines[2], "");
+    EXPECT_TRUE(relay.is_empty());
+    app_shutdown();
+}
+
+TEST_F(Reporter, ShutdownTwiceClosesOnce)
+{
+    const Relay relay;
+    const FdGuard fds;
+    ASSERT_EQ(report_to("127.0.0.1:" + relay.port()), 0);
+    LogCapture log;
+    app_shutdown();
+    app_shutdown();
+    EXPECT_EQ(log.text(), "");
+}
