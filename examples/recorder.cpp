@@ -28,15 +28,7 @@
 DECLARE_MLL(MLL_COMMON);
 
 // What every application owes the library.
-#pragma GCC visibility push(default)
-extern "C" {
-volatile sig_atomic_t g_quit = 0;
-volatile sig_atomic_t g_hup = 0;
-volatile sig_atomic_t g_usr1 = 0;
-volatile sig_atomic_t g_sigctx = 0;
-volatile sig_atomic_t g_goodbye = 0;
-}
-#pragma GCC visibility pop
+volatile sig_atomic_t g_quit, g_hup, g_usr1, g_sigctx, g_goodbye;
 
 namespace {
 
