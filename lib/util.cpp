@@ -60,6 +60,7 @@ int leave_terminal()
     if (log_fd >= 0 && log_fd <= STDERR_FILENO) {
         log_default(&g_log, stderr);
     }
+    // Kept: nothing is opened in their place; the daemon's own files may get the numbers.
     close(STDIN_FILENO);
     close(STDOUT_FILENO);
     return 0;
@@ -322,7 +323,7 @@ void on_sighup(int signo)
 {
     const SignalContext context;
     g_hup = 1;
-    log_norm("SIGHUP(%d) ", signo);
+    log_norm("SIGHUP(%d) ", signo); // Kept: no line end, the next line continues it
 }
 
 void on_sigusr1(int signo)

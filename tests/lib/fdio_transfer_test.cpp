@@ -343,7 +343,7 @@ TEST(FdioSpec, WithoutMemoryTheProcessEnds)
     EXPECT_TRUE(asserted_in(text, "new_transfer_spec")) << text;
 }
 
-TEST_F(FdioTransfer, ThreeStepsReadAFileOfFiveBytesAndAFourthSeesItsEnd)
+TEST_F(FdioTransfer, kept_ThreeStepsReadAFileOfFiveBytesAndAFourthSeesItsEnd)
 {
     const int in = memory_file("abcde");
     const int out = memory_file("");
@@ -680,7 +680,7 @@ TEST_F(FdioTransfer, MemoryIsFilledFromADescriptor)
     close(in);
 }
 
-TEST_F(FdioTransfer, MemoryIsWrittenToADescriptor)
+TEST_F(FdioTransfer, kept_MemoryIsWrittenToADescriptor)
 {
     const int out = memory_file("");
     char block[] = {'a', 'b', 'c', 'd', 'e'};

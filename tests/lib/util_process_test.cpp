@@ -173,7 +173,7 @@ TEST(UtilDaemon, LivesInASessionOfItsOwnThatItDoesNotLead)
     EXPECT_EQ(direct.exit_code, 0); // the parent ends well, and does not come back
 }
 
-TEST(UtilDaemon, WorksInTheRootWithACleanUmaskAndWithoutStdinAndStdout)
+TEST(UtilDaemon, kept_WorksInTheRootWithACleanUmaskAndWithoutStdinAndStdout)
 {
     const std::string report = report_of([](int fd) {
         umask(077);
@@ -624,7 +624,7 @@ TEST(UtilSignal, IgnoreSigpipeTurnsTheSignalIntoAnError)
               "0;-1;32;-1;(ERR)  ignore_sigpipe: sigaction (SIGPIPE) ERROR(22): Invalid argument\n");
 }
 
-TEST(UtilSignal, TheHandlersSetTheirFlagsAndLog)
+TEST(UtilSignal, kept_TheHandlersSetTheirFlagsAndLog)
 {
     const ChildResult result = run_in_child([] {
         LogCapture log;
