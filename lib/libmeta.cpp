@@ -23,8 +23,8 @@ const char* lbmvn_info(void)
     if (g_libtag[0] != 0) {
         return g_libtag;
     }
-    const int n = snprintf(g_libtag, kLimit, "libmvn/%s-%d.%d (%s) @%u", VERSION, BUILDNUM, PATCH, g_LIB_CKSUM,
-                           g_LIB_UTIME);
+    const int n = snprintf(g_libtag, kLimit, "libmvn/%s-%d.%d (%s) @%u", VERSION, BUILDNUM, PATCH,
+                           g_LIB_CKSUM, g_LIB_UTIME);
     if (n < 1 || static_cast<size_t>(n) > kLimit) {
         snprintf(g_libtag, kLimit, "%s", "#error#");
     }
