@@ -546,6 +546,15 @@ TEST(FindPcr, the_last_is_counted_back_from_the_end)
     EXPECT_EQ(pcr, 1U);
 }
 
+TEST(FindPcr, a_part_of_a_packet_in_front_ends_the_search_backwards)
+{
+    for (const size_t len : {189, 375, 377, 563}) {
+        uint64_t pcr = kUntouched;
+        EXPECT_EQ(last_pcr(Buffer(len, 0), 188, &pcr), -1) << len;
+        EXPECT_EQ(pcr, kUntouched) << len;
+    }
+}
+
 TEST(FindPcr, a_packet_length_of_zero_ends)
 {
     uint64_t pcr = kUntouched;
