@@ -95,11 +95,11 @@ class Agent:
     """zent in the foreground. Its lines come from stdout, or from the relay's socket."""
 
     def __init__(self, binary, folder, relay=None):
-        arguments = ["-T", "-i", AGENT_END, "-l", f"{folder}/zent.log", "-L", "info"]
+        self.log = f"{folder}/{'relay' if relay else 'stdout'}.log"  # one a run: the old one must not look ready
+        arguments = ["-T", "-i", AGENT_END, "-l", self.log, "-L", "info"]
         if relay:
             arguments += ["-R", "%s:%d" % RELAY]
         tell("$ zent " + " ".join(arguments))
-        self.log = f"{folder}/zent.log"
         self.errors = open(f"{folder}/stderr", "w+")
         self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", binary, *arguments],
                                         stdout=subprocess.PIPE, stderr=self.errors)
@@ -170,6 +170,8 @@ def to_stdout(binary, folder, host, running):
     host.do("join 239.1.1.4")
     agent.show(2)
     agent.stop()
+    for group in ("239.1.1.1", "239.1.1.3", "239.1.1.4"):
+        host.do(f"leave {group}")  # or their repeated reports would turn up below
 
 
 def to_relay(binary, folder, host, running):
@@ -185,6 +187,9 @@ def to_relay(binary, folder, host, running):
     host.do("join 239.1.1.5")
     host.do("join 239.1.1.6")
     agent.show(2)
+    tell("It leaves 239.1.1.5:")
+    host.do("leave 239.1.1.5")
+    agent.show(1)
     agent.stop()
 
 
@@ -195,8 +200,7 @@ def main():
     try:
         make_segment(host)
         to_stdout(sys.argv[1], folder, host, running)
-        if os.environ.get("ZENT_DEMO_RELAY", "1") == "1":
-            to_relay(sys.argv[1], folder, host, running)
+        to_relay(sys.argv[1], folder, host, running)
         tell()
         tell("Done; the namespaces are gone with this process.")
     except KeyboardInterrupt:
