@@ -869,6 +869,18 @@ TEST_F(Xvlst, binding_a_buffer_that_is_too_small_fails)
     EXPECT_EQ(l.max_len, 0U);
 }
 
+TEST_F(Xvlst, kept_binding_and_mapping_add_their_flags_to_those_that_are_there)
+{
+    char buf[27];
+    l.flags = 0x100;
+    ASSERT_EQ(xvlst_bind(&l, buf, sizeof buf, 8), 0);
+    EXPECT_EQ(l.flags, 0x100U | XV_FIXED_SIZE);
+    xvlst_reset(&l);
+    l.flags = 0x100;
+    ASSERT_EQ(xvlst_mmap_fixed(&l, 3, 8), 0);
+    EXPECT_EQ(l.flags, 0x100U | XV_FIXED_SIZE | XV_MMAP);
+}
+
 TEST_F(Xvlst, a_full_fixed_list_answers_that_it_is_fixed)
 {
     char buf[27];
