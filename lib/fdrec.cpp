@@ -126,13 +126,10 @@ const char* get_fdrec_tag(struct fdrec* r)
 
 int set_fdrec_tag(struct fdrec* r, const char* tag)
 {
-    free(r->dbg_tag);
-    r->dbg_tag = nullptr;
-    if (tag == nullptr) {
-        return 0;
-    }
-    r->dbg_tag = strdup(tag);
-    if (r->dbg_tag == nullptr) {
+    char* const copy = tag != nullptr ? strdup(tag) : nullptr;
+    free(r->dbg_tag); // not before the copy: tag may be this very text
+    r->dbg_tag = copy;
+    if (tag != nullptr && copy == nullptr) {
         log_crit("%s: out of memory\n", __func__);
         return -1;
     }

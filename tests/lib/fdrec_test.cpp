@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -258,6 +260,25 @@ TEST(Fdrec, a_close_that_fails_is_logged_and_the_rest_goes_on)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  free_fdrec: close(fd999) ERROR(9): Bad file descriptor"}));
 }
 
+TEST(Fdrec, kept_a_group_is_left_by_the_close_and_a_watch_stays)
+{
+    const FdGuard guard;
+    const int watcher = inotify_init1(IN_CLOEXEC);
+    ASSERT_GE(watcher, 0);
+    LogCapture log;
+    fdrec* const r = alloc_fdrec();
+    r->fd = socket(AF_INET, SOCK_DGRAM, 0);
+    r->wd = inotify_add_watch(watcher, "/", IN_CREATE);
+    ASSERT_GE(r->wd, 0);
+    const int watch = r->wd;
+    r->sspec = static_cast<socket_spec*>(calloc(1, sizeof(socket_spec)));
+    r->sspec->multicast = 1; // a leave would fail on this socket, which is in no group
+    free_fdrec(r);
+    EXPECT_EQ(log.text(), "");
+    EXPECT_EQ(inotify_rm_watch(watcher, watch), 0);
+    close(watcher);
+}
+
 TEST(Fdrec, descriptor_0_is_closed_too)
 {
     const auto result = run_in_child([] {
@@ -347,6 +368,17 @@ TEST(Fdrec, a_tag_that_is_set_is_a_copy)
     EXPECT_EQ(set_fdrec_tag(r, "second"), 0);
     EXPECT_STREQ(get_fdrec_tag(r), "second");
     EXPECT_EQ(log.text(), "");
+    free_fdrec(r);
+}
+
+TEST(Fdrec, a_record_may_be_given_its_own_tag_or_the_end_of_it)
+{
+    fdrec* const r = alloc_fdrec();
+    ASSERT_EQ(set_fdrec_tag(r, "first name"), 0);
+    EXPECT_EQ(set_fdrec_tag(r, get_fdrec_tag(r)), 0);
+    EXPECT_STREQ(get_fdrec_tag(r), "first name");
+    EXPECT_EQ(set_fdrec_tag(r, get_fdrec_tag(r) + 6), 0);
+    EXPECT_STREQ(get_fdrec_tag(r), "name");
     free_fdrec(r);
 }
 
