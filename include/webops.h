@@ -231,8 +231,9 @@ struct http_response* match_http_response(int http_code);
 /*
  * web_escape: a text for HTML, into dst of dstlen bytes; dst may be NULL to count only. Result: 0 if there is
  * nothing to escape, and dst is then not written; the number of stretches that end in an escaped character,
- * and one for text behind the last; -34 (-ERANGE) if dst has no room for the text and a terminator. Nothing
- * is logged.
+ * and one for text behind the last; -34 (-ERANGE) if the text does not fit in dst, or a terminator behind an
+ * escaped character does not. Text behind the last escaped character that fills dst has no terminator.
+ * Nothing is logged.
  */
 int web_escape(const char* src, char* dst, size_t dstlen);
 

@@ -968,7 +968,8 @@ int web_escape(const char* src, char* dst, size_t dstlen)
         }
         ++stretches;
         if (dst != nullptr) {
-            if (length >= dstlen - at) {
+            // Kept: the last stretch brings no terminator, and has none where it fills dst.
+            if (length > dstlen - at) {
                 return -ERANGE;
             }
             memcpy(dst + at, src, length);

@@ -379,15 +379,27 @@ TEST(WebEscape, RestOfTheBufferBecomesZero)
     EXPECT_EQ(std::string(dst, sizeof dst), "a&amp;b" + std::string(9, '\0'));
 }
 
-TEST(WebEscape, TextAndTerminatorMustFit)
+TEST(WebEscape, TextMustFitAndBehindASequenceATerminatorToo)
 {
     for (const char* text : {"a&b", "a&", "&", "<<<>>>", "abc&defghij", "a&b&c"}) {
         const Escaped whole = escaped(text);
-        for (size_t size = 0; size <= whole.text.size(); ++size) {
+        const bool ends_in_sequence = whole.text.back() == ';';
+        const size_t needed = whole.text.size() + (ends_in_sequence ? 1 : 0);
+        for (size_t size = 0; size < needed; ++size) {
             ASSERT_EQ(escaped(text, size).count, -ERANGE) << text << " " << size;
         }
-        EXPECT_EQ(escaped(text, whole.text.size() + 1), whole);
+        EXPECT_EQ(escaped(text, needed), whole);
+        EXPECT_EQ(escaped(text, needed + 1), whole);
     }
+}
+
+TEST(WebEscape, kept_LastStretchThatFillsTheBufferHasNoTerminator)
+{
+    char dst[8];
+    memset(dst, '#', sizeof dst);
+    EXPECT_EQ(web_escape("a&b", dst, 7), 2);
+    EXPECT_EQ(std::string(dst, 8), "a&amp;b#");
+    EXPECT_EQ(web_escape("a&bc", dst, 7), -ERANGE);
 }
 
 TEST(WebEscape, RandomTextsAgreeWithAModel)
