@@ -1,13 +1,13 @@
 /*
  * uri.h: URL texts: their segments, their kind, the endpoints that a request path names, percent coding.
  *
- * No state and no I/O: every call works on texts and buffers of the caller, and any of them may interrupt
- * any other. In this model the authority is only what stands before an '@'; host and port lie in the path,
- * and uri_path_addrport takes them apart. A '#' is an ordinary character. What RFC 3986 says beyond that is
- * not looked at.
+ * No state and no I/O: every call works on texts and buffers of the caller and is re-entrant. In this model
+ * the authority is only what stands before an '@'; host and port lie in the path, and uri_path_addrport takes
+ * them apart. A '#' is an ordinary character. What RFC 3986 says beyond that is not looked at.
  *
  * Texts are NUL-terminated; sizes of buffers count the terminator. Conventions of results differ from call
- * to call. Only uri_extract, uri_path_addrport and uri_query_parse log, at ERR_level.
+ * to call. Only uri_extract, uri_path_addrport and uri_query_parse log, at ERR_level, and uri_encode where
+ * memory is out.
  */
 #ifndef MORVANE_URI_H
 #define MORVANE_URI_H

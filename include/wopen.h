@@ -88,9 +88,10 @@ int usock_http_get(int sockfd, const char* uri, uint32_t flags);
 int usock_http_get_response(int sockfd, struct http_resp_buf* resp);
 
 /*
- * usock_http_get_body: reads on until bb->buf_size bytes are held. 0: complete. 11 (EAGAIN): call again. -1:
- * the peer closed. Otherwise the errno value of the failed read. The block counts down from data_len -
- * buf_size: only one with data_len equal to buf_size is complete. REQUIRES: data_len is not below buf_size.
+ * usock_http_get_body: 0 for a block that is complete, with data_len equal to buf_size. What a block claims
+ * to hold beyond buf_size is read once more and dropped, with data_len growing: 11 (EAGAIN): call again; -1:
+ * the peer closed; otherwise the errno value of the failed read. REQUIRES: data_len is not below buf_size,
+ * nor above it once all of that is read.
  */
 int usock_http_get_body(int sockfd, struct http_body_buf* bb);
 
