@@ -458,7 +458,7 @@ TEST(WopenHttp, an_unfinished_response_fails_a_non_blocking_opening)
     EXPECT_EQ(support::open_fds(), before);
 }
 
-TEST(WopenHttp, a_blocking_socket_waits_through_its_receive_timeouts)
+TEST(WopenHttp, kept_a_blocking_socket_waits_through_its_receive_timeouts)
 {
     const FdGuard guard;
     LogCapture log(DEBUG_level);
@@ -550,7 +550,7 @@ TEST(WopenHttp, a_null_agent_tag_is_asserted)
     EXPECT_NE(result.err.find("apptag"), std::string::npos);
 }
 
-TEST(WopenHttp, a_query_beyond_127_characters_is_sent_cut)
+TEST(WopenHttp, kept_a_query_beyond_126_characters_is_sent_cut)
 {
     // "/p?" and the query; snprintf has room for 126 characters.
     for (const size_t length : {size_t{126}, size_t{127}, size_t{128}, size_t{300}}) {

@@ -640,6 +640,23 @@ TEST(Wopen, closing_takes_a_descriptor_without_a_record_and_a_record_without_a_d
     EXPECT_EQ(log.text(), "");
 }
 
+TEST(Wopen, kept_a_reader_of_a_group_without_a_descriptor_is_left_too_with_two_lines)
+{
+    LogCapture log;
+    usock_ctx uc = {};
+    uc.sspec.multicast = 1;
+    auto* const group = reinterpret_cast<sockaddr_in*>(&uc.sspec.addr_ss);
+    group->sin_family = AF_INET;
+    group->sin_addr.s_addr = htonl(0xef010203);
+    usock_close(-1, &uc);
+    EXPECT_EQ(log.lines().size(), 2U);
+    EXPECT_NE(log.text().find("Bad file descriptor"), std::string::npos) << log.text();
+    log.clear();
+    uc.sspec.writer = 1; // which has joined nothing
+    usock_close(-1, &uc);
+    EXPECT_EQ(log.text(), "");
+}
+
 TEST(Wopen, a_length_without_a_buffer_stays)
 {
     usock_ctx uc = {};
