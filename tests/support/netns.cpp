@@ -2,10 +2,18 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "wait.h"
 
 namespace support {
 
@@ -68,6 +76,31 @@ void bring_up(const char* name, int host)
     must_run("ip -6 route add default dev " + dev);
 }
 
+// Whether the kernel is through with the news that both ends are up. It may put them off for a second; asked
+// for the state of the link it attends to them first.
+bool is_running(const char* name)
+{
+    ifreq request = {};
+    strncpy(request.ifr_name, name, sizeof request.ifr_name - 1);
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ethtool_value link = {};
+    link.cmd = ETHTOOL_GLINK;
+    request.ifr_data = reinterpret_cast<char*>(&link);
+    (void)ioctl(fd, SIOCETHTOOL, &request);
+    const bool known = ioctl(fd, SIOCGIFFLAGS, &request) == 0;
+    close(fd);
+    return known && (request.ifr_flags & IFF_RUNNING) != 0;
+}
+
+// What is sent through an end that is not running yet is dropped.
+void await_link(const char* name)
+{
+    if (!wait_until([&] { return is_running(name); })) {
+        fprintf(stderr, "the link of %s does not come up\n", name);
+        abort();
+    }
+}
+
 void enter(int fd)
 {
     if (setns(fd, CLONE_NEWNET) != 0) {
@@ -112,6 +145,9 @@ NetnsPair::NetnsPair()
     bring_up("va", 1);
     enter_b();
     bring_up("vb", 2);
+    await_link("vb");
+    enter_a();
+    await_link("va");
     leave();
 }
 

@@ -11,8 +11,8 @@ std::string netns_missing();
 
 // Two namespaces joined by a veth pair: "va" with 10.0.0.1/24 and fd00::1/64 in the first, "vb"
 // with 10.0.0.2/24 and fd00::2/64 in the second; loopback is up in both. Multicast and the default route go
-// through the pair. The constructor leaves the calling process where it was; enter_a and enter_b move it,
-// leave moves it back.
+// through the pair. The constructor returns when both ends are running, so that the first datagram arrives,
+// and leaves the calling process where it was; enter_a and enter_b move it, leave moves it back.
 class NetnsPair {
   public:
     NetnsPair();
