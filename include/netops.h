@@ -162,7 +162,8 @@ void set_ipv6only(int fd, int on);
  * left; a connect in progress is a success, see async_connect). After -1 the out fields may be partly
  * written. On success *ifi, if ifi is not NULL, becomes the interface record of a multicast socket, which the
  * caller owns and needs to leave the group, or NULL. Blocks while a name is resolved, and in the connect
- * unless non_blocking is set. REQUIRES: a multicast address is not opened passive.
+ * unless non_blocking is set. REQUIRES: a port for streams and datagrams; a multicast address is not opened
+ * passive; source and group of one family; for an IPv4 group's writer an ifc_tag that is no IPv6 address.
  */
 int open_socket(const char* addr, const char* port, const char* auth, struct socket_spec* spec,
                 const char* ifc_tag, struct ifc_info** ifi);
@@ -194,16 +195,16 @@ void set_legacy_mcast_api(int ON);
 
 /*
  * mcast_join, mcast_leave: enter and leave the group *grs on an interface; a NULL mifc leaves the choice to
- * the kernel. In the older form for IPv4, mifc must not be NULL, and an address that it lacks is looked up
- * and stays in it. 0; -1 with errno, logged; an errno value, logged, where the list of interfaces cannot be
- * had.
+ * the kernel. In the older form for IPv4 an address that mifc lacks is looked up and stays in it. 0; -1 with
+ * errno, logged; an errno value, logged, where the list of interfaces cannot be had. REQUIRES: mifc in the
+ * older form for IPv4.
  */
 int mcast_join(int sockfd, struct sockaddr_storage* grs, struct ifc_info* mifc);
 int mcast_leave(int sockfd, struct sockaddr_storage* grs, struct ifc_info* mifc);
 
 /*
  * ssm_join: enters the group *grs for the one source *src. As mcast_join; also -22, logged, for IPv6 in the
- * older form, which has no such option. REQUIRES: source and group of one family.
+ * older form, which has no such option. REQUIRES: as mcast_join; source and group of one family.
  */
 int ssm_join(int sockfd, struct sockaddr_storage* src, struct sockaddr_storage* grs, struct ifc_info* mifc);
 
@@ -233,7 +234,7 @@ void sync_ipv6addr_scope_id(struct sockaddr* sa, const char* ifc_name, const str
  * port, which is WRITTEN into *ss though that is declared const. A text that is no port from 1 to 65535 is
  * logged and used all the same: 0 lets the kernel choose, more than 65535 is cut to 16 bits. The TCP socket
  * listens unless defer_listen is non-zero; for UDP a NULL port keeps the one in *ss. The descriptor, or -1,
- * logged.
+ * logged. REQUIRES: a port for TCP.
  */
 int open_listener(const struct sockaddr_storage* ss, const char* port, int defer_listen);
 int open_udp_listener(const struct sockaddr_storage* ss, const char* port);

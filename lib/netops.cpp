@@ -1375,6 +1375,7 @@ int open_domain_client(const char* path, size_t max_attempts, long int pause_mse
     }
     size_t attempt = 0;
     const int rc = connect_patiently(__func__, fd, path, max_attempts, pause_msec, &attempt);
+    const int error = errno;
     if (rc == -1 && g_quit == 0) {
         // Kept: one more than the attempts made where they were all spent.
         log_err("%s: failed to connect to [%s] after %ld attempt(s)\n", __func__, path,
@@ -1383,7 +1384,11 @@ int open_domain_client(const char* path, size_t max_attempts, long int pause_mse
         // Kept: also where it was g_quit that ended the attempts.
         log_info("%s: fd=%d connected to [%s]\n", __func__, fd, path);
     }
-    return rc == 0 ? fd : drop_socket(__func__, fd);
+    if (rc == 0) {
+        return fd;
+    }
+    errno = error;
+    return drop_socket(__func__, fd);
 }
 
 int set_tcp_nodelay(int sockfd, int is_on)

@@ -243,6 +243,7 @@ TEST(NetopsAnyListener, ipv6_listener_takes_ipv4_clients)
     ASSERT_GE(fd, 0);
     EXPECT_TRUE(is_nonblocking(fd));
     EXPECT_TRUE(is_listening(fd));
+    EXPECT_EQ(g_backlog, 128);
     for (const char* host : {"127.0.0.1", "::1"}) {
         sockaddr_storage to = addr(host, 4100);
         const Fd client(socket(to.ss_family, SOCK_STREAM, 0));
@@ -617,6 +618,30 @@ TEST(NetopsError, failed_query_is_its_own_error)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  socket_error(fd999) ERROR(9): Bad file descriptor"}));
 }
 
+TEST(NetopsError, errno_survives_a_log_that_disturbs_it)
+{
+    FdGuard guard;
+    const TempDir dir;
+    LogCapture log(DEBUG_level);
+    log_set_hook(&g_log, nullptr, [](void*, const char*) { errno = ENOTTY; });
+    const Fd fd(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_storage group = addr("10.0.0.9");
+    sockaddr_storage source = addr("10.0.0.2");
+    sockaddr_storage foreign = addr("192.0.2.1");
+    char buf[64];
+    const auto left = [](bool failed) { return failed ? errno : 0; };
+    EXPECT_EQ(left(set_nblock(999, 0) == -1), EBADF);
+    EXPECT_EQ(left(set_keepalive(999, 1) == -1), EBADF);
+    EXPECT_EQ(left(set_tcp_cork(999, 1) == -1), EBADF);
+    EXPECT_EQ(left(socket_error(999) == EBADF), EBADF);
+    EXPECT_EQ(left(get_peer_ipaddr(fd, buf, sizeof buf) == nullptr), ENOTCONN);
+    EXPECT_EQ(left(mcast_join(fd, &group, nullptr) == -1), EINVAL);
+    EXPECT_EQ(left(ssm_join(fd, &source, &group, nullptr) == -1), EINVAL);
+    EXPECT_EQ(left(open_listener(&foreign, "4000", 0) == -1), EADDRNOTAVAIL);
+    EXPECT_EQ(left(open_domain_listener(dir.file("none/sock").c_str()) == -1), ENOENT);
+    EXPECT_EQ(left(open_domain_client(dir.file("nobody").c_str(), 1, 0) == -1), ENOENT);
+}
+
 TEST(NetopsPeer, text_of_the_peer_with_its_port)
 {
     FdGuard guard;
@@ -627,6 +652,11 @@ TEST(NetopsPeer, text_of_the_peer_with_its_port)
     ASSERT_EQ(connect(fd, raw(to), 16), 0);
     EXPECT_EQ(get_peer_ipaddr(fd, buf, sizeof buf), buf);
     EXPECT_STREQ(buf, "127.0.0.1:4999");
+    const Fd fd6(socket(AF_INET6, SOCK_DGRAM, 0));
+    to = addr("::1", 4998);
+    ASSERT_EQ(connect(fd6, raw(to), 28), 0);
+    EXPECT_EQ(get_peer_ipaddr(fd6, buf, sizeof buf), buf);
+    EXPECT_STREQ(buf, "[::1]:4998");
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     const Fd a(ends[0]);

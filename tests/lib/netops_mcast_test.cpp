@@ -132,16 +132,16 @@ TEST(NetopsMcast, lines_of_a_leave_and_of_the_older_form)
     const Segment segment;
     const Fd fd = udp(AF_INET6);
     const Info va = info_of(AF_INET6, "va");
-    sockaddr_storage group = addr("ff15::1", 99);
+    sockaddr_storage group = addr("ff15:1111:2222:3333:4444:5555:6666:7777", 65535);
     set_legacy_mcast_api(1);
     EXPECT_EQ(mcast_join(fd, &group, va.get()), 0);
     LogCapture log(DEBUG_level);
     EXPECT_EQ(mcast_leave(fd, &group, va.get()), 0);
     EXPECT_EQ(
         log.lines(),
-        (Lines{
-            text("(DBG)  mcast_leave: ifc-name=va, idx=%u ifc=%p", va->idx, static_cast<void*>(&va->ss)),
-            "(INF)  mcast_group_op: using protocol-specific mulitcast API to MCAST_LEAVE group [ff15::1]:99"}));
+        (Lines{text("(DBG)  mcast_leave: ifc-name=va, idx=%u ifc=%p", va->idx, static_cast<void*>(&va->ss)),
+               "(INF)  mcast_group_op: using protocol-specific mulitcast API to MCAST_LEAVE group "
+               "[ff15:1111:2222:3333:4444:5555:6666:7777]:65535"}));
 }
 
 TEST(NetopsMcast, membership_ends_with_the_socket)
@@ -354,6 +354,32 @@ TEST(NetopsSsm, source_is_joined_by_the_older_form)
     EXPECT_EQ(str(info.ss), "10.0.0.1:0");
     EXPECT_TRUE(has_source_filter("va", "232.1.1.2", "10.0.0.2"));
     EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(NetopsSsm, failed_join_of_the_older_form_leaves_two_lines_and_errno)
+{
+    NEEDS_NAMESPACES();
+    FdGuard guard;
+    const Segment segment;
+    LogCapture log;
+    const Fd fd = udp(AF_INET);
+    set_legacy_mcast_api(1);
+    const Info va = info_of(AF_INET, "va");
+    sockaddr_storage group = addr("10.0.0.9"); // none
+    sockaddr_storage source = addr("10.0.0.2");
+    EXPECT_EQ(ssm_join(fd, &source, &group, va.get()), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(str(va->ss), "10.0.0.1:0");
+    const auto record = last_record<ip_mreq_source>();
+    EXPECT_EQ(record.imr_multiaddr.s_addr, inet_addr("10.0.0.9"));
+    EXPECT_EQ(record.imr_interface.s_addr, inet_addr("10.0.0.1"));
+    EXPECT_EQ(record.imr_sourceaddr.s_addr, inet_addr("10.0.0.2"));
+    const Lines lines = log.lines();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].find(text("(ERR)  ssm_proto_op: setsockopt(%d, 0, 39, 0x", int{fd})), 0U) << lines[0];
+    EXPECT_NE(lines[0].find(", 12) ERROR(22)"), std::string::npos) << lines[0];
+    EXPECT_EQ(lines[1], text("(ERR)  ssm_join: (ssm_proto_op) SSM_JOIN ifc=va/%u fd%d: Invalid argument",
+                             va->idx, int{fd}));
 }
 
 TEST(NetopsSsm, older_form_has_no_ipv6_source)

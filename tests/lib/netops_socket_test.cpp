@@ -613,6 +613,9 @@ TEST(NetopsListen, kept_connect_in_progress_of_a_listener_is_a_failure)
     EXPECT_EQ(opened.spec.async_connect, 0U);
     EXPECT_TRUE(has_line(log, "(DBG)  open_socket: connection in progress for fd-1"));
     EXPECT_TRUE(has_line(log, "(DBG)  open_socket: SERVER unicast socket fd=[-1]"));
+    log_set_hook(&g_log, nullptr, [](void*, const char*) { errno = ENOTTY; });
+    EXPECT_EQ(opened.open("127.0.0.1", "0"), -1);
+    EXPECT_EQ(opened.error, EINPROGRESS);
 }
 
 TEST(NetopsGroup, passive_group_ends_by_assertion)
@@ -988,10 +991,16 @@ TEST(NetopsMkSockaddr, text_is_cut_at_127_characters)
 {
     LogCapture log;
     sockaddr_storage ss{};
-    socklen_t length = 0;
+    socklen_t size = 0;
     const std::string long_text = std::string(127, 'h') + ":5000"; // the colon is cut off
-    EXPECT_EQ(mk_sockaddr(long_text.c_str(), SOCK_DGRAM, 0, &ss, &length), EINVAL);
+    EXPECT_EQ(mk_sockaddr(long_text.c_str(), SOCK_DGRAM, 0, &ss, &size), EINVAL);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  mk_sockaddr: invalid address/port: " + long_text}));
+    for (const auto& [length, port] : {std::pair<size_t, int>{127, 5000}, {128, 500}}) {
+        const std::string host_and_port = "1.2.3.4:5000";
+        const std::string padded = std::string(length - host_and_port.size(), '0') + host_and_port;
+        EXPECT_EQ(mk_sockaddr(padded.c_str(), SOCK_DGRAM, 0, &ss, &size), 0) << padded;
+        EXPECT_EQ(str(ss), "1.2.3.4:" + std::to_string(port));
+    }
 }
 
 TEST(NetopsMkSockaddr, name_that_does_not_resolve_leaves_no_line)
