@@ -347,7 +347,7 @@ TEST(UriQuery, DuplicateKeyEndsWith16)
     }
 }
 
-TEST(UriQuery, DuplicateMayArriseFromDecoding)
+TEST(UriQuery, DuplicateMayAriseFromDecoding)
 {
     LogCapture log;
     skht_t table = 77;

@@ -204,6 +204,7 @@ TEST(UriEndpoints, UrlsInAPairMayHaveTheirSlashes)
 {
     EXPECT_EQ(endpoints("/src/udp://h:1/dst/file:///tmp/a"), (Endpoints{0, "udp://h:1", "file:///tmp/a"}));
     EXPECT_EQ(endpoints("/src/udp://h:1/dst//tmp/a"), (Endpoints{0, "udp://h:1", "/tmp/a"}));
+    EXPECT_EQ(endpoints("/src/udp://h:1/dst//"), (Endpoints{0, "udp://h:1", "/"}));
 }
 
 TEST(UriEndpoints, NothingBehindTheDestinationWordLeavesIt)

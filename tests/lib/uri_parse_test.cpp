@@ -438,6 +438,13 @@ TEST(UriAddrPort, SplitsNameAndPort)
     EXPECT_EQ(a.tail, "/x?y");
 }
 
+TEST(UriAddrPort, QuestionMarkEndsThePort)
+{
+    const AddrPort a("h:80?x/y");
+    EXPECT_STREQ(a.port, "80");
+    EXPECT_EQ(a.tail, "?x/y");
+}
+
 TEST(UriAddrPort, LeadingBlanksAndSlashesAreSkipped)
 {
     const AddrPort a(" \t//h:1");
