@@ -717,11 +717,13 @@ TEST(WopenHttp, kept_a_block_that_lacks_bytes_is_asserted)
 {
     const auto result = run_in_child([] {
         log_default(&g_log, stderr);
+        set_loglevel(MLL_COMMON, DEBUG_level);
         const Body body(100, 99);
         usock_http_get_body(-1, body.block);
         return 0;
     });
     EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_EQ(result.err.find("complete at"), std::string::npos) << result.err;
     EXPECT_NE(result.err.find("ASSERT at:"), std::string::npos) << result.err;
 }
 
