@@ -9,6 +9,8 @@
 #include "log.h"
 #include "zent.h"
 
+DECLARE_MLL(MLL_COMMON);
+
 using support::ChildResult;
 
 namespace {
@@ -184,11 +186,17 @@ TEST(Config, UnknownLevelComplainsAndLeavesTheLevel)
 TEST(Config, LevelErrDropsCriticalAndWarningLines)
 {
     const auto result = read_options({"-i", "lo", "-l", "x", "-L", "err"}, [] {
-        g_mod_ll[MLL_COMMON] = g_cfg.log_level;
-        return g_mod_ll[MLL_COMMON] >= ERR_level && g_mod_ll[MLL_COMMON] < CRIT_level &&
-               g_mod_ll[MLL_COMMON] < WARN_level;
+        log_timefmt(&g_log, f_NO_TIME);
+        set_myloglevel(g_cfg.log_level);
+        log_entry(PANIC_level, "panic\n");
+        log_err("error\n");
+        log_crit("critical\n");
+        log_warn("warning\n");
+        log_norm("normal\n");
+        return true;
     });
     EXPECT_EQ(result.exit_code, kOk);
+    EXPECT_EQ(result.err, "(PNC)  panic\n(ERR)  error\n");
 }
 
 TEST(Config, MissingInterfaceGivesAComplaintAndTheUsageText)

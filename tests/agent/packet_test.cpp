@@ -72,6 +72,22 @@ class Packet : public testing::Test {
     size_t length_ = 0;
 };
 
+// A stream that notes each line written to it by one letter.
+FILE* noting_stream(const char* letter, cookie_write_function_t* note)
+{
+    FILE* fp = fopencookie(const_cast<char*>(letter), "w", {nullptr, note, nullptr, nullptr});
+    setvbuf(fp, nullptr, _IOLBF, 0);
+    return fp;
+}
+
+std::string g_noted;
+
+ssize_t note(void* letter, const char*, size_t size)
+{
+    g_noted += static_cast<const char*>(letter);
+    return static_cast<ssize_t>(size);
+}
+
 const std::string kBegin = "(DBG)  on_pcap_pkt: BEGIN";
 const std::string kEnd = "(DBG)  on_pcap_pkt: END";
 
@@ -174,7 +190,22 @@ TEST_F(Packet, Igmp3ReportNeverGivesALineAndItsDumpSaysUnknown)
     EXPECT_EQ(log.text(), "02:00:00:00:00:02 -> 01:00:5e:01:02:03 [0800]\n?\?/22 239.1.2.3\n");
 }
 
-TEST_F(Packet, DumpsGoToTheMirrorFirstAndAreNotCounted)
+TEST_F(Packet, EachDumpGoesToTheMirrorBeforeTheLog)
+{
+    g_cfg.log_level = DEBUG_level;
+    const LogCapture log(ERR_level);
+    FILE* own = noting_stream("l", note);
+    FILE* mirror = noting_stream("m", note);
+    log_default(&g_log, own);
+    log_mirror(&g_log, mirror);
+    g_noted.clear();
+    feed(report_frame("239.1.2.3"));
+    EXPECT_EQ(g_noted, "mlml");
+    fclose(mirror);
+    fclose(own);
+}
+
+TEST_F(Packet, DumpsGoToMirrorAndLogAndAreNotCounted)
 {
     g_cfg.log_level = DEBUG_level;
     LogCapture log(ERR_level);

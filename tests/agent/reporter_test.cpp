@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <cstdlib>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -87,6 +88,45 @@ TEST_F(Reporter, WithoutATargetLinesGoToStdout)
     EXPECT_EQ(g_ctx.rep.fp, stdout);
     EXPECT_EQ(g_ctx.rep.sockfd, -1);
     EXPECT_EQ(log.lines(), Lines{"(DBG)  reporter_setup: reporting to STDOUT"});
+}
+
+TEST_F(Reporter, LinesToStdoutLeaveAtOnce)
+{
+    const auto result = support::run_in_child([] {
+        reporter_setup();
+        relay_msg("JOIN UDP://%s\n", "239.1.2.3");
+        _exit(0); // without a flush
+        return 0;
+    });
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.out, "JOIN UDP://239.1.2.3\n");
+}
+
+TEST_F(Reporter, SocketDoesNotBlock)
+{
+    const FdGuard fds;
+    const Relay relay;
+    ASSERT_EQ(report_to("127.0.0.1:" + relay.port()), 0);
+    EXPECT_NE(fcntl(g_ctx.rep.sockfd, F_GETFL) & O_NONBLOCK, 0);
+    app_shutdown();
+}
+
+TEST_F(Reporter, FullBufferCostsALineAndNoTime)
+{
+    const FdGuard fds;
+    int ends[2]; // stands for the relay's socket: one whose buffer can be filled, and that blocks
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
+    while (send(ends[0], "x", 1, MSG_DONTWAIT) == 1) {
+    }
+    g_ctx.rep.sockfd = ends[0];
+    LogCapture log;
+    relay_msg("JOIN UDP://%s\n", "239.1.2.3");
+    const Lines lines = log.lines();
+    ASSERT_EQ(lines.size(), 3U) << log.text();
+    EXPECT_NE(lines[0].find(", 21, 64, ...) ERROR(11): "), std::string::npos) << lines[0];
+    EXPECT_EQ(lines[1], "(ERR)  relay_msg: failed to relay: JOIN UDP://239.1.2.3");
+    close(ends[0]);
+    close(ends[1]);
 }
 
 TEST_F(Reporter, DatagramIsTheLineWithItsNewlineAndNothingElse)

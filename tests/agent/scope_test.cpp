@@ -293,8 +293,13 @@ TEST_F(Scope, AllocationFailureAtEveryPointLeavesTheScopeAsItWas)
             break;
         }
         EXPECT_EQ(g_ctx.scope_ht, before);
-        EXPECT_EQ(log.lines().size(), 1U) << log.text();
         EXPECT_EQ(rc, n <= 2 ? ENOMEM : -1) << n << log.text();
+        const std::string entry = n == 3 ? "239.1.1.1" : "239.1.1.2";
+        EXPECT_EQ(log.lines(), Lines{n <= 2 ? "(ERR)  load_group_list: failed to create group-scope hastable"
+                                            : "(ERR)  load_group_list: [" + path_ + "] error at line " +
+                                                  std::to_string(n - 2) + ": (" +
+                                                  std::to_string(static_cast<uint32_t>(net(entry.c_str()))) +
+                                                  ") " + entry});
     }
     EXPECT_FALSE(failed);
     EXPECT_TRUE(in_scope(net("239.1.1.2")));
