@@ -478,6 +478,34 @@ TEST_F(FdioTransfer, ABrokenPeerIsAnErrorWithoutVerbose)
     close(in);
 }
 
+TEST_F(FdioTransfer, AFailedWriteIsNoMismatch)
+{
+    const int in = memory_file("abc");
+    Pair pair;
+    pair.close_peer();
+    Rig rig(in, pair.ours(), FDIO_TRF_RWEQ);
+    LogCapture log;
+    rig.step(3);
+    EXPECT_STEP(rig, -1, 0, FDIO_ERR_WRITE, EPIPE);
+    EXPECT_EQ(log.text().find("mismatch"), std::string::npos) << log.text();
+    close(in);
+}
+
+TEST_F(FdioTransfer, ADatagramForABrokenPeerRaisesNoSignal)
+{
+    const ChildResult result = run_in_child([] {
+        const int in = memory_file("abc");
+        Pair pair;
+        pair.close_peer();
+        signal(SIGPIPE, SIG_DFL);
+        Rig rig(in, pair.ours(), FDIO_SENDTO);
+        rig.step(3);
+        return rig.rc == -1 && rig.err == EPIPE && rig.results() == FDIO_ERR_WRITE ? 0 : 1;
+    });
+    EXPECT_EQ(result.signal, 0);
+    EXPECT_EQ(result.exit_code, 0);
+}
+
 TEST_F(FdioTransfer, ABrokenPeerIsLoggedAndForgivenWithVerbose)
 {
     const int in = memory_file("abc");
@@ -707,6 +735,29 @@ TEST_F(FdioTransfer, kept_MemoryIsWrittenToADescriptor)
     close(out);
 }
 
+TEST_F(FdioTransfer, ACountToTheVeryEndOfTheBlockNeedsNoWarning)
+{
+    for (const unsigned out : {0U, 1U}) {
+        const int file = memory_file("abcd");
+        char block[] = {'1', '2', '3', '4'};
+        Rig rig(file, file, 0);
+        rig.spec->mmem = block;
+        rig.spec->mmlen = sizeof block;
+        rig.spec->mmem_out = out & 1U;
+        LogCapture log;
+        rig.step(sizeof block);
+        EXPECT_STEP(rig, 0, 4, 0, 0);
+        EXPECT_EQ(log.text(), "");
+        rig.offset = 3;
+        EXPECT_EQ(lseek(file, 0, SEEK_SET), 0);
+        rig.step(2); // one byte is left
+        EXPECT_STEP(rig, 0, 1, 0, 0);
+        ASSERT_EQ(log.lines().size(), 1U) << log.text();
+        EXPECT_NE(log.text().find("offset=3, count=2 - new_count=1\n"), std::string::npos) << log.text();
+        close(file);
+    }
+}
+
 TEST_F(FdioTransfer, APositionOutsideTheBlockMovesNothing)
 {
     const int file = memory_file("abc");
@@ -807,6 +858,101 @@ TEST_F(FdioTransfer, InprocSeesTheBlockAndSetsTheTotal)
     EXPECT_EQ(log.lines(),
               Lines{"(ERR)  transfer: fd in/out=[" + std::to_string(in) + "/-1] mismatch: read/write=[4/1]"});
     close(in);
+}
+
+namespace {
+
+// An inproc that ends the step with an error as if one side had failed with it.
+u_int32_t* g_shared_flags = nullptr;
+u_int32_t g_side = 0;
+int g_error = 0;
+
+int failing_side(void* address, ssize_t count, ssize_t* total)
+{
+    (void)address;
+    (void)count;
+    *total = 0;
+    *g_shared_flags |= g_side;
+    return g_error;
+}
+
+} // namespace
+
+TEST_F(FdioTransfer, WhatIsForgivenDependsOnTheSideAndOnSendfile)
+{
+    const struct {
+        u_int32_t options;
+        u_int32_t side;
+        int error;
+        int rc;
+        const char* word;
+    } cases[] = {
+        {FDIO_VERBOSE, FDIO_ERR_WRITE, EPIPE, 0, "write"},
+        {FDIO_VERBOSE, FDIO_ERR_READ, EPIPE, -1, "read"},
+        {FDIO_VERBOSE, FDIO_ERR_READ, EAGAIN, 0, "read"},
+        {FDIO_VERBOSE, FDIO_ERR_WRITE, EAGAIN, 0, "write"},
+        {FDIO_VERBOSE, 0, EAGAIN, 0, "???"},
+        {FDIO_VERBOSE, FDIO_ERR_WRITE, EINTR, -1, "write"},
+        {FDIO_VERBOSE, FDIO_ERR_WRITE, ECONNRESET, -1, "write"},
+        {FDIO_SENDFILE, FDIO_ERR_WRITE, EBUSY, 0, "write"},
+        {FDIO_SENDFILE, FDIO_ERR_READ, EBUSY, -1, "read"},
+        {0, FDIO_ERR_WRITE, EBUSY, -1, "write"},
+    };
+
+    const int in = memory_file("abcdef");
+    char block[8] = {};
+    for (const auto& one : cases) {
+        EXPECT_EQ(lseek(in, 0, SEEK_SET), 0);
+        Rig rig(in, 9, one.options); // with a block, FDIO_SENDFILE changes nothing else
+        rig.spec->mmem = block;
+        rig.spec->mmlen = sizeof block;
+        rig.spec->inproc = failing_side;
+        g_shared_flags = &rig.flags;
+        g_side = one.side;
+        g_error = one.error;
+        LogCapture log;
+        rig.step(2);
+        EXPECT_EQ(rig.rc, one.rc) << one.word << one.error;
+        EXPECT_EQ(rig.results(), one.side);
+        EXPECT_EQ(log.lines(), Lines{"(ERR)  transfer (" + std::to_string(in) + "->9, 2 bytes) " + one.word +
+                                     " ERROR(" + std::to_string(one.error) + "): " + strerror(one.error)});
+    }
+    close(in);
+}
+
+TEST_F(FdioTransfer, AnErrorAtTheEndOfTheStreamIsToldAsSuch)
+{
+    const int in = memory_file("abcdef");
+    char block[8] = {};
+    Rig rig(in, 9, 0);
+    rig.spec->mmem = block;
+    rig.spec->mmlen = sizeof block;
+    rig.spec->inproc = failing_side;
+    g_shared_flags = &rig.flags;
+    g_side = FDIO_EOF | FDIO_ERR_READ;
+    g_error = EIO;
+    LogCapture log(DEBUG_level);
+    rig.step(2);
+    EXPECT_EQ(rig.rc, -1);
+    const std::string number = std::to_string(in);
+    const Lines lines = log.lines();
+    ASSERT_EQ(lines.size(), 3U) << log.text();
+    EXPECT_EQ(lines[0], "(DBG)  transfer [2 bytes] (9<-" + number + ") end of stream");
+    EXPECT_EQ(lines[1],
+              "(ERR)  transfer (" + number + "->9, 2 bytes) ??? ERROR(5): " + std::string(strerror(EIO)));
+    close(in);
+}
+
+TEST_F(FdioTransfer, EveryBitAboveTheOptionsIsCleared)
+{
+    const int in = memory_file("abcdef");
+    const int out = memory_file("");
+    Rig rig(in, out, 0xfffff800);
+    rig.step(2);
+    EXPECT_STEP(rig, 0, 2, 0, 0);
+    EXPECT_EQ(rig.flags, 0xf800U);
+    close(in);
+    close(out);
 }
 
 TEST_F(FdioTransfer, AFailedInprocEndsTheStepWithItsError)
