@@ -29,7 +29,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-bool g_fail_fcntl = false;
+int g_fail_fcntl = 0; // errno of the lock
 bool g_fail_fstat = false;
 
 // Makes the pid file in a child of its own and prints result, errno, whether a descriptor was left, and the
@@ -82,8 +82,8 @@ int __wrap_fstat(int fd, struct stat* st);
 
 int __wrap_fcntl(int fd, int command, void* arg)
 {
-    if (g_fail_fcntl && command == F_SETLK) {
-        errno = ENOLCK;
+    if (g_fail_fcntl != 0 && command == F_SETLK) {
+        errno = g_fail_fcntl;
         return -1;
     }
     return __real_fcntl(fd, command, arg);
@@ -178,10 +178,23 @@ TEST(UtilPidfile, AnotherLockErrorIsToldAsItIs)
 {
     TempDir dir;
     dir.write("p.pid", "old");
-    g_fail_fcntl = true;
+    g_fail_fcntl = ENOLCK;
     EXPECT_EQ(outcome(dir.path("p.pid"), 7, CPFX_HUSH),
               "-1;37;0;(ERR)  fcntl write-lock ERROR(37): No locks available\n");
-    g_fail_fcntl = false;
+    g_fail_fcntl = 0;
+    EXPECT_EQ(dir.read("p.pid"), "old");
+}
+
+TEST(UtilPidfile, BothErrorsOfALockedFileMeanAnotherInstance)
+{
+    TempDir dir;
+    dir.write("p.pid", "old");
+    for (const int error : {EACCES, EAGAIN}) {
+        g_fail_fcntl = error;
+        EXPECT_EQ(outcome(dir.path("p.pid"), 7, CPFX_HUSH),
+                  "-1;" + std::to_string(error) + ";0;(ERR)  Another instance is already running\n");
+    }
+    g_fail_fcntl = 0;
     EXPECT_EQ(dir.read("p.pid"), "old");
 }
 

@@ -42,6 +42,7 @@ int g_fail_sigaction = 0;
 int g_errno = EPERM;
 int g_setgid_calls = 0;
 bool g_fail_getpwnam = false;
+bool g_no_user = false; // getpwnam finds nobody, and says nothing in errno
 const passwd* g_pwuid = nullptr;
 
 bool must_fail(int& countdown)
@@ -141,7 +142,7 @@ passwd* __wrap_getpwnam(const char* name)
         errno = EIO;
         return nullptr;
     }
-    return __real_getpwnam(name);
+    return g_no_user ? nullptr : __real_getpwnam(name);
 }
 
 passwd* __wrap_getpwuid(uid_t uid)
@@ -189,6 +190,17 @@ TEST(UtilDaemon, ALogOnStdoutMovesToStderr)
 {
     const std::string report = report_of([](int fd) {
         log_default(&g_log, stdout);
+        daemonize();
+        dprintf(fd, "%d", log_fp(&g_log) == stderr);
+        _exit(0);
+    });
+    EXPECT_EQ(report, "1");
+}
+
+TEST(UtilDaemon, ALogOnAnyStreamOfDescriptor2MovesToStderr)
+{
+    const std::string report = report_of([](int fd) {
+        log_default(&g_log, fdopen(STDERR_FILENO, "w"));
         daemonize();
         dprintf(fd, "%d", log_fp(&g_log) == stderr);
         _exit(0);
@@ -358,6 +370,16 @@ TEST(UtilUser, AnUnknownUserIsLogged)
     LogCapture log;
     EXPECT_EQ(run_as_user("no-such-user-here"), -1);
     EXPECT_EQ(log.lines(), Lines{"(ERR)  run_as_user: getpwnam: user no-such-user-here not found"});
+}
+
+TEST(UtilUser, AnErrorFromBeforeIsNotTakenForOneOfTheLookUp)
+{
+    LogCapture log;
+    g_no_user = true;
+    errno = EXDEV;
+    EXPECT_EQ(run_as_user("somebody"), -1);
+    g_no_user = false;
+    EXPECT_EQ(log.text(), "(ERR)  run_as_user: getpwnam: user somebody not found\n");
 }
 
 TEST(UtilUser, AFailedLookUpIsLoggedWithItsError)

@@ -98,6 +98,16 @@ int __wrap_dup2(int from, int to)
     }
     return __real_dup2(from, to);
 }
+
+ssize_t __real_sendto(int fd, const void* buf, size_t len, int flags, const sockaddr* to, socklen_t to_len);
+ssize_t __wrap_sendto(int fd, const void* buf, size_t len, int flags, const sockaddr* to, socklen_t to_len);
+
+ssize_t __wrap_sendto(int fd, const void* buf, size_t len, int flags, const sockaddr* to, socklen_t to_len)
+{
+    EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(flags, 0);
+    return __real_sendto(fd, buf, len, flags, to, to_len);
+}
 }
 
 TEST(UtilPath, GetBaseIsTheTextBehindTheLastSlash)
@@ -487,6 +497,15 @@ TEST(UtilText, ClosePipeClosesWhatIsOpen)
     int none[2] = {-1, -1};
     EXPECT_EQ(close_pipe(none), 0);
     EXPECT_EQ(log.text(), "");
+}
+
+TEST(UtilText, ClosePipeClosesDescriptor0)
+{
+    const auto result = run_in_child([] {
+        int ends[2] = {STDIN_FILENO, -1};
+        return close_pipe(ends) == 0 && fcntl(STDIN_FILENO, F_GETFD) == -1 ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_code, 0);
 }
 
 TEST(UtilText, ClosePipeStopsAtTheFirstFailure)
