@@ -145,7 +145,9 @@ struct transfer_spec* new_transfer_spec(int in_fd, int out_fd, off_t* offset, ui
  * A short write is no failure: the position has moved by what was written, and without an offset the rest is
  * gone. In the block a failed step moves the position back by one; a position outside the block gives a
  * warning and 0 bytes. REQUIRES: the buffer, unless mmem is set; offset with mmem, inproc or FDIO_SENDFILE; a
- * total from inproc that the buffer can hold.
+ * total from inproc that the buffer can hold. A step in memory does not use the buffer, but moves no more
+ * than its size: without one a block that is filled sees the end of the stream, and one that is written out
+ * ends in an assertion.
  */
 int transfer(struct transfer_spec* tsp, size_t count, ssize_t* tbytes);
 

@@ -78,7 +78,8 @@ struct loglevel_ctx {
 /* DECLARE_MLL: states the module slot of a source file that logs. Once a file, at file scope. */
 #define DECLARE_MLL(idx) static struct loglevel_ctx g_llctx __attribute__((unused)) = {(idx), -1, -1, {0}}
 
-/* loghook_cb_t: called with each finished line up to INFO_level, header and line end included. */
+/* loghook_cb_t: called with each finished line up to INFO_level, header and line end included. The line
+ * stands in the buffer of all lines: a hook that logs copies it first. */
 typedef void (*loghook_cb_t)(void* udata, const char* line);
 
 /* ll_status: which tables a log has set as a whole. */
