@@ -38,7 +38,7 @@ size_t signal_text(const char* pattern, int signo, char (&text)[32])
     return length;
 }
 
-// The IGMP header behind an IP header of any stated length. It is read whatever was captured: bytes that were
+// Kept: the IGMP header behind an IP header of any stated length, read whatever was captured. Bytes that were
 // not captured read as zero.
 struct igmp_header igmp_at(const u_char* bytes, size_t caplen, size_t offset)
 {
@@ -59,14 +59,17 @@ void on_report(const struct igmp_header& igmp)
 {
     log_dbg("%s: IGMP report msg caught on %s\n", "on_pcap_pkt", group_text(igmp.group));
     void* value = reinterpret_cast<void*>(kJoinedMark);
+    // Kept: group 0.0.0.0 is a key that the table refuses by assertion.
     const int rc = nkht_add(g_ctx.wgrp_ht, group_key(igmp), &value);
     if (rc == 0) {
+        // Kept: the group is joined whether its line arrives or not.
         relay_msg("JOIN UDP://%s\n", group_text(igmp.group));
     } else if (rc != EBUSY) {
         log_err("%s: error adding group %04x\n", "on_pcap_pkt", static_cast<unsigned>(igmp.group));
     }
 }
 
+// Kept: the first leave ends a group, whoever else is a member.
 void on_leave(const struct igmp_header& igmp)
 {
     log_dbg("%s: IGMP LEAVE msg caught on %s\n", "on_pcap_pkt", group_text(igmp.group));
@@ -82,7 +85,7 @@ void on_leave(const struct igmp_header& igmp)
 void on_igmp(const struct igmp_header& igmp)
 {
     log_dbg("%s: addr=[%s]\n", "on_pcap_pkt", group_text(igmp.group));
-    if (!in_scope(igmp.group)) {
+    if (!in_scope(igmp.group)) { // Kept: asked before the type, for queries too
         log_dbg("%s: address out of scope: %s\n", "on_pcap_pkt", group_text(igmp.group));
         return;
     }

@@ -59,6 +59,7 @@ class NewTable {
     nkht_t handle = 0;
 };
 
+// Kept: with one bound set the other side is open, beyond the multicast addresses.
 bool in_range(uint32_t host)
 {
     if (g_cfg.min_group != 0 && g_cfg.max_group != 0) {

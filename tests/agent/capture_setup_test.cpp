@@ -58,6 +58,7 @@ int __wrap_pcap_setfilter(pcap_t* p, struct bpf_program* prog);
 int __wrap_pcap_dispatch(pcap_t* p, int count, pcap_handler callback, u_char* user);
 char* __wrap_pcap_geterr(pcap_t* p);
 void __wrap_pcap_breakloop(pcap_t* p);
+void __wrap_pcap_freecode(struct bpf_program* prog);
 
 time_t __wrap_time(time_t* to)
 {
@@ -131,6 +132,12 @@ void __wrap_pcap_breakloop(pcap_t* p)
     EXPECT_EQ(p, kCapture);
     result_of("pcap_breakloop");
 }
+
+void __wrap_pcap_freecode(struct bpf_program* prog)
+{
+    (void)prog;
+    result_of("pcap_freecode");
+}
 }
 
 namespace {
@@ -196,6 +203,12 @@ TEST_F(CaptureSetup, captures_igmp_without_promiscuous_mode_or_optimisation_and_
     EXPECT_EQ(g_calls, (Lines{"pcap_lookupnet", "pcap_open_live", "pcap_compile", "pcap_setfilter"}));
     EXPECT_EQ(g_ctx.handle, kCapture);
     EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(CaptureSetup, kept_the_filter_program_is_not_freed)
+{
+    EXPECT_EQ(pcap_setup("eth7"), 0);
+    EXPECT_EQ(g_calls.back(), "pcap_setfilter");
 }
 
 TEST_F(CaptureSetup, installs_the_quit_signals_even_if_it_fails_then)

@@ -96,7 +96,7 @@ TEST_F(Scope, LowerBoundAlone)
     EXPECT_FALSE(in_scope(net("0.0.0.0")));
 }
 
-TEST_F(Scope, UpperBoundAloneReachesBelowMulticast)
+TEST_F(Scope, kept_UpperBoundAloneReachesBelowMulticast)
 {
     g_cfg.max_group = host("239.0.0.0");
     EXPECT_TRUE(in_scope(net("239.0.0.0")));

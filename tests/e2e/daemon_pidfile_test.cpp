@@ -107,7 +107,7 @@ TEST_F(DaemonPidFile, kept_after_that_a_third_daemon_runs_beside_the_first)
     EXPECT_EQ(read_file(path("pid")), std::to_string(third.pid()));
 }
 
-TEST_F(DaemonPidFile, is_required_of_a_daemon_which_the_starter_does_not_learn)
+TEST_F(DaemonPidFile, kept_is_required_of_a_daemon_which_the_starter_does_not_learn)
 {
     Daemon daemon = start({"-i", "va", "-l", path("log")});
     EXPECT_EQ(daemon.starter.exit_code, 0);
