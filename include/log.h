@@ -285,7 +285,7 @@ int snprintf_btrace(char* buf, size_t buflen, const char* fmt, ...) MV_PRINTF(3,
  * log_open: opens a file for appending, unbuffered. A file of some length that stands at the path is first
  * renamed to "path.MTIME", unless log_append_old was called. A NULL path means stderr. 0, or -1 with a line
  * on stderr and the log closed. REQUIRES: glog_init. Paths of up to 128 characters open; one of exactly 128
- * is stored cut.
+ * is stored cut, and a longer one is refused with the log left as it was.
  */
 int log_open(struct log_ctx* log, const char* filename);
 

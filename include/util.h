@@ -135,7 +135,8 @@ const char* pick_first_file(const char** path, size_t count);
 int redirect_output(const char* dst_path);
 
 /* read_file_buf: reads a whole file of at most buflen bytes by one read(2); no terminator is added. The
- * file's size; -1 on a failure or a short read; -7 if the buffer is too small; with a line each. */
+ * file's size; -1 on a failure or a short read; -7 if the buffer is too small; with a line each, but for a
+ * file whose size cannot be asked. */
 ssize_t read_file_buf(const char* fpath, char* buf, size_t buflen);
 
 /* file_to_dest: sends a file of 1 to 1400 bytes as one UDP datagram to addr (host or address) and port

@@ -172,6 +172,9 @@ TEST_F(LogOpen, path_of_129_characters_is_refused)
     EXPECT_EQ(err.text(), "Log pathname/command is too long, 128 bytes allowed\n");
     EXPECT_EQ(log_fp(&log), nullptr);
     EXPECT_FALSE(std::filesystem::exists(path));
+    log_default(&log, stdout);
+    EXPECT_EQ(log_open(&log, path.c_str()), -1);
+    EXPECT_EQ(log_fp(&log), stdout); // an open log stays as it was
 }
 
 TEST_F(LogOpen, file_that_cannot_be_opened_is_told_and_leaves_the_log_closed)
