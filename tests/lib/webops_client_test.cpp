@@ -2,6 +2,7 @@
 #include "webops.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstring>
@@ -27,6 +28,8 @@ using support::FdGuard;
 using support::LogCapture;
 
 namespace {
+
+int g_read_error = 0; // what read() fails with; 0: nothing
 
 using Lines = std::vector<std::string>;
 
@@ -130,6 +133,20 @@ std::string sent_by(struct http_request request)
 }
 
 } // namespace
+
+extern "C" {
+ssize_t __real_read(int fd, void* buf, size_t count);
+ssize_t __wrap_read(int fd, void* buf, size_t count);
+
+ssize_t __wrap_read(int fd, void* buf, size_t count)
+{
+    if (g_read_error != 0) {
+        errno = g_read_error;
+        return -1;
+    }
+    return __real_read(fd, buf, count);
+}
+}
 
 TEST(WebSend, RequestWordForWord)
 {
@@ -623,6 +640,21 @@ TEST(WebRead, PeerThatResets)
     EXPECT_EQ(errno, ECONNRESET);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  recv_http_response: client [fd=" + std::to_string(wire.ours) +
                                   "] connection broken"}));
+}
+
+TEST(WebRead, ConnectionThatIsAborted)
+{
+    Wire wire;
+    Reading reading;
+    LogCapture log;
+    g_read_error = ECONNABORTED;
+    const int rc = reading.from(wire.ours);
+    const int err = errno;
+    g_read_error = 0;
+    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(err, ECONNABORTED);
+    EXPECT_EQ(log.lines().back(),
+              "(ERR)  recv_http_response: client [fd=" + std::to_string(wire.ours) + "] connection broken");
 }
 
 TEST(WebRead, OtherErrorsHaveNoLineOfThisLayer)

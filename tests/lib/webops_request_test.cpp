@@ -274,6 +274,18 @@ TEST(WebRequest, UserAgentIsEncodedAndCut)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
+TEST(WebRequest, EncodedUserAgentHas126Characters)
+{
+    std::string escapes;
+    for (int i = 0; i < 42; ++i) {
+        escapes += "%2C";
+    }
+    EXPECT_EQ(with_header("User-Agent: " + std::string(42, ',') + "y\r\n").hdr.user_agent, escapes);
+    LogCapture log(DEBUG_level);
+    with_header("User-Agent: " + std::string(127, 'u') + "\r\n");
+    EXPECT_EQ(log.lines().back(), "(DBG)  parse_http_header: User-Agent: " + std::string(126, 'u'));
+}
+
 TEST(WebRequest, DebugLines)
 {
     LogCapture log(DEBUG_level);

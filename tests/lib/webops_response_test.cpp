@@ -139,8 +139,10 @@ TEST(WebResponse, SuffixGoesWithCode200Alone)
     struct http_response r = plain(200);
     r.ok_suffix = "X-A: 1";
     EXPECT_EQ(composed(r), "HTTP/1.1 200 Reason\r\nServer: srv\r\nX-A: 1\r\n\r\n");
-    r.code = 404;
-    EXPECT_EQ(composed(r), "HTTP/1.1 404 Reason\r\nServer: srv\r\n\r\n");
+    for (const int code : {199, 201, 206, 299, 404}) {
+        r.code = code;
+        EXPECT_EQ(composed(r), "HTTP/1.1 " + std::to_string(code) + " Reason\r\nServer: srv\r\n\r\n");
+    }
 }
 
 TEST(WebResponse, HeadNeedsTwoBytesMoreThanItsLength)
@@ -440,6 +442,14 @@ TEST(WebHls, RelativeItems)
     EXPECT_EQ(item_url("http://h/a/l.m3u8", "s1.ts"), (Item{0, "http://h/a/s1.ts"}));
     EXPECT_EQ(item_url("HTTP://h/l.m3u8", "b/s1.ts"), (Item{0, "HTTP://h/b/s1.ts"}));
     EXPECT_EQ(item_url("http://h/", ""), (Item{0, "http://h/"}));
+}
+
+TEST(WebHls, RestOfTheBufferBecomesZero)
+{
+    char buf[16];
+    memset(buf, '#', sizeof buf);
+    EXPECT_EQ(mk_hls_item_url("http://h/l", "s", buf, sizeof buf), 0);
+    EXPECT_EQ(std::string(buf, sizeof buf), "http://h/s" + std::string(6, '\0'));
 }
 
 TEST(WebHls, kept_RootPathAndOtherSchemesAreJoinedLikeAnyOther)
