@@ -165,8 +165,8 @@ TEST(Config, LogLevels)
         {"info", 1}, {"debug", 2},  {"dbg", 2},   {"section", 2}, {"sect", 2},
     };
     for (const auto& [word, level] : levels) {
-        const auto result =
-            read_options({"-i", "lo", "-l", "x", "-L", word}, [&] { return g_cfg.log_level == level; });
+        const auto result = read_options({"-i", "lo", "-l", "x", "-L", word},
+                                         [wanted = level] { return g_cfg.log_level == wanted; });
         EXPECT_EQ(result.exit_code, kOk) << word;
         EXPECT_EQ(result.err, "");
     }
