@@ -559,14 +559,19 @@ TEST(LogMirror, stream_on_another_descriptor_gets_the_same_line)
     log_default(&log, file);
     log_mirror(&log, file);
     log_write(&log, ERR_level, "same stream\n");
+    FILE* twin = fdopen(fileno(file), "w");
+    log_mirror(&log, twin);
+    log_write(&log, ERR_level, "same descriptor\n");
     log_mirror(&log, copy);
     log_write(&log, ERR_level, "dup\n");
     log_mirror(&log, other);
     log_write(&log, DEBUG_level, "other\n");
-    EXPECT_EQ(dir.read("log"), "(ERR)  same stream\n(ERR)  dup\n(ERR)  dup\n(DBG)  other\n");
+    EXPECT_EQ(dir.read("log"),
+              "(ERR)  same stream\n(ERR)  same descriptor\n(ERR)  dup\n(ERR)  dup\n(DBG)  other\n");
     EXPECT_EQ(dir.read("other"), "(DBG)  other\n") << "by line, without a flush";
-    EXPECT_EQ(log.total_out, 19U + 11U + 13U) << "the mirror is not counted";
+    EXPECT_EQ(log.total_out, 19U + 23U + 11U + 13U) << "the mirror is not counted";
     fclose(file);
+    fclose(twin); // its descriptor is closed already
     fclose(copy);
     fclose(other);
 }

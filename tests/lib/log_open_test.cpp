@@ -62,7 +62,37 @@ class Stderr {
 using LogPipe = LogOpen;
 using LogClose = LogOpen;
 
+// What openlog was last called with.
+std::string g_ident;
+int g_option = -1;
+int g_facility = -1;
+
 } // namespace
+
+extern "C" {
+void __real_openlog(const char* ident, int option, int facility);
+void __wrap_openlog(const char* ident, int option, int facility);
+
+void __wrap_openlog(const char* ident, int option, int facility)
+{
+    g_ident = ident;
+    g_option = option;
+    g_facility = facility;
+    __real_openlog(ident, option, facility);
+}
+}
+
+TEST(LogSyslogSettings, name_process_id_console_and_facility)
+{
+    glog_enable_syslog("tester");
+    EXPECT_EQ(g_ident, "tester");
+    EXPECT_EQ(g_option, 3); // LOG_PID | LOG_CONS
+    EXPECT_EQ(g_facility, 128);
+    EXPECT_NE(g_log.use_syslog, 0);
+    EXPECT_EQ(g_access_log.use_syslog, 0);
+    glog_disable_syslog();
+    EXPECT_EQ(g_log.use_syslog, 0);
+}
 
 // ---- files -------------------------------------------------------------------------------------
 
