@@ -30,6 +30,7 @@ using Lines = std::vector<std::string>;
 namespace {
 
 bool g_fail_fork = false;
+int g_pread_errno = 0; // fails with it
 
 MV_PRINTF(1, 2) std::string text(const char* fmt, ...)
 {
@@ -156,6 +157,18 @@ pid_t __wrap_fork()
         return -1;
     }
     return __real_fork();
+}
+
+ssize_t __real_pread(int fd, void* buf, size_t count, off_t offset);
+ssize_t __wrap_pread(int fd, void* buf, size_t count, off_t offset);
+
+ssize_t __wrap_pread(int fd, void* buf, size_t count, off_t offset)
+{
+    if (g_pread_errno != 0) {
+        errno = g_pread_errno;
+        return -1;
+    }
+    return __real_pread(fd, buf, count, offset);
 }
 }
 
@@ -425,6 +438,42 @@ TEST(Syswrap, read_that_a_signal_interrupts_is_silent_without_flags)
     EXPECT_EQ(Read_f(pair.fd[0], &byte, 1, 0), -1);
     EXPECT_EQ(errno, EINTR);
     EXPECT_EQ(log.text(), "");
+}
+
+TEST(Syswrap, pread_is_silent_about_ordinary_errors_without_flags)
+{
+    LogCapture log;
+    char byte = 0;
+    for (const int err : {EAGAIN, EPIPE, EINTR, ECONNRESET}) {
+        g_pread_errno = err;
+        log.clear();
+        EXPECT_EQ(Pread_f(0, &byte, 1, 7, 0), -1);
+        EXPECT_EQ(errno, err);
+        EXPECT_EQ(log.text(), "");
+        EXPECT_EQ(Pread_f(0, &byte, 1, 7, 1), -1);
+        EXPECT_EQ(errno, err);
+        EXPECT_EQ(log.lines(), (Lines{text("(ERR)  TestBody: pread(0, %p, 1, 7) ERROR(%d): %s",
+                                           static_cast<void*>(&byte), err, strerror(err))}));
+    }
+    g_pread_errno = 0;
+}
+
+TEST(Syswrap, sendfile_to_a_peer_that_has_gone_is_logged_with_flags)
+{
+    const FdGuard guard;
+    signal(SIGPIPE, SIG_IGN);
+    const TempDir dir;
+    LogCapture log;
+    SocketPair pair;
+    pair.close_peer();
+    const int fd = open(dir.file().c_str(), O_CREAT | O_RDWR, 0600);
+    ASSERT_EQ(write(fd, "0123456789", 10), 10);
+    off_t offset = 2;
+    EXPECT_EQ(Sendfile_f(pair.fd[0], fd, &offset, 3, 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_EQ(log.text(),
+              text("(ERR)  TestBody: LNX sendfile(%d<-%d, 2, 3) ERROR(32): Broken pipe", pair.fd[0], fd));
+    close(fd);
 }
 
 TEST(Syswrap, faults_of_a_stream_are_logged_without_flags_too)
