@@ -271,7 +271,7 @@ TEST(NetopsAnyListener, deferred_and_refused)
 {
     FdGuard guard;
     LogCapture log;
-    const Fd fd(open_anyaddr_listener(AF_INET, "0", 5));
+    const Fd fd(open_anyaddr_listener(AF_INET, "0", 2));
     ASSERT_GE(fd, 0);
     EXPECT_FALSE(is_listening(fd));
     EXPECT_EQ(open_anyaddr_listener(AF_INET, "abc", 0), -1);
@@ -381,6 +381,21 @@ TEST(NetopsDomain, long_path_is_cut_by_the_listener_and_refused_by_the_client)
     }
     expect_abort([&] { open_domain_client(path_of_length(dir, 108).c_str(), 1, 0); });
     EXPECT_EQ(open_domain_client(path_of_length(dir, 107).c_str(), 1, 0), -1);
+}
+
+TEST(NetopsDomain, listener_removes_what_stands_at_the_whole_of_a_long_path)
+{
+    FdGuard guard;
+    const TempDir dir;
+    LogCapture log;
+    const std::string path = path_of_length(dir, 110);
+    const std::string cut = path.substr(0, 107);
+    support::must_run("touch " + path + " " + cut);
+    EXPECT_EQ(open_domain_listener(path.c_str()), -1);
+    EXPECT_EQ(errno, EADDRINUSE);
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+    EXPECT_EQ(access(cut.c_str(), F_OK), 0);
+    EXPECT_EQ(log.lines().back(), "(ERR)  open_domain_listener: failed for path=[" + path + "]");
 }
 
 TEST(NetopsDomain, kept_failure_counts_one_attempt_too_many)

@@ -244,6 +244,17 @@ TEST(NetopsPort, digits_with_a_tail_fail_in_the_look_up_without_a_line)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
+TEST(NetopsPort, negative_number_is_left_to_the_look_up)
+{
+    FdGuard guard;
+    LogCapture log;
+    Opened opened;
+    opened.spec.socktype = SOCK_DGRAM;
+    opened.spec.writer = 1;
+    opened.open("127.0.0.1", "-1");
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
 TEST(NetopsPort, missing_port_ends_by_assertion_but_for_other_types)
 {
     for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
@@ -929,6 +940,16 @@ TEST(NetopsMkSockaddr, host_and_port)
     EXPECT_EQ(mk_sockaddr("2001:db8::1:5000", SOCK_STREAM, IPPROTO_TCP, &ss, &length), 0);
     EXPECT_EQ(str(ss), "[2001:db8::1]:5000");
     EXPECT_EQ(length, 28U);
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(NetopsMkSockaddr, protocol_that_is_not_of_the_type_does_not_resolve)
+{
+    LogCapture log;
+    sockaddr_storage ss{};
+    socklen_t length = 0;
+    EXPECT_EQ(mk_sockaddr("1.2.3.4:5000", SOCK_DGRAM, IPPROTO_TCP, &ss, &length), -1);
+    EXPECT_EQ(mk_sockaddr("1.2.3.4:5000", SOCK_DGRAM, IPPROTO_UDP, &ss, &length), 0);
     EXPECT_EQ(log.lines(), Lines{});
 }
 
