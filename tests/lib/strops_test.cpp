@@ -217,6 +217,7 @@ TEST(Strops, kept_junk_without_letters_is_ignored)
     EXPECT_EQ(number("12,4"), good(12));
     EXPECT_EQ(number("12 4K"), good(12288));
     EXPECT_EQ(number("12\xe9"), good(12));
+    EXPECT_EQ(number("12_4[~"), good(12));
 }
 
 TEST(Strops, values_beyond_64_bits_are_refused)

@@ -479,6 +479,8 @@ TEST(Timeop, scan_log_time_reads_six_digits_of_a_fraction)
     EXPECT_EQ(back.tv_nsec, 123'456'000);
     EXPECT_EQ(scan_log_time("5.25 and more", &back, f_RAW_TIME), 2);
     EXPECT_EQ(back.tv_nsec, 25'000);
+    EXPECT_EQ(scan_log_time("2023-11-14 22:13:20.1234567 GMT", &back, 0), 7);
+    EXPECT_EQ(back.tv_nsec, 123'456'000);
 }
 
 TEST(Timeop, scan_log_time_of_a_time_that_cannot_be_made_is_logged)
