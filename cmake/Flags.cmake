@@ -51,7 +51,7 @@ check_pie_supported(LANGUAGES CXX)
 
 if(MORVANE_SANITIZE)
   target_compile_options(morvane_flags INTERFACE
-    -fsanitize=${MORVANE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1 -g)
+    -fsanitize=${MORVANE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1 -g1)
   target_link_options(morvane_flags INTERFACE -fsanitize=${MORVANE_SANITIZE})
 endif()
 if(MORVANE_COVERAGE)
