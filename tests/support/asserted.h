@@ -16,7 +16,8 @@ inline bool asserted_in(const std::string& text, const std::string& function)
     const size_t line = text.rfind('\n', assertion) + 1;
     const std::string place = text.substr(line, assertion - line) + "(";
     const size_t name = place.find(function + "(");
-    return name != std::string::npos && name > 0 && (place[name - 1] == ' ' || place[name - 1] == ':');
+    return name != std::string::npos && name > 0 &&
+           std::string(" :*&").find(place[name - 1]) != std::string::npos;
 }
 
 } // namespace support
