@@ -214,6 +214,34 @@ int web_parse_urq(char* http, size_t hlen, char* uri_src, char* uri_dst, size_t 
 /* is_ping_request: whether a path is "ping" in any case, with or without a slash at either end. */
 bool is_ping_request(const char* path);
 
+/* web_request_line: a request line as it stands in a head; the texts point into it and have no terminator. */
+struct web_request_line {
+    const char* method;
+    size_t method_len;
+    const char* target;
+    size_t target_len;
+    int minor; /* of the version HTTP/1.x */
+};
+
+/* web_field: a header field as it stands in a head, its value without the blanks around it. */
+struct web_field {
+    const char* name;
+    size_t name_len;
+    const char* value;
+    size_t value_len;
+};
+
+/*
+ * web_read_request_line, web_read_field: the strict reading of a request's head, line by line, for a server
+ * that faces strangers: *at moves from the line's first byte behind its CR LF, and end is the end of the
+ * data. What RFC 9112 (3, 5) and RFC 9110 (5.5) do not allow is refused: a bare LF or CR, a control
+ * character, a blank in front of a colon, a folded line, another version than HTTP/1.x. 0; 1 (fields alone):
+ * the empty line that ends the head; -1: refused, or cut off, with *at as it was. Nothing is logged, no text
+ * is copied.
+ */
+int web_read_request_line(const char** at, const char* end, struct web_request_line* line);
+int web_read_field(const char** at, const char* end, struct web_field* field);
+
 /*
  * mk_http_response: composes the head of a response, with the empty line. Result: its length, or -1 (not
  * logged) if buf has less than two bytes more. A header line of 128 characters or more is left out. REQUIRES:

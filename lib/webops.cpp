@@ -564,6 +564,57 @@ struct fdrec* open_uri(int inbound, const char* uri, const char* ifc_tag, int* u
     return r;
 }
 
+// ---- the strict reading of a head ---------------------------------------------------------------
+
+// tchar of RFC 9110, 5.6.2: what methods and field names are made of.
+bool is_token_char(char c)
+{
+    const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    return letter || (c >= '0' && c <= '9') || (c != '\0' && strchr("!#$%&'*+-.^_`|~", c) != nullptr);
+}
+
+bool is_target_char(char c)
+{
+    return c > ' ' && c < 0x7f;
+}
+
+// Blanks, visible characters, and what is not ASCII.
+bool is_value_char(char c)
+{
+    return c == '\t' || !(static_cast<unsigned char>(c) < ' ' || c == 0x7f);
+}
+
+bool is_blank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
+// Takes characters of one kind from the front of a text.
+std::string_view take_while(std::string_view& text, bool (*kind)(char))
+{
+    const auto* const end = std::find_if_not(text.begin(), text.end(), kind);
+    const std::string_view taken = text.substr(0, static_cast<size_t>(end - text.begin()));
+    text.remove_prefix(taken.size());
+    return taken;
+}
+
+bool take_text(std::string_view& text, std::string_view what)
+{
+    if (!text.starts_with(what)) {
+        return false;
+    }
+    text.remove_prefix(what.size());
+    return true;
+}
+
+std::string_view trim_end(std::string_view text)
+{
+    while (!text.empty() && is_blank(text.back())) {
+        text.remove_suffix(1);
+    }
+    return text;
+}
+
 } // namespace
 
 int send_http_request(int sockfd, struct http_request* r)
@@ -900,6 +951,47 @@ int web_parse_urq(char* http, size_t hlen, char* uri_src, char* uri_dst, size_t 
 bool is_ping_request(const char* path)
 {
     return slash_match(path + (*path == '/' ? 1 : 0), "ping");
+}
+
+int web_read_request_line(const char** at, const char* end, struct web_request_line* line)
+{
+    std::string_view rest(*at, static_cast<size_t>(end - *at));
+    const std::string_view method = take_while(rest, is_token_char);
+    const bool one_blank = take_text(rest, " ");
+    const std::string_view target = take_while(rest, is_target_char);
+    if (method.empty() || !one_blank || target.empty() || !take_text(rest, " HTTP/1.") || rest.empty() ||
+        rest[0] < '0' || rest[0] > '9') {
+        return -1;
+    }
+    const int minor = rest[0] - '0';
+    rest.remove_prefix(1);
+    if (!take_text(rest, "\r\n")) {
+        return -1;
+    }
+    *line = {method.data(), method.size(), target.data(), target.size(), minor};
+    *at = rest.data();
+    return 0;
+}
+
+int web_read_field(const char** at, const char* end, struct web_field* field)
+{
+    std::string_view rest(*at, static_cast<size_t>(end - *at));
+    if (take_text(rest, "\r\n")) {
+        *at = rest.data();
+        return 1;
+    }
+    const std::string_view name = take_while(rest, is_token_char);
+    if (name.empty() || !take_text(rest, ":")) {
+        return -1;
+    }
+    take_while(rest, is_blank);
+    const std::string_view value = trim_end(take_while(rest, is_value_char));
+    if (!take_text(rest, "\r\n")) {
+        return -1;
+    }
+    *field = {name.data(), name.size(), value.data(), value.size()};
+    *at = rest.data();
+    return 0;
 }
 
 ssize_t mk_http_response(const struct http_response* r, char* buf, size_t buflen)

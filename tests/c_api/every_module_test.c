@@ -114,6 +114,11 @@ static void sockets_and_transfer(void)
     struct usock_ctx url;
     struct fdrec* record = alloc_fdrec();
     struct http_response* found = match_http_response(404);
+    const char request[] = "GET / HTTP/1.1\r\nHost: a\r\n\r\n";
+    const char* at = request;
+    const char* end = request + sizeof request - 1;
+    struct web_request_line line;
+    struct web_field field;
     int fd = -1;
 
     CHECK(strcmp(af_name(AF_INET), af_name(AF_INET6)) != 0);
@@ -132,6 +137,9 @@ static void sockets_and_transfer(void)
     CHECK(record != NULL);
     free_fdrec(record);
     CHECK(found != NULL && found->code == 404);
+    CHECK(web_read_request_line(&at, end, &line) == 0 && line.target_len == 1);
+    CHECK(web_read_field(&at, end, &field) == 0 && field.value_len == 1);
+    CHECK(web_read_field(&at, end, &field) == 1 && at == end);
 }
 
 static void streams(void)
