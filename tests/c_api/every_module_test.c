@@ -24,9 +24,11 @@
 #include "rqs.h"
 #include "rtp.h"
 #include "rusage_ops.h"
+#include "sigsafe.h"
 #include "strops.h"
 #include "syswrap.h"
 #include "timeop.h"
+#include "tmr.h"
 #include "uri.h"
 #include "util.h"
 #include "webops.h"
@@ -210,6 +212,45 @@ static void event_loop(void)
     CHECK(Close(ends[0]) == 0 && Close(ends[1]) == 0);
 }
 
+static void end_loop(struct tmr* t, void* udata)
+{
+    (void)t;
+    (void)udata;
+    sigsafe_wake();
+}
+
+static int end_when_woken(int fd, int fd_err, void* udata, void* aux)
+{
+    (void)fd;
+    (void)fd_err;
+    (void)aux;
+    return sigsafe_is_wakeup(udata) ? rqs_fd_count(GET_POLLFDS) : 0;
+}
+
+/* A timer wakes the loop as a signal handler would; the read that follows ends it. */
+static void timer_and_wakeup(void)
+{
+    struct rqs_config config;
+    struct tmr timer = NULL_tmr;
+    const struct timespec soon = {0, 1000000};
+
+    memset(&config, 0, sizeof config);
+    config.cb.update_tmout = tmr_update_tmout;
+    config.cb.time_out = tmr_time_out;
+    config.cb.read = end_when_woken;
+    config.cb.write = no_event;
+    config.cb.error = no_event;
+    CHECK(rqs_init(&config) == 0);
+    CHECK(sigsafe_open() == 0);
+    CHECK(tmr_add(&timer, &soon, NULL, end_loop, NULL) == 0);
+    CHECK(tmr_pending(&timer) && tmr_count() == 1);
+    CHECK(rqs_event_loop() == 1);
+    CHECK(!tmr_pending(&timer));
+    tmr_reset();
+    sigsafe_close();
+    rqs_destroy();
+}
+
 int main(void)
 {
     glog_init("every_module");
@@ -221,6 +262,7 @@ int main(void)
     sockets_and_transfer();
     streams();
     event_loop();
+    timer_and_wakeup();
     if (g_failures == 0) {
         puts("every module answers");
     }
