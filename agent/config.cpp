@@ -10,14 +10,7 @@
 
 DECLARE_MLL(MLL_COMMON);
 
-struct app_cfg g_cfg;
-struct app_ctx g_ctx;
-const char* g_appname = "";
-
 namespace {
-
-constexpr uint32_t kClassMask = 0xf0000000;
-constexpr uint32_t kMulticast = 0xe0000000;
 
 // A text option: cut to its field, with nothing left of an earlier value.
 template <size_t N>
@@ -54,7 +47,7 @@ int set_group_bound(const char* text, uint32_t& bound)
         fprintf(stderr, "Invalid address: %s\n", text);
         return -1;
     }
-    if ((ntohl(addr.s_addr) & kClassMask) != kMulticast) {
+    if (!is_multicast_addr(addr.s_addr)) {
         fprintf(stderr, "Non-multicast address: %s (0x%04x)\n", text, addr.s_addr);
         return -1;
     }

@@ -24,7 +24,7 @@ struct igmp_header {
 
 static_assert(sizeof(igmp_header) == 8);
 
-// Name of a message type, "??" for those the agent does not know, IGMPv3 reports among them.
+// packet.cpp: name of a message type, "??" for those the agent does not know, IGMPv3 reports among them.
 const char* igmp_type_str(uint16_t type);
 
 #endif

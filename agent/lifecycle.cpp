@@ -10,15 +10,20 @@
 
 DECLARE_MLL(MLL_COMMON);
 
+struct app_cfg g_cfg;
+struct app_ctx g_ctx;
+const char* g_appname = "";
+
 namespace {
 
+constexpr const char* kSetUp = "app_setup"; // its stages speak for it
 constexpr size_t kDirMax = 256;
 
 int open_tables()
 {
     const int rc = nkht_create(&g_ctx.wgrp_ht, MAX_ZENT_CHANNELS, tw_shift);
     if (rc != 0) {
-        log_err("%s: failed to create channel hastable\n", "app_setup");
+        log_err("%s: failed to create channel hastable\n", kSetUp);
     }
     return rc;
 }

@@ -13,26 +13,26 @@ DECLARE_MLL(MLL_COMMON);
 
 namespace {
 
+constexpr const char* kRelay = "relay_msg"; // its stages speak for it
 constexpr int kMsgMax = 128;
 
 void send_to_stream(char* msg, int length)
 {
     fputs(msg, g_ctx.rep.fp);
     chomp(msg);
-    log_norm("%s: %d bytes output: %s\n", "relay_msg", length, msg);
+    log_norm("%s: %d bytes output: %s\n", kRelay, length, msg);
 }
 
 void send_to_relay(char* msg, int length)
 {
     const struct socket_spec& to = g_ctx.rep.usock.sspec;
-    const ssize_t sent =
-        W_sendto("relay_msg", g_ctx.rep.sockfd, msg, static_cast<size_t>(length), MSG_DONTWAIT,
-                 reinterpret_cast<const struct sockaddr*>(&to.addr_ss), to.addr_len);
+    const ssize_t sent = W_sendto(kRelay, g_ctx.rep.sockfd, msg, static_cast<size_t>(length), MSG_DONTWAIT,
+                                  reinterpret_cast<const struct sockaddr*>(&to.addr_ss), to.addr_len);
     if (sent == length) {
         chomp(msg);
-        log_norm("%s: %d bytes sent: %s\n", "relay_msg", length, msg);
+        log_norm("%s: %d bytes sent: %s\n", kRelay, length, msg);
     } else {
-        log_err("%s: failed to relay: %s\n", "relay_msg", msg);
+        log_err("%s: failed to relay: %s\n", kRelay, msg);
     }
 }
 

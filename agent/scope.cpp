@@ -11,10 +11,9 @@ DECLARE_MLL(MLL_COMMON);
 
 namespace {
 
-constexpr uintptr_t kListedMark = 0xbbbb; // stored with each address of the list
+constexpr const char* kLoad = "load_group_list"; // its stages speak for it
+constexpr uintptr_t kListedMark = 0xbbbb;        // stored with each address of the list
 constexpr size_t kLineMax = 64;
-constexpr uint32_t kClassMask = 0xf0000000;
-constexpr uint32_t kMulticast = 0xe0000000;
 
 class ListFile {
   public:
@@ -82,22 +81,21 @@ int add_entry(nkht_t table, const char* path, int number, const char* line)
 {
     struct in_addr addr = {};
     if (inet_aton(line, &addr) == 0) {
-        log_err("%s: [%s] error parsing entry at line %d: %s\n", "load_group_list", path, number, line);
+        log_err("%s: [%s] error parsing entry at line %d: %s\n", kLoad, path, number, line);
         return -1;
     }
-    if ((ntohl(addr.s_addr) & kClassMask) != kMulticast) {
-        log_err("%s: [%s]:%d non-multicast address: (0x%04x) %s\n", "load_group_list", path, number,
-                addr.s_addr, line);
+    if (!is_multicast_addr(addr.s_addr)) {
+        log_err("%s: [%s]:%d non-multicast address: (0x%04x) %s\n", kLoad, path, number, addr.s_addr, line);
         return -1;
     }
     void* value = reinterpret_cast<void*>(kListedMark);
     const int rc = nkht_add(table, list_key(addr), &value);
     if (rc != 0) {
-        log_err("%s: [%s] %s at line %d: (%ld) %s\n", "load_group_list", path,
-                rc == EBUSY ? "duplicate" : "error", number, list_key(addr), line);
+        log_err("%s: [%s] %s at line %d: (%ld) %s\n", kLoad, path, rc == EBUSY ? "duplicate" : "error",
+                number, list_key(addr), line);
         return -1;
     }
-    log_dbg("%s: [%s]:%d added (0x%04x) %s\n", "load_group_list", path, number, addr.s_addr, line);
+    log_dbg("%s: [%s]:%d added (0x%04x) %s\n", kLoad, path, number, addr.s_addr, line);
     return 0;
 }
 

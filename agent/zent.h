@@ -1,6 +1,6 @@
 // The agent: its configuration, its state, and what each of its sources offers the others.
-// The road of a packet: config.cpp (options), lifecycle.cpp (set-up), capture.cpp (packet in), scope.cpp
-// (wanted?), reporter.cpp (line out).
+// The road of a packet: config.cpp (options), lifecycle.cpp (set-up), capture.cpp (buffer in), packet.cpp
+// (which group?), scope.cpp (wanted?), packet.cpp (new?), reporter.cpp (line out).
 #ifndef ZENT_ZENT_H
 #define ZENT_ZENT_H
 
@@ -53,6 +53,7 @@ struct app_ctx {
 
 static_assert(PCAP_ERRBUF_SIZE == 256);
 
+// lifecycle.cpp
 extern struct app_cfg g_cfg;
 extern struct app_ctx g_ctx;
 extern const char* g_appname; // base name of argv[0]
@@ -75,23 +76,29 @@ int pcap_setup(const char* ifc_name);
 // capture.cpp: takes packets until g_quit. 0, or -1 when the capture fails.
 int app_run();
 
-// capture.cpp: the packet's way from the frame to the line.
-void on_pcap_pkt(u_char* user, const struct pcap_pkthdr* h, const u_char* bytes);
-
 // capture.cpp: its turn comes after each buffer of packets, or after IDLE_MS without any. Always 0.
 int on_idle();
 
 // capture.cpp: handler of SIGTERM, SIGQUIT and SIGINT.
 void handle_qsig(int signo);
 
-// capture.cpp: one line about a frame or a message; nothing where fp is NULL.
+// packet.cpp: the packet's way from the frame to the line.
+void on_pcap_pkt(u_char* user, const struct pcap_pkthdr* h, const u_char* bytes);
+
+// packet.cpp: one line about a frame or a message; nothing where fp is NULL.
 void dump_ether(FILE* fp, const struct ether_header* eh);
 void dump_igmp(FILE* fp, const struct igmp_header* igmp);
 
-// capture.cpp: fields of an IPv4 header (RFC 791).
+// packet.cpp: fields of an IPv4 header (RFC 791).
 u_char ip_version(const u_char* p);
 size_t ip_header_len(const u_char* p);
 u_char ip_protocol(const u_char* p);
+
+// packet.cpp: dotted decimal of an address in network byte order, in a static buffer: one text at a time.
+const char* group_text(int32_t ipv4_addr);
+
+// packet.cpp: whether an address (network byte order) is a multicast one, 224.0.0.0/4.
+bool is_multicast_addr(uint32_t addr);
 
 // scope.cpp: whether a group (network byte order) is to be reported.
 bool in_scope(int32_t ipv4_addr);
@@ -104,8 +111,5 @@ int reporter_setup();
 
 // reporter.cpp: formats one line and sends it to the sink.
 void relay_msg(const char* fmt, ...) MV_PRINTF(1, 2);
-
-// address.cpp: dotted decimal of an address in network byte order, in a static buffer: one text at a time.
-const char* group_text(int32_t ipv4_addr);
 
 #endif

@@ -125,7 +125,7 @@ TEST(Manual, explains_every_error_line_of_the_agent)
     std::string text = section("LOG MESSAGES");
     const std::regex call("log_err\\(\"([^\"]*)\"");
     const std::regex field("%[0-9a-z]+|\\\\n");
-    for (const char* name : {"capture", "lifecycle", "reporter", "scope", "zent"}) {
+    for (const char* name : {"capture", "packet", "lifecycle", "reporter", "scope", "zent"}) {
         const std::string source = read_file(std::string(TEST_SOURCE_DIR "/agent/") + name + ".cpp");
         for (std::sregex_iterator it(source.begin(), source.end(), call), end; it != end; ++it) {
             const std::string message = (*it)[1];
