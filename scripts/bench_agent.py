@@ -10,17 +10,15 @@ import sys
 import tempfile
 import time
 
+from segment import AGENT_END, HOST_END, Peer
+
 BUILD, ROUNDS = sys.argv[1], int(sys.argv[2])
 CHANGES, REPEATS = 400_000, 1_000_000
 FOLDER = tempfile.TemporaryDirectory(prefix="zent-bench-")
 
 
-def sh(*command):
-    subprocess.run(command, check=True)
-
-
 class Watcher:
-    """A program that watches seg0. Its output goes to a file; ready and counted say how it tells of itself."""
+    """A program that watches the segment. Its output goes to a file; ready and counted say how it tells of itself."""
 
     def __init__(self, name):
         self.name = name
@@ -31,10 +29,10 @@ class Watcher:
         os.mkfifo(fifo)
         self.fifo = os.open(fifo, os.O_RDONLY | os.O_NONBLOCK)
         commands = {
-            "zent": [f"{BUILD}/zent", "-T", "-i", "seg0", "-l", fifo, "-L", "info"],
-            "zent norm": [f"{BUILD}/zent", "-T", "-i", "seg0", "-l", "/dev/null", "-L", "norm"],
-            "tcpdump": ["tcpdump", "-i", "seg0", "-n", "igmp"],
-            "least": [f"{BUILD}/bench/agent_least", "seg0"],
+            "zent": [f"{BUILD}/zent", "-T", "-i", AGENT_END, "-l", fifo, "-L", "info"],
+            "zent norm": [f"{BUILD}/zent", "-T", "-i", AGENT_END, "-l", "/dev/null", "-L", "norm"],
+            "tcpdump": ["tcpdump", "-i", AGENT_END, "-n", "igmp"],
+            "least": [f"{BUILD}/bench/agent_least", AGENT_END],
         }
         self.errors = os.open(fifo, os.O_WRONLY)
         start = time.monotonic()
@@ -79,8 +77,8 @@ class Watcher:
 
 
 def flood(count, rate, mode):
-    done = subprocess.run(["nsenter", "-t", str(PEER.pid), "-n", f"{BUILD}/bench/agent_flood", "host0", str(count),
-                           str(rate), mode], check=True, stdout=subprocess.PIPE, text=True)
+    done = subprocess.run(PEER.inside(f"{BUILD}/bench/agent_flood", HOST_END, str(count), str(rate), mode),
+                          check=True, stdout=subprocess.PIPE, text=True)
     return float(done.stdout.split()[1])
 
 
@@ -123,17 +121,9 @@ def main():
                   f"seen {min(seen)}..{max(seen)} of {count}")
 
 
-PEER = subprocess.Popen(["unshare", "-n", "sleep", "3600"])
+PEER = Peer("cat")
 try:
-    own = os.readlink("/proc/self/ns/net")
-    while os.readlink(f"/proc/{PEER.pid}/ns/net") == own:
-        time.sleep(0.01)
-    inside = ("nsenter", "-t", str(PEER.pid), "-n", "ip")
-    sh("ip", "link", "add", "seg0", "type", "veth", "peer", "name", "host0", "netns", str(PEER.pid))
-    sh("ip", "addr", "add", "10.9.0.1/24", "dev", "seg0")
-    sh("ip", "link", "set", "seg0", "up")
-    sh(*inside, "addr", "add", "10.9.0.2/24", "dev", "host0")
-    sh(*inside, "link", "set", "host0", "up")
+    PEER.join_segment()
     main()
 finally:
-    PEER.kill()
+    PEER.close()

@@ -15,7 +15,8 @@ import sys
 import tempfile
 import time
 
-AGENT_END, HOST_END = "seg0", "host0"
+from segment import AGENT_END, HOST_END, Peer, wait_for
+
 RELAY = ("127.0.0.1", 4554)
 LIMIT_S = 12  # for a batch of lines: the capture hands packets over at least every 5 s
 
@@ -43,12 +44,10 @@ def host_main():
         print("done", flush=True)
 
 
-class Host:
+class Host(Peer):
     def __init__(self):
-        self.process = subprocess.Popen(["unshare", "-n", sys.executable, __file__, "--host"],
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-        own = os.readlink("/proc/self/ns/net")
-        wait_for(lambda: os.readlink(f"/proc/{self.process.pid}/ns/net") != own, 5, "the second namespace")
+        super().__init__(sys.executable, __file__, "--host")
+        self.join_segment()
 
     def do(self, what):
         self.process.stdin.write(what + "\n")
@@ -56,39 +55,11 @@ class Host:
         if self.process.stdout.readline() != "done\n":
             raise SystemExit(f"demo: the host could not {what}")
 
-    def close(self):
-        self.process.kill()
-        self.process.wait()
-
 
 # ---- this side -----------------------------------------------------------------------------------
 
-def wait_for(condition, limit, what):
-    end = time.monotonic() + limit
-    while not condition():
-        if time.monotonic() > end:
-            raise SystemExit(f"demo: gave up waiting for {what}")
-        time.sleep(0.01)
-
-
-def run(*command):
-    subprocess.run(command, check=True)
-
-
 def tell(text=""):
     print(text, flush=True)
-
-
-def make_segment(host):
-    pid = str(host.process.pid)
-    run("ip", "link", "set", "lo", "up")
-    run("ip", "link", "add", AGENT_END, "type", "veth", "peer", "name", HOST_END, "netns", pid)
-    run("ip", "addr", "add", "10.9.0.1/24", "dev", AGENT_END)
-    run("ip", "link", "set", AGENT_END, "up")
-    inside = ("nsenter", "-t", pid, "-n", "ip")
-    run(*inside, "addr", "add", "10.9.0.2/24", "dev", HOST_END)
-    run(*inside, "link", "set", HOST_END, "up")
-    run(*inside, "route", "add", "224.0.0.0/4", "dev", HOST_END)
 
 
 class Agent:
@@ -195,10 +166,9 @@ def to_relay(binary, folder, host, running):
 
 def main():
     running = []
-    folder = tempfile.mkdtemp(prefix="zent-demo-")
     host = Host()
+    folder = tempfile.mkdtemp(prefix="zent-demo-")
     try:
-        make_segment(host)
         to_stdout(sys.argv[1], folder, host, running)
         to_relay(sys.argv[1], folder, host, running)
         tell()
