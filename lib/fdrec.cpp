@@ -25,7 +25,9 @@ bool has_mapping(const struct fdrec* r)
     return r->mmbuf != nullptr && r->mmbuf != MAP_FAILED;
 }
 
-// Whether a path is the name of a shared memory object: the prefix alone says so.
+// Whether a path is the name of a shared memory object.
+// Kept: the prefix alone says so, also where the descriptor was never opened: a name that an earlier process
+// left goes too.
 bool is_shm(const char* path)
 {
     return strncmp(path, kShmPrefix, sizeof kShmPrefix - 1) == 0;
@@ -96,6 +98,8 @@ void free_fdrec(struct fdrec* r)
     if (is_shm(r->path)) {
         remove_shm(r);
     }
+    // Kept: no group is left by a call and wd is not looked at. The close above has ended the membership, and
+    // the watch belongs to whoever added it.
     if (r->sspec != nullptr) {
         log_dbg("%s: freeing sspec: %p\n", __func__, static_cast<void*>(r->sspec));
         free(r->sspec);
