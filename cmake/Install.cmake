@@ -19,14 +19,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/morvane-config.cmake
 configure_file(cmake/libmorvane.pc.in libmorvane.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libmorvane.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-file(GLOB MAN3 CONFIGURE_DEPENDS man/*.3)
-file(GLOB MAN8 CONFIGURE_DEPENDS man/*.8)
-if(MAN3)
-  install(FILES ${MAN3} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
-endif()
-if(MAN8)
-  install(FILES ${MAN8} DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-endif()
+include(cmake/Manual.cmake)
 
 install(FILES packaging/systemd/zent@.service DESTINATION lib/systemd/system)
 install(FILES packaging/logrotate/zent DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/logrotate.d)
