@@ -38,8 +38,14 @@ static_assert(sizeof(struct sockaddr_in) == 16 && sizeof(struct sockaddr_in6) ==
               sizeof(struct sockaddr_un) == 110 && sizeof(struct sockaddr_storage) == 128);
 static_assert(IF_NAMESIZE == 16 && NI_MAXHOST == 1025 && NI_MAXSERV == 32);
 
+// The list is freed behind a failed step too, whose errno the caller is to see.
 struct FreeAddrinfo {
-    void operator()(struct addrinfo* list) const { freeaddrinfo(list); }
+    void operator()(struct addrinfo* list) const
+    {
+        const int error = errno;
+        freeaddrinfo(list);
+        errno = error;
+    }
 };
 
 struct FreeIfaddrs {
@@ -775,6 +781,7 @@ int finish(Attempt& attempt, const struct socket_spec* spec, struct ifc_info** i
     } else if (ifi != nullptr) {
         *ifi = attempt.mifc.release();
     }
+    attempt.mifc.reset();
     log_dbg("%s: %s %s socket fd=[%d]\n", kOpenSocket, spec->passive != 0 ? "SERVER" : "CLIENT",
             spec->multicast != 0 ? "multicast" : "unicast", attempt.fd);
     errno = attempt.status;
@@ -832,7 +839,7 @@ int open_socket(const char* addr, const char* port, const char* auth, struct soc
     if (spec->is_ssm && !accept_source(auth, spec)) {
         return -1;
     }
-    const AddrinfoList entries = resolve(addr, port, spec);
+    AddrinfoList entries = resolve(addr, port, spec);
     if (entries == nullptr) {
         return -1;
     }
@@ -846,6 +853,7 @@ int open_socket(const char* addr, const char* port, const char* auth, struct soc
             break;
         }
     }
+    entries.reset(); // before finish() gives errno its last word
     return finish(attempt, spec, ifi);
 }
 

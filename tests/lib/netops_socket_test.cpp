@@ -21,6 +21,7 @@ bool g_plain_tcp = false;                // makes every socket a TCP one
 int g_setfl_errno = 0;                   // F_SETFL fails with it
 int g_connect_errno = 0;                 // connect fails with it
 bool g_connect_works = false;            // connect works at once
+int g_freeaddrinfo_errno = 0;            // freeing the results leaves it
 std::vector<sockaddr_storage> g_answers; // what every look-up gives
 
 } // namespace
@@ -92,6 +93,7 @@ int __wrap_getaddrinfo(const char* node, const char* service, const addrinfo* hi
 
 void __wrap_freeaddrinfo(addrinfo* list)
 {
+    errno = g_freeaddrinfo_errno != 0 ? g_freeaddrinfo_errno : errno;
     if (g_answers.empty()) {
         __real_freeaddrinfo(list);
         return;
@@ -627,6 +629,22 @@ TEST(NetopsListen, kept_connect_in_progress_of_a_listener_is_a_failure)
     log_set_hook(&g_log, nullptr, [](void*, const char*) { errno = ENOTTY; });
     EXPECT_EQ(opened.open("127.0.0.1", "0"), -1);
     EXPECT_EQ(opened.error, EINPROGRESS);
+}
+
+TEST(NetopsListen, errno_of_a_failed_open_is_not_that_of_freeing_the_results)
+{
+    LogCapture log;
+    g_plain_tcp = true;
+    g_connect_errno = EINPROGRESS;
+    g_freeaddrinfo_errno = ENOTTY;
+    Opened opened;
+    opened.spec.socktype = SOCK_SEQPACKET;
+    opened.spec.passive = 1;
+    EXPECT_EQ(opened.open("127.0.0.1", "0"), -1);
+    EXPECT_EQ(opened.error, EINPROGRESS);
+    g_connect_errno = ECONNREFUSED;
+    EXPECT_EQ(opened.open("127.0.0.1", "0"), -1);
+    EXPECT_EQ(opened.error, ECONNREFUSED);
 }
 
 TEST(NetopsGroup, passive_group_ends_by_assertion)
