@@ -25,13 +25,33 @@
 
 DECLARE_MLL(MLL_COMMON);
 
-struct http_response g_resp_ok = {HTTP_OK_CODE, nullptr, -1, HTTP_OK, nullptr, nullptr, nullptr, nullptr};
-struct http_response g_resp_tmoved = {302, nullptr, 0, HTTP_MOVED_TEMP, nullptr, "close", nullptr, nullptr};
-struct http_response g_resp_bad = {400, nullptr, 0, HTTP_BAD_REQUEST, nullptr, nullptr, nullptr, nullptr};
-struct http_response g_resp_denied = {403, nullptr, 0, HTTP_DENIED, nullptr, "close", nullptr, nullptr};
-struct http_response g_resp_nfound = {404, nullptr, 0, HTTP_NOT_FOUND, nullptr, "close", nullptr, nullptr};
-struct http_response g_resp_timeout = {408, nullptr, 0, HTTP_TIMED_OUT, nullptr, "close", nullptr, nullptr};
-struct http_response g_resp_err = {500, nullptr, 0, HTTP_SERVICE_ERROR, nullptr, "close", nullptr, nullptr};
+namespace {
+
+// The codes of the canned responses, HTTP_OK_CODE aside (RFC 9110, section 15).
+enum {
+    kMovedCode = 302,
+    kBadRequestCode = 400,
+    kDeniedCode = 403,
+    kNotFoundCode = 404,
+    kTimedOutCode = 408,
+    kServiceErrorCode = 500,
+};
+
+constexpr struct http_response canned(int code, ssize_t content_length, const char* reason,
+                                      const char* connection)
+{
+    return {code, nullptr, content_length, reason, nullptr, connection, nullptr, nullptr};
+}
+
+} // namespace
+
+struct http_response g_resp_ok = canned(HTTP_OK_CODE, -1, HTTP_OK, nullptr);
+struct http_response g_resp_tmoved = canned(kMovedCode, 0, HTTP_MOVED_TEMP, "close");
+struct http_response g_resp_bad = canned(kBadRequestCode, 0, HTTP_BAD_REQUEST, nullptr);
+struct http_response g_resp_denied = canned(kDeniedCode, 0, HTTP_DENIED, "close");
+struct http_response g_resp_nfound = canned(kNotFoundCode, 0, HTTP_NOT_FOUND, "close");
+struct http_response g_resp_timeout = canned(kTimedOutCode, 0, HTTP_TIMED_OUT, "close");
+struct http_response g_resp_err = canned(kServiceErrorCode, 0, HTTP_SERVICE_ERROR, "close");
 
 const char* const web_SEQ[web_SEQ_COUNT] = {"&amp;", "&gt;", "&lt;", "&apos;", "&quot;", nullptr};
 
@@ -1039,13 +1059,17 @@ int send_http_response(int sockfd, const struct http_response* r)
 
 struct http_response* match_http_response(int http_code)
 {
-    for (struct http_response* response : {&g_resp_ok, &g_resp_tmoved, &g_resp_bad, &g_resp_denied,
-                                           &g_resp_nfound, &g_resp_timeout, &g_resp_err}) {
-        if (response->code == http_code) {
-            return response;
-        }
+    // By the codes as they are given, not by the records, whose fields their users may write.
+    switch (http_code) {
+    case HTTP_OK_CODE: return &g_resp_ok;
+    case kMovedCode: return &g_resp_tmoved;
+    case kBadRequestCode: return &g_resp_bad;
+    case kDeniedCode: return &g_resp_denied;
+    case kNotFoundCode: return &g_resp_nfound;
+    case kTimedOutCode: return &g_resp_timeout;
+    case kServiceErrorCode: return &g_resp_err;
+    default: return nullptr;
     }
-    return nullptr;
 }
 
 int web_escape(const char* src, char* dst, size_t dstlen)

@@ -224,6 +224,14 @@ TEST(WebCanned, WhatAUserWritesStays)
     g_resp_tmoved.location = nullptr;
 }
 
+TEST(WebCanned, a_code_that_a_user_writes_does_not_change_which_record_is_matched)
+{
+    g_resp_err.code = 503;
+    EXPECT_EQ(match_http_response(500), &g_resp_err);
+    EXPECT_EQ(match_http_response(503), nullptr);
+    g_resp_err.code = 500;
+}
+
 TEST(WebCanned, WithoutServerTheProcessEnds)
 {
     const auto result = support::run_in_child([] { return send_http_response(1, &g_resp_ok); });
