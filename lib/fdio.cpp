@@ -12,6 +12,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include "detail/shown_realloc.h"
 #include "log.h"
 #include "psensor.h"
 #include "syswrap.h"
@@ -563,7 +564,7 @@ int set_trf_bufsize(size_t newsize)
     }
     const size_t with_page = newsize <= SIZE_MAX - kPage ? newsize + kPage : SIZE_MAX;
     // Kept: without memory the old block is lost, and buflen still tells its size.
-    g_trf.buf = static_cast<char*>(Realloc(g_trf.buf, with_page));
+    g_trf.buf = static_cast<char*>(mv::shown_realloc(__func__, g_trf.buf, with_page, newsize));
     if (g_trf.buf == nullptr) {
         log_err("%s: failed to allocate %ld bytes for transfer buffer.\n", __func__, shown);
         return -1;

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "detail/checked.h"
+#include "detail/shown_realloc.h"
 #include "log.h"
 
 DECLARE_MLL(MLL_SYSWRAP);
@@ -50,6 +51,16 @@ long shown(const socklen_t* length)
 }
 
 } // namespace
+
+void* mv::shown_realloc(const char* caller, void* ptr, size_t size, size_t shown_size)
+{
+    const void* const old = ptr; // only its value is shown, a failed realloc() has left the block alone
+    return checked([&] { return realloc(ptr, size); }, is_null,
+                   [&](int err) {
+                       log_err("%s: realloc(%p, %ld) ERROR(%d): %s\n", caller, old,
+                               static_cast<long>(shown_size), err, strerror(err));
+                   });
+}
 
 int no_fault(int err, u_int32_t guilty)
 {
@@ -90,12 +101,7 @@ void* W_calloc(const char* caller, size_t nmemb, size_t size)
 
 void* W_realloc(const char* caller, void* ptr, size_t size)
 {
-    const void* const old = ptr; // only its value is shown, a failed realloc() has left the block alone
-    return checked([&] { return realloc(ptr, size); }, is_null,
-                   [&](int err) {
-                       log_err("%s: realloc(%p, %ld) ERROR(%d): %s\n", caller, old, static_cast<long>(size),
-                               err, strerror(err));
-                   });
+    return mv::shown_realloc(caller, ptr, size, size);
 }
 
 off_t W_lseek(const char* caller, int fd, off_t offset, int whence)

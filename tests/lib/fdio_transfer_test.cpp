@@ -263,7 +263,7 @@ TEST(FdioBuffer, kept_AFailedResizeLosesTheOldBuffer)
     });
     EXPECT_EQ(result.out.find("-1;65536;(ERR)  set_trf_bufsize: realloc(0x"), 0U) << result.out;
     EXPECT_NE(
-        result.out.find("ERROR(12): Cannot allocate memory\n"
+        result.out.find(", 100000) ERROR(12): Cannot allocate memory\n"
                         "(ERR)  set_trf_bufsize: failed to allocate 100000 bytes for transfer buffer.\n"),
         std::string::npos)
         << result.out;
