@@ -40,7 +40,35 @@ struct log_module_ctx {
 log_module_ctx g_logmod;
 char g_outbuf[kLineMax];
 char g_sigbuf[kLineMax]; // of a handler, so that the line it interrupts stays whole
-bool g_rotating = false; // lines that a rotation writes must not rotate in their turn
+
+// A rotation in progress. Its lines go to g_log, whose hook may rotate further logs: the ones in progress
+// make a chain, and a log in it does not rotate again for the lines that its own rotation brings.
+class Rotation {
+  public:
+    explicit Rotation(const struct log_ctx* log) : log_(log), outer_(std::exchange(innermost, this)) {}
+
+    Rotation(const Rotation&) = delete;
+    Rotation& operator=(const Rotation&) = delete;
+
+    ~Rotation() { innermost = outer_; }
+
+    static bool is_of(const struct log_ctx* log)
+    {
+        const Rotation* rotation = innermost;
+        while (rotation != nullptr && rotation->log_ != log) {
+            rotation = rotation->outer_;
+        }
+        return rotation != nullptr;
+    }
+
+  private:
+    static Rotation* innermost;
+
+    const struct log_ctx* log_;
+    Rotation* outer_;
+};
+
+Rotation* Rotation::innermost = nullptr;
 
 struct LevelName {
     const char* tag;
@@ -286,7 +314,7 @@ void output(struct log_ctx* log, const Line& line)
 bool must_rotate(const struct log_ctx* log)
 {
     return log->rota.max_total != 0 && log->total_out >= log->rota.max_total && log->fp != stdout &&
-           log->fp != stderr && !g_rotating;
+           log->fp != stderr && !Rotation::is_of(log);
 }
 
 // ---- destinations ------------------------------------------------------------------------------
@@ -746,10 +774,8 @@ size_t log_rota_maxsize(struct log_ctx* log)
 
 int log_rotate(struct log_ctx* log)
 {
-    const bool outer = std::exchange(g_rotating, true); // a hook may rotate again
-    const int rc = rotate(log);
-    g_rotating = outer;
-    return rc;
+    const Rotation rotation(log);
+    return rotate(log);
 }
 
 void log_close(struct log_ctx* log)
