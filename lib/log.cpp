@@ -547,7 +547,7 @@ void log_write(struct log_ctx* log, int level, const char* fmt, ...)
         return;
     }
     if (level < 0 && log->use_syslog != 0) {
-        const mv::TimeLock lock; // libc stamps the message with local time
+        const mv::SyslogMark mark; // libc stamps the message with local time
         va_start(args, fmt);
         vsyslog(get_syslog_pri(level) | LOG_LOCAL0, fmt, args);
         va_end(args);

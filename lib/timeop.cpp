@@ -18,11 +18,13 @@ DECLARE_MLL(MLL_COMMON);
 namespace mv {
 
 volatile sig_atomic_t g_tmlock = 0;
+volatile sig_atomic_t g_in_syslog = 0;
 
 } // namespace mv
 
 namespace {
 
+using mv::g_in_syslog;
 using mv::g_tmlock;
 using mv::TimeLock;
 
@@ -35,9 +37,11 @@ struct MinuteText {
     const char* names[2] = {};
 };
 
-MinuteText g_minutes[2]; // local, GMT
-
 constexpr size_t kZoneMax = 16;
+
+MinuteText g_minutes[2]; // local, GMT
+char g_zone[kZoneMax];   // what get_timezone found
+
 constexpr size_t kTextMax = 96;
 
 bool minute_holds(const MinuteText& minute, time_t second)
@@ -94,9 +98,8 @@ char* put_two(char* at, unsigned value)
 // Name of the local zone behind a blank, looked up once; NULL where that fails.
 const char* get_timezone(int refresh)
 {
-    static char zone_text[kZoneMax] = "";
-    if (zone_text[0] != 0 && refresh == 0) {
-        return zone_text;
+    if (g_zone[0] != 0 && refresh == 0) {
+        return g_zone;
     }
     const TimeLock lock;
     const time_t now = time(nullptr);
@@ -105,13 +108,13 @@ const char* get_timezone(int refresh)
         perror("localtime_r");
         return nullptr;
     }
-    const size_t n = strftime(zone_text, kZoneMax - 1, " %Z", &parts);
+    const size_t n = strftime(g_zone, kZoneMax - 1, " %Z", &parts);
     if (n == 0 || n > kZoneMax - 1) {
         perror("strftime");
-        strcpy(zone_text, "#ERR#"); // Kept: what later calls then get
+        strcpy(g_zone, "#ERR#"); // Kept: what later calls then get
         return nullptr;
     }
-    return zone_text;
+    return g_zone;
 }
 
 // A time whose minute is not kept: formatted afresh.
@@ -167,8 +170,9 @@ bool has_six_digits(long nsec)
     return nsec >= 0 && nsec < 1'000'000'000;
 }
 
-// The text at the buffer; -1 if the time cannot be broken down. What is kept is copied under the lock: a
-// handler that logs may put another minute there at any time afterwards.
+// The text at the buffer; -1 if the time cannot be broken down, -EDEADLK if that would take libc's lock while
+// syslog may hold it. What is kept is copied under the lock: a handler that logs may put another minute there
+// at any time afterwards.
 ssize_t format_time(const struct timespec* tms, uint32_t flags, char* buf, size_t buflen)
 {
     const bool gmt = (flags & f_GMT_TIME) != 0;
@@ -180,6 +184,9 @@ ssize_t format_time(const struct timespec* tms, uint32_t flags, char* buf, size_
         const TimeLock lock;
         const bool may_keep = has_six_digits(tms->tv_nsec);
         is_kept = may_keep && minute_holds(kept, tms->tv_sec);
+        if (g_in_syslog != 0 && (!is_kept || g_zone[0] == 0)) {
+            return -EDEADLK;
+        }
         if (!is_kept) {
             if (!break_down(tms->tv_sec, gmt, parts)) {
                 perror("gmtime_r/localtime_r");

@@ -1,5 +1,5 @@
-// The mark around every call that takes libc's time zone lock: a signal handler that logs in between would
-// wait for that lock for good, so mk_timestr refuses while the mark is set.
+// Marks around the calls that take libc's time zone lock, for which a signal handler that logs in between
+// would wait for good. Defined in timeop.cpp, whose mk_timestr minds them.
 #ifndef MORVANE_DETAIL_TMLOCK_H
 #define MORVANE_DETAIL_TMLOCK_H
 
@@ -7,24 +7,39 @@
 
 namespace mv {
 
-extern volatile sig_atomic_t g_tmlock;
+extern volatile sig_atomic_t g_tmlock;    // a time is being broken down: mk_timestr refuses
+extern volatile sig_atomic_t g_in_syslog; // libc writes to syslog: mk_timestr makes what it can without libc
 
-class TimeLock {
+// Sets one of the marks for its lifetime.
+class HandlerMark {
   public:
-    TimeLock()
+    explicit HandlerMark(volatile sig_atomic_t& mark) : mark_(mark)
     {
-        g_tmlock = 1;
+        mark_ = 1;
         __atomic_signal_fence(__ATOMIC_SEQ_CST);
     }
 
-    ~TimeLock()
+    HandlerMark(const HandlerMark&) = delete;
+    HandlerMark& operator=(const HandlerMark&) = delete;
+
+    ~HandlerMark()
     {
         __atomic_signal_fence(__ATOMIC_SEQ_CST);
-        g_tmlock = 0;
+        mark_ = 0;
     }
 
-    TimeLock(const TimeLock&) = delete;
-    TimeLock& operator=(const TimeLock&) = delete;
+  private:
+    volatile sig_atomic_t& mark_;
+};
+
+class TimeLock : HandlerMark {
+  public:
+    TimeLock() : HandlerMark(g_tmlock) {}
+};
+
+class SyslogMark : HandlerMark {
+  public:
+    SyslogMark() : HandlerMark(g_in_syslog) {}
 };
 
 } // namespace mv
