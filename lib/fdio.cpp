@@ -12,11 +12,11 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include "detail/app_flags.h"
 #include "detail/shown_realloc.h"
 #include "log.h"
 #include "psensor.h"
 #include "syswrap.h"
-#include "util.h"
 
 DECLARE_MLL(MLL_FDIO);
 

@@ -13,6 +13,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "detail/app_flags.h"
 #include "detail/assertions.h"
 #include "detail/tmlock.h"
 #include "timeop.h"

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -21,14 +20,13 @@
 #include <unistd.h>
 #include <utility>
 
+#include "detail/app_flags.h"
 #include "detail/owned.h"
 #include "libmeta.h"
 #include "log.h"
 #include "syswrap.h"
 
 DECLARE_MLL(MLL_COMMON);
-
-extern "C" volatile sig_atomic_t g_quit; // the application's
 
 // ==== Addresses and interfaces ===========================================================================
 

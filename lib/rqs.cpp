@@ -15,14 +15,15 @@
 #include <sys/ioctl.h>
 
 #include "clk.h"
+#include "detail/app_flags.h"
 #include "detail/inotify_records.h"
+#include "detail/loop_clock.h"
 #include "fdio.h"
 #include "gkh.h"
 #include "log.h"
 #include "psensor.h"
 #include "syswrap.h"
 #include "timeop.h"
-#include "util.h"
 #include "xvdat.h"
 
 DECLARE_MLL(MLL_COMMON);
@@ -58,7 +59,6 @@ struct rqs_context {
     struct xvlst nopoll;   // of nopoll_ref; a slot is an event's number
     struct xvec nopoll_rm; // of ssize_t: slots that go at the next purge
     struct timespec tmout; // limit of the wait, none if a field is negative
-    struct timespec itime; // the loop's time
     int loop_stage;
 };
 
@@ -429,7 +429,7 @@ int wait4events()
             log_warn("%s: all event slots populated, might need more\n", __func__);
         }
     }
-    set_clk_now(&g_rqs.itime, FAST_MONOTONIC_CLOCK);
+    set_clk_now(&mv::g_loop_now, FAST_MONOTONIC_CLOCK);
     errno = error;
     return count;
 }
@@ -629,6 +629,7 @@ int rqs_init(const struct rqs_config* cfg)
     ASSERT(cfg != nullptr);
     g_config = *cfg;
     g_rqs = {};
+    mv::g_loop_now = {};
     g_rqs.loopfd = epoll_create(128);
     if (g_rqs.loopfd < 0) {
         const int error = errno;
@@ -642,7 +643,7 @@ int rqs_init(const struct rqs_config* cfg)
     if (rc < 0) {
         return -1; // the epoll descriptor stays open: rqs_destroy has it
     }
-    set_clk_now(&g_rqs.itime, FAST_MONOTONIC_CLOCK);
+    set_clk_now(&mv::g_loop_now, FAST_MONOTONIC_CLOCK);
     return rc;
 }
 
@@ -794,12 +795,12 @@ void* rqs_ctx(int type, void* aux)
 
 const struct timespec* rqs_now_ref(void)
 {
-    return &g_rqs.itime;
+    return &mv::g_loop_now;
 }
 
 struct timespec rqs_now(void)
 {
-    return g_rqs.itime;
+    return mv::g_loop_now;
 }
 
 int rqs_add_file_watch(void* udata, const char* filepath)

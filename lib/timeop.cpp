@@ -8,10 +8,10 @@
 
 #include "clk.h"
 #include "detail/assertions.h"
+#include "detail/loop_clock.h"
 #include "detail/tmlock.h"
 #include "ktime.h"
 #include "log.h"
-#include "rqs.h"
 
 DECLARE_MLL(MLL_COMMON);
 
@@ -19,6 +19,7 @@ namespace mv {
 
 volatile sig_atomic_t g_tmlock = 0;
 volatile sig_atomic_t g_in_syslog = 0;
+struct timespec g_loop_now = {};
 
 } // namespace mv
 
@@ -221,7 +222,7 @@ int timed_out_as(const struct timespec* last_tm, const struct timespec* tmout, b
     } else if (in_real_time) {
         set_real_now(&now);
     } else {
-        now = *rqs_now_ref();
+        now = mv::g_loop_now;
     }
     Wide sec = static_cast<Wide>(last_tm->tv_sec) + tmout->tv_sec;
     Wide nsec = static_cast<Wide>(last_tm->tv_nsec) + tmout->tv_nsec;

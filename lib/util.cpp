@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "detail/app_flags.h"
 #include "detail/owned.h"
 #include "netops.h"
 #include "syswrap.h"

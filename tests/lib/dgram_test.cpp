@@ -12,6 +12,7 @@
 #include "dstream.h"
 #include "logcap.h"
 #include "oom.h"
+#include "rqs.h"
 #include "ts_packets.h"
 
 using support::Buffer;
@@ -27,17 +28,12 @@ using support::run_in_child;
 namespace {
 
 // The two clocks of the index, in the hand of the test: the loop's time and the monotonic clock.
-timespec loop_time;
+timespec& loop_time = *const_cast<timespec*>(rqs_now_ref());
 timespec clock_time;
 
 } // namespace
 
 extern "C" {
-const timespec* __wrap_rqs_now_ref()
-{
-    return &loop_time;
-}
-
 int __real_clock_gettime(clockid_t id, timespec* tms);
 
 int __wrap_clock_gettime(clockid_t id, timespec* tms)
