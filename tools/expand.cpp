@@ -95,8 +95,8 @@ class Collector {
             if (const auto span = parse_span(entry)) {
                 add(*span, entry, path, number);
             } else if (!entry.empty()) {
-                Finding& finding =
-                    report_.error("not-a-group", path + ": no group, prefix or range: " + entry);
+                Finding& finding = report_.error(
+                    "not-a-group", std::string(path).append(": no group, prefix or range: ").append(entry));
                 finding.line = number;
                 finding.column = line.find_first_not_of(kBlanks) + 1;
             }
