@@ -23,4 +23,6 @@ include(cmake/Manual.cmake)
 
 install(FILES packaging/systemd/zent@.service DESTINATION lib/systemd/system)
 install(FILES packaging/logrotate/zent DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/logrotate.d)
+install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+  FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp" PATTERN "Makefile" PATTERN "CMakeLists.txt")
 install(FILES packaging/systemd/zent.env DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)

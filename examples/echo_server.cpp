@@ -14,12 +14,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "log.h"
-#include "rqs.h"
-#include "syswrap.h"
-#include "timeop.h"
-#include "util.h"
-#include "xvdat.h"
+#include <morvane/log.h>
+#include <morvane/rqs.h>
+#include <morvane/syswrap.h>
+#include <morvane/timeop.h>
+#include <morvane/util.h>
+#include <morvane/xvdat.h>
 
 DECLARE_MLL(MLL_COMMON);
 

@@ -13,15 +13,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "fdio.h"
-#include "log.h"
-#include "netops.h"
-#include "psensor.h"
-#include "rqs.h"
-#include "syswrap.h"
-#include "uri.h"
-#include "util.h"
-#include "webops.h"
+#include <morvane/fdio.h>
+#include <morvane/log.h>
+#include <morvane/netops.h>
+#include <morvane/psensor.h>
+#include <morvane/rqs.h>
+#include <morvane/syswrap.h>
+#include <morvane/uri.h>
+#include <morvane/util.h>
+#include <morvane/webops.h>
 
 DECLARE_MLL(MLL_COMMON);
 

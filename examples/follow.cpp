@@ -8,11 +8,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "fdio.h"
-#include "log.h"
-#include "rqs.h"
-#include "syswrap.h"
-#include "util.h"
+#include <morvane/fdio.h>
+#include <morvane/log.h>
+#include <morvane/rqs.h>
+#include <morvane/syswrap.h>
+#include <morvane/util.h>
 
 DECLARE_MLL(MLL_COMMON);
 

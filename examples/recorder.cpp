@@ -15,15 +15,15 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "dgram.h"
-#include "dstream.h"
-#include "fdio.h"
-#include "log.h"
-#include "netops.h"
-#include "psensor.h"
-#include "rqs.h"
-#include "syswrap.h"
-#include "util.h"
+#include <morvane/dgram.h>
+#include <morvane/dstream.h>
+#include <morvane/fdio.h>
+#include <morvane/log.h>
+#include <morvane/netops.h>
+#include <morvane/psensor.h>
+#include <morvane/rqs.h>
+#include <morvane/syswrap.h>
+#include <morvane/util.h>
 
 DECLARE_MLL(MLL_COMMON);
 

@@ -174,4 +174,21 @@ TEST_F(Install, pkg_config_gives_the_flags_of_the_library)
     expect_runs(program);
 }
 
+// All of them, as a reader copies the folder and types make.
+TEST_F(Install, the_examples_build_by_make_where_they_lie)
+{
+    if (!sanitizer_flags().empty()) {
+        GTEST_SKIP() << "the release build's test builds them";
+    }
+    fs::copy(prefix_ / "share/doc/morvane/examples", work_ / "examples", fs::copy_options::recursive);
+    const std::string pkg_config = "PKG_CONFIG=env PKG_CONFIG_LIBDIR=" + (libdir_ / "pkgconfig").string() +
+                                   " PKG_CONFIG_SYSROOT_DIR=" + root_.path() + " pkg-config";
+    must_do({"make", "-s", "-C", work_ / "examples", pkg_config, "CFLAGS=-O0", "CXXFLAGS=-O0"});
+    for (const auto& source : fs::directory_iterator(TEST_SOURCE_DIR "/examples")) {
+        if (source.path().extension() == ".c" || source.path().extension() == ".cpp") {
+            EXPECT_TRUE(fs::is_regular_file(work_ / "examples" / source.path().stem())) << source.path();
+        }
+    }
+}
+
 } // namespace support
