@@ -1,12 +1,16 @@
 // Handlers and timers on the event loop of libmorvane.
 #include "loop.h"
 
-#include <algorithm>
+#include <cstring>
 #include <ctime>
+#include <vector>
 
+#include "log.h"
 #include "mvtypes.h"
 #include "rqs.h"
-#include "util.h"
+#include "sigsafe.h"
+
+DECLARE_MLL(MLL_COMMON);
 
 namespace zentmon {
 
@@ -19,10 +23,8 @@ struct WatchRecord {
 namespace {
 
 constexpr n32_tag kWatchTag = {{'w', 't', 'c', 'h'}};
-constexpr int64_t kLongestWaitMs = 1000;
 
 std::vector<WatchRecord*> g_removed;
-std::vector<Timer*> g_timers;
 bool g_stopped = false;
 const std::function<void()>* g_on_turn = nullptr;
 
@@ -40,6 +42,9 @@ Handler* handler_of(void* udata)
 
 int on_read(int, int, void* udata, void*)
 {
+    if (sigsafe_is_wakeup(udata)) {
+        return 0;
+    }
     if (Handler* handler = handler_of(udata)) {
         handler->on_readable();
     }
@@ -71,8 +76,21 @@ int free_removed()
     return 0;
 }
 
-void limit_wait(struct timespec* tmout);
-int end_of_turn();
+void limit_wait(struct timespec* tmout)
+{
+    tmr_update_tmout(tmout);
+    if (g_stopped) {
+        *tmout = {0, 0};
+    }
+}
+
+int end_of_turn()
+{
+    if (g_on_turn != nullptr) {
+        (*g_on_turn)();
+    }
+    return g_stopped ? 1 : 0;
+}
 
 } // namespace
 
@@ -126,30 +144,37 @@ void Watch::stop()
 
 // ---- timers -----------------------------------------------------------------------------------
 
-Timer::Timer(std::function<void()> on_due) : on_due_(std::move(on_due))
-{
-    g_timers.push_back(this);
-}
+Timer::Timer(std::function<void()> on_due) : on_due_(std::move(on_due)) {}
 
 Timer::~Timer()
 {
-    // A place, not an element, is what a walk through the timers holds: it stays, empty.
-    std::replace(g_timers.begin(), g_timers.end(), this, static_cast<Timer*>(nullptr));
+    stop();
 }
 
 void Timer::start_ms(int64_t delay)
 {
-    due_ms_ = in_ms(CLOCK_MONOTONIC) + std::max<int64_t>(delay, 0);
+    stop();
+    const struct timespec after = {delay / 1000, delay % 1000 * 1'000'000};
+    const auto run = [](struct tmr*, void* self) {
+        const std::function<void()> on_due = static_cast<Timer*>(self)->on_due_; // it may end its timer
+        on_due();
+    };
+    const int rc = tmr_add(&tmr_, &after, nullptr, run, this);
+    if (rc != 0) {
+        log_panic("%s: a timer of %lld ms: %s\n", __func__, static_cast<long long>(delay), strerror(rc));
+    }
 }
 
 void Timer::stop()
 {
-    due_ms_ = -1;
+    if (tmr_pending(&tmr_)) {
+        tmr_cancel(&tmr_);
+    }
 }
 
 bool Timer::runs() const
 {
-    return due_ms_ >= 0;
+    return tmr_pending(&tmr_);
 }
 
 // ---- the loop ---------------------------------------------------------------------------------
@@ -158,13 +183,14 @@ int Loop::init()
 {
     struct rqs_config cfg = {};
     cfg.cb.update_tmout = limit_wait;
+    cfg.cb.time_out = tmr_time_out;
     cfg.cb.on_idle = end_of_turn;
     cfg.cb.read = on_read;
     cfg.cb.write = on_write;
     cfg.cb.error = on_error;
     cfg.cb.post_process = free_removed;
     g_stopped = false;
-    return rqs_init(&cfg);
+    return rqs_init(&cfg) == 0 && sigsafe_open() == 0 ? 0 : -1;
 }
 
 int Loop::run(const std::function<void()>& on_turn)
@@ -183,49 +209,9 @@ void Loop::stop()
 void Loop::destroy()
 {
     free_removed();
+    tmr_reset();
+    sigsafe_close();
     rqs_destroy();
-}
-
-namespace {
-
-void limit_wait(struct timespec* tmout)
-{
-    const int64_t at = in_ms(CLOCK_MONOTONIC);
-    int64_t wait = g_stopped ? 0 : kLongestWaitMs;
-    for (const Timer* timer : g_timers) {
-        if (timer != nullptr && timer->runs()) {
-            wait = std::clamp<int64_t>(Loop::due_of(*timer) - at, 0, wait);
-        }
-    }
-    *tmout = {wait / 1000, wait % 1000 * 1'000'000};
-}
-
-int end_of_turn()
-{
-    Loop::run_due(in_ms(CLOCK_MONOTONIC));
-    if (g_on_turn != nullptr) {
-        (*g_on_turn)();
-    }
-    return g_stopped ? 1 : 0;
-}
-
-} // namespace
-
-int64_t Loop::due_of(const Timer& timer)
-{
-    return timer.due_ms_;
-}
-
-void Loop::run_due(int64_t at_ms)
-{
-    for (size_t i = 0; i < g_timers.size(); ++i) { // a call may add timers
-        Timer* timer = g_timers[i];
-        if (timer != nullptr && timer->runs() && timer->due_ms_ <= at_ms) {
-            timer->due_ms_ = -1;
-            timer->on_due_();
-        }
-    }
-    std::erase(g_timers, nullptr);
 }
 
 } // namespace zentmon

@@ -3,10 +3,10 @@
 #ifndef ZENTMON_LOOP_H
 #define ZENTMON_LOOP_H
 
+#include "tmr.h"
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <vector>
 
 namespace zentmon {
 
@@ -59,7 +59,7 @@ class Watch {
     WatchRecord* record_ = nullptr;
 };
 
-// A timer: one call a start. Ends with the object.
+// A timer: one call a start. Ends with the object. on_due may start it again, and may destroy it.
 class Timer {
   public:
     explicit Timer(std::function<void()> on_due);
@@ -67,31 +67,27 @@ class Timer {
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
 
-    void start_ms(int64_t delay); // anew where it runs already
+    void start_ms(int64_t delay); // anew where it runs already; 0: in the next turn of the loop
     void stop();
     bool runs() const;
 
   private:
-    friend class Loop;
+    struct tmr tmr_ = NULL_tmr;
     std::function<void()> on_due_;
-    int64_t due_ms_ = -1; // monotonic; -1: does not run
 };
 
 // The loop: one a process.
 class Loop {
   public:
-    // Initialises rqs: 0, or -1 with a line. Signals that end the loop are the caller's (g_quit).
+    // Sets the loop up: 0, or -1 with a line. Signals are the caller's: their handlers set flags, g_quit
+    // among them, and call sigsafe_wake().
     static int init();
 
-    // Runs until stop() or g_quit. on_turn is called after each batch of events: for flags of signals.
+    // Runs until stop() or g_quit: 0, else as rqs_event_loop. on_turn is called after each batch of events.
     static int run(const std::function<void()>& on_turn);
 
     static void stop();
     static void destroy();
-
-    // For loop.cpp: when a timer is due, and calling those that are.
-    static int64_t due_of(const Timer& timer);
-    static void run_due(int64_t at_ms);
 };
 
 } // namespace zentmon

@@ -94,9 +94,10 @@ class State {
     void apply(const std::string& listener, const std::string& address, uint16_t port, LineKind kind,
                uint32_t group, Now now);
 
-    // The same for the road of a datagram, which looks its agent up once: find_agent gives a number to use
-    // until the next tick, or -1 where the limit is reached (counted).
+    // The same for the road of a datagram, which looks its agent up once: find_agent gives its number, or -1
+    // where the limit is reached (counted). The number holds until generation() changes.
     int find_agent(const std::string& listener, const std::string& address, Now now);
+    uint64_t generation() const;
     void apply(int agent, uint16_t port, LineKind kind, uint32_t group, Now now);
 
     // All groups of an agent become stale: its stream has ended.
