@@ -39,8 +39,16 @@ find_package(Threads REQUIRED)
 # main() and the flags that an application owes the library stand in zentmon.cpp; the rest is linked into the
 # tests as well.
 file(GLOB MONITOR_SOURCES CONFIGURE_DEPENDS monitor/*.cpp)
+file(GLOB MONITOR_WEB CONFIGURE_DEPENDS monitor/web/*)
+set(MONITOR_PAGE ${CMAKE_BINARY_DIR}/generated/page_files.h)
+add_custom_command(OUTPUT ${MONITOR_PAGE}
+  COMMAND ${CMAKE_COMMAND} -DFROM=${CMAKE_SOURCE_DIR}/monitor/web -DTO=${MONITOR_PAGE}
+    -P ${CMAKE_SOURCE_DIR}/cmake/EmbedPage.cmake
+  DEPENDS ${MONITOR_WEB} ${CMAKE_SOURCE_DIR}/cmake/EmbedPage.cmake
+  COMMENT "The page of zentmon" VERBATIM)
 list(FILTER MONITOR_SOURCES EXCLUDE REGEX "/zentmon\\.cpp$")
-add_library(zentmon_objects OBJECT ${MONITOR_SOURCES})
+add_library(zentmon_objects OBJECT ${MONITOR_SOURCES} ${MONITOR_PAGE})
+target_include_directories(zentmon_objects PRIVATE ${CMAKE_BINARY_DIR}/generated)
 target_include_directories(zentmon_objects PUBLIC monitor include)
 target_include_directories(zentmon_objects SYSTEM PUBLIC ${MONITOR_JSON_DIR} ${MONITOR_SQLITE_DIR} ${MONITOR_MQTT_DIR})
 target_compile_options(zentmon_objects PRIVATE -fvisibility=hidden)
