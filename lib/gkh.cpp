@@ -24,10 +24,13 @@ struct hrec {
     void* key;
 };
 
+// As long as its text. The hash is that of the text as it is stored, so that a chain is searched without a
+// look at any text but the one that is asked for.
 struct s_hrec {
     struct hrec* next;
     void* data;
-    char s_key[HT_MAX_SKEY];
+    u_long hash;
+    __extension__ char s_key[];
 };
 
 struct l_hrec {
@@ -36,11 +39,10 @@ struct l_hrec {
     long int l_key;
 };
 
-static_assert(offsetof(s_hrec, s_key) == offsetof(hrec, key) &&
-              offsetof(l_hrec, l_key) == offsetof(hrec, key));
+static_assert(offsetof(l_hrec, l_key) == offsetof(hrec, key));
 
 using kcmp_t = int (*)(const struct hrec*, const void* key);
-using mkhrec_t = struct hrec* (*)(const void* key);
+using mkhrec_t = struct hrec* (*)(const struct ht_tag* tbl, const void* key, u_long hash);
 using getkey_t = const void* (*)(const struct hrec*);
 
 struct htfunc {
@@ -70,9 +72,14 @@ long as_number(const void* key)
     return reinterpret_cast<long>(key);
 }
 
+const struct s_hrec* as_text(const struct hrec* rec)
+{
+    return reinterpret_cast<const struct s_hrec*>(rec);
+}
+
 const char* text_of(const struct hrec* rec)
 {
-    return reinterpret_cast<const struct s_hrec*>(rec)->s_key;
+    return as_text(rec)->s_key;
 }
 
 long number_of(const struct hrec* rec)
@@ -91,21 +98,22 @@ int l_cmp(const struct hrec* rec, const void* key)
     return static_cast<int>(static_cast<uint32_t>(number_of(rec)) - static_cast<uint32_t>(as_number(key)));
 }
 
-struct hrec* s_mkhrec(const void* key)
+struct hrec* s_mkhrec(const ht_t* tbl, const void* key, u_long hash)
 {
-    auto* rec = static_cast<struct s_hrec*>(malloc(sizeof(struct s_hrec)));
+    // Kept: a longer key is cut, though the look-up compares it whole; it stays in the slot of the whole key.
+    const size_t length = strnlen(static_cast<const char*>(key), HT_MAX_SKEY);
+    const size_t stored = length < HT_MAX_SKEY ? length : HT_MAX_SKEY - 1;
+    auto* rec = static_cast<struct s_hrec*>(malloc(offsetof(s_hrec, s_key) + stored + 1));
     if (rec == nullptr) {
         return nullptr;
     }
-    // Kept: a longer key is cut, though the look-up compares it whole. What is behind the terminator is never
-    // read: clearing it would touch three more cache lines of each record.
-    const size_t length = strnlen(static_cast<const char*>(key), HT_MAX_SKEY - 1);
-    memcpy(rec->s_key, key, length);
-    rec->s_key[length] = 0;
+    memcpy(rec->s_key, key, stored);
+    rec->s_key[stored] = 0;
+    rec->hash = stored == length ? hash : tbl->icalc(rec->s_key, tbl->hseed);
     return reinterpret_cast<struct hrec*>(rec);
 }
 
-struct hrec* l_mkhrec(const void* key)
+struct hrec* l_mkhrec(const ht_t* /*tbl*/, const void* key, u_long /*hash*/)
 {
     auto* rec = static_cast<struct l_hrec*>(malloc(sizeof(struct l_hrec)));
     if (rec != nullptr) {
@@ -207,12 +215,35 @@ template <kcmp_t kcmp>
     return tbl->icalc != nullptr ? tbl->icalc(key, tbl->hseed) : reinterpret_cast<u_long>(key);
 }
 
-// Inlined into each operation: a look-up of a number costs its mix, a mask and the walk, and no call.
-[[gnu::always_inline]] inline Place rfind(const ht_t* tbl, const void* key)
+// Looks for a text by its hash, and compares texts where that is the same. A key that is not there is known
+// by the end of the chain, not by its order: the next record's hash is nearer than the next record's text.
+Place find_text(Place place, const char* key, u_long hash)
 {
-    struct hrec** const head = tbl->r + (hash_of(tbl, key) & (tbl->rlen - 1));
+    while (place.p != nullptr) {
+        if (as_text(place.p)->hash == hash && strcmp(text_of(place.p), key) == 0) {
+            place.found = true;
+            break;
+        }
+        place.pv = place.p;
+        place.p = place.p->next;
+    }
+    return place;
+}
+
+// Inlined into each operation: a look-up of a number costs its mix, a mask and the walk, and no call. For a
+// text that is not found the place is the chain's end: see text_place.
+[[gnu::always_inline]] inline Place rfind(const ht_t* tbl, const void* key, u_long hash)
+{
+    struct hrec** const head = tbl->r + (hash & (tbl->rlen - 1));
     const Place place{head, *head, nullptr, false};
-    return tbl->ktype == ekt_NUM ? walk<l_cmp>(first_step(place, key), key) : walk<s_cmp>(place, key);
+    return tbl->ktype == ekt_NUM ? walk<l_cmp>(first_step(place, key), key)
+                                 : find_text(place, static_cast<const char*>(key), hash);
+}
+
+// Where a text that is not there belongs in its sorted chain.
+Place text_place(const Place& missed, const void* key)
+{
+    return walk<s_cmp>({missed.head, *missed.head, nullptr, false}, key);
 }
 
 int add(ht_t* tbl, const void* key, void** pdat)
@@ -221,16 +252,20 @@ int add(ht_t* tbl, const void* key, void** pdat)
     if (tbl->rlen == 0) {
         return EINVAL;
     }
-    const Place place = rfind(tbl, key);
+    const u_long hash = hash_of(tbl, key);
+    Place place = rfind(tbl, key, hash);
     if (place.found) {
         if (pdat != nullptr) {
             *pdat = place.p->data;
         }
         return EBUSY;
     }
-    struct hrec* rec = g_htf[tbl->ktype].mkhrec(key);
+    struct hrec* rec = g_htf[tbl->ktype].mkhrec(tbl, key, hash);
     if (rec == nullptr) {
         return ENOMEM;
+    }
+    if (tbl->ktype == ekt_STR) {
+        place = text_place(place, key);
     }
     rec->data = pdat != nullptr ? *pdat : nullptr;
     rec->next = place.p;
@@ -247,7 +282,7 @@ int rm(ht_t* tbl, const void* key, void** pdat)
     if (tbl->rlen == 0) {
         return EINVAL;
     }
-    const Place place = rfind(tbl, key);
+    const Place place = rfind(tbl, key, hash_of(tbl, key));
     if (!place.found) {
         return ESRCH;
     }
@@ -268,7 +303,7 @@ int get(const ht_t* tbl, const void* key, void** pdat)
     if (tbl->rlen == 0) {
         return EINVAL;
     }
-    const Place place = rfind(tbl, key);
+    const Place place = rfind(tbl, key, hash_of(tbl, key));
     if (!place.found) {
         return ESRCH;
     }
@@ -366,7 +401,7 @@ ChainTotals collect_stats(const ht_t* tbl)
     for (size_t i = 0; i < tbl->rlen; ++i) {
         for (const struct hrec* rec = tbl->r[i]; rec != nullptr; rec = rec->next) {
             ++hstats[i].length;
-            hstats[i].last_key = &rec->key;
+            hstats[i].last_key = tbl->ktype == ekt_STR ? text_of(rec) : static_cast<const void*>(&rec->key);
         }
         totals.records += hstats[i].length;
         totals.used += hstats[i].length > 0 ? 1 : 0;
