@@ -351,4 +351,5 @@ TEST_F(Timers, agree_with_a_sorted_list_in_a_long_run_of_random_changes)
         }
         ASSERT_EQ(model.size(), tmr_count());
     }
+    tmr_reset(); // while the timers that are left still live
 }
