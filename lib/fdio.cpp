@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "detail/app_flags.h"
+#include "detail/kept_errno.h"
 #include "detail/shown_realloc.h"
 #include "log.h"
 #include "psensor.h"
@@ -21,6 +22,11 @@
 DECLARE_MLL(MLL_FDIO);
 
 namespace {
+
+using mv::KeptErrno;
+
+constexpr char kTransfer[] = "transfer"; // whose steps report under its name
+constexpr char kRecvFd[] = "recv_fd";
 
 constexpr size_t kScratchMax = 512;
 constexpr mode_t kDstMode = 0644;
@@ -54,42 +60,19 @@ struct Step {
     int error = 0;
 };
 
-// Puts errno back at the end of its life: a line of the log must not disturb what a step is judged by.
-class KeptErrno {
-  public:
-    KeptErrno() : value_(errno) {}
-
-    KeptErrno(const KeptErrno&) = delete;
-    KeptErrno& operator=(const KeptErrno&) = delete;
-
-    ~KeptErrno() { errno = value_; }
-
-  private:
-    int value_;
-};
-
 enum class Zero { Ends, IsFailure };
 
-bool is_eagain(int err)
-{
-#if EAGAIN == EWOULDBLOCK
-    return err == EAGAIN;
-#else
-    return err == EAGAIN || err == EWOULDBLOCK;
-#endif
-}
-
-// The one loop of nread, nwrite, npread and nsendfile: io() moves up to count bytes; only EINTR makes it go
-// round. Kept: a short count ends it, the rest is the caller's business.
+// The one loop of nread, nwrite, npread and nsendfile: io(caller) moves up to count bytes; only EINTR makes
+// it go round. Kept: a short count ends it, the rest is the caller's business.
 template <off_t sensor, Zero zero, class Io>
-ssize_t until_moved(size_t count, Io io)
+ssize_t until_moved(const char* caller, size_t count, Io io)
 {
     if (count == 0) {
         return 0;
     }
     for (;;) {
         psensor_start(sensor);
-        const ssize_t moved = io();
+        const ssize_t moved = io(caller);
         const int err = errno;
         psensor_stop(sensor);
         if (moved > 0 || (moved == 0 && zero == Zero::Ends) || err != EINTR) {
@@ -156,10 +139,10 @@ int take_descriptor(struct cmsghdr* cmsg, uint32_t fdio_flags)
         return -1;
     }
     if (right_length) {
-        log_err("%s: invalid control message level/type=%ld/%ld\n", "recv_fd",
+        log_err("%s: invalid control message level/type=%ld/%ld\n", kRecvFd,
                 static_cast<long>(cmsg->cmsg_level), static_cast<long>(cmsg->cmsg_type));
     } else {
-        log_err("%s: invalid control message structure: cmsg=%p, clen=%ld\n", "recv_fd",
+        log_err("%s: invalid control message structure: cmsg=%p, clen=%ld\n", kRecvFd,
                 static_cast<void*>(cmsg), cmsg != nullptr ? static_cast<long>(cmsg->cmsg_len) : -1L);
     }
     return -1;
@@ -202,9 +185,8 @@ ssize_t send_datagram(const struct transfer_spec* tsp, const char* src, size_t c
     const ssize_t n =
         sendto(tsp->out_fd, src, count, MSG_NOSIGNAL, static_cast<const struct sockaddr*>(tsp->aux),
                static_cast<socklen_t>(tsp->aux_len));
-    const int err = errno;
+    const KeptErrno kept;
     psensor_stop(PRF_DATAOUT);
-    errno = err;
     return n;
 }
 
@@ -250,7 +232,7 @@ bool cut_to_block(const char* origin, const struct transfer_spec* tsp, size_t* c
 // Kept: a plain read, whatever the position.
 ssize_t mm_in(struct transfer_spec* tsp, size_t count)
 {
-    if (!cut_to_block("mm_in", tsp, &count)) {
+    if (!cut_to_block(__func__, tsp, &count)) {
         return 0;
     }
     return transfer_in(tsp, -1, static_cast<char*>(tsp->mmem) + *tsp->offset, count);
@@ -258,7 +240,7 @@ ssize_t mm_in(struct transfer_spec* tsp, size_t count)
 
 ssize_t mm_out(struct transfer_spec* tsp, size_t count)
 {
-    if (!cut_to_block("mm_out", tsp, &count)) {
+    if (!cut_to_block(__func__, tsp, &count)) {
         return 0;
     }
     return transfer_out(tsp, static_cast<const char*>(tsp->mmem) + *tsp->offset, count);
@@ -294,7 +276,7 @@ void sendfile_step(struct transfer_spec* tsp, size_t count, Step* step)
         *tsp->flags |= FDIO_EOF; // Kept: whatever the reason was
     }
     const KeptErrno kept;
-    log_dbg("%s: using sendfile\n", "transfer");
+    log_dbg("%s: using sendfile\n", kTransfer);
 }
 
 void buffer_step(struct transfer_spec* tsp, size_t portion, Step* step)
@@ -357,7 +339,7 @@ int judge(const struct transfer_spec* tsp, size_t count, const Step& step)
 {
     int error = step.error;
     if (error == 0 && (*tsp->flags & FDIO_TRF_RWEQ) != 0 && step.written != step.read) {
-        log_err("%s: fd in/out=[%d/%d] mismatch: read/write=[%ld/%ld]\n", "transfer", tsp->in_fd, tsp->out_fd,
+        log_err("%s: fd in/out=[%d/%d] mismatch: read/write=[%ld/%ld]\n", kTransfer, tsp->in_fd, tsp->out_fd,
                 static_cast<long>(step.read), static_cast<long>(step.written));
     }
     if (error == 0 && step.read == 0) {
@@ -371,7 +353,7 @@ int judge(const struct transfer_spec* tsp, size_t count, const Step& step)
         errno = error;
     }
     const KeptErrno kept;
-    log_dbg("%s: %d->%d [r%ld/w%ld  %ld bytes], flags=0x%lx\n", "transfer", tsp->in_fd, tsp->out_fd,
+    log_dbg("%s: %d->%d [r%ld/w%ld  %ld bytes], flags=0x%lx\n", kTransfer, tsp->in_fd, tsp->out_fd,
             static_cast<long>(step.read), static_cast<long>(step.written), static_cast<long>(step.total),
             static_cast<unsigned long>(*tsp->flags));
     return error;
@@ -381,28 +363,29 @@ int judge(const struct transfer_spec* tsp, size_t count, const Step& step)
 
 ssize_t nread(int fd, char* buf, size_t count, u_int32_t flags)
 {
-    return until_moved<PRF_DATAIN, Zero::Ends>(count,
-                                               [=] { return W_read_f("nread", fd, buf, count, flags); });
+    return until_moved<PRF_DATAIN, Zero::Ends>(
+        __func__, count, [=](const char* caller) { return W_read_f(caller, fd, buf, count, flags); });
 }
 
 ssize_t nwrite(int fd, const char* buf, size_t count, u_int32_t flags)
 {
     return until_moved<PRF_DATAOUT, Zero::IsFailure>(
-        count, [=] { return W_write_f("nwrite", fd, buf, count, flags); });
+        __func__, count, [=](const char* caller) { return W_write_f(caller, fd, buf, count, flags); });
 }
 
 ssize_t npread(int fd, char* buf, size_t count, off_t offset, u_int32_t flags)
 {
-    return zero_if_failed(until_moved<PRF_DATAIN, Zero::Ends>(
-        count, [=] { return W_pread_f("npread", fd, buf, count, offset, flags & FDIO_VERBOSE); }));
+    return zero_if_failed(until_moved<PRF_DATAIN, Zero::Ends>(__func__, count, [=](const char* caller) {
+        return W_pread_f(caller, fd, buf, count, offset, flags & FDIO_VERBOSE);
+    }));
 }
 
 ssize_t nsendfile(int out_fd, int in_fd, off_t* offset, size_t count, int bsd_flags, u_int32_t flags)
 {
     (void)bsd_flags;
     ASSERT(offset != nullptr);
-    return zero_if_failed(until_moved<PRF_DATAOUT, Zero::IsFailure>(count, [=] {
-        return W_sendfile_f("nsendfile", out_fd, in_fd, offset, count, flags & FDIO_VERBOSE);
+    return zero_if_failed(until_moved<PRF_DATAOUT, Zero::IsFailure>(__func__, count, [=](const char* caller) {
+        return W_sendfile_f(caller, out_fd, in_fd, offset, count, flags & FDIO_VERBOSE);
     }));
 }
 
@@ -437,9 +420,8 @@ int test_read_fd(int fd, int tmout)
         }
     }
     if (rc != 0) {
-        const int err = errno;
+        const KeptErrno kept;
         log_err("%s: cannot read from fd=%d, nrd=%ld\n", __func__, fd, static_cast<long>(nrd));
-        errno = err;
     } else {
         log_dbg("%s: fd=%d is readable [%ld bytes]\n", __func__, fd, static_cast<long>(nrd));
     }
@@ -463,10 +445,9 @@ ssize_t send_fd(int dst_fd, void* ptr, size_t nbytes, int sendfd)
 
     const ssize_t sent = sendmsg(dst_fd, &msg, 0);
     if (sent == -1) {
-        const int err = errno;
-        log_err("%s: sendmsg(%d, %p, 0) ERROR(%d): %s\n", __func__, dst_fd, static_cast<void*>(&msg), err,
-                strerror(err));
-        errno = err;
+        const KeptErrno e;
+        log_err("%s: sendmsg(%d, %p, 0) ERROR(%d): %s\n", __func__, dst_fd, static_cast<void*>(&msg),
+                e.number(), e.text());
     }
     return sent;
 }
@@ -483,7 +464,7 @@ ssize_t recv_fd(int src_fd, void* ptr, size_t nbytes, int* recvfd, uint32_t fdio
 
     psensor_start(PRF_DATAIN);
     const ssize_t received = recvmsg(src_fd, &msg, 0);
-    const int err = errno;
+    const KeptErrno e;
     psensor_stop(PRF_DATAIN);
     if (received > 0) {
         *recvfd = take_descriptor(first_header(&msg), fdio_flags);
@@ -492,11 +473,10 @@ ssize_t recv_fd(int src_fd, void* ptr, size_t nbytes, int* recvfd, uint32_t fdio
     if (received == 0) {
         drop_descriptors(first_header(&msg)); // an empty datagram may carry some
     }
-    if (received == 0 || !is_eagain(err) || (fdio_flags & FDIO_VERBOSE) != 0) {
-        log_err("%s: recvmsg(%d, %p, 0) ERROR(%d): %s\n", __func__, src_fd, static_cast<void*>(&msg), err,
-                received == 0 ? "connection has been closed by peer" : strerror(err));
+    if (received == 0 || !mv::is_eagain(e.number()) || (fdio_flags & FDIO_VERBOSE) != 0) {
+        log_err("%s: recvmsg(%d, %p, 0) ERROR(%d): %s\n", __func__, src_fd, static_cast<void*>(&msg),
+                e.number(), received == 0 ? "connection has been closed by peer" : e.text());
     }
-    errno = err;
     return received;
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <sys/mman.h>
 
+#include "detail/kept_errno.h"
 #include "dgram.h"
 #include "log.h"
 #include "syswrap.h"
@@ -15,6 +16,10 @@
 DECLARE_MLL(MLL_COMMON);
 
 namespace {
+
+using mv::KeptErrno;
+
+constexpr char kFreeFdrec[] = "free_fdrec"; // whose steps report under its name
 
 constexpr size_t kTagMax = 64;
 
@@ -50,23 +55,23 @@ void mk_dbg_tag(struct fdrec* r)
 void unmap(struct fdrec* r)
 {
     if (munmap(r->mmbuf, r->mmbuf_size) != 0) {
-        const int err = errno;
-        log_err("%s: munmap(%p, %ld) ERROR(%d): %s\n", "free_fdrec", r->mmbuf,
-                static_cast<long>(r->mmbuf_size), err, strerror(err));
+        const KeptErrno e;
+        log_err("%s: munmap(%p, %ld) ERROR(%d): %s\n", kFreeFdrec, r->mmbuf, static_cast<long>(r->mmbuf_size),
+                e.number(), e.text());
         return;
     }
-    log_dbg("%s: freed mmap-ed area (%p) [%ld bytes]\n", "free_fdrec", r->mmbuf,
+    log_dbg("%s: freed mmap-ed area (%p) [%ld bytes]\n", kFreeFdrec, r->mmbuf,
             static_cast<long>(r->mmbuf_size));
 }
 
 void remove_shm(const struct fdrec* r)
 {
     if (shm_unlink(r->path) != 0) {
-        const int err = errno;
-        log_err("%s: shm_unlink('%s') ERROR(%d): %s\n", "free_fdrec", r->path, err, strerror(err));
+        const KeptErrno e;
+        log_err("%s: shm_unlink('%s') ERROR(%d): %s\n", kFreeFdrec, r->path, e.number(), e.text());
         return;
     }
-    log_dbg("%s: removed '%s'\n", "free_fdrec", r->path);
+    log_dbg("%s: removed '%s'\n", kFreeFdrec, r->path);
 }
 
 } // namespace

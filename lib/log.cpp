@@ -15,6 +15,7 @@
 
 #include "detail/app_flags.h"
 #include "detail/assertions.h"
+#include "detail/kept_errno.h"
 #include "detail/tmlock.h"
 #include "timeop.h"
 
@@ -27,6 +28,12 @@ struct log_ctx g_access_log = ZERO_LOG;
 struct log_ctx g_stats_log = ZERO_LOG;
 
 namespace {
+
+using mv::KeptErrno;
+
+// Under these the steps of a line and of a rotation report.
+constexpr char kLogWrite[] = "log_write";
+constexpr char kLogRotate[] = "log_rotate";
 
 constexpr size_t kLineMax = 2048;
 constexpr int kFrames = 16;
@@ -151,7 +158,7 @@ bool put_time(const struct log_ctx* log, Line& line)
     }
     const ssize_t n = mk_timestr(&now, log->time_format, line.at, line.room);
     if (n <= 0 || static_cast<size_t>(n) >= line.room) {
-        fprintf(stderr, "%s: time buffer error (n=%d)\n", "log_write", static_cast<int>(n));
+        fprintf(stderr, "%s: time buffer error (n=%d)\n", kLogWrite, static_cast<int>(n));
         return false;
     }
     line.at[n] = ' ';
@@ -172,7 +179,7 @@ bool put_pid(const struct log_ctx* log, Line& line)
     }
     const int n = line.put_field(at, static_cast<size_t>(end - at));
     if (n < 0) {
-        fprintf(stderr, "%s: pid buffer error (n=%d)", "log_write", -n);
+        fprintf(stderr, "%s: pid buffer error (n=%d)", kLogWrite, -n);
         return false;
     }
     return true;
@@ -185,7 +192,7 @@ bool put_level(int level, Line& line)
     }
     const int n = line.put_field(level_name(level).tag, kTagLength);
     if (n < 0) {
-        fprintf(stderr, "%s: level buffer error (n=%d)", "log_write", -n);
+        fprintf(stderr, "%s: level buffer error (n=%d)", kLogWrite, -n);
         return false;
     }
     return true;
@@ -199,7 +206,7 @@ bool put_group(const struct log_ctx* log, Line& line)
     assert(log->group.sym8[7] == 0);
     const int n = line.put_field(log->group.sym8, strlen(log->group.sym8));
     if (n < 0) {
-        fprintf(stderr, "%s: group buffer error (n=%d)", "log_write", -n);
+        fprintf(stderr, "%s: group buffer error (n=%d)", kLogWrite, -n);
         return false;
     }
     return true;
@@ -336,10 +343,10 @@ int do_open(struct log_ctx* log, const char* filecmd)
         log->fp = log->is_pipe != 0 ? popen(filecmd, "w") : fopen(filecmd, "a+");
         log->is_dead = 0;
         if (log->fp == nullptr) {
-            const int err = errno;
+            const KeptErrno e;
             fprintf(stderr, "%s: uid/gig=%ld/%ld %s(%s) ERROR(%d): %s\n", __func__,
                     static_cast<long>(geteuid()), static_cast<long>(getegid()),
-                    log->is_pipe != 0 ? "popen" : "fopen", filecmd, err, strerror(err));
+                    log->is_pipe != 0 ? "popen" : "fopen", filecmd, e.number(), e.text());
             return -1;
         }
         if (filecmd != log->name) {
@@ -355,8 +362,8 @@ int do_open(struct log_ctx* log, const char* filecmd)
         if (fstat(fileno(log->fp), &st) == 0) {
             log->total_out = static_cast<size_t>(st.st_size);
         } else {
-            const int err = errno;
-            log_err("%s: fstat(%s) ERROR(%d): %s\n", __func__, log->name, err, strerror(err));
+            const KeptErrno e;
+            log_err("%s: fstat(%s) ERROR(%d): %s\n", __func__, log->name, e.number(), e.text());
         }
     }
     return 0;
@@ -367,11 +374,11 @@ int move_if_present(const char* fpath)
 {
     struct stat st;
     if (stat(fpath, &st) != 0) {
-        const int err = errno;
-        if (err == ENOENT) {
+        const KeptErrno e;
+        if (e.number() == ENOENT) {
             return 0;
         }
-        fprintf(stderr, "stat(%s) ERROR(%d): %s\n", fpath, err, strerror(err));
+        fprintf(stderr, "stat(%s) ERROR(%d): %s\n", fpath, e.number(), e.text());
         return -1;
     }
     if (!S_ISREG(st.st_mode) || st.st_size == 0) {
@@ -385,8 +392,8 @@ int move_if_present(const char* fpath)
     }
     const int rc = rename(fpath, moved);
     if (rc != 0) {
-        const int err = errno;
-        fprintf(stderr, "Cannot rename(%s, %s): ERROR(%d): %s\n", fpath, moved, err, strerror(err));
+        const KeptErrno e;
+        fprintf(stderr, "Cannot rename(%s, %s): ERROR(%d): %s\n", fpath, moved, e.number(), e.text());
     }
     return rc;
 }
@@ -423,8 +430,8 @@ void handle_rotation(struct log_ctx* log, time_t now, const char* prev_log)
             log_dbg("%s: replaced %s with %s.%lu\n", __func__, oldest, log->name,
                     static_cast<unsigned long>(now));
         } else {
-            const int err = errno;
-            log_err("%s: unlink(%s) ERROR(%d) : %s\n", __func__, oldest, err, strerror(err));
+            const KeptErrno e;
+            log_err("%s: unlink(%s) ERROR(%d) : %s\n", __func__, oldest, e.number(), e.text());
         }
     }
     rota.tm[idx] = now;
@@ -435,12 +442,12 @@ bool can_rotate(const struct log_ctx* log, int& rc)
 {
     rc = -1;
     if (log->name[0] == 0) {
-        fprintf(stderr, "%s: nothing to rotate.\n", "log_rotate");
+        fprintf(stderr, "%s: nothing to rotate.\n", kLogRotate);
         rc = 0;
     } else if (log->fp == stdout || log->fp == stderr) {
-        fprintf(stderr, "%s: stdout and stderr cannot be rotated.\n", "log_rotate");
+        fprintf(stderr, "%s: stdout and stderr cannot be rotated.\n", kLogRotate);
     } else if (log->is_pipe != 0 || log->name[0] == '|') {
-        fprintf(stderr, "%s: not supported for pipe-based streams.\n", "log_rotate");
+        fprintf(stderr, "%s: not supported for pipe-based streams.\n", kLogRotate);
     } else {
         return true;
     }
@@ -451,14 +458,13 @@ bool can_rotate(const struct log_ctx* log, int& rc)
 // again.
 bool close_for_rotation(struct log_ctx* log)
 {
-    int err = EBADF;
-    if (log->is_dead == 0 && log->fp != nullptr) {
-        if (fclose(log->fp) == 0) {
-            return true;
-        }
-        err = errno;
+    if (log->is_dead != 0 || log->fp == nullptr) {
+        errno = EBADF;
+    } else if (fclose(log->fp) == 0) {
+        return true;
     }
-    fprintf(stderr, "%s: failed to close [%s], ERROR(%d): %s\n", "log_rotate", log->name, err, strerror(err));
+    const KeptErrno e;
+    fprintf(stderr, "%s: failed to close [%s], ERROR(%d): %s\n", kLogRotate, log->name, e.number(), e.text());
     log->is_dead = -1;
     return false;
 }
@@ -471,15 +477,15 @@ int rotate(struct log_ctx* log)
     }
     const time_t now = time(nullptr);
     char new_name[kRotatedNameMax];
-    if (!rotated_name(log, "log_rotate", now, new_name) || !close_for_rotation(log)) {
+    if (!rotated_name(log, kLogRotate, now, new_name) || !close_for_rotation(log)) {
         return -1;
     }
     char errmsg[LOG_ERRMSG_MAX] = "";
     const bool renamed = rename(log->name, new_name) == 0;
     if (!renamed) {
-        const int err = errno;
-        snprintf(errmsg, LOG_ERRMSG_MAX - 1, "%s: failed to rename [%s] to [%s], ERROR(%d): %s", "log_rotate",
-                 log->name, new_name, err, strerror(err));
+        const KeptErrno e;
+        snprintf(errmsg, LOG_ERRMSG_MAX - 1, "%s: failed to rename [%s] to [%s], ERROR(%d): %s", kLogRotate,
+                 log->name, new_name, e.number(), e.text());
         fprintf(stderr, "%s - rotation is to be stopped\n", errmsg);
     }
     rc = do_open(log, log->name);
@@ -488,7 +494,7 @@ int rotate(struct log_ctx* log)
     }
     if (!renamed) {
         log->total_out = 0;
-        log_err("%s: %s - rotation cancelled this time\n", "log_rotate", errmsg);
+        log_err("%s: %s - rotation cancelled this time\n", kLogRotate, errmsg);
         return 0;
     }
     if (log->rota.max_idx != 0) {
@@ -786,10 +792,10 @@ void log_close(struct log_ctx* log)
     }
     const bool is_pipe = log->is_pipe != 0;
     const int rc = is_pipe ? pclose(log->fp) : fclose(log->fp);
-    const int err = errno;
-    if (rc < 0 && !(is_pipe && err == ECHILD)) {
+    const KeptErrno e;
+    if (rc < 0 && !(is_pipe && e.number() == ECHILD)) {
         fprintf(stderr, "%s: %s error(%d) for the application log: %s\n", __func__,
-                is_pipe ? "pclose" : "fclose", err, strerror(err));
+                is_pipe ? "pclose" : "fclose", e.number(), e.text());
     }
     if (log->use_syslog != 0) {
         closelog();

@@ -21,7 +21,9 @@
 #include <utility>
 
 #include "detail/app_flags.h"
+#include "detail/kept_errno.h"
 #include "detail/owned.h"
+#include "detail/shown.h"
 #include "libmeta.h"
 #include "log.h"
 #include "syswrap.h"
@@ -32,6 +34,9 @@ DECLARE_MLL(MLL_COMMON);
 
 namespace {
 
+using mv::KeptErrno;
+using mv::shown;
+
 static_assert(sizeof(struct sockaddr_in) == 16 && sizeof(struct sockaddr_in6) == 28 &&
               sizeof(struct sockaddr_un) == 110 && sizeof(struct sockaddr_storage) == 128);
 static_assert(IF_NAMESIZE == 16 && NI_MAXHOST == 1025 && NI_MAXSERV == 32);
@@ -40,9 +45,8 @@ static_assert(IF_NAMESIZE == 16 && NI_MAXHOST == 1025 && NI_MAXSERV == 32);
 struct FreeAddrinfo {
     void operator()(struct addrinfo* list) const
     {
-        const int error = errno;
+        const KeptErrno kept;
         freeaddrinfo(list);
-        errno = error;
     }
 };
 
@@ -104,12 +108,6 @@ struct in6_addr ipv6_of(const struct sockaddr* sa)
 uint32_t scope_id_of(const struct sockaddr* sa)
 {
     return field_at<uint32_t>(sa, offsetof(struct sockaddr_in6, sin6_scope_id));
-}
-
-// What printf shows for a text that is not there.
-const char* shown(const char* text)
-{
-    return text != nullptr ? text : "(null)";
 }
 
 int af_level(int af)
@@ -218,8 +216,9 @@ IfaddrsList list_interfaces(const char* caller, const char* ifc, int family, int
     struct ifaddrs* list = nullptr;
     *error = 0;
     if (getifaddrs(&list) != 0) {
-        *error = errno;
-        log_err("%s: getifaddrs [%s] (family=%d): %s\n", caller, ifc, family, strerror(*error));
+        const KeptErrno e;
+        *error = e.number();
+        log_err("%s: getifaddrs [%s] (family=%d): %s\n", caller, ifc, family, e.text());
         return nullptr;
     }
     return IfaddrsList(list);
@@ -294,9 +293,8 @@ int get_socket_flags(int sockfd)
 {
     const int flags = fcntl(sockfd, F_GETFL, 0);
     if (flags == -1) {
-        const int error = errno;
-        log_err("%s: fcntl(%d, F_GETFL, %d) ERROR(%d): %s\n", __func__, sockfd, 0, error, strerror(error));
-        errno = error;
+        const KeptErrno e;
+        log_err("%s: fcntl(%d, F_GETFL, %d) ERROR(%d): %s\n", __func__, sockfd, 0, e.number(), e.text());
     }
     return flags;
 }
@@ -487,8 +485,9 @@ struct ifc_info* get_ifc_info(int af, const char* tag)
     }
     int error = 0;
     if (if_indextoname(info->idx, info->name) == nullptr) {
-        error = errno;
-        log_err("%s: if_indextoname(%d, buf): %s\n", __func__, static_cast<int>(info->idx), strerror(error));
+        const KeptErrno e;
+        error = e.number();
+        log_err("%s: if_indextoname(%d, buf): %s\n", __func__, static_cast<int>(info->idx), e.text());
     }
     if (info->ss.ss_family == AF_UNSPEC) {
         error = ifc_addr_lookup(af, info->name, as_sockaddr(&info->ss), sizeof info->ss);
@@ -513,10 +512,8 @@ int set_nblock(int sockfd, int nblock)
     // Kept: any number but 1 clears the bit, though the line below calls it non-blocking.
     const int wanted = nblock == 1 ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
     if (fcntl(sockfd, F_SETFL, wanted) == -1) {
-        const int error = errno;
-        log_err("%s: fcntl(%d, F_SETFL, %d) ERROR(%d): %s\n", __func__, sockfd, wanted, error,
-                strerror(error));
-        errno = error;
+        const KeptErrno e;
+        log_err("%s: fcntl(%d, F_SETFL, %d) ERROR(%d): %s\n", __func__, sockfd, wanted, e.number(), e.text());
         return -1;
     }
     log_dbg("%s: fd%d set as %sblocking\n", __func__, sockfd, nblock != 0 ? "non-" : "");
@@ -532,8 +529,8 @@ void set_ipv6only(int fd, int on)
     } else if (before == on) {
         log_info("%s: IPV6_V6ONLY for fd=%d is already %s\n", __func__, fd, on != 0 ? "ON" : "OFF");
     } else if (Setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) != 0) {
-        const int error = errno;
-        log_err("%s: setsockopt IPV6_V6ONLY: %s\n", __func__, strerror(error));
+        const KeptErrno e;
+        log_err("%s: setsockopt IPV6_V6ONLY: %s\n", __func__, e.text());
     }
     // Kept: it is the value from before the change that decides, so a change that worked warns too.
     if (on == 0 && before != 0) {
@@ -573,14 +570,14 @@ bool should_connect(int is_server, const struct socket_spec* spec)
     }
 }
 
-// Closes a socket that came to nothing. Always -1, with the errno of the failure.
-int drop_socket(const char* caller, int fd)
-{
-    const int error = errno;
-    W_close(caller, fd);
-    errno = error;
-    return -1;
-}
+// How a socket that came to nothing is closed: by the checked call, for the caller.
+struct CheckedClose {
+    const char* caller = nullptr;
+
+    void operator()(int fd) const { W_close(caller, fd); }
+};
+
+using OwnedSocket = mv::DescriptorOwner<CheckedClose>;
 
 bool is_named(const struct ifc_info* mifc)
 {
@@ -678,7 +675,7 @@ using IfcOwner = mv::OwnedBlock<struct ifc_info>;
 // What the walk over the resolved entries has come to.
 struct Attempt {
     int status = 0; // of the last entry tried
-    int fd = -1;
+    OwnedSocket socket;
     IfcOwner mifc;
 };
 
@@ -747,18 +744,19 @@ bool try_entry(const struct addrinfo* ai, struct socket_spec* spec, const char* 
         attempt.status = errno;
         return false;
     }
-    attempt.fd = fd;
+    attempt.socket = OwnedSocket(fd, {kOpenSocket});
     spec->family = ai->ai_family;
     spec->multicast |= static_cast<unsigned int>(is_multicast(ai->ai_addr)) & 1U;
     if (spec->non_blocking != 0 && set_nblock(fd, 1) != 0) {
-        attempt.status = errno;
-        log_err("%s: failed to make fd=%d non-blocking ERROR(%d): %s\n", kOpenSocket, fd, attempt.status,
-                strerror(attempt.status));
+        const KeptErrno e;
+        attempt.status = e.number();
+        log_err("%s: failed to make fd=%d non-blocking ERROR(%d): %s\n", kOpenSocket, fd, e.number(),
+                e.text());
         return true;
     }
     attempt.status = set_up(fd, ai, spec, ifc_tag, attempt.mifc);
     if (attempt.status != 0) {
-        attempt.fd = drop_socket(kOpenSocket, fd);
+        attempt.socket.reset();
         attempt.mifc.reset();
         return false;
     }
@@ -771,19 +769,19 @@ bool try_entry(const struct addrinfo* ai, struct socket_spec* spec, const char* 
 int finish(Attempt& attempt, const struct socket_spec* spec, struct ifc_info** ifi)
 {
     if (attempt.status != 0 && attempt.status != EINPROGRESS) {
-        return attempt.fd == -1 ? -1 : drop_socket(kOpenSocket, attempt.fd);
+        return -1;
     }
     // Kept: a listener's connect in progress has closed its socket, so that this is a failure with errno 115.
     if (attempt.status == EINPROGRESS) {
-        log_dbg("%s: connection in progress for fd%d\n", kOpenSocket, attempt.fd);
+        log_dbg("%s: connection in progress for fd%d\n", kOpenSocket, attempt.socket.get());
     } else if (ifi != nullptr) {
         *ifi = attempt.mifc.release();
     }
     attempt.mifc.reset();
     log_dbg("%s: %s %s socket fd=[%d]\n", kOpenSocket, spec->passive != 0 ? "SERVER" : "CLIENT",
-            spec->multicast != 0 ? "multicast" : "unicast", attempt.fd);
+            spec->multicast != 0 ? "multicast" : "unicast", attempt.socket.get());
     errno = attempt.status;
-    return attempt.fd;
+    return attempt.socket.release();
 }
 
 // The host and port of a text, divided at its last colon.
@@ -1066,9 +1064,8 @@ int mcast_group_op(const char* caller, const char* ifc_name, uint32_t ifc_idx, s
         log_err("%s: unsupported family %d\n", __func__, grp->ss_family);
     }
     if (rc != 0) {
-        const int error = errno;
-        log_err("%s: %s fd=%d: %s\n", caller, option, sock, strerror(error));
-        errno = error;
+        const KeptErrno e;
+        log_err("%s: %s fd=%d: %s\n", caller, option, sock, e.text());
     }
     return rc;
 }
@@ -1077,10 +1074,9 @@ int mcast_group_op(const char* caller, const char* ifc_name, uint32_t ifc_idx, s
 int report_ssm_failure(const char* caller, const char* op, const char* ifc_name, uint32_t ifc_idx,
                        int is_join, int sockfd, int rc)
 {
-    const int error = errno;
+    const KeptErrno e;
     log_err("%s: (%s) %s ifc=%s/%u fd%d: %s\n", caller, op, is_join != 0 ? "SSM_JOIN" : "SSM_LEAVE",
-            shown(ifc_name), ifc_idx, sockfd, strerror(error));
-    errno = error;
+            shown(ifc_name), ifc_idx, sockfd, e.text());
     return rc;
 }
 
@@ -1163,9 +1159,9 @@ int set_mcast_ttl(int family, int fd, int ttl)
     const char* option = is_ipv4 ? "MULTICAST_TTL" : "MULTICAST_HOPS";
     if (Setsockopt(fd, af_level(family), is_ipv4 ? IP_MULTICAST_TTL : IPV6_MULTICAST_HOPS, &ttl,
                    sizeof ttl) != 0) {
-        const int error = errno;
-        log_err("%s: %s mcast fd=%d, op=%s(%d): %s\n", __func__, protocol, fd, option, ttl, strerror(error));
-        return error;
+        const KeptErrno e;
+        log_err("%s: %s mcast fd=%d, op=%s(%d): %s\n", __func__, protocol, fd, option, ttl, e.text());
+        return e.number();
     }
     log_info("%s: %s mcast fd=%d, op=%s(%d): OK\n", __func__, protocol, fd, option, ttl);
     return 0;
@@ -1178,9 +1174,9 @@ int set_ipv6_sock_ifc(int sock, uint32_t index)
         return -1;
     }
     if (Setsockopt(sock, IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index) != 0) {
-        const int error = errno;
-        log_err("%s: setsockopt IPV6_MULTICAST_IF failed (%d): %s\n", __func__, error, strerror(error));
-        return error;
+        const KeptErrno e;
+        log_err("%s: setsockopt IPV6_MULTICAST_IF failed (%d): %s\n", __func__, e.number(), e.text());
+        return e.number();
     }
     return 0;
 }
@@ -1244,16 +1240,15 @@ void store_port(const char* caller, const struct sockaddr_storage* ss, const cha
 // A non-blocking socket that is bound to the address, or -1.
 int bound_socket(const char* caller, const struct sockaddr_storage* ss, int socktype, int protocol)
 {
-    const int fd = W_socket(caller, ss->ss_family, socktype, protocol);
-    if (fd == -1) {
+    OwnedSocket fd(W_socket(caller, ss->ss_family, socktype, protocol), {caller});
+    if (!fd) {
         return -1;
     }
     struct sockaddr_storage addr = *ss;
     const struct sockaddr* sa = as_sockaddr(ss);
-    if (reuse_and_bind(fd, as_sockaddr(&addr), saddr_len(sa)) != 0 || set_nblock(fd, 1) != 0) {
-        return drop_socket(caller, fd);
-    }
-    return fd;
+    const bool is_bound =
+        reuse_and_bind(fd.get(), as_sockaddr(&addr), saddr_len(sa)) == 0 && set_nblock(fd.get(), 1) == 0;
+    return is_bound ? fd.release() : -1;
 }
 
 struct sockaddr_un domain_addr(const char* path)
@@ -1267,9 +1262,8 @@ struct sockaddr_un domain_addr(const char* path)
 bool remove_old_socket(const char* caller, const char* path)
 {
     if (unlink(path) != 0 && errno != ENOENT) {
-        const int error = errno;
-        log_err("%s: unlink ERROR(%d): %s\n", caller, error, strerror(error));
-        errno = error;
+        const KeptErrno e;
+        log_err("%s: unlink ERROR(%d): %s\n", caller, e.number(), e.text());
         return false;
     }
     return true;
@@ -1326,11 +1320,9 @@ const char* on_or_off(int is_on)
 int open_listener(const struct sockaddr_storage* ss, const char* port, int defer_listen)
 {
     store_port(__func__, ss, port);
-    const int fd = bound_socket(__func__, ss, SOCK_STREAM, IPPROTO_TCP);
-    if (fd == -1 || defer_listen != 0 || Listen(fd, LISTEN_BKLOG) == 0) {
-        return fd;
-    }
-    return drop_socket(__func__, fd);
+    OwnedSocket fd(bound_socket(__func__, ss, SOCK_STREAM, IPPROTO_TCP), {__func__});
+    const bool is_ready = fd && (defer_listen != 0 || Listen(fd.get(), LISTEN_BKLOG) == 0);
+    return is_ready ? fd.release() : -1;
 }
 
 int open_udp_listener(const struct sockaddr_storage* ss, const char* port)
@@ -1354,47 +1346,42 @@ int open_anyaddr_listener(int af, const char* port, int defer_listen)
 
 int open_domain_listener(const char* path)
 {
-    const int fd = Socket(AF_UNIX, SOCK_STREAM, 0);
-    if (fd == -1) {
+    OwnedSocket fd(Socket(AF_UNIX, SOCK_STREAM, 0), {__func__});
+    if (!fd) {
         return -1;
     }
     const struct sockaddr_un un = domain_addr(path);
-    if (set_nblock(fd, 1) == 0 && remove_old_socket(__func__, path) &&
-        Bind(fd, reinterpret_cast<const struct sockaddr*>(&un), sizeof un) == 0 &&
-        Listen(fd, LISTEN_BKLOG) == 0) {
-        log_dbg("%s: fd=%d is listening on [%s]\n", __func__, fd, path);
-        return fd;
+    if (set_nblock(fd.get(), 1) == 0 && remove_old_socket(__func__, path) &&
+        Bind(fd.get(), reinterpret_cast<const struct sockaddr*>(&un), sizeof un) == 0 &&
+        Listen(fd.get(), LISTEN_BKLOG) == 0) {
+        log_dbg("%s: fd=%d is listening on [%s]\n", __func__, fd.get(), path);
+        return fd.release();
     }
-    (void)drop_socket(__func__, fd);
-    const int error = errno;
+    fd.reset();
+    const KeptErrno kept;
     log_err("%s: failed for path=[%s]\n", __func__, path);
-    errno = error;
     return -1;
 }
 
 int open_domain_client(const char* path, size_t max_attempts, long int pause_msec)
 {
     ASSERT(strlen(path) < sizeof(sockaddr_un::sun_path));
-    const int fd = Socket(AF_UNIX, SOCK_STREAM, 0);
-    if (fd == -1) {
+    OwnedSocket fd(Socket(AF_UNIX, SOCK_STREAM, 0), {__func__});
+    if (!fd) {
         return -1;
     }
     size_t attempt = 0;
-    const int rc = connect_patiently(__func__, fd, path, max_attempts, pause_msec, &attempt);
-    const int error = errno;
+    const int rc = connect_patiently(__func__, fd.get(), path, max_attempts, pause_msec, &attempt);
+    const KeptErrno kept;
     if (rc == -1 && g_quit == 0) {
         // Kept: one more than the attempts made where they were all spent.
         log_err("%s: failed to connect to [%s] after %ld attempt(s)\n", __func__, path,
                 static_cast<long>(attempt + 1));
     } else {
         // Kept: also where it was g_quit that ended the attempts.
-        log_info("%s: fd=%d connected to [%s]\n", __func__, fd, path);
+        log_info("%s: fd=%d connected to [%s]\n", __func__, fd.get(), path);
     }
-    if (rc == 0) {
-        return fd;
-    }
-    errno = error;
-    return drop_socket(__func__, fd);
+    return rc == 0 ? fd.release() : -1;
 }
 
 int set_tcp_nodelay(int sockfd, int is_on)
@@ -1419,10 +1406,9 @@ int set_keepalive(int sockfd, int optval)
 {
     const int rc = setsockopt(sockfd, SOL_SOCKET, SO_KEEPALIVE, &optval, sizeof optval);
     if (rc != 0) {
-        const int error = errno;
+        const KeptErrno e;
         log_err("%s: setsockopt(fd%d, SOL_SOCKET, SO_KEEPALIVE, %d,..) ERROR(%d): %s\n", __func__, sockfd,
-                optval, error, strerror(error));
-        errno = error;
+                optval, e.number(), e.text());
         return rc;
     }
     log_dbg("%s: [%s] for fd%d\n", __func__, on_or_off(optval), sockfd);
@@ -1468,9 +1454,8 @@ const char* get_peer_ipaddr(int sockfd, char* buf, size_t buflen)
     struct sockaddr_storage peer = {};
     socklen_t length = sizeof peer;
     if (getpeername(sockfd, as_sockaddr(&peer), &length) != 0) {
-        const int error = errno;
-        log_err("%s: getpeername(fd%d,...) ERROR(%d): %s\n", __func__, sockfd, error, strerror(error));
-        errno = error;
+        const KeptErrno e;
+        log_err("%s: getpeername(fd%d,...) ERROR(%d): %s\n", __func__, sockfd, e.number(), e.text());
         return nullptr;
     }
     return saddr_str(as_sockaddr(&peer), length, buf, buflen);

@@ -17,7 +17,9 @@
 #include "clk.h"
 #include "detail/app_flags.h"
 #include "detail/inotify_records.h"
+#include "detail/kept_errno.h"
 #include "detail/loop_clock.h"
+#include "detail/owned.h"
 #include "fdio.h"
 #include "gkh.h"
 #include "log.h"
@@ -33,6 +35,8 @@ static_assert(sizeof(void*) == sizeof(((epoll_event*)nullptr)->data));
 static_assert(std::endian::native == std::endian::little, "a descriptor is the low half of its data word");
 
 namespace {
+
+using mv::KeptErrno;
 
 #define INO_STR "ino"
 
@@ -105,11 +109,9 @@ int change_fd(int operation, int fd, uint32_t mask, void* udata)
         ev.data.fd = fd;
     }
     if (epoll_ctl(g_rqs.loopfd, operation, fd, &ev) != 0) {
-        const int error = errno;
+        const KeptErrno e;
         log_err("%s: epoll_ctl(%d, %s, %d, {0x%lx, %p}) ERROR(%d): %s\n", __func__, g_rqs.loopfd,
-                operation_name(operation), fd, static_cast<unsigned long>(mask), udata, error,
-                strerror(error));
-        errno = error;
+                operation_name(operation), fd, static_cast<unsigned long>(mask), udata, e.number(), e.text());
         return -1;
     }
     if (operation == EPOLL_CTL_ADD) {
@@ -161,14 +163,11 @@ int report_lookup(const char* caller, int rc, int wfd)
     return -1;
 }
 
-// errno tells a udata that is NULL (0) from a watch that is not there.
-void* wfd_map_get(int wfd)
+// False, with a line, if the watch is not there: a udata may well be NULL.
+bool wfd_map_get(int wfd, void** udata)
 {
-    void* udata = nullptr;
-    const int rc = g_ino.wfd_ht != 0 ? nkht_get(g_ino.wfd_ht, wfd, &udata) : EINVAL;
-    report_lookup(__func__, rc, wfd);
-    errno = rc;
-    return rc == 0 ? udata : nullptr;
+    const int rc = g_ino.wfd_ht != 0 ? nkht_get(g_ino.wfd_ht, wfd, udata) : EINVAL;
+    return report_lookup(__func__, rc, wfd) == 0;
 }
 
 int wfd_map_rm(int wfd)
@@ -218,8 +217,8 @@ int modification_flags(uint32_t mask)
 
 void process_inmodify(const struct inotify_event* iev)
 {
-    void* udata = wfd_map_get(iev->wd);
-    if ((udata == nullptr && errno != 0) || g_config.cb.on_file_modified == nullptr) {
+    void* udata = nullptr;
+    if (!wfd_map_get(iev->wd, &udata) || g_config.cb.on_file_modified == nullptr) {
         return;
     }
     g_config.cb.on_file_modified(iev->wd, modification_flags(iev->mask), udata, nullptr);
@@ -246,8 +245,8 @@ void process_record(const char* caller, const struct inotify_event* iev)
     int avail = 0;
     const int rc = ioctl(g_ino.fd, FIONREAD, &avail);
     if (rc != 0) {
-        const int error = errno;
-        log_err("%s: ioctl FIONREAD ERROR(%d): %s\n", __func__, error, strerror(error));
+        const KeptErrno e;
+        log_err("%s: ioctl FIONREAD ERROR(%d): %s\n", __func__, e.number(), e.text());
         return rc;
     }
     // Kept: a backlog of more than one buffer is not read in parts: it is a failed event.
@@ -277,13 +276,13 @@ void process_record(const char* caller, const struct inotify_event* iev)
 int open_watches(const char* caller)
 {
     g_ino.wfd_count = 0;
-    g_ino.fd = inotify_init();
-    if (g_ino.fd < 0) {
-        const int error = errno;
-        log_err("%s: inotify_init1 ERROR(%d): %s\n", caller, error, strerror(error));
-        errno = error;
+    mv::OwnedFd fd(inotify_init());
+    if (!fd) {
+        const KeptErrno e;
+        log_err("%s: inotify_init1 ERROR(%d): %s\n", caller, e.number(), e.text());
         return -1;
     }
+    g_ino.fd = fd.release(); // without a table too: close_watches has it
     const int rc = nkht_create(&g_ino.wfd_ht, INO_WFD_CAP, tw_shift);
     if (rc != 0) {
         log_err("%s: failed to create wfd/inotify lookup\n", caller);
@@ -308,8 +307,8 @@ bool drop_watch(const char* caller, int wd)
     if (inotify_rm_watch(g_ino.fd, wd) == 0) {
         return true;
     }
-    const int error = errno;
-    log_err("%s: inotify_rm_watch(%d, %d) ERROR(%d): %s\n", caller, g_ino.fd, wd, error, strerror(error));
+    const KeptErrno e;
+    log_err("%s: inotify_rm_watch(%d, %d) ERROR(%d): %s\n", caller, g_ino.fd, wd, e.number(), e.text());
     return false;
 }
 
@@ -397,12 +396,12 @@ int wait_limit(const char* caller)
     return static_cast<int>(ms); // Kept: a limit of more than 24 days keeps its low 32 bits
 }
 
-void report_failed_wait(const char* caller, int error)
+void report_failed_wait(const char* caller, const KeptErrno& e)
 {
-    if (error == EINTR) {
+    if (e.number() == EINTR) {
         log_info("%s interrupted, quit=%d\n", caller, static_cast<int>(g_quit));
     } else {
-        log_err("%s: epoll_wait(%d...) ERROR(%d): %s\n", caller, g_rqs.loopfd, error, strerror(error));
+        log_err("%s: epoll_wait(%d...) ERROR(%d): %s\n", caller, g_rqs.loopfd, e.number(), e.text());
     }
 }
 
@@ -419,10 +418,10 @@ int wait4events()
     psensor_start(PRF_EVIDLE);
     const int count = epoll_wait(g_rqs.loopfd, static_cast<struct epoll_event*>(g_rqs.events.data),
                                  static_cast<int>(g_rqs.events.max_len), limit);
-    const int error = errno;
+    const KeptErrno e;
     psensor_stop(PRF_EVIDLE);
     if (count < 0) {
-        report_failed_wait(__func__, error);
+        report_failed_wait(__func__, e);
     } else {
         g_rqs.events.len = static_cast<size_t>(count);
         if (g_rqs.events.len > kManyEvents && g_rqs.events.len == g_rqs.events.max_len) {
@@ -430,7 +429,6 @@ int wait4events()
         }
     }
     set_clk_now(&mv::g_loop_now, FAST_MONOTONIC_CLOCK);
-    errno = error;
     return count;
 }
 
@@ -632,9 +630,8 @@ int rqs_init(const struct rqs_config* cfg)
     mv::g_loop_now = {};
     g_rqs.loopfd = epoll_create(128);
     if (g_rqs.loopfd < 0) {
-        const int error = errno;
-        log_err("%s: epoll_create1() ERROR(%d): %s\n", __func__, error, strerror(error));
-        errno = error;
+        const KeptErrno e;
+        log_err("%s: epoll_create1() ERROR(%d): %s\n", __func__, e.number(), e.text());
         return -1;
     }
     make_nopoll_lists(__func__);
@@ -713,11 +710,10 @@ int rqs_rm_fd(int fd, bool is_reader, bool is_writer)
         --g_rqs.poll_fds;
         return 0;
     }
-    const int error = errno;
+    const KeptErrno e;
     // Kept: the number printed is the call's result, and only the text is errno's.
     log_err("%s: epoll_ctl(%d, EPOLL_CTL_DEL, %d,..) ERROR(%d): %s\n", __func__, g_rqs.loopfd, fd, rc,
-            strerror(error));
-    errno = error;
+            e.text());
     return rc;
 }
 
@@ -807,10 +803,9 @@ int rqs_add_file_watch(void* udata, const char* filepath)
 {
     const int wd = inotify_add_watch(g_ino.fd, filepath, kWatchMask);
     if (wd < 0) {
-        const int error = errno;
+        const KeptErrno e;
         log_err("%s: inotify_add_watch(%p, '%s', %lu) ERROR(%d): %s\n", __func__, udata, filepath,
-                static_cast<unsigned long>(kWatchMask), error, strerror(error));
-        errno = error;
+                static_cast<unsigned long>(kWatchMask), e.number(), e.text());
         return -1;
     }
     if (wfd_map_add(wd, udata) != 0 || watch_inotify_fd() != 0) {

@@ -8,6 +8,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include "detail/kept_errno.h"
+#include "detail/owned.h"
 #include "log.h"
 #include "rqs.h"
 #include "syswrap.h"
@@ -31,20 +33,16 @@ int sigsafe_open(void)
     if (g_wakeup.fd >= 0) {
         return 0;
     }
-    const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (fd < 0) {
-        const int error = errno;
-        log_err("%s: eventfd ERROR(%d): %s\n", __func__, error, strerror(error));
-        errno = error;
+    mv::OwnedFd fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (!fd) {
+        const mv::KeptErrno e;
+        log_err("%s: eventfd ERROR(%d): %s\n", __func__, e.number(), e.text());
         return -1;
     }
-    if (rqs_add_reader(fd, &g_wakeup) != 0) { // which has told why
-        const int error = errno;
-        close(fd);
-        errno = error;
+    if (rqs_add_reader(fd.get(), &g_wakeup) != 0) { // which has told why
         return -1;
     }
-    g_wakeup.fd = fd;
+    g_wakeup.fd = fd.release();
     return 0;
 }
 
@@ -54,11 +52,10 @@ void sigsafe_wake(void)
     if (fd < 0) {
         return;
     }
-    const int saved = errno;
+    const mv::KeptErrno kept;
     const uint64_t one = 1;
     // A counter that is full wakes the loop as well as one that is not.
     [[maybe_unused]] const ssize_t n = write(fd, &one, sizeof one);
-    errno = saved;
 }
 
 bool sigsafe_is_wakeup(const void* udata)

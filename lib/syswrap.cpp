@@ -12,6 +12,8 @@
 #include <unistd.h>
 
 #include "detail/checked.h"
+#include "detail/kept_errno.h"
+#include "detail/shown.h"
 #include "detail/shown_realloc.h"
 #include "log.h"
 
@@ -20,6 +22,9 @@ DECLARE_MLL(MLL_SYSWRAP);
 namespace {
 
 using mv::checked;
+using mv::is_eagain;
+using mv::KeptErrno;
+using mv::shown;
 
 constexpr mode_t kDefaultMode = 0644;
 
@@ -30,22 +35,7 @@ constexpr auto is_null = [](const void* result) { return result == nullptr; };
 // in W_write_f and W_read_f.
 constexpr auto is_not_positive = [](ssize_t result) { return result <= 0; };
 
-bool is_eagain(int err)
-{
-#if EAGAIN == EWOULDBLOCK
-    return err == EAGAIN;
-#else
-    return err == EAGAIN || err == EWOULDBLOCK;
-#endif
-}
-
-// A text for %s where the call takes a null pointer.
-const char* shown(const char* text)
-{
-    return text != nullptr ? text : "(null)";
-}
-
-long shown(const socklen_t* length)
+long length_shown(const socklen_t* length)
 {
     return length != nullptr ? static_cast<long>(*length) : 0L;
 }
@@ -56,9 +46,9 @@ void* mv::shown_realloc(const char* caller, void* ptr, size_t size, size_t shown
 {
     const void* const old = ptr; // only its value is shown, a failed realloc() has left the block alone
     return checked([&] { return realloc(ptr, size); }, is_null,
-                   [&](int err) {
+                   [&](const KeptErrno& e) {
                        log_err("%s: realloc(%p, %ld) ERROR(%d): %s\n", caller, old,
-                               static_cast<long>(shown_size), err, strerror(err));
+                               static_cast<long>(shown_size), e.number(), e.text());
                    });
 }
 
@@ -73,17 +63,18 @@ int no_fault(int err, u_int32_t guilty)
 int W_open(const char* caller, const char* pathname, int flags, mode_t mode)
 {
     return checked([&] { return open(pathname, flags, mode != 0 ? mode : kDefaultMode); }, is_minus_one,
-                   [&](int err) {
+                   [&](const KeptErrno& e) {
                        log_err("%s: open('%s', %d, 0x%lx) ERROR(%d): %s\n", caller, pathname, flags,
-                               static_cast<unsigned long>(mode), err, strerror(err));
+                               static_cast<unsigned long>(mode), e.number(), e.text());
                    });
 }
 
 int W_close(const char* caller, int fd)
 {
-    const int rc =
-        checked([&] { return close(fd); }, is_nonzero,
-                [&](int err) { log_err("%s: close(fd%d) ERROR(%d): %s\n", caller, fd, err, strerror(err)); });
+    const int rc = checked([&] { return close(fd); }, is_nonzero,
+                           [&](const KeptErrno& e) {
+                               log_err("%s: close(fd%d) ERROR(%d): %s\n", caller, fd, e.number(), e.text());
+                           });
     if (rc == 0) {
         log_dbg("%s: CLOSED(fd%d)\n", caller, fd);
     }
@@ -93,9 +84,9 @@ int W_close(const char* caller, int fd)
 void* W_calloc(const char* caller, size_t nmemb, size_t size)
 {
     return checked([&] { return calloc(nmemb, size); }, is_null,
-                   [&](int err) {
+                   [&](const KeptErrno& e) {
                        log_err("%s: calloc(%ld, %ld) ERROR(%d): %s\n", caller, static_cast<long>(nmemb),
-                               static_cast<long>(size), err, strerror(err));
+                               static_cast<long>(size), e.number(), e.text());
                    });
 }
 
@@ -107,50 +98,51 @@ void* W_realloc(const char* caller, void* ptr, size_t size)
 off_t W_lseek(const char* caller, int fd, off_t offset, int whence)
 {
     return checked([&] { return lseek(fd, offset, whence); }, is_minus_one,
-                   [&](int err) {
+                   [&](const KeptErrno& e) {
                        log_err("%s: lseek(%d, %ld, %d) ERROR(%d): %s\n", caller, fd,
-                               static_cast<long>(offset), whence, err, strerror(err));
+                               static_cast<long>(offset), whence, e.number(), e.text());
                    });
 }
 
 int W_unlink(const char* caller, const char* pathname)
 {
-    return checked(
-        [&] { return unlink(pathname); }, is_minus_one,
-        [&](int err) { log_err("%s: unlink(%s) ERROR(%d): %s\n", caller, pathname, err, strerror(err)); });
+    return checked([&] { return unlink(pathname); }, is_minus_one,
+                   [&](const KeptErrno& e) {
+                       log_err("%s: unlink(%s) ERROR(%d): %s\n", caller, pathname, e.number(), e.text());
+                   });
 }
 
 int W_ftruncate(const char* caller, int fd, off_t length)
 {
     return checked([&] { return ftruncate(fd, length); }, is_minus_one,
-                   [&](int err) {
+                   [&](const KeptErrno& e) {
                        log_err("%s: ftruncate(%d, %ld) ERROR(%d): %s\n", caller, fd,
-                               static_cast<long>(length), err, strerror(err));
+                               static_cast<long>(length), e.number(), e.text());
                    });
 }
 
 int W_connect(const char* caller, int sockfd, const struct sockaddr* addr, socklen_t addrlen)
 {
     return checked([&] { return connect(sockfd, addr, addrlen); }, is_nonzero,
-                   [&](int err) {
-                       if (err == EINPROGRESS) {
+                   [&, self = __func__](const KeptErrno& e) {
+                       if (e.number() == EINPROGRESS) {
                            // Kept: this line names the wrapper, whoever called it.
-                           log_info("%s: non-blocking connect in progress for fd%d\n", "W_connect", sockfd);
+                           log_info("%s: non-blocking connect in progress for fd%d\n", self, sockfd);
                            return;
                        }
                        log_err("%s: connect(%d, %p, %ld) ERROR(%d): %s\n", caller, sockfd,
-                               static_cast<const void*>(addr), static_cast<long>(addrlen), err,
-                               strerror(err));
+                               static_cast<const void*>(addr), static_cast<long>(addrlen), e.number(),
+                               e.text());
                    });
 }
 
 ssize_t W_write_f(const char* caller, int fd, const void* buf, size_t count, u_int32_t flags)
 {
     return checked([&] { return write(fd, buf, count); }, is_minus_one,
-                   [&](int err) {
-                       if (no_fault(err, flags) == 0) {
+                   [&](const KeptErrno& e) {
+                       if (no_fault(e.number(), flags) == 0) {
                            log_err("%s: write(%d, %p, %ld) ERROR(%d): %s\n", caller, fd, buf,
-                                   static_cast<long>(count), err, strerror(err));
+                                   static_cast<long>(count), e.number(), e.text());
                        }
                    });
 }
@@ -158,10 +150,10 @@ ssize_t W_write_f(const char* caller, int fd, const void* buf, size_t count, u_i
 ssize_t W_read_f(const char* caller, int fd, void* buf, size_t count, u_int32_t flags)
 {
     return checked([&] { return read(fd, buf, count); }, is_minus_one,
-                   [&](int err) {
-                       if (no_fault(err, flags) == 0) {
+                   [&](const KeptErrno& e) {
+                       if (no_fault(e.number(), flags) == 0) {
                            log_err("%s: read(%d, %p, %ld) ERROR(%d): %s\n", caller, fd, buf,
-                                   static_cast<long>(count), err, strerror(err));
+                                   static_cast<long>(count), e.number(), e.text());
                        }
                    });
 }
@@ -169,10 +161,10 @@ ssize_t W_read_f(const char* caller, int fd, void* buf, size_t count, u_int32_t 
 ssize_t W_pread_f(const char* caller, int fd, void* buf, size_t count, off_t offset, u_int32_t flags)
 {
     return checked([&] { return pread(fd, buf, count, offset); }, is_minus_one,
-                   [&](int err) {
-                       if (no_fault(err, flags) == 0) {
+                   [&](const KeptErrno& e) {
+                       if (no_fault(e.number(), flags) == 0) {
                            log_err("%s: pread(%d, %p, %ld, %ld) ERROR(%d): %s\n", caller, fd, buf,
-                                   static_cast<long>(count), static_cast<long>(offset), err, strerror(err));
+                                   static_cast<long>(count), static_cast<long>(offset), e.number(), e.text());
                        }
                    });
 }
@@ -180,11 +172,12 @@ ssize_t W_pread_f(const char* caller, int fd, void* buf, size_t count, off_t off
 ssize_t W_sendfile_f(const char* caller, int out_fd, int in_fd, off_t* offset, size_t count, u_int32_t fflags)
 {
     return checked([&] { return sendfile(out_fd, in_fd, offset, count); }, is_minus_one,
-                   [&](int err) {
-                       if (no_fault(err, fflags) == 0) {
+                   [&](const KeptErrno& e) {
+                       if (no_fault(e.number(), fflags) == 0) {
                            // Kept: no line end, so the next line of the log follows on the same line.
                            log_err("%s: LNX sendfile(%d<-%d, %ld, %ld) ERROR(%d): %s", caller, out_fd, in_fd,
-                                   static_cast<long>(*offset), static_cast<long>(count), err, strerror(err));
+                                   static_cast<long>(*offset), static_cast<long>(count), e.number(),
+                                   e.text());
                        }
                    });
 }
@@ -192,9 +185,9 @@ ssize_t W_sendfile_f(const char* caller, int out_fd, int in_fd, off_t* offset, s
 int W_socket(const char* caller, int domain, int type, int protocol)
 {
     const int fd = checked([&] { return socket(domain, type, protocol); }, is_minus_one,
-                           [&](int err) {
+                           [&](const KeptErrno& e) {
                                log_err("%s: socket(%d, %d, %d) ERROR(%d): %s\n", caller, domain, type,
-                                       protocol, err, strerror(err));
+                                       protocol, e.number(), e.text());
                            });
     if (fd != -1) {
         log_dbg("%s opened socket fd=%d (%d, %d, %d)\n", caller, fd, domain, type, protocol);
@@ -205,37 +198,37 @@ int W_socket(const char* caller, int domain, int type, int protocol)
 int W_getsockopt(const char* caller, int sockfd, int level, int optname, void* optval, socklen_t* optlen)
 {
     return checked([&] { return getsockopt(sockfd, level, optname, optval, optlen); }, is_minus_one,
-                   [&](int err) {
+                   [&](const KeptErrno& e) {
                        log_err("%s: getsockopt(%d, %d, %d, %p, %ld) ERROR(%d): %s\n", caller, sockfd, level,
-                               optname, optval, shown(optlen), err, strerror(err));
+                               optname, optval, length_shown(optlen), e.number(), e.text());
                    });
 }
 
 int W_setsockopt(const char* caller, int sockfd, int level, int optname, const void* optval, socklen_t optlen)
 {
     return checked([&] { return setsockopt(sockfd, level, optname, optval, optlen); }, is_minus_one,
-                   [&](int err) {
+                   [&](const KeptErrno& e) {
                        log_err("%s: setsockopt(%d, %d, %d, %p, %ld) ERROR(%d): %s\n", caller, sockfd, level,
-                               optname, optval, static_cast<long>(optlen), err, strerror(err));
+                               optname, optval, static_cast<long>(optlen), e.number(), e.text());
                    });
 }
 
 int W_bind(const char* caller, int sockfd, const struct sockaddr* addr, socklen_t addrlen)
 {
     return checked([&] { return bind(sockfd, addr, addrlen); }, is_minus_one,
-                   [&](int err) {
+                   [&](const KeptErrno& e) {
                        log_err("%s: bind(%d, %p, %ld): ERROR(%d): %s\n", caller, sockfd,
-                               static_cast<const void*>(addr), static_cast<long>(addrlen), err,
-                               strerror(err));
+                               static_cast<const void*>(addr), static_cast<long>(addrlen), e.number(),
+                               e.text());
                    });
 }
 
 int W_listen(const char* caller, int sockfd, int backlog)
 {
     return checked([&] { return listen(sockfd, backlog); }, is_minus_one,
-                   [&](int err) {
-                       log_err("%s: listen(%d, %d) ERROR(%d): %s\n", caller, sockfd, backlog, err,
-                               strerror(err));
+                   [&](const KeptErrno& e) {
+                       log_err("%s: listen(%d, %d) ERROR(%d): %s\n", caller, sockfd, backlog, e.number(),
+                               e.text());
                    });
 }
 
@@ -245,10 +238,10 @@ int W_getaddrinfo(const char* caller, const char* node, const char* service, con
     // Kept: of all its codes -1, EAI_BADFLAGS, alone is a failure here. Callers test for non-zero, and look
     // up names that may be missing without filling the log.
     return checked([&] { return getaddrinfo(node, service, hints, res); }, is_minus_one,
-                   [&](int err) {
+                   [&](const KeptErrno& e) {
                        log_err("%s: getaddrinfo(%s, %s, %p, %p): ERROR(%d:%d): %s\n", caller, shown(node),
                                shown(service), static_cast<const void*>(hints), static_cast<void*>(res),
-                               EAI_BADFLAGS, err, gai_strerror(EAI_BADFLAGS));
+                               EAI_BADFLAGS, e.number(), gai_strerror(EAI_BADFLAGS));
                    });
 }
 
@@ -256,24 +249,24 @@ int W_select(const char* caller, int nfds, fd_set* readfds, fd_set* writefds, fd
              struct timeval* timeout)
 {
     return checked([&] { return select(nfds, readfds, writefds, exceptfds, timeout); }, is_minus_one,
-                   [&](int err) {
-                       if (err == EINTR && !loglevel_is(DEBUG_level)) {
+                   [&](const KeptErrno& e) {
+                       if (e.number() == EINTR && !loglevel_is(DEBUG_level)) {
                            return;
                        }
                        log_err("%s: select(%d, %p, %p, %p, %p) ERROR(%d): %s\n", caller, nfds,
                                static_cast<void*>(readfds), static_cast<void*>(writefds),
-                               static_cast<void*>(exceptfds), static_cast<void*>(timeout), err,
-                               strerror(err));
+                               static_cast<void*>(exceptfds), static_cast<void*>(timeout), e.number(),
+                               e.text());
                    });
 }
 
 int W_accept(const char* caller, int sockfd, struct sockaddr* addr, socklen_t* addrlen)
 {
     return checked([&] { return accept(sockfd, addr, addrlen); }, is_minus_one,
-                   [&](int err) {
-                       if (!is_eagain(err)) {
+                   [&](const KeptErrno& e) {
+                       if (!is_eagain(e.number())) {
                            log_err("%s: accept(%d, %p, %ld) ERROR(%d): %s\n", caller, sockfd,
-                                   static_cast<void*>(addr), shown(addrlen), err, strerror(err));
+                                   static_cast<void*>(addr), length_shown(addrlen), e.number(), e.text());
                        }
                    });
 }
@@ -282,9 +275,9 @@ int W_poll(const char* caller, struct pollfd* fds, nfds_t nfds, int timeout)
 {
     const int rc =
         checked([&] { return poll(fds, nfds, timeout); }, is_minus_one,
-                [&](int err) {
+                [&](const KeptErrno& e) {
                     log_err("%s: poll(%p, %ld, %d) ERROR(%d): %s\n", caller, static_cast<void*>(fds),
-                            static_cast<long>(nfds), timeout, err, strerror(err));
+                            static_cast<long>(nfds), timeout, e.number(), e.text());
                 });
     if (rc == 0) {
         log_warn("%s: poll() has timed out after %d ms\n", caller, timeout);
@@ -295,32 +288,34 @@ int W_poll(const char* caller, struct pollfd* fds, nfds_t nfds, int timeout)
 int W_dup2(const char* caller, int oldfd, int newfd)
 {
     return checked([&] { return dup2(oldfd, newfd); }, is_minus_one,
-                   [&](int err) {
-                       log_err("%s: dup2(%d, %d) ERROR(%d): %s\n", caller, oldfd, newfd, err, strerror(err));
+                   [&](const KeptErrno& e) {
+                       log_err("%s: dup2(%d, %d) ERROR(%d): %s\n", caller, oldfd, newfd, e.number(),
+                               e.text());
                    });
 }
 
 int W_pipe(const char* caller, int pipefd[2])
 {
     return checked([&] { return pipe(pipefd); }, is_minus_one,
-                   [&](int err) {
-                       log_err("%s: pipe([%d,%d]) ERROR(%d): %s\n", caller, pipefd[0], pipefd[1], err,
-                               strerror(err));
+                   [&](const KeptErrno& e) {
+                       log_err("%s: pipe([%d,%d]) ERROR(%d): %s\n", caller, pipefd[0], pipefd[1], e.number(),
+                               e.text());
                    });
 }
 
 pid_t W_fork(const char* caller)
 {
-    return checked([] { return fork(); }, is_minus_one,
-                   [&](int err) { log_err("%s: fork() ERROR(%d): %s\n", caller, err, strerror(err)); });
+    return checked(
+        [] { return fork(); }, is_minus_one,
+        [&](const KeptErrno& e) { log_err("%s: fork() ERROR(%d): %s\n", caller, e.number(), e.text()); });
 }
 
 int W_kill(const char* caller, pid_t pid, int sig)
 {
     return checked([&] { return kill(pid, sig); }, is_nonzero,
-                   [&](int err) {
-                       log_err("%s: kill(%ld, %d) ERROR(%d): %s\n", caller, static_cast<long>(pid), sig, err,
-                               strerror(err));
+                   [&](const KeptErrno& e) {
+                       log_err("%s: kill(%ld, %d) ERROR(%d): %s\n", caller, static_cast<long>(pid), sig,
+                               e.number(), e.text());
                    });
 }
 
@@ -328,9 +323,9 @@ ssize_t W_sendto(const char* caller, int sockfd, const void* buf, size_t len, in
                  const struct sockaddr* dest_addr, socklen_t addrlen)
 {
     return checked([&] { return sendto(sockfd, buf, len, flags, dest_addr, addrlen); }, is_not_positive,
-                   [&](int err) {
+                   [&](const KeptErrno& e) {
                        log_err("%s: sendto(%d, %p, %lu, %d, ...) ERROR(%d): %s\n", caller, sockfd, buf,
-                               static_cast<unsigned long>(len), flags, err, strerror(err));
+                               static_cast<unsigned long>(len), flags, e.number(), e.text());
                    });
 }
 
@@ -338,8 +333,8 @@ ssize_t W_recvfrom(const char* caller, int sockfd, void* buf, size_t len, int fl
                    struct sockaddr* src_addr, socklen_t* addrlen)
 {
     return checked([&] { return recvfrom(sockfd, buf, len, flags, src_addr, addrlen); }, is_not_positive,
-                   [&](int err) {
+                   [&](const KeptErrno& e) {
                        log_err("%s: recvfrom(%d, %p, %lu, %d, ...) ERROR(%d): %s\n", caller, sockfd, buf,
-                               static_cast<unsigned long>(len), flags, err, strerror(err));
+                               static_cast<unsigned long>(len), flags, e.number(), e.text());
                    });
 }

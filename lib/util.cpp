@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "detail/app_flags.h"
+#include "detail/kept_errno.h"
 #include "detail/owned.h"
 #include "netops.h"
 #include "syswrap.h"
@@ -23,22 +24,17 @@ DECLARE_MLL(MLL_COMMON);
 
 namespace {
 
+using mv::KeptErrno;
+
+// Under these the steps of the calls report.
+constexpr char kDaemonize[] = "daemonize";
+constexpr char kPidfile[] = "create_pidfile_extra";
+constexpr char kSetUnlimitedCore[] = "set_unlimited_core";
+
 constexpr mode_t kPidfileMode = 0644;
 constexpr size_t kPidTextMax = 21;
-// The steps of create_pidfile_extra report under its name.
-constexpr const char* kPidfile = "create_pidfile_extra";
 constexpr size_t kDatagramMax = 1400;
 constexpr ssize_t kTooBig = -7;
-
-// Reports a failed call by report(errno) and keeps errno for the caller. Always -1.
-template <class Report>
-int failed(Report report)
-{
-    const int err = errno;
-    report(err);
-    errno = err;
-    return -1;
-}
 
 // A new session in "/" with a clean umask and without stdin and stdout. 0, or the result of the step that
 // failed.
@@ -51,9 +47,9 @@ int leave_terminal()
         rc = chdir("/");
     }
     if (rc != 0) {
-        return failed([&](int err) {
-            log_err("%s: failed at %s, ERROR(%d): %s\n", "daemonize", step, err, strerror(err));
-        });
+        const KeptErrno e;
+        log_err("%s: failed at %s, ERROR(%d): %s\n", kDaemonize, step, e.number(), e.text());
+        return -1;
     }
     umask(0);
     FILE* fp = log_fp(&g_log);
@@ -89,19 +85,15 @@ int set_handler(int signum, void (*handler)(int))
 // While it lives, the log knows that a handler runs; errno is put back at the end.
 class SignalContext {
   public:
-    SignalContext() : saved_(errno) { g_sigctx = 1; }
+    SignalContext() { g_sigctx = 1; }
 
     SignalContext(const SignalContext&) = delete;
     SignalContext& operator=(const SignalContext&) = delete;
 
-    ~SignalContext()
-    {
-        g_sigctx = 0;
-        errno = saved_;
-    }
+    ~SignalContext() { g_sigctx = 0; }
 
   private:
-    int saved_;
+    KeptErrno kept_;
 };
 
 int write_lock(int fd, const char* fpath, uint32_t flags)
@@ -112,16 +104,15 @@ int write_lock(int fd, const char* fpath, uint32_t flags)
     lock.l_whence = SEEK_SET;
     const int rc = fcntl(fd, F_SETLK, &lock);
     if (rc == -1) {
-        const int err = errno;
-        if (err != EACCES && err != EAGAIN) {
-            log_err("fcntl write-lock ERROR(%d): %s\n", err, strerror(err));
+        const KeptErrno e;
+        if (e.number() != EACCES && e.number() != EAGAIN) {
+            log_err("fcntl write-lock ERROR(%d): %s\n", e.number(), e.text());
         } else if ((flags & CPFX_HUSH) != 0) {
             log_err("Another instance is already running\n");
         } else {
             log_err("%s: file [%s] is locked (another instance of daemon must be running)\n", __func__,
                     fpath);
         }
-        errno = err;
     }
     return rc;
 }
@@ -131,8 +122,8 @@ int write_pid(int fd, pid_t pid)
     char text[kPidTextMax];
     const int n = snprintf(text, sizeof text, "%ld", static_cast<long>(pid));
     if (n < 1 || static_cast<size_t>(n) >= sizeof text) {
-        const int err = errno;
-        log_err("%s: ERROR(%d) or not enough space for pid\n", kPidfile, err);
+        const KeptErrno e;
+        log_err("%s: ERROR(%d) or not enough space for pid\n", kPidfile, e.number());
         return -1;
     }
     return W_write_f(kPidfile, fd, text, static_cast<size_t>(n), 1) == n ? 0 : -1;
@@ -142,9 +133,9 @@ int get_inode(int fd, ino_t* inode)
 {
     struct stat st;
     if (fstat(fd, &st) != 0) {
-        return failed([&](int err) {
-            log_err("%s: fstat(fd%d,..) ERROR(%d): %s\n", kPidfile, fd, err, strerror(err));
-        });
+        const KeptErrno e;
+        log_err("%s: fstat(fd%d,..) ERROR(%d): %s\n", kPidfile, fd, e.number(), e.text());
+        return -1;
     }
     *inode = st.st_ino;
     return 0;
@@ -171,15 +162,15 @@ int set_limit(int lid, u_long new_lim, const char* tag)
     const auto resource = static_cast<__rlimit_resource>(lid);
     struct rlimit limit;
     if (getrlimit(resource, &limit) != 0) {
-        return failed([&](int err) {
-            log_err("%s: getrlimit(%d) ERROR(%d): %s\n", "set_limit", lid, err, strerror(err));
-        });
+        const KeptErrno e;
+        log_err("%s: getrlimit(%d) ERROR(%d): %s\n", __func__, lid, e.number(), e.text());
+        return -1;
     }
     limit.rlim_cur = new_lim;
     if (setrlimit(resource, &limit) != 0) {
-        return failed([&](int err) {
-            log_err("%s: setrlimit(%d, %lu) ERROR(%d): %s\n", "set_limit", lid, new_lim, err, strerror(err));
-        });
+        const KeptErrno e;
+        log_err("%s: setrlimit(%d, %lu) ERROR(%d): %s\n", __func__, lid, new_lim, e.number(), e.text());
+        return -1;
     }
     log_info("%s(%s/%d): %lu bytes\n", __func__, tag, lid, new_lim);
     return 0;
@@ -190,12 +181,11 @@ int ensure_dumpable()
     if (prctl(PR_GET_DUMPABLE) != 0) {
         return 0;
     }
-    log_info("%s: process is currently NOT core-dumpable; will enforce\n", "set_unlimited_core");
+    log_info("%s: process is currently NOT core-dumpable; will enforce\n", kSetUnlimitedCore);
     if (prctl(PR_SET_DUMPABLE, 1) != 0) {
-        return failed([&](int err) {
-            log_err("%s: prctl(PR_SET_DUMPABLE, 1) ERROR(%d): %s\n", "set_unlimited_core", err,
-                    strerror(err));
-        });
+        const KeptErrno e;
+        log_err("%s: prctl(PR_SET_DUMPABLE, 1) ERROR(%d): %s\n", kSetUnlimitedCore, e.number(), e.text());
+        return -1;
     }
     return 0;
 }
@@ -222,13 +212,12 @@ int run_as_user(const char* user)
     errno = 0;
     const struct passwd* pw = getpwnam(user);
     if (pw == nullptr) {
-        const int err = errno;
-        if (err != 0) {
-            log_err("%s: getpwnam(%s): %s\n", __func__, user, strerror(err));
+        const KeptErrno e;
+        if (e.number() != 0) {
+            log_err("%s: getpwnam(%s): %s\n", __func__, user, e.text());
         } else {
             log_err("%s: getpwnam: user %s not found\n", __func__, user);
         }
-        errno = err;
         return -1;
     }
     return run_as_user_id(pw->pw_uid, pw->pw_gid);
@@ -252,29 +241,30 @@ int goto_runtime_dir(const char* saved)
         errno = 0;
         const struct passwd* pw = getpwuid(uid);
         if (pw == nullptr) {
-            return failed([&](int err) {
-                log_err("getpwuid(%ld) ERROR(%d): %s\n", static_cast<long>(uid), err, strerror(err));
-            });
+            const KeptErrno e;
+            log_err("getpwuid(%ld) ERROR(%d): %s\n", static_cast<long>(uid), e.number(), e.text());
+            return -1;
         }
         dir = pw->pw_dir;
         if (chdir(dir) == 0) {
             return 0;
         }
     }
-    return failed([&](int err) { log_err("chdir(%s) ERROR(%d): %s\n", dir, err, strerror(err)); });
+    const KeptErrno e;
+    log_err("chdir(%s) ERROR(%d): %s\n", dir, e.number(), e.text());
+    return -1;
 }
 
 int set_nice(int niceval)
 {
     const int rc = nice(niceval);
-    const int err = errno;
+    const KeptErrno e;
     if (rc != 0) {
         // Kept: nice() returns the new nice value, so that a success other than 0 is logged as an error too.
-        log_err("nice(%d) ERROR(%d): %s\n", niceval, err, strerror(err));
+        log_err("nice(%d) ERROR(%d): %s\n", niceval, e.number(), e.text());
     } else {
         log_info("nice value adjusted by %d.\n", niceval);
     }
-    errno = err;
     return rc;
 }
 
@@ -292,9 +282,9 @@ int handle_quit_signals(void (*handle_quit)(int))
 {
     for (const int signum : {SIGTERM, SIGQUIT, SIGINT}) {
         if (set_handler(signum, handle_quit) != 0) {
-            return failed([&](int err) {
-                log_err("%s: sigaction (quit) ERROR(%d): %s\n", "handle_quit_signals", err, strerror(err));
-            });
+            const KeptErrno e;
+            log_err("%s: sigaction (quit) ERROR(%d): %s\n", __func__, e.number(), e.text());
+            return -1;
         }
     }
     return 0;
@@ -303,9 +293,9 @@ int handle_quit_signals(void (*handle_quit)(int))
 int handle_sig(int signum, void (*handler)(int))
 {
     if (set_handler(signum, handler) != 0) {
-        return failed([&](int err) {
-            log_err("%s: sigaction (signo=%d) ERROR(%d): %s\n", "handle_sig", signum, err, strerror(err));
-        });
+        const KeptErrno e;
+        log_err("%s: sigaction (signo=%d) ERROR(%d): %s\n", __func__, signum, e.number(), e.text());
+        return -1;
     }
     return 0;
 }
@@ -313,9 +303,9 @@ int handle_sig(int signum, void (*handler)(int))
 int ignore_sigpipe(void)
 {
     if (set_handler(SIGPIPE, SIG_IGN) != 0) {
-        return failed([&](int err) {
-            log_err("%s: sigaction (SIGPIPE) ERROR(%d): %s\n", "ignore_sigpipe", err, strerror(err));
-        });
+        const KeptErrno e;
+        log_err("%s: sigaction (SIGPIPE) ERROR(%d): %s\n", __func__, e.number(), e.text());
+        return -1;
     }
     return 0;
 }
@@ -361,7 +351,7 @@ int create_pidfile_extra(const char* fpath, pid_t pid, ino_t* inode, uint32_t fl
         return -1;
     }
     const int rc = fill_pidfile(fd.get(), fpath, pid, inode, flags);
-    const int err = errno;
+    const KeptErrno kept;
     if (rc == 0) {
         fd.release(); // the lock lives in it
     } else {
@@ -375,7 +365,6 @@ int create_pidfile_extra(const char* fpath, pid_t pid, ino_t* inode, uint32_t fl
             log_err("%s: failed to create pidfile [%s] with pid=%ld.\n", __func__, fpath, number);
         }
     }
-    errno = err;
     return rc;
 }
 
@@ -383,10 +372,8 @@ char* mk_pidfile_name(const char* dir, const char* app, const char* strid, long 
                       size_t buflen)
 {
     if (access(dir, W_OK) != 0) {
-        failed([&](int err) {
-            log_err("%s: directory [%s] is not writable: ERROR(%d): %s\n", "mk_pidfile_name", dir, err,
-                    strerror(err));
-        });
+        const KeptErrno e;
+        log_err("%s: directory [%s] is not writable: ERROR(%d): %s\n", __func__, dir, e.number(), e.text());
         return nullptr;
     }
     int n = -1;
@@ -413,9 +400,9 @@ int set_unlimited_core(struct rlimit* old)
     struct rlimit local;
     struct rlimit* current = old != nullptr ? old : &local;
     if (getrlimit(RLIMIT_CORE, current) != 0) {
-        return failed([&](int err) {
-            log_err("%s: getrlimit ERROR(%d): %s\n", "set_unlimited_core", err, strerror(err));
-        });
+        const KeptErrno e;
+        log_err("%s: getrlimit ERROR(%d): %s\n", __func__, e.number(), e.text());
+        return -1;
     }
     if (current->rlim_cur == RLIM_INFINITY) {
         log_dbg("%s: already set\n", __func__);
@@ -425,9 +412,9 @@ int set_unlimited_core(struct rlimit* old)
             static_cast<long>(current->rlim_max));
     const struct rlimit unlimited = {RLIM_INFINITY, RLIM_INFINITY};
     if (setrlimit(RLIMIT_CORE, &unlimited) != 0) {
-        return failed([&](int err) {
-            log_err("%s: setrlimit ERROR(%d): %s\n", "set_unlimited_core", err, strerror(err));
-        });
+        const KeptErrno e;
+        log_err("%s: setrlimit ERROR(%d): %s\n", __func__, e.number(), e.text());
+        return -1;
     }
     log_dbg("%s: OK\n", __func__);
     return 0;
@@ -474,8 +461,8 @@ void get_stat_mode(int fd, mode_t* st_mode)
 {
     struct stat st;
     if (fstat(fd, &st) != 0) {
-        const int err = errno;
-        log_err("%s: FAILED to retrieve mode for fd=%d: %s\n", __func__, fd, strerror(err));
+        const KeptErrno e;
+        log_err("%s: FAILED to retrieve mode for fd=%d: %s\n", __func__, fd, e.text());
         abort();
     }
     *st_mode = st.st_mode;
@@ -540,12 +527,11 @@ int redirect_output(const char* dst_path)
     } else if (Dup2(fd, STDERR_FILENO) == -1) {
         rc = -3;
     }
-    const int err = errno;
+    const KeptErrno kept;
     // Where stdout or stderr was closed, the file itself may have got that number.
     if (fd != STDOUT_FILENO && fd != STDERR_FILENO) {
         Close(fd);
     }
-    errno = err;
     return rc;
 }
 

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <strings.h>
 
+#include "detail/kept_errno.h"
 #include "detail/owned.h"
 #include "detail/uri_text.h"
 #include "fdio.h"
@@ -57,9 +58,12 @@ const char* const web_SEQ[web_SEQ_COUNT] = {"&amp;", "&gt;", "&lt;", "&apos;", "
 
 namespace {
 
-constexpr size_t kHostSize = 128;      // of a request's Host text
-constexpr size_t kRequestSize = 2048;  // of a whole request
-constexpr size_t kResponseSize = 4096; // of a response's head
+using mv::KeptErrno;
+
+constexpr char kOpenUri[] = "open_uri"; // under which both ways of opening report
+constexpr size_t kHostSize = 128;       // of a request's Host text
+constexpr size_t kRequestSize = 2048;   // of a whole request
+constexpr size_t kResponseSize = 4096;  // of a response's head
 constexpr size_t kAddrSize = 1025;
 constexpr size_t kPortSize = 32;
 constexpr size_t kGetSize = 640; // of path and query of a request
@@ -105,11 +109,6 @@ bool is_blank_null(const char* s)
 bool is_aborted(int err)
 {
     return err == ECONNRESET || err == ECONNABORTED;
-}
-
-bool is_eagain(int err)
-{
-    return err == EAGAIN || err == EWOULDBLOCK;
 }
 
 // isspace() and iscntrl() of a character: ASCII is the same in every locale and needs no call.
@@ -246,15 +245,13 @@ int read_head(int sockfd, char* buf, size_t buflen, struct http_resp_ctx* resp)
     const size_t room = buflen - 1;
     while (resp->total < static_cast<ssize_t>(room)) {
         const ssize_t count = read_http(sockfd, buf, room, resp->total, &resp->tail);
-        const int err = errno;
-        if (count == 0 || (count < 0 && is_aborted(err))) {
+        const KeptErrno e;
+        if (count == 0 || (count < 0 && is_aborted(e.number()))) {
             log_err("%s: client [fd=%d] connection broken\n", kRecv, sockfd);
-            errno = err;
             return -1;
         }
-        if (count < 0 && is_eagain(err)) {
+        if (count < 0 && mv::is_eagain(e.number())) {
             log_dbg("%s: expecting more data from fd=%d\n", kRecv, sockfd);
-            errno = err;
             return EAGAIN;
         }
         if (count < 0) {
@@ -536,7 +533,7 @@ int open_net_uri(struct fdrec* r, int kind, int inbound, const char* authority, 
     if (uri_path_addrport(path, URI_PATH_MAX, addr, sizeof addr, port, sizeof port) == nullptr) {
         return -1;
     }
-    r->sspec = static_cast<struct socket_spec*>(W_calloc("open_uri", 1, sizeof(struct socket_spec)));
+    r->sspec = static_cast<struct socket_spec*>(W_calloc(kOpenUri, 1, sizeof(struct socket_spec)));
     if (r->sspec == nullptr) {
         return -1;
     }
@@ -547,7 +544,7 @@ int open_net_uri(struct fdrec* r, int kind, int inbound, const char* authority, 
     const char* source = nullptr;
     if (inbound == INBOUND_URI && !is_stream && authority[0] != 0) {
         source = authority;
-        log_dbg("%s: SSM source=[%s]\n", "open_uri", source);
+        log_dbg("%s: SSM source=[%s]\n", kOpenUri, source);
     }
     return open_socket(addr, port, source, r->sspec, ifc_tag, &r->mifc);
 }
@@ -668,10 +665,9 @@ int send_http_request(int sockfd, struct http_request* r)
         return -1;
     }
     const ssize_t sent = nwrite(sockfd, buf, static_cast<size_t>(length), FDIO_VERBOSE);
-    const int err = errno;
     if (sent <= 0) {
+        const KeptErrno kept;
         log_err("%s: error sending HTTP request to fd=%d\n", __func__, sockfd);
-        errno = err;
         return -1;
     }
     if (sent != length) {
@@ -1032,29 +1028,23 @@ int send_http_response(int sockfd, const struct http_response* r)
 {
     static char buf[kResponseSize];
     const ssize_t length = mk_http_response(r, buf, sizeof buf);
-    int rc = length < 0 ? -1 : 0;
-    int err = errno;
-    if (rc == 0) {
-        const ssize_t sent = nwrite(sockfd, buf, static_cast<size_t>(length), FDIO_VERBOSE);
-        err = errno;
-        if (sent <= 0) {
-            log_err("%s: error sending HTTP response to fd=%d\n", __func__, sockfd);
-            rc = -1;
-        }
-        // Kept: a failed write logs this line too, and a short one is no failure.
-        if (sent != length) {
-            log_warn("%s: only %ld out of %ld bytes sent to fd=%d\n", __func__, static_cast<long>(sent),
-                     static_cast<long>(length), sockfd);
-        }
+    const ssize_t sent = length < 0 ? -1 : nwrite(sockfd, buf, static_cast<size_t>(length), FDIO_VERBOSE);
+    const KeptErrno kept;
+    if (length >= 0 && sent <= 0) {
+        log_err("%s: error sending HTTP response to fd=%d\n", __func__, sockfd);
     }
-    if (rc != 0) {
+    // Kept: a failed write logs this line too, and a short one is no failure.
+    if (length >= 0 && sent != length) {
+        log_warn("%s: only %ld out of %ld bytes sent to fd=%d\n", __func__, static_cast<long>(sent),
+                 static_cast<long>(length), sockfd);
+    }
+    if (sent <= 0) {
         log_err("%s: error compiling HTTP response for fd=%d\n", __func__, sockfd);
-        errno = err;
-        return rc;
+        return -1;
     }
     log_dbg("%s: sent HTTP response (%ld bytes) to fd=%d:\n%s\n", __func__, static_cast<long>(length), sockfd,
             buf);
-    return rc;
+    return 0;
 }
 
 struct http_response* match_http_response(int http_code)

@@ -10,6 +10,7 @@
 
 #include "clk.h"
 #include "detail/assertions.h"
+#include "detail/owned.h"
 #include "fdio.h"
 #include "log.h"
 #include "netops.h"
@@ -44,7 +45,7 @@ struct Segments {
 
 // How far an opening came: the descriptor, and whether all went well.
 struct Opening {
-    int fd = -1;
+    mv::OwnedFd fd;
     int rc = -1;
     bool out_of_memory = false; // no HTTP exchange is tried then
 };
@@ -171,10 +172,10 @@ int get_http_response(int sockfd, char* tail, size_t tail_cap, size_t* tail_size
 Opening open_file(struct usock_ctx* uc)
 {
     Opening opening;
-    opening.fd = W_open(kUsockOpen, uc->url_path, O_RDONLY, 0);
+    opening.fd.reset(W_open(kUsockOpen, uc->url_path, O_RDONLY, 0));
     opening.rc = 0;
     uc->non_pollable = true;
-    log_dbg("%s: fd%d FILE [%s]\n", kUsockOpen, opening.fd, uc->url_path);
+    log_dbg("%s: fd%d FILE [%s]\n", kUsockOpen, opening.fd.get(), uc->url_path);
     return opening;
 }
 
@@ -227,14 +228,14 @@ Opening open_net(const char* text, Segments& url, struct usock_ctx* uc)
         opening.out_of_memory = true;
         return opening;
     }
-    opening.fd = open_socket(url.addr, url.port, source, &uc->sspec, uc->ifc_tag, &uc->mifc);
-    if (opening.fd == -1) {
+    opening.fd.reset(open_socket(url.addr, url.port, source, &uc->sspec, uc->ifc_tag, &uc->mifc));
+    if (!opening.fd) {
         return opening;
     }
     opening.rc = 0;
     if (!uc->non_blocking && uc->timeout_ms != 0) {
-        opening.rc = uc->inbound ? set_rcv_timeout(opening.fd, uc->timeout_ms)
-                                 : set_send_timeout(opening.fd, uc->timeout_ms);
+        opening.rc = uc->inbound ? set_rcv_timeout(opening.fd.get(), uc->timeout_ms)
+                                 : set_send_timeout(opening.fd.get(), uc->timeout_ms);
     }
     return opening;
 }
@@ -266,18 +267,20 @@ int usock_open(const char* url, struct usock_ctx* uc)
     uc->url_path = strdup(segments.path);
     assert(uc->url_path);
     uc->non_pollable = false;
-    const Opening opening = open_by_kind(url, segments, uc);
+    Opening opening = open_by_kind(url, segments, uc);
     if (uc->url_kind == URI_HTTP && !uc->skip_http && !opening.out_of_memory) {
-        // Kept: the exchange is tried after a failed connect too, and a failed exchange cleans up nothing.
-        if (fwd_http_rq(opening.fd, url, g_apptag, uc->http_flags) != 0 ||
-            get_http_response(opening.fd, uc->buf, uc->bufcap, &uc->buflen) != 0) {
+        // Kept: the exchange is tried after a failed connect too, and a failed exchange cleans up nothing:
+        // the descriptor stays open as well.
+        if (fwd_http_rq(opening.fd.get(), url, g_apptag, uc->http_flags) != 0 ||
+            get_http_response(opening.fd.get(), uc->buf, uc->bufcap, &uc->buflen) != 0) {
+            opening.fd.release();
             return -1;
         }
     }
-    if (opening.rc == 0 && opening.fd >= 0) {
-        return opening.fd;
+    if (opening.rc == 0 && opening.fd) {
+        return opening.fd.release();
     }
-    usock_close(opening.fd, uc);
+    usock_close(opening.fd.release(), uc); // who leaves the group before it closes
     return -1;
 }
 

@@ -3,7 +3,7 @@
 #ifndef MORVANE_DETAIL_CHECKED_H
 #define MORVANE_DETAIL_CHECKED_H
 
-#include <cerrno>
+#include "kept_errno.h"
 
 namespace mv {
 
@@ -14,9 +14,8 @@ inline auto checked(Call call, Failed failed, Report report)
 {
     const auto result = call();
     if (failed(result)) [[unlikely]] {
-        const int err = errno;
-        report(err);
-        errno = err;
+        const KeptErrno error;
+        report(error);
     }
     return result;
 }

@@ -2,32 +2,42 @@
 #ifndef MORVANE_DETAIL_OWNED_H
 #define MORVANE_DETAIL_OWNED_H
 
-#include <cerrno>
 #include <cstdlib>
 #include <unistd.h>
 #include <utility>
 
+#include "kept_errno.h"
+
 namespace mv {
 
-// Owns a descriptor; closes it silently, with errno kept. -1 owns nothing.
-class OwnedFd {
+// How an owner closes: in silence.
+struct SilentClose {
+    void operator()(int fd) const { ::close(fd); }
+};
+
+// Owns a descriptor; closes it by its closer, with errno kept. -1 owns nothing.
+template <class Closer>
+class DescriptorOwner {
   public:
-    OwnedFd() = default;
+    DescriptorOwner() = default;
 
-    explicit OwnedFd(int fd) : fd_(fd) {}
+    explicit DescriptorOwner(int fd, Closer closer = {}) : fd_(fd), closer_(closer) {}
 
-    OwnedFd(OwnedFd&& other) noexcept : fd_(other.release()) {}
+    DescriptorOwner(DescriptorOwner&& other) noexcept : fd_(other.release()), closer_(other.closer_) {}
 
-    OwnedFd& operator=(OwnedFd&& other) noexcept
+    DescriptorOwner& operator=(DescriptorOwner&& other) noexcept
     {
-        reset(other.release());
+        if (this != &other) {
+            reset(other.release());
+            closer_ = other.closer_;
+        }
         return *this;
     }
 
-    OwnedFd(const OwnedFd&) = delete;
-    OwnedFd& operator=(const OwnedFd&) = delete;
+    DescriptorOwner(const DescriptorOwner&) = delete;
+    DescriptorOwner& operator=(const DescriptorOwner&) = delete;
 
-    ~OwnedFd() { reset(); }
+    ~DescriptorOwner() { reset(); }
 
     int get() const { return fd_; }
 
@@ -38,16 +48,18 @@ class OwnedFd {
     void reset(int fd = -1)
     {
         if (fd_ >= 0) {
-            const int saved = errno;
-            ::close(fd_);
-            errno = saved;
+            const KeptErrno kept;
+            closer_(fd_);
         }
         fd_ = fd;
     }
 
   private:
     int fd_ = -1;
+    [[no_unique_address]] Closer closer_ = {};
 };
+
+using OwnedFd = DescriptorOwner<SilentClose>;
 
 // Owns a block of malloc, calloc or realloc.
 template <class T>
