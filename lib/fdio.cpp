@@ -34,9 +34,22 @@ constexpr size_t kControlMax = 24; // CMSG_SPACE of one descriptor, and CMSG_LEN
 
 static_assert(CMSG_LEN(sizeof(int)) == 20 && CMSG_SPACE(sizeof(int)) == kControlMax);
 
-// A control message of one descriptor, aligned as its header wants it.
-struct Control {
-    alignas(struct cmsghdr) char bytes[kControlMax];
+// A message of one block of data with room for one descriptor, aligned as the header of a control message is.
+struct Message {
+    struct iovec data;
+    alignas(struct cmsghdr) char control[kControlMax] = {};
+    struct msghdr header = {};
+
+    Message(void* ptr, size_t nbytes) : data{ptr, nbytes}
+    {
+        header.msg_iov = &data;
+        header.msg_iovlen = 1;
+        header.msg_control = control;
+        header.msg_controllen = sizeof control;
+    }
+
+    Message(const Message&) = delete; // the header points into it
+    Message& operator=(const Message&) = delete;
 };
 
 // The buffer of all transfers between descriptors; nothing in it survives a call. The I/O goes to the first
@@ -430,13 +443,8 @@ int test_read_fd(int fd, int tmout)
 
 ssize_t send_fd(int dst_fd, void* ptr, size_t nbytes, int sendfd)
 {
-    struct iovec data = {ptr, nbytes};
-    struct Control control = {};
-    struct msghdr msg = {};
-    msg.msg_iov = &data;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control.bytes;
-    msg.msg_controllen = sizeof control.bytes;
+    Message message(ptr, nbytes);
+    struct msghdr& msg = message.header;
     struct cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
     cmsg->cmsg_len = CMSG_LEN(sizeof sendfd);
     cmsg->cmsg_level = SOL_SOCKET;
@@ -454,14 +462,8 @@ ssize_t send_fd(int dst_fd, void* ptr, size_t nbytes, int sendfd)
 
 ssize_t recv_fd(int src_fd, void* ptr, size_t nbytes, int* recvfd, uint32_t fdio_flags)
 {
-    struct iovec data = {ptr, nbytes};
-    struct Control control = {};
-    struct msghdr msg = {};
-    msg.msg_iov = &data;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control.bytes;
-    msg.msg_controllen = sizeof control.bytes;
-
+    Message message(ptr, nbytes);
+    struct msghdr& msg = message.header;
     psensor_start(PRF_DATAIN);
     const ssize_t received = recvmsg(src_fd, &msg, 0);
     const KeptErrno e;

@@ -246,6 +246,16 @@ Place text_place(const Place& missed, const void* key)
     return walk<s_cmp>({missed.head, *missed.head, nullptr, false}, key);
 }
 
+// The place of a key that is there. 0, EINVAL without slots, ESRCH without the key.
+[[gnu::always_inline]] inline int locate(const ht_t* tbl, const void* key, Place& place)
+{
+    if (tbl->rlen == 0) {
+        return EINVAL;
+    }
+    place = rfind(tbl, key, hash_of(tbl, key));
+    return place.found ? 0 : ESRCH;
+}
+
 int add(ht_t* tbl, const void* key, void** pdat)
 {
     assert(tbl != nullptr && key != nullptr);
@@ -279,12 +289,9 @@ int add(ht_t* tbl, const void* key, void** pdat)
 int rm(ht_t* tbl, const void* key, void** pdat)
 {
     assert(tbl != nullptr);
-    if (tbl->rlen == 0) {
-        return EINVAL;
-    }
-    const Place place = rfind(tbl, key, hash_of(tbl, key));
-    if (!place.found) {
-        return ESRCH;
+    Place place;
+    if (const int rc = locate(tbl, key, place); rc != 0) {
+        return rc;
     }
     struct hrec** link = place.pv != nullptr ? &place.pv->next : place.head;
     assert(*link == place.p);
@@ -300,12 +307,9 @@ int rm(ht_t* tbl, const void* key, void** pdat)
 int get(const ht_t* tbl, const void* key, void** pdat)
 {
     assert(tbl != nullptr);
-    if (tbl->rlen == 0) {
-        return EINVAL;
-    }
-    const Place place = rfind(tbl, key, hash_of(tbl, key));
-    if (!place.found) {
-        return ESRCH;
+    Place place;
+    if (const int rc = locate(tbl, key, place); rc != 0) {
+        return rc;
     }
     if (pdat != nullptr) {
         *pdat = place.p->data;

@@ -22,8 +22,10 @@
 
 #include "detail/app_flags.h"
 #include "detail/kept_errno.h"
+#include "detail/membership.h"
 #include "detail/owned.h"
 #include "detail/shown.h"
+#include "detail/sockaddr.h"
 #include "libmeta.h"
 #include "log.h"
 #include "syswrap.h"
@@ -34,7 +36,15 @@ DECLARE_MLL(MLL_COMMON);
 
 namespace {
 
+using mv::af_level;
+using mv::as_sockaddr;
+using mv::DomainAddr;
+using mv::ipv4_of;
+using mv::ipv6_of;
 using mv::KeptErrno;
+using mv::NumericName;
+using mv::put_field_at;
+using mv::scope_id_of;
 using mv::shown;
 
 static_assert(sizeof(struct sockaddr_in) == 16 && sizeof(struct sockaddr_in6) == 28 &&
@@ -69,55 +79,6 @@ constexpr FamilyWord kFamilyWords[] = {
     {"pf_inet6", AF_INET6}, {"", AF_UNSPEC},     {"any", AF_UNSPEC}, {"unspec", AF_UNSPEC},
     {"anyaddr", AF_UNSPEC},
 };
-
-struct sockaddr* as_sockaddr(struct sockaddr_storage* ss)
-{
-    return reinterpret_cast<struct sockaddr*>(ss);
-}
-
-const struct sockaddr* as_sockaddr(const struct sockaddr_storage* ss)
-{
-    return reinterpret_cast<const struct sockaddr*>(ss);
-}
-
-// A field of the structure that stands behind a generic address.
-template <class Field>
-Field field_at(const struct sockaddr* sa, size_t offset)
-{
-    Field field;
-    memcpy(&field, reinterpret_cast<const char*>(sa) + offset, sizeof field);
-    return field;
-}
-
-template <class Field>
-void put_field_at(struct sockaddr* sa, size_t offset, Field field)
-{
-    memcpy(reinterpret_cast<char*>(sa) + offset, &field, sizeof field);
-}
-
-struct in_addr ipv4_of(const struct sockaddr* sa)
-{
-    return field_at<struct in_addr>(sa, offsetof(struct sockaddr_in, sin_addr));
-}
-
-struct in6_addr ipv6_of(const struct sockaddr* sa)
-{
-    return field_at<struct in6_addr>(sa, offsetof(struct sockaddr_in6, sin6_addr));
-}
-
-uint32_t scope_id_of(const struct sockaddr* sa)
-{
-    return field_at<uint32_t>(sa, offsetof(struct sockaddr_in6, sin6_scope_id));
-}
-
-int af_level(int af)
-{
-    switch (af) {
-    case AF_INET: return IPPROTO_IP;
-    case AF_INET6: return IPPROTO_IPV6;
-    default: return -1;
-    }
-}
 
 socklen_t family_size(const char* caller, int family)
 {
@@ -169,35 +130,6 @@ bool saddr_equal(const struct sockaddr* a, const struct sockaddr* b)
         return false;
     }
 }
-
-// A domain address whose path is terminated whatever the length says.
-struct DomainAddr {
-    struct sockaddr_un un = {};
-    char end = 0;
-
-    DomainAddr(const struct sockaddr* sa, socklen_t salen)
-    {
-        memcpy(&un, sa, std::min<size_t>(salen, sizeof un));
-    }
-};
-
-// Host and service of an address as numbers.
-struct NumericName {
-    char host[NI_MAXHOST] = {};
-    char serv[NI_MAXSERV] = {};
-
-    int resolve(const struct sockaddr* sa, socklen_t salen)
-    {
-        constexpr int flags = NI_NUMERICHOST | NI_NUMERICSERV;
-        if (sa->sa_family != AF_UNIX) {
-            return getnameinfo(sa, salen, host, sizeof host, serv, sizeof serv, flags);
-        }
-        const DomainAddr domain(sa, salen);
-        return getnameinfo(reinterpret_cast<const struct sockaddr*>(&domain.un),
-                           std::min<socklen_t>(salen, sizeof domain.un), host, sizeof host, serv, sizeof serv,
-                           flags);
-    }
-};
 
 // What the two dumps share: the numbers of an address, or the reason on the stream why there are none.
 bool resolve_for_dump(FILE* out, const char* caller, const struct sockaddr* sa, socklen_t salen,
@@ -936,26 +868,6 @@ struct net_options {
 
 struct net_options g_opt = {};
 
-static_assert(sizeof(struct group_req) == 136 && sizeof(struct group_source_req) == 264 &&
-              sizeof(struct ip_mreq) == 8 && sizeof(struct ipv6_mreq) == 20 &&
-              sizeof(struct ip_mreq_source) == 12);
-
-// What an interface record says to a membership call; without one the kernel chooses.
-struct IfcArgs {
-    const char* name = nullptr;
-    uint32_t idx = 0;
-    struct sockaddr_storage* addr = nullptr;
-
-    explicit IfcArgs(struct ifc_info* mifc)
-    {
-        if (mifc != nullptr) {
-            name = mifc->name;
-            idx = mifc->idx;
-            addr = &mifc->ss;
-        }
-    }
-};
-
 // The older IPv4 options name an interface by its address: one that the record lacks is put into it. 0, or
 // the failure of the look-up.
 int complete_ipv4_addr(const char* ifc_name, struct sockaddr_storage* ifc)
@@ -971,68 +883,7 @@ int complete_ipv4_addr(const char* ifc_name, struct sockaddr_storage* ifc)
     return 0;
 }
 
-// One socket option with the record that it takes.
-struct MembershipOption {
-    int level;
-    int name;
-    socklen_t length;
-    unsigned char record[sizeof(struct group_source_req)];
-
-    template <class Record>
-    MembershipOption(int level_, int name_, const Record& record_)
-        : level(level_), name(name_), length(sizeof record_)
-    {
-        static_assert(sizeof record_ <= sizeof record);
-        memcpy(record, &record_, sizeof record_);
-    }
-};
-
-MembershipOption generic_group(uint32_t ifc_idx, const struct sockaddr_storage* grp, int join)
-{
-    struct group_req request = {};
-    request.gr_interface = ifc_idx;
-    request.gr_group = *grp;
-    return {af_level(grp->ss_family), join != 0 ? MCAST_JOIN_GROUP : MCAST_LEAVE_GROUP, request};
-}
-
-MembershipOption ipv4_group(const struct sockaddr_storage* grp, const struct sockaddr_storage* ifc, int join)
-{
-    struct ip_mreq request = {};
-    request.imr_multiaddr = ipv4_of(as_sockaddr(grp));
-    request.imr_interface = ipv4_of(as_sockaddr(ifc));
-    return {IPPROTO_IP, join != 0 ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP, request};
-}
-
-MembershipOption ipv6_group(uint32_t ifc_idx, const struct sockaddr_storage* grp, int join)
-{
-    struct ipv6_mreq request = {};
-    request.ipv6mr_multiaddr = ipv6_of(as_sockaddr(grp));
-    request.ipv6mr_interface = ifc_idx;
-    return {IPPROTO_IPV6, join != 0 ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP, request};
-}
-
-MembershipOption generic_source(uint32_t ifc_idx, const struct sockaddr_storage* grp,
-                                const struct sockaddr_storage* src, int join)
-{
-    struct group_source_req request = {};
-    request.gsr_interface = ifc_idx;
-    request.gsr_group = *grp;
-    request.gsr_source = *src;
-    return {af_level(grp->ss_family), join != 0 ? MCAST_JOIN_SOURCE_GROUP : MCAST_LEAVE_SOURCE_GROUP,
-            request};
-}
-
-MembershipOption ipv4_source(const struct sockaddr_storage* grp, const struct sockaddr_storage* src,
-                             const struct sockaddr_storage* ifc, int join)
-{
-    struct ip_mreq_source request = {};
-    request.imr_multiaddr = ipv4_of(as_sockaddr(grp));
-    request.imr_interface = ipv4_of(as_sockaddr(ifc));
-    request.imr_sourceaddr = ipv4_of(as_sockaddr(src));
-    return {IPPROTO_IP, join != 0 ? IP_ADD_SOURCE_MEMBERSHIP : IP_DROP_SOURCE_MEMBERSHIP, request};
-}
-
-int apply(const char* caller, int sock, const MembershipOption& option)
+int apply(const char* caller, int sock, const mv::MembershipOption& option)
 {
     return W_setsockopt(caller, sock, option.level, option.name, option.record, option.length);
 }
@@ -1052,14 +903,14 @@ int mcast_group_op(const char* caller, const char* ifc_name, uint32_t ifc_idx, s
     }
     int rc = -1;
     if (is_generic) {
-        rc = apply(__func__, sock, generic_group(ifc_idx, grp, join));
+        rc = apply(__func__, sock, mv::generic_group(ifc_idx, grp, join));
     } else if (grp->ss_family == AF_INET) {
         if (const int failed = complete_ipv4_addr(ifc_name, ifc); failed != 0) {
             return failed;
         }
-        rc = apply(__func__, sock, ipv4_group(grp, ifc, join));
+        rc = apply(__func__, sock, mv::ipv4_group(grp, ifc, join));
     } else if (grp->ss_family == AF_INET6) {
-        rc = apply(__func__, sock, ipv6_group(ifc_idx, grp, join));
+        rc = apply(__func__, sock, mv::ipv6_group(ifc_idx, grp, join));
     } else {
         log_err("%s: unsupported family %d\n", __func__, grp->ss_family);
     }
@@ -1084,7 +935,7 @@ int ssm_generic_op(const char* caller, const char* ifc_name, uint32_t ifc_idx,
                    const struct sockaddr_storage* grp, const struct sockaddr_storage* src, int is_join,
                    int sockfd)
 {
-    const int rc = apply(__func__, sockfd, generic_source(ifc_idx, grp, src, is_join));
+    const int rc = apply(__func__, sockfd, mv::generic_source(ifc_idx, grp, src, is_join));
     return rc == 0 ? 0 : report_ssm_failure(caller, __func__, ifc_name, ifc_idx, is_join, sockfd, rc);
 }
 
@@ -1097,7 +948,7 @@ int ssm_proto_op(const char* caller, const char* ifc_name, uint32_t ifc_idx,
         if (const int failed = complete_ipv4_addr(ifc_name, ifc); failed != 0) {
             return failed;
         }
-        rc = apply(__func__, sockfd, ipv4_source(grp, src, ifc, is_join));
+        rc = apply(__func__, sockfd, mv::ipv4_source(grp, src, ifc, is_join));
     } else if (grp->ss_family == AF_INET6) {
         log_err("%s: (%s) IPv6-specific SSM not supported\n", caller, __func__);
         rc = -EINVAL;
@@ -1128,25 +979,25 @@ void set_legacy_mcast_api(int ON)
 
 int mcast_join(int sockfd, struct sockaddr_storage* grs, struct ifc_info* mifc)
 {
-    const IfcArgs ifc(mifc);
+    const mv::IfcArgs ifc(mifc);
     return mcast_group_op(__func__, ifc.name, ifc.idx, grs, ifc.addr, 1, sockfd);
 }
 
 int mcast_leave(int sockfd, struct sockaddr_storage* grs, struct ifc_info* mifc)
 {
-    const IfcArgs ifc(mifc);
+    const mv::IfcArgs ifc(mifc);
     return mcast_group_op(__func__, ifc.name, ifc.idx, grs, ifc.addr, 0, sockfd);
 }
 
 int ssm_join(int sockfd, struct sockaddr_storage* src, struct sockaddr_storage* grs, struct ifc_info* mifc)
 {
-    const IfcArgs ifc(mifc);
+    const mv::IfcArgs ifc(mifc);
     return ssm_group_op(__func__, ifc.name, ifc.idx, grs, src, ifc.addr, 1, sockfd);
 }
 
 int ssm_leave(int sockfd, struct sockaddr_storage* src, struct sockaddr_storage* grs, struct ifc_info* mifc)
 {
-    const IfcArgs ifc(mifc);
+    const mv::IfcArgs ifc(mifc);
     // Kept: a join here too; a source is left by closing the socket.
     return ssm_group_op(__func__, ifc.name, ifc.idx, grs, src, ifc.addr, 1, sockfd);
 }

@@ -3,9 +3,7 @@
 #include "webops.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +11,9 @@
 #include <string_view>
 #include <strings.h>
 
+#include "detail/http_head.h"
 #include "detail/kept_errno.h"
+#include "detail/net_url.h"
 #include "detail/owned.h"
 #include "detail/uri_text.h"
 #include "fdio.h"
@@ -58,24 +58,24 @@ const char* const web_SEQ[web_SEQ_COUNT] = {"&amp;", "&gt;", "&lt;", "&apos;", "
 
 namespace {
 
+using mv::Digits;
+using mv::is_control;
+using mv::is_white;
 using mv::KeptErrno;
+using mv::ResponseHead;
 
 constexpr char kOpenUri[] = "open_uri"; // under which both ways of opening report
 constexpr size_t kHostSize = 128;       // of a request's Host text
 constexpr size_t kRequestSize = 2048;   // of a whole request
 constexpr size_t kResponseSize = 4096;  // of a response's head
-constexpr size_t kAddrSize = 1025;
-constexpr size_t kPortSize = 32;
-constexpr size_t kGetSize = 640; // of path and query of a request
+constexpr size_t kGetSize = 640;        // of path and query of a request
 constexpr size_t kReasonSize = 64;
 constexpr size_t kLocationMax = 2048;
 constexpr size_t kLengthDigits = 15;
 constexpr size_t kNumberSize = 32;
 constexpr size_t kQueryMax = 256; // of a request to a server, with its terminator
-constexpr size_t kHeaderLineSize = 128;
 constexpr size_t kMethodMin = 3;
 constexpr size_t kMethodMax = 7;
-constexpr int kCaseBit = 'a' ^ 'A';
 constexpr char kHttpPrefix[] = "http://";
 constexpr size_t kHttpPrefixSize = sizeof kHttpPrefix - 1;
 constexpr char kVersion[] = "HTTP/1.";
@@ -109,62 +109,6 @@ bool is_blank_null(const char* s)
 bool is_aborted(int err)
 {
     return err == ECONNRESET || err == ECONNABORTED;
-}
-
-// isspace() and iscntrl() of a character: ASCII is the same in every locale and needs no call.
-bool is_white(char c)
-{
-    const auto byte = static_cast<unsigned char>(c);
-    return byte < 0x80 ? byte == ' ' || (byte >= '\t' && byte <= '\r') : isspace(byte) != 0;
-}
-
-bool is_control(char c)
-{
-    const auto byte = static_cast<unsigned char>(c);
-    return byte < 0x80 ? byte < ' ' || byte == 0x7f : iscntrl(byte) != 0;
-}
-
-// The length of a head with the marker that ends it (LF LF or CR LF CR LF), 0 if it is not there yet. A CR
-// near the end of the data stops the search: what follows it is still to come.
-size_t head_eod(const char* buf, size_t buflen)
-{
-    for (size_t i = 0; i < buflen; ++i) {
-        if (buf[i] == '\n') {
-            if (i + 1 == buflen) {
-                return 0;
-            }
-            if (buf[i + 1] == '\n') {
-                return i + 2;
-            }
-        } else if (buf[i] == '\r') {
-            if (buflen - i <= 3) {
-                return 0;
-            }
-            if (memcmp(buf + i + 1, "\n\r\n", 3) == 0) {
-                return i + 4;
-            }
-        }
-    }
-    return 0;
-}
-
-// The first place of a title in a text, by any case. Kept: no look at line starts. The titles used here end
-// in their only colon, which is far rarer than any letter: the colons are walked and the title compared in
-// front of each.
-const char* find_title(const char* title, size_t length, const char* buf)
-{
-    if (length == 0 || strchr(title, ':') != title + length - 1) {
-        return strcasestr(buf, title);
-    }
-    for (const char* colon = strchr(buf, ':'); colon != nullptr; colon = strchr(colon + 1, ':')) {
-        // The last letter tells most titles apart before the whole of them is compared.
-        if (static_cast<size_t>(colon - buf) + 1 >= length &&
-            (length == 1 || ((colon[-1] ^ title[length - 2]) & ~kCaseBit) == 0) &&
-            strncasecmp(colon + 1 - length, title, length) == 0) {
-            return colon + 1 - length;
-        }
-    }
-    return nullptr;
 }
 
 std::string_view header_value(const char* title, const char* buf)
@@ -381,7 +325,42 @@ bool slash_match(const char* haystack, const char* needle)
 
 constexpr char kParseUrq[] = "web_parse_urq"; // whose steps the helpers below are
 
-// Steps 8 and 9: the endpoints of a path, decoded.
+// The first half: the head is parsed, its query copied and its path terminated in place. 0 with the path, or
+// what web_parse_urq returns.
+int take_request(char* http, size_t hlen, struct http_header* user_hdr, mv::OwnedBlock<char>& query,
+                 char*& path)
+{
+    struct http_header hdr = {};
+    const int rc = parse_http_header(http, hlen, &hdr, nullptr, 0);
+    if (rc != 0) {
+        return rc;
+    }
+    if (user_hdr != nullptr) {
+        *user_hdr = hdr;
+    }
+    if (hdr.uri.path == nullptr || hdr.uri.p_len == 0) {
+        log_err("%s: no path in URL [%s]\n", kParseUrq, http);
+        return -1;
+    }
+    if (hdr.uri.query != nullptr) {
+        if (hdr.uri.q_len >= kQueryMax) {
+            log_err("%s: URI query length (%lu bytes) is beyond the limit: %lu\n", kParseUrq,
+                    static_cast<unsigned long>(hdr.uri.q_len), static_cast<unsigned long>(kQueryMax));
+            return -E2BIG;
+        }
+        query.reset(W_calloc(kParseUrq, hdr.uri.q_len + 1, 1));
+        if (!query) {
+            return -1;
+        }
+        memcpy(query.get(), hdr.uri.query, hdr.uri.q_len);
+    }
+    path = http + (hdr.uri.path - http);
+    path[hdr.uri.p_len] = '\0'; // on the question mark, so that the query was copied before
+    log_dbg("%s: URI path=[%s], query=[%s]\n", kParseUrq, path, query ? query.get() : "");
+    return 0;
+}
+
+// The second half: the endpoints of the path, decoded.
 bool parse_endpoints(const char* path, char* uri_src, char* uri_dst, size_t ulen)
 {
     const int rc = uri_extract_endpts(path, uri_src, ulen, uri_dst, ulen);
@@ -417,63 +396,7 @@ bool append_query(const char* query, char* uri_src, size_t ulen)
     return true;
 }
 
-// A head under composition: pieces are appended whole or not at all.
-class Head {
-  public:
-    Head(char* buf, size_t size) : buf_(buf), size_(size) {}
-
-    size_t length() const { return length_; }
-
-    size_t room() const { return size_ - length_; }
-
-    void append(std::string_view piece)
-    {
-        memcpy(buf_ + length_, piece.data(), piece.size());
-        length_ += piece.size();
-    }
-
-    // A header line. False: no room for it. Kept: a line of kHeaderLineSize and more is left out.
-    bool line(std::string_view title, std::string_view value)
-    {
-        const size_t length = title.size() + value.size() + 2;
-        if (length >= room()) {
-            return false;
-        }
-        if (length < kHeaderLineSize) {
-            append(title);
-            append(value);
-            append("\r\n");
-        }
-        return true;
-    }
-
-    bool text_line(std::string_view title, const char* value)
-    {
-        return value == nullptr || *value == '\0' || line(title, value);
-    }
-
-  private:
-    char* buf_;
-    size_t size_;
-    size_t length_ = 0;
-};
-
-template <class Number>
-class Digits {
-  public:
-    explicit Digits(Number number)
-        : length_(static_cast<size_t>(std::to_chars(text_, text_ + sizeof text_, number).ptr - text_))
-    {
-    }
-
-    std::string_view text() const { return {text_, length_}; }
-
-  private:
-    char text_[24];
-    size_t length_;
-};
-
-bool status_lines(const struct http_response* r, Head& head)
+bool status_lines(const struct http_response* r, ResponseHead& head)
 {
     const Digits<int> code(r->code);
     const std::string_view pieces[] = {"HTTP/1.1 ", code.text(), " ",       r->reason,
@@ -491,12 +414,12 @@ bool status_lines(const struct http_response* r, Head& head)
     return true;
 }
 
-bool content_length_line(const struct http_response* r, Head& head)
+bool content_length_line(const struct http_response* r, ResponseHead& head)
 {
     return r->content_length < 0 || head.line("Content-Length: ", Digits<long>(r->content_length).text());
 }
 
-bool suffix_line(const struct http_response* r, Head& head)
+bool suffix_line(const struct http_response* r, ResponseHead& head)
 {
     if (r->code != HTTP_OK_CODE || r->ok_suffix == nullptr || *r->ok_suffix == '\0') {
         return true;
@@ -525,12 +448,9 @@ int open_file_uri(struct fdrec* r, int inbound)
 
 // Opens the socket of a network URL into the record. No request is sent, and no port assumed. The descriptor,
 // or -1.
-int open_net_uri(struct fdrec* r, int kind, int inbound, const char* authority, const char* path,
-                 const char* ifc_tag)
+int open_net_uri(struct fdrec* r, int kind, int inbound, mv::UrlParts& url, const char* ifc_tag)
 {
-    char addr[kAddrSize] = {};
-    char port[kPortSize] = {};
-    if (uri_path_addrport(path, URI_PATH_MAX, addr, sizeof addr, port, sizeof port) == nullptr) {
+    if (url.divide_path() == nullptr) {
         return -1;
     }
     r->sspec = static_cast<struct socket_spec*>(W_calloc(kOpenUri, 1, sizeof(struct socket_spec)));
@@ -541,20 +461,15 @@ int open_net_uri(struct fdrec* r, int kind, int inbound, const char* authority, 
     r->sspec->writer = inbound == INBOUND_URI ? 0 : 1;
     r->sspec->non_blocking = 1;
     r->sspec->socktype = is_stream ? SOCK_STREAM : SOCK_DGRAM;
-    const char* source = nullptr;
-    if (inbound == INBOUND_URI && !is_stream && authority[0] != 0) {
-        source = authority;
-        log_dbg("%s: SSM source=[%s]\n", kOpenUri, source);
-    }
-    return open_socket(addr, port, source, r->sspec, ifc_tag, &r->mifc);
+    const char* source =
+        is_stream ? nullptr : mv::wanted_source(kOpenUri, url.authority, inbound == INBOUND_URI);
+    return open_socket(url.addr, url.port, source, r->sspec, ifc_tag, &r->mifc);
 }
 
 struct fdrec* open_uri(int inbound, const char* uri, const char* ifc_tag, int* uri_kind)
 {
-    char authority[URI_AUTH_MAX] = {};
-    char path[URI_PATH_MAX] = {};
-    char query[URI_QUERY_MAX] = {};
-    const int kind = uri_extract(uri, nullptr, authority, path, query);
+    mv::UrlParts url;
+    const int kind = uri_extract(uri, nullptr, url.authority, url.path, url.query);
     if (kind == URI_BAD) {
         return nullptr;
     }
@@ -562,11 +477,11 @@ struct fdrec* open_uri(int inbound, const char* uri, const char* ifc_tag, int* u
     if (r == nullptr) {
         return nullptr;
     }
-    snprintf(r->path, sizeof r->path, "%s", path);
+    snprintf(r->path, sizeof r->path, "%s", url.path);
     if (kind == URI_FILE) {
         r->fd = open_file_uri(r, inbound);
     } else if (kind >= URI_TCP && kind <= URI_HTTP) {
-        r->fd = open_net_uri(r, kind, inbound, authority, path, ifc_tag);
+        r->fd = open_net_uri(r, kind, inbound, url, ifc_tag);
     } else {
         log_err("%s: unsupported type of URI [%s]", __func__, uri);
     }
@@ -634,6 +549,41 @@ std::string_view trim_end(std::string_view text)
 
 } // namespace
 
+const char* mv::take_apart(const char* caller, const char* uri, UrlParts& url)
+{
+    if (uri_extract(uri, nullptr, nullptr, url.path, url.query) == URI_BAD) {
+        return nullptr;
+    }
+    const char* tail = url.divide_path();
+    if (tail == nullptr) {
+        log_err("%s: URI has no path tail: %s\n", caller, uri);
+    }
+    return tail;
+}
+
+const char* mv::with_query(const char* caller, const char* tail, const char* query, char* room, size_t size)
+{
+    if (query[0] == '\0') {
+        return tail;
+    }
+    const int limit = static_cast<int>(size) - 1;
+    const int length = snprintf(room, static_cast<size_t>(limit), "%s?%s", tail, query);
+    if (length > limit) {
+        log_warn("%s: GET query is too long [%d bytes], max=%ld bytes.\n", caller, length,
+                 static_cast<long>(limit));
+    }
+    return room;
+}
+
+const char* mv::wanted_source(const char* caller, const char* authority, bool is_inbound)
+{
+    if (!is_inbound || authority[0] == '\0') {
+        return nullptr;
+    }
+    log_dbg("%s: SSM source=[%s]\n", caller, authority);
+    return authority;
+}
+
 int send_http_request(int sockfd, struct http_request* r)
 {
     static char host[kHostSize];
@@ -681,33 +631,18 @@ int send_http_request(int sockfd, struct http_request* r)
 
 int send_http_get(int sockfd, const char* uri, const char* srvtag, bool use_http10)
 {
-    char path[URI_PATH_MAX] = {};
-    char query[URI_QUERY_MAX] = {};
-    char addr[kAddrSize] = {};
-    char port[kPortSize] = {};
-    char joined[kGetSize];
-    if (uri_extract(uri, nullptr, nullptr, path, query) == URI_BAD) {
-        return -1;
-    }
-    const char* tail = uri_path_addrport(path, URI_PATH_MAX, addr, sizeof addr, port, sizeof port);
+    mv::UrlParts url;
+    const char* tail = mv::take_apart(__func__, uri, url);
     if (tail == nullptr) {
-        log_err("%s: URI has no path tail: %s\n", __func__, uri);
         return -1;
     }
-    struct http_request request = {RQTYPE_GET, 0, tail, srvtag, addr, port};
+    struct http_request request = {RQTYPE_GET, 0, tail, srvtag, url.addr, url.port};
     if (use_http10) {
         request.flags |= RQFLAG_HTTP10_GET;
         log_dbg("%s: Using HTTP/1.0 request\n", __func__);
     }
-    if (query[0] != '\0') {
-        constexpr int limit = kGetSize - 1;
-        const int length = snprintf(joined, limit, "%s?%s", tail, query);
-        if (length > limit) {
-            log_warn("%s: GET query is too long [%d bytes], max=%ld bytes.\n", __func__, length,
-                     static_cast<long>(limit));
-        }
-        request.request = joined;
-    }
+    char joined[kGetSize];
+    request.request = mv::with_query(__func__, tail, url.query, joined, sizeof joined);
     return send_http_request(sockfd, &request);
 }
 
@@ -752,7 +687,7 @@ ssize_t read_http(int sockfd, char* buf, size_t buflen, ssize_t offset, ssize_t*
     if (count <= 0) {
         return count;
     }
-    const size_t head = head_eod(buf, start + static_cast<size_t>(count));
+    const size_t head = mv::head_eod(buf, start + static_cast<size_t>(count));
     if (head > 0) {
         if (tail != nullptr) {
             *tail = static_cast<ssize_t>(head);
@@ -772,7 +707,7 @@ const char* find_http_header(const char* title, const char* buf, size_t* hdr_len
         *hdr_len = 0;
     }
     const size_t length = strlen(title);
-    const char* value = find_title(title, length, buf);
+    const char* value = mv::find_title(title, length, buf);
     if (value == nullptr) {
         return nullptr;
     }
@@ -914,34 +849,11 @@ int extract_http_request_path_query(const char* http_rq, size_t hlen, char* path
 int web_parse_urq(char* http, size_t hlen, char* uri_src, char* uri_dst, size_t ulen,
                   struct http_header* user_hdr)
 {
-    struct http_header hdr = {};
-    const int rc = parse_http_header(http, hlen, &hdr, nullptr, 0);
-    if (rc != 0) {
+    mv::OwnedBlock<char> query;
+    char* path = nullptr;
+    if (const int rc = take_request(http, hlen, user_hdr, query, path); rc != 0) {
         return rc;
     }
-    if (user_hdr != nullptr) {
-        *user_hdr = hdr;
-    }
-    if (hdr.uri.path == nullptr || hdr.uri.p_len == 0) {
-        log_err("%s: no path in URL [%s]\n", __func__, http);
-        return -1;
-    }
-    mv::OwnedBlock<char> query;
-    if (hdr.uri.query != nullptr) {
-        if (hdr.uri.q_len >= kQueryMax) {
-            log_err("%s: URI query length (%lu bytes) is beyond the limit: %lu\n", __func__,
-                    static_cast<unsigned long>(hdr.uri.q_len), static_cast<unsigned long>(kQueryMax));
-            return -E2BIG;
-        }
-        query.reset(Calloc(hdr.uri.q_len + 1, 1));
-        if (!query) {
-            return -1;
-        }
-        memcpy(query.get(), hdr.uri.query, hdr.uri.q_len);
-    }
-    char* path = http + (hdr.uri.path - http);
-    path[hdr.uri.p_len] = '\0';
-    log_dbg("%s: URI path=[%s], query=[%s]\n", __func__, path, query ? query.get() : "");
     if (strcasecmp(path, HTTP_FAVICON_RQ) == 0) {
         log_dbg("%s: favicon request received.\n", __func__);
         return RC_FAVICON;
@@ -1013,7 +925,7 @@ int web_read_field(const char** at, const char* end, struct web_field* field)
 ssize_t mk_http_response(const struct http_response* r, char* buf, size_t buflen)
 {
     ASSERT(r->code != 0 && r->reason != nullptr && r->server != nullptr);
-    Head head(buf, buflen);
+    ResponseHead head(buf, buflen);
     const bool whole = status_lines(r, head) && head.text_line("Content-Type: ", r->content_type) &&
                        content_length_line(r, head) && head.text_line("Connection: ", r->connection) &&
                        head.text_line("Location: ", r->location) && suffix_line(r, head);

@@ -10,6 +10,7 @@
 
 #include "clk.h"
 #include "detail/assertions.h"
+#include "detail/net_url.h"
 #include "detail/owned.h"
 #include "fdio.h"
 #include "log.h"
@@ -26,6 +27,8 @@ char g_apptag[USOCK_APPTAG_MAX] = "#ERR#";
 
 namespace {
 
+using mv::UrlParts;
+
 constexpr char kUsockOpen[] = "usock_open"; // who the lines of its stages name
 constexpr char kHttpPort[] = "80";
 constexpr size_t kBufferSize = 2048;
@@ -33,15 +36,6 @@ constexpr size_t kHeadMax = 1024;
 constexpr size_t kRequestMax = 128;
 constexpr size_t kScratchSize = 2048;
 constexpr struct timespec kHeadTimeout = {5, 0};
-
-// The segments of a URL, and the address and port in its path. Absent ones stay empty.
-struct Segments {
-    char authority[URI_AUTH_MAX] = {};
-    char path[URI_PATH_MAX] = {};
-    char query[URI_QUERY_MAX] = {};
-    char addr[NI_MAXHOST] = {};
-    char port[NI_MAXSERV] = {};
-};
 
 // How far an opening came: the descriptor, and whether all went well.
 struct Opening {
@@ -51,15 +45,15 @@ struct Opening {
 };
 
 // A response head that is being read, with what its context owns.
-struct Head {
+struct ResponseText {
     char text[kHeadMax] = {};
     struct http_resp_ctx ctx = NULL_http_ctx;
 
-    Head() = default;
-    Head(const Head&) = delete;
-    Head& operator=(const Head&) = delete;
+    ResponseText() = default;
+    ResponseText(const ResponseText&) = delete;
+    ResponseText& operator=(const ResponseText&) = delete;
 
-    ~Head() { free(ctx.location); }
+    ~ResponseText() { free(ctx.location); }
 };
 
 void set_now(struct timespec* tms)
@@ -72,32 +66,19 @@ void set_now(struct timespec* tms)
 // Sends the GET request for a URL. 0 or -1.
 int fwd_http_rq(int sockfd, const char* uri, const char* apptag, uint32_t flags)
 {
-    Segments url;
-    if (uri_extract(uri, nullptr, nullptr, url.path, url.query) == URI_BAD) {
+    UrlParts url;
+    const char* const tail = mv::take_apart(__func__, uri, url);
+    if (tail == nullptr) {
         return -1;
     }
-    const char* const tail =
-        uri_path_addrport(url.path, sizeof url.path, url.addr, sizeof url.addr, url.port, sizeof url.port);
-    if (tail == nullptr) {
-        log_err("%s: URI has no path tail: %s\n", __func__, uri);
-        return -1;
+    if (g_usock_flags.use_http10_get) {
+        log_dbg("%s: Using HTTP/1.0 request\n", __func__);
     }
     char request[kRequestMax];
     struct http_request r = {};
     r.type = RQTYPE_GET;
-    if (g_usock_flags.use_http10_get) {
-        log_dbg("%s: Using HTTP/1.0 request\n", __func__);
-    }
     r.flags = flags; // Kept: the caller's flags alone decide on the version, whatever the line says.
-    r.request = tail;
-    if (url.query[0] != 0) {
-        const int n = snprintf(request, kRequestMax - 1, "%s?%s", tail, url.query);
-        if (n > static_cast<int>(kRequestMax - 1)) {
-            log_warn("%s: GET query is too long [%d bytes], max=%ld bytes.\n", __func__, n,
-                     static_cast<long>(kRequestMax - 1));
-        }
-        r.request = request;
-    }
+    r.request = mv::with_query(__func__, tail, url.query, request, sizeof request);
     r.server = apptag;
     r.host_addr = url.addr;
     r.host_port = url.port;
@@ -105,7 +86,7 @@ int fwd_http_rq(int sockfd, const char* uri, const char* apptag, uint32_t flags)
 }
 
 // Reads until the head is there, or no more is to be expected: the result of recv_http_response.
-int read_head(const char* caller, int sockfd, Head& head)
+int read_head(const char* caller, int sockfd, ResponseText& head)
 {
     struct timespec start;
     int rc = -1;
@@ -127,7 +108,7 @@ int read_head(const char* caller, int sockfd, Head& head)
 }
 
 // Hands out the part of the body that came with the head.
-void take_tail(const char* caller, int sockfd, const Head& head, char* tail, size_t tail_cap,
+void take_tail(const char* caller, int sockfd, const ResponseText& head, char* tail, size_t tail_cap,
                size_t* tail_size)
 {
     size_t n = static_cast<size_t>(head.ctx.total - head.ctx.tail);
@@ -150,7 +131,7 @@ void take_tail(const char* caller, int sockfd, const Head& head, char* tail, siz
 // Reads a response head that must have the code 200. 0, 11 (EAGAIN) on a non-blocking socket, or -1.
 int get_http_response(int sockfd, char* tail, size_t tail_cap, size_t* tail_size)
 {
-    Head head;
+    ResponseText head;
     log_dbg("%s: reading HTTP response from fd=%d\n", __func__, sockfd);
     const int rc = read_head(__func__, sockfd, head);
     if (rc == EAGAIN) {
@@ -193,7 +174,7 @@ bool make_buffer(struct usock_ctx* uc)
 
 // What the kind of the URL means for the socket: its type, the buffer, the source of a group. False without
 // memory for the buffer.
-bool set_by_kind(const Segments& url, struct usock_ctx* uc, const char** source)
+bool set_by_kind(const UrlParts& url, struct usock_ctx* uc, const char** source)
 {
     switch (uc->url_kind) {
     case URI_TCP:
@@ -201,20 +182,16 @@ bool set_by_kind(const Segments& url, struct usock_ctx* uc, const char** source)
     case URI_UDP:
     case URI_RTP:
         uc->sspec.socktype = SOCK_DGRAM;
-        if (uc->inbound && url.authority[0] != 0) {
-            *source = url.authority;
-            log_dbg("%s: SSM source=[%s]\n", kUsockOpen, *source);
-        }
+        *source = mv::wanted_source(kUsockOpen, url.authority, uc->inbound);
         return true;
     default: log_err("%s: unsupported URI type: %d\n", kUsockOpen, uc->url_kind); return true;
     }
 }
 
-Opening open_net(const char* text, Segments& url, struct usock_ctx* uc)
+Opening open_net(const char* text, UrlParts& url, struct usock_ctx* uc)
 {
     Opening opening;
-    if (uri_path_addrport(url.path, sizeof url.path, url.addr, sizeof url.addr, url.port, sizeof url.port) ==
-        nullptr) {
+    if (url.divide_path() == nullptr) {
         return opening;
     }
     if (uc->url_kind == URI_HTTP && url.port[0] == 0) {
@@ -240,7 +217,7 @@ Opening open_net(const char* text, Segments& url, struct usock_ctx* uc)
     return opening;
 }
 
-Opening open_by_kind(const char* text, Segments& url, struct usock_ctx* uc)
+Opening open_by_kind(const char* text, UrlParts& url, struct usock_ctx* uc)
 {
     if (uc->url_kind == URI_FILE) {
         return open_file(uc);
@@ -256,7 +233,7 @@ Opening open_by_kind(const char* text, Segments& url, struct usock_ctx* uc)
 
 int usock_open(const char* url, struct usock_ctx* uc)
 {
-    Segments segments;
+    UrlParts segments;
     uc->url_kind = uri_extract(url, nullptr, segments.authority, segments.path, segments.query);
     if (uc->url_kind == URI_BAD) {
         return -1;
