@@ -20,7 +20,7 @@ struct Endpoint {
 // --listen ADDRESS:PORT[=NAME]
 struct ListenSpec {
     Endpoint at;
-    std::string name; // NAME, or the text of the address
+    std::string name; // empty: the address it is bound to
 };
 
 // --allow CIDR. IPv4 is kept as an IPv4-mapped IPv6 address.

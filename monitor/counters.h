@@ -6,6 +6,8 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <string>
 
 namespace zentmon {
 
@@ -51,8 +53,16 @@ struct PerKind {
     uint64_t operator[](Kind kind) const { return of[static_cast<size_t>(kind)]; }
 };
 
+// Of one socket that takes lines.
+struct ListenerCounters {
+    std::string name;
+    uint64_t datagrams = 0;
+    uint64_t dropped = 0; // by the kernel, since its buffer was full
+};
+
 struct Counters {
     // intake
+    std::deque<ListenerCounters> listeners; // in the order of the settings; places do not move
     PerKind<BadLine> bad_lines;
     uint64_t empty_datagrams = 0;
     uint64_t denied = 0;
@@ -82,7 +92,7 @@ struct Counters {
     bool mqtt_configured = false;
     bool mqtt_connected = false;
 
-    PerKind<Output> output_dropped;
+    PerKind<Output> output_dropped; // but for Output::log, see LogSink
 };
 
 } // namespace zentmon

@@ -178,7 +178,11 @@ size_t Listener::SourceHash::operator()(const SourceAddress& source) const
 }
 
 Listener::Listener(int fd, std::string name, const std::vector<Cidr>& allow, State& state, Counters& counters)
-    : fd_(fd), name_(std::move(name)), allow_(allow), state_(state), counters_(counters)
+    : fd_(fd),
+      allow_(allow),
+      state_(state),
+      counters_(counters),
+      own_(counters.listeners.emplace_back(ListenerCounters{std::move(name), 0, 0}))
 {
 }
 
@@ -216,7 +220,7 @@ int Listener::agent_of(const SourceAddress& source, Now at)
     if (known != agents_.end()) {
         return known->second;
     }
-    const int agent = state_.find_agent(name_, address_text(source), at);
+    const int agent = state_.find_agent(own_.name, address_text(source), at);
     if (agent >= 0) {
         agents_.emplace(source, agent);
     }
@@ -225,7 +229,7 @@ int Listener::agent_of(const SourceAddress& source, Now at)
 
 void Listener::take(const Datagram& datagram, Now at)
 {
-    ++datagrams_;
+    ++own_.datagrams;
     const SourceAddress source = source_address(*datagram.from);
     if (!allowed(source)) {
         ++counters_.denied;
@@ -284,9 +288,9 @@ void Listener::read_drops()
     const uint32_t lost = info[SK_MEMINFO_DROPS] - kernel_drops_;
     kernel_drops_ = info[SK_MEMINFO_DROPS];
     if (lost != 0) {
-        dropped_ += lost;
-        log_warn("%s: %u datagrams lost, the receive buffer was full (%llu in all)\n", name_.c_str(), lost,
-                 static_cast<unsigned long long>(dropped_));
+        own_.dropped += lost;
+        log_warn("%s: %u datagrams lost, the receive buffer was full (%llu in all)\n", own_.name.c_str(),
+                 lost, static_cast<unsigned long long>(own_.dropped));
     }
 }
 

@@ -36,7 +36,7 @@ bool matches(const Cidr& cidr, const SourceAddress& source);
 // Counts and warns about one bad line at debug level.
 void count_bad_line(Counters& counters, BadLine why, const std::string& from, std::string_view text);
 
-// One socket that takes lines.
+// One socket that takes lines; it owns the descriptor.
 class Listener : public Handler {
   public:
     Listener(int fd, std::string name, const std::vector<Cidr>& allow, State& state, Counters& counters);
@@ -50,11 +50,9 @@ class Listener : public Handler {
     // Reads the kernel's count of lost datagrams.
     void read_drops();
 
-    const std::string& name() const { return name_; }
+    const std::string& name() const { return own_.name; }
 
-    uint64_t datagrams() const { return datagrams_; }
-
-    uint64_t dropped() const { return dropped_; }
+    int fd() const { return fd_; }
 
   private:
     struct SourceHash {
@@ -72,13 +70,11 @@ class Listener : public Handler {
     void take(const Datagram& datagram, Now at);
 
     int fd_;
-    std::string name_;
     const std::vector<Cidr>& allow_;
     State& state_;
     Counters& counters_;
+    ListenerCounters& own_;
     Watch watch_;
-    uint64_t datagrams_ = 0;
-    uint64_t dropped_ = 0;
     uint32_t kernel_drops_ = 0;
     std::unordered_map<SourceAddress, int, SourceHash>
         agents_; // of this listener, while generation_ is right

@@ -73,6 +73,7 @@ class State::Impl {
     void add_sink(Sink* sink) { sinks_.push_back(sink); }
 
     // agents
+    int known_agent(const std::string& listener, const std::string& address) const;
     int find_agent(const std::string& listener, const std::string& address, const std::string& stored_name,
                    Now now);
     void rename(const std::map<std::string, std::string>& names);
@@ -175,14 +176,18 @@ class State::Impl {
 
 // ---- agents -----------------------------------------------------------------------------------
 
+int State::Impl::known_agent(const std::string& listener, const std::string& address) const
+{
+    void* value = nullptr;
+    skht_get(by_source_, source_key(listener, address).c_str(), &value);
+    return static_cast<int>(reinterpret_cast<intptr_t>(value)) - 1;
+}
+
 int State::Impl::find_agent(const std::string& listener, const std::string& address,
                             const std::string& stored_name, Now now)
 {
-    void* value = nullptr;
-    if (skht_get(by_source_, source_key(listener, address).c_str(), &value) == 0) {
-        return static_cast<int>(reinterpret_cast<intptr_t>(value)) - 1;
-    }
-    return add_agent(listener, address, stored_name, now);
+    const int known = known_agent(listener, address);
+    return known >= 0 ? known : add_agent(listener, address, stored_name, now);
 }
 
 int State::Impl::add_agent(const std::string& listener, const std::string& address, const std::string& stored,
@@ -920,7 +925,7 @@ void State::apply(int agent, uint16_t port, LineKind kind, uint32_t group, Now n
 
 void State::end_of_stream(const std::string& listener, const std::string& address, Now now)
 {
-    const int agent = find_agent(listener, address, now);
+    const int agent = impl_->known_agent(listener, address);
     if (agent >= 0) {
         impl_->end_of_stream(agent, now);
     }
