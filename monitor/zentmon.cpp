@@ -1,7 +1,12 @@
 // main(), and what the application owes the library.
 #include <csignal>
+#include <cstdio>
+#include <exception>
 
-#include "loop.h"
+#include "daemon.h"
+#include "libmeta.h"
+#include "log.h"
+#include "options.h"
 
 extern "C" {
 volatile sig_atomic_t g_quit = 0;
@@ -11,7 +16,32 @@ volatile sig_atomic_t g_sigctx = 0;
 volatile sig_atomic_t g_goodbye = 0;
 }
 
-int main()
+namespace {
+
+int run(const std::vector<std::string>& arguments)
 {
-    return zentmon::Loop::init() == 0 ? 0 : 71;
+    using namespace zentmon;
+    const Command command = read_options(arguments);
+    switch (command.kind) {
+    case Command::help: fputs(help_text().c_str(), stdout); return 0;
+    case Command::version: printf("zentmon %s (%s)\n", kVersion, lbmvn_info()); return 0;
+    default: return Daemon(command.config, arguments).run();
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    glog_init("zentmon");
+    log_default(&g_log, stderr);
+    try {
+        return run({argv + (argc > 0 ? 1 : 0), argv + argc});
+    } catch (const zentmon::UsageError& error) {
+        fprintf(stderr, "zentmon: %s\n", error.what());
+        return zentmon::kExitUsage;
+    } catch (const std::exception& error) {
+        fprintf(stderr, "zentmon: %s\n", error.what());
+        return zentmon::kExitSystem;
+    }
 }
