@@ -119,7 +119,8 @@ void EventRing::on_event(const Event& event)
     ring_[event.seq % ring_.size()] = event;
     activity_.add(event.kind, event.time_ms);
     if (news_ && !flush_.runs()) {
-        flush_.start_ms(flushed_ms_ + limits_.flush_ms - now().mono_ms); // at once after a pause
+        const int64_t due_ms = flushed_ms_ + limits_.flush_ms;
+        flush_.start_ms(std::max<int64_t>(0, due_ms - now().mono_ms)); // at once after a pause
     }
 }
 
