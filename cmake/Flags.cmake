@@ -40,7 +40,8 @@ target_compile_options(morvane_product_flags INTERFACE
   -fvisibility=hidden
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden>)
 
-if(CMAKE_BUILD_TYPE STREQUAL "Release")
+# What is shipped, by whatever build type: a distribution's build has None and brings flags of its own.
+if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug" AND NOT MORVANE_SANITIZE)
   target_compile_options(morvane_flags INTERFACE
     -D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection -fcf-protection)
   target_compile_definitions(morvane_product_flags INTERFACE _GLIBCXX_ASSERTIONS)

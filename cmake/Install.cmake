@@ -21,8 +21,12 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libmorvane.pc DESTINATION ${CMAKE_INST
 
 include(cmake/Manual.cmake)
 
-install(FILES packaging/systemd/zent@.service DESTINATION lib/systemd/system)
+set(MORVANE_UNITDIR lib/systemd/system CACHE STRING "where systemd looks for units")
+install(FILES packaging/systemd/zent@.service DESTINATION ${MORVANE_UNITDIR})
+install(FILES packaging/sysusers/zent.conf DESTINATION lib/sysusers.d)
+install(FILES packaging/tmpfiles/zent.conf DESTINATION lib/tmpfiles.d)
 install(FILES packaging/logrotate/zent DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/logrotate.d)
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp" PATTERN "Makefile" PATTERN "CMakeLists.txt")
+install(FILES packaging/apparmor/usr.sbin.zent DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/apparmor.d)
 install(FILES packaging/systemd/zent.env DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)

@@ -105,6 +105,9 @@ TEST_F(Install, has_the_agent_its_page_its_unit_and_its_logrotate_settings)
     expect_file("share/man/man8/zent.8");
     expect_file("lib/systemd/system/zent@.service");
     expect_file("etc/logrotate.d/zent");
+    expect_file("etc/apparmor.d/usr.sbin.zent");
+    expect_file("lib/sysusers.d/zent.conf");
+    expect_file("lib/tmpfiles.d/zent.conf");
     expect_file("share/doc/morvane/examples/zent.env");
 }
 

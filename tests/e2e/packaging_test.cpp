@@ -1,10 +1,13 @@
 // The systemd unit and the logrotate settings that are shipped.
+#include <algorithm>
+#include <filesystem>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
 
 #include "daemon.h"
+#include "wait.h"
 
 namespace support {
 
@@ -98,25 +101,76 @@ TEST(Unit, never_runs_as_root_and_has_the_right_to_capture_alone)
 
 TEST(Unit, starts_the_agent_with_a_lower_bound_and_the_options_of_the_environment_file)
 {
-    EXPECT_EQ(setting(kUnit, "ExecStart"), "zent -i %I -g 224.0.1.0 -L norm -l /dev/null $ZENT_ARGS");
+    EXPECT_EQ(setting(kUnit, "ExecStart"), "zent -i %i $ZENT_SCOPE -L warn -l /dev/null $ZENT_ARGS");
     EXPECT_EQ(setting(kUnit, "EnvironmentFile"), "-/etc/default/zent-%i");
+    EXPECT_NE(read_file(kUnit).find("\nEnvironment=\"ZENT_SCOPE=-g 224.0.1.0\"\n"), std::string::npos);
+}
+
+TEST(Unit, takes_the_name_of_the_interface_as_it_is_typed)
+{
+    EXPECT_EQ(read_file(kUnit).find("%I"), std::string::npos) << "which would make br/lan of br-lan";
+}
+
+TEST(Unit, gives_up_on_a_wrong_value_but_waits_for_an_interface_without_limit)
+{
+    EXPECT_EQ(setting(kUnit, "Restart"), "on-failure");
+    EXPECT_EQ(setting(kUnit, "StartLimitIntervalSec"), "60");
+    EXPECT_EQ(setting(kUnit, "StartLimitBurst"), "5");
+    EXPECT_EQ(setting(kUnit, "TimeoutStartSec"), "infinity");
+    EXPECT_EQ(read_file(kUnit).find("BindsTo"), std::string::npos);
+}
+
+TEST(Unit, its_example_has_three_cases_of_which_the_first_is_active)
+{
+    EXPECT_EQ(setting(kEnvironment, "ZENT_ARGS"), "-R 10.0.0.5:4554");
+    EXPECT_EQ(setting(kEnvironment, "ZENT_SCOPE"), "");
+    EXPECT_EQ(setting(kEnvironment, "#ZENT_SCOPE"), "-F /etc/zent/groups");
+    EXPECT_NE(read_file(kEnvironment).find("-g 239.1.0.0 -G 239.1.255.255 -F /etc/zent/groups"),
+              std::string::npos);
+}
+
+TEST(Profiles, are_ones_that_apparmor_takes)
+{
+    if (!has_program("apparmor_parser")) {
+        GTEST_SKIP() << "skipped: apparmor_parser is not installed";
+    }
+    size_t count = 0;
+    for (const auto& profile : std::filesystem::directory_iterator(TEST_SOURCE_DIR "/packaging/apparmor")) {
+        const ChildResult result = run_program({"apparmor_parser", "-Q", "-K", profile.path()});
+        EXPECT_EQ(result.exit_code, 0) << profile.path() << result.err;
+        ++count;
+    }
+    EXPECT_GE(count, 1U);
 }
 
 class Packaging : public DaemonTest {
   protected:
     // The command of the unit, for the test's interface.
-    std::vector<std::string> unit_command(const std::string& args) const
+    std::vector<std::string> unit_command(const std::string& args,
+                                          const std::string& scope = "-g 224.0.1.0") const
     {
-        std::string line = replaced(setting(kUnit, "ExecStart"), "%I", "va");
+        std::string line = replaced(setting(kUnit, "ExecStart"), "%i", "va");
+        line = replaced(line, "$ZENT_SCOPE", scope);
         std::vector<std::string> command = words(replaced(line, "$ZENT_ARGS", args));
         command[0] = binary();
         return as_unit_user(command);
+    }
+
+    // Waits until a packet socket is open in the agent's namespace: what is sent from then on is captured.
+    bool wait_for_capture() const
+    {
+        return wait_until([&] {
+            const std::string sockets =
+                inside(segment(), &NetnsPair::enter_a, [] { return read_file("/proc/self/net/packet"); });
+            return std::count(sockets.begin(), sockets.end(), '\n') > 1;
+        });
     }
 };
 
 TEST_F(Packaging, the_command_of_the_unit_runs_and_shows_its_log_on_stderr)
 {
-    Process zent = run(unit_command(""));
+    Process zent = run(unit_command("-L norm"));
+    ASSERT_TRUE(wait_for_capture());
     SegmentHost host(segment());
     host.use_igmp(2);
     host.join("224.0.1.77");
@@ -130,14 +184,61 @@ TEST_F(Packaging, the_command_of_the_unit_runs_and_shows_its_log_on_stderr)
     EXPECT_EQ(result.out, "JOIN UDP://224.0.1.77\n");
 }
 
+TEST_F(Packaging, the_command_of_the_unit_tells_each_change_once)
+{
+    Process zent = run(unit_command(""));
+    ASSERT_TRUE(wait_for_capture());
+    SegmentHost host(segment());
+    host.use_igmp(2);
+    host.join("224.0.1.78");
+    EXPECT_TRUE(zent.wait_for_out("JOIN UDP://224.0.1.78\n")) << zent.err();
+    zent.kill(SIGTERM);
+    const ChildResult result = zent.wait();
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.err, "\nSIG(15)\n") << "the handler's word alone";
+}
+
+TEST_F(Packaging, a_list_in_place_of_the_bound_restricts_the_instance)
+{
+    write_file(path("groups"), "239.1.1.1\n");
+    Process zent = run(unit_command("", "-F " + path("groups")));
+    ASSERT_TRUE(wait_for_capture());
+    SegmentHost host(segment());
+    host.use_igmp(2);
+    host.join("239.9.9.9");
+    host.join("239.1.1.1");
+    EXPECT_TRUE(zent.wait_for_out("JOIN UDP://239.1.1.1\n")) << zent.err();
+    zent.kill(SIGTERM);
+    EXPECT_EQ(zent.wait().out, "JOIN UDP://239.1.1.1\n");
+}
+
+// The shell command of the unit that waits for the interface, as systemd hands it to sh.
+TEST_F(Packaging, the_unit_waits_until_the_interface_is_up_and_has_an_address)
+{
+    std::string line = setting(kUnit, "ExecStartPre");
+    std::smatch parts;
+    ASSERT_TRUE(std::regex_match(line, parts, std::regex("sh -c '([^']*)' %i")));
+    const std::string script = replaced(parts[1], "$$", "$");
+    const auto in_a = [&](const std::string& command) {
+        inside(segment(), &NetnsPair::enter_a, [&] { must_run(command); });
+    };
+    EXPECT_EQ(run({"sh", "-c", script, "va"}).wait().out, "");
+
+    Process wait = run({"sh", "-c", script, "br-lan"});
+    ASSERT_TRUE(wait.wait_for_out("waiting until br-lan is up and has an IPv4 address\n"));
+    in_a("ip link add br-lan type veth peer name lan0");
+    in_a("ip address add 10.5.0.1/24 dev br-lan");
+    in_a("ip link set br-lan up");
+    EXPECT_EQ(wait.wait().exit_code, 0);
+}
+
 TEST_F(Packaging, logrotate_copies_and_cuts_the_log_of_a_running_daemon)
 {
     if (!has_program("logrotate")) {
         GTEST_SKIP() << "skipped: logrotate is not installed";
     }
     ASSERT_EQ(chmod(path("").c_str(), 0755), 0); // logrotate refuses directories that others may write to
-    write_file(path("settings"),
-               replaced(read_file(kLogrotate), "/var/log/zent.log /var/log/zent/*.log", path("log")));
+    write_file(path("settings"), replaced(read_file(kLogrotate), "/var/log/zent/*.log", path("log")));
     ASSERT_EQ(chmod(path("settings").c_str(), 0644), 0);
 
     Daemon daemon = start_usual();
