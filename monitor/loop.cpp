@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <ctime>
+#include <utility>
 #include <vector>
 
 #include "log.h"
@@ -198,7 +199,8 @@ int Loop::run(const std::function<void()>& on_turn)
     g_on_turn = &on_turn;
     const int rc = rqs_event_loop();
     g_on_turn = nullptr;
-    return g_stopped ? 0 : rc;
+    const bool stopped = std::exchange(g_stopped, false); // it may be run again
+    return stopped ? 0 : rc;
 }
 
 void Loop::stop()
