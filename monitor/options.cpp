@@ -60,6 +60,10 @@ const std::string& not_empty(const std::string& text)
 // A numeric address with a port; false for anything else.
 bool resolve(const std::string& host, const std::string& port, Endpoint& at)
 {
+    struct in_addr plain;
+    if (host.find(':') == std::string::npos && inet_pton(AF_INET, host.c_str(), &plain) != 1) {
+        return false; // the system would take "10.1" and "0x7f000001" too
+    }
     struct addrinfo hints = {};
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
     hints.ai_socktype = SOCK_DGRAM;
@@ -230,7 +234,7 @@ std::string trimmed(const std::string& text)
     return from == std::string::npos ? "" : text.substr(from, text.find_last_not_of(" \t\r") - from + 1);
 }
 
-// "WORD", "WORD VALUE" or "WORD=VALUE", with or without "--" in front.
+// "WORD", "WORD VALUE" or "WORD = VALUE", with or without "--" in front.
 void read_file_line(Config& config, std::string line)
 {
     if (line.rfind("--", 0) == 0) {
@@ -238,7 +242,10 @@ void read_file_line(Config& config, std::string line)
     }
     const size_t end = line.find_first_of(" \t=");
     const std::string text = line.substr(0, end);
-    const std::string value = end == std::string::npos ? "" : trimmed(line.substr(end + 1));
+    std::string value = end == std::string::npos ? "" : trimmed(line.substr(end));
+    if (!value.empty() && value[0] == '=') {
+        value = trimmed(value.substr(1));
+    }
     const Word* word = find_word(text);
     if (word == nullptr || strcmp(word->name, "config") == 0) {
         refuse("\"" + text + "\" is no option here");
