@@ -32,6 +32,19 @@ constexpr Code kCodes[] = {
     {"too-many", "more groups than are allowed"},
     {"host-bits", "a prefix with bits behind its length: they are dropped"},
     {"one-range", "the groups are one range: a pair of -g and -G says the same"},
+
+    // query, and check where it captures
+    {"no-interface", "there is no interface of that name"},
+    {"no-ipv4", "the interface has no IPv4 address"},
+    {"no-right", "no right to capture or to send: neither root nor CAP_NET_RAW"},
+    {"capture-failed", "libpcap cannot capture on the interface"},
+    {"send-failed", "a query cannot be sent"},
+    {"lock-held", "another zentctl query runs on the interface"},
+    {"version3-querier", "a version 3 querier was heard, which a version 2 one would disturb"},
+    {"no-answer", "no host answered the query"},
+    {"answers", "hosts answered the query"},
+    {"version2-now", "Linux hosts speak version 2 for about 260 s from here"},
+    {"ended", "a signal ended the command"},
 };
 
 } // namespace

@@ -107,6 +107,18 @@ std::vector<Command> make_commands()
          1,
          SIZE_MAX,
          run_expand},
+        {"query",
+         "IFACE",
+         "Is the IGMP version 2 querier of a segment that has none, so that hosts report again. A snooping switch "
+         "takes the port of a querier for a router's and sends it every group.",
+         {{"--once", nullptr, "one query, then 6 s of answers as a table"},
+          {"--interval", "S", "seconds between general queries, 11 to 31744 (default 125)"},
+          {"--force", nullptr, "query even where a version 3 querier is heard"},
+          kJson,
+          kHelp},
+         1,
+         1,
+         run_query},
     };
 }
 

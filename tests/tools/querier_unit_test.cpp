@@ -1,0 +1,56 @@
+// The unit of the querier.
+#include <regex>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "agent_run.h"
+#include "child.h"
+
+namespace support {
+
+namespace {
+
+const std::string kUnit = TEST_SOURCE_DIR "/packaging/systemd/zent-querier@.service";
+
+bool has_systemd_analyze()
+{
+    return run_program({"sh", "-c", "command -v systemd-analyze"}).exit_code == 0;
+}
+
+} // namespace
+
+TEST(QuerierUnit, is_rated_1_6_or_better)
+{
+    if (!has_systemd_analyze()) {
+        GTEST_SKIP() << "skipped: systemd-analyze is not installed";
+    }
+    const ChildResult result =
+        run_program({"systemd-analyze", "security", "--offline=true", "--no-pager", kUnit});
+    std::smatch level;
+    ASSERT_TRUE(
+        std::regex_search(result.out, level, std::regex("Overall exposure level for [^:]*: ([0-9.]+)")))
+        << result.out << result.err;
+    EXPECT_LE(std::stod(level[1]), 1.6) << result.out;
+}
+
+TEST(QuerierUnit, has_no_setting_that_systemd_does_not_know)
+{
+    if (!has_systemd_analyze()) {
+        GTEST_SKIP() << "skipped: systemd-analyze is not installed";
+    }
+    const std::string err =
+        run_program({"systemd-analyze", "verify", "--man=no", "--recursive-errors=no", kUnit}).err;
+    EXPECT_EQ(std::regex_replace(err, std::regex("[^\n]*Command zentctl is not executable[^\n]*\n"), ""), "");
+}
+
+TEST(QuerierUnit, has_the_right_to_capture_alone)
+{
+    const std::string unit = read_file(kUnit);
+    EXPECT_NE(unit.find("\nAmbientCapabilities=CAP_NET_RAW\nCapabilityBoundingSet=CAP_NET_RAW\n"),
+              std::string::npos);
+    EXPECT_NE(unit.find("\nDynamicUser=yes\n"), std::string::npos);
+    EXPECT_EQ(unit.find("\nUser="), std::string::npos);
+}
+
+} // namespace support
