@@ -430,9 +430,7 @@ Reply Api::metrics() const
 {
     Reply reply;
     reply.type = "text/plain; version=0.0.4; charset=utf-8";
-    reply.body = make_metrics(*sources_.state, *sources_.counters,
-                              sources_.listeners ? sources_.listeners() : std::vector<ListenerFigures>(),
-                              sources_.version);
+    reply.body = make_metrics(*sources_.state, *sources_.counters, sources_.version);
     return reply;
 }
 

@@ -21,8 +21,7 @@ struct ApiSources {
     const State* state = nullptr;
     EventRing* ring = nullptr;
     const Counters* counters = nullptr;
-    HistoryReader* history = nullptr;                        // NULL: no --db
-    std::function<std::vector<ListenerFigures>()> listeners; // for /metrics; may be empty
+    HistoryReader* history = nullptr; // NULL: no --db
     std::string version;
 };
 

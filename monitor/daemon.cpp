@@ -67,6 +67,7 @@ Daemon::~Daemon()
 {
     stdin_ = nullptr;
     listeners_.clear();
+    site_ = nullptr;
     state_ = nullptr;
     service_ = nullptr;
     tick_.stop();
@@ -174,13 +175,38 @@ int Daemon::start_stdin()
     return stdin_->start() == 0 ? 0 : kExitSystem;
 }
 
+// A stream socket of the service manager replaces the default address.
+int Daemon::start_site()
+{
+    const bool passed =
+        std::any_of(passed_.begin(), passed_.end(), [](const PassedSocket& p) { return p.is_stream; });
+    if (passed && !config_.http_given) {
+        config_.http = Endpoint();
+    }
+    if (!passed && config_.http.len == 0) {
+        return 0;
+    }
+    site_ = std::make_unique<Site>(*state_, counters_, nullptr, config_.hosts);
+    for (const PassedSocket& socket : passed_) {
+        if (socket.is_stream && site_->adopt(socket.fd) != 0) {
+            return kExitSystem;
+        }
+    }
+    if (config_.http.len != 0 && site_->listen(config_.http) != 0) {
+        const int error = errno;
+        log_err("%s: the page cannot be served there: %s\n", config_.http.text.c_str(), strerror(error));
+        return exit_code(error, kExitNoAddress);
+    }
+    return 0;
+}
+
 // ---- run --------------------------------------------------------------------------------------
 
 int Daemon::run()
 {
     using Stage = int (Daemon::*)();
     for (const Stage stage : {&Daemon::start_log, &Daemon::start_loop, &Daemon::start_state,
-                              &Daemon::start_intake, &Daemon::start_stdin}) {
+                              &Daemon::start_site, &Daemon::start_intake, &Daemon::start_stdin}) {
         const int rc = (this->*stage)();
         if (rc != 0) {
             return rc;
@@ -223,6 +249,9 @@ void Daemon::reload()
         const Config fresh = read_options(arguments_).config;
         config_.allow = fresh.allow;
         config_.names = fresh.names;
+        if (site_ != nullptr) {
+            site_->set_hosts(fresh.hosts);
+        }
         state_->rename(config_.names);
         log_norm("settings read again: %zu names, %zu networks allowed\n", config_.names.size(),
                  config_.allow.size());

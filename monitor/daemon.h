@@ -13,6 +13,7 @@
 #include "options.h"
 #include "receive.h"
 #include "service.h"
+#include "site.h"
 #include "state.h"
 
 namespace zentmon {
@@ -35,6 +36,7 @@ class Daemon {
     int start_state();
     int start_intake();
     int start_stdin();
+    int start_site();
 
     int listen(const ListenSpec& spec);
     int take_lines(int fd, const std::string& name);
@@ -52,6 +54,7 @@ class Daemon {
     bool loop_stands_ = false;
     std::unique_ptr<Service> service_;
     std::unique_ptr<State> state_;
+    std::unique_ptr<Site> site_;
     std::vector<PassedSocket> passed_;
     std::vector<std::unique_ptr<Listener>> listeners_;
     std::unique_ptr<StreamIntake> stdin_;

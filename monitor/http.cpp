@@ -526,17 +526,14 @@ int HttpServer::adopt(int fd)
     return 0;
 }
 
-uint16_t HttpServer::port() const
+struct sockaddr_storage HttpServer::address() const
 {
     struct sockaddr_storage ss = {};
     socklen_t length = sizeof ss;
-    if (listeners_.empty() ||
-        getsockname(listeners_.front()->fd(), reinterpret_cast<struct sockaddr*>(&ss), &length) != 0) {
-        return 0;
+    if (!listeners_.empty()) {
+        getsockname(listeners_.back()->fd(), reinterpret_cast<struct sockaddr*>(&ss), &length);
     }
-    const uint16_t port = ss.ss_family == AF_INET6 ? reinterpret_cast<struct sockaddr_in6*>(&ss)->sin6_port
-                                                   : reinterpret_cast<struct sockaddr_in*>(&ss)->sin_port;
-    return ntohs(port);
+    return ss;
 }
 
 void HttpServer::set_hosts(std::vector<std::string> hosts)

@@ -78,8 +78,8 @@ class HttpServer {
     // Takes over a listening stream socket: 0, or -1 with a line; the descriptor is closed with the server.
     int adopt(int fd);
 
-    // The port of the first listener, 0 without one.
-    uint16_t port() const;
+    // Where the last of the listeners is.
+    struct sockaddr_storage address() const;
 
     // --host anew.
     void set_hosts(std::vector<std::string> hosts);

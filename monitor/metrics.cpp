@@ -103,7 +103,6 @@ class Writer {
 struct Sources {
     const State& state;
     const Counters& counters;
-    std::vector<ListenerFigures> listeners;
     std::string version;
 };
 
@@ -116,12 +115,12 @@ void build_info(const Sources& s, Writer& w)
 void datagrams(const Sources& s, Writer& w)
 {
     w.family("zentmon_datagrams_total", "counter", "Datagrams received.");
-    for (const ListenerFigures& listener : s.listeners) {
+    for (const ListenerCounters& listener : s.counters.listeners) {
         w.value("listener", listener.name, listener.datagrams);
     }
     w.family("zentmon_receive_dropped_total", "counter",
              "Datagrams that the kernel dropped because the receive buffer was full.");
-    for (const ListenerFigures& listener : s.listeners) {
+    for (const ListenerCounters& listener : s.counters.listeners) {
         w.value("listener", listener.name, listener.dropped);
     }
 }
@@ -350,10 +349,9 @@ class Metrics : public Body {
 
 } // namespace
 
-std::unique_ptr<Body> make_metrics(const State& state, const Counters& counters,
-                                   std::vector<ListenerFigures> listeners, std::string version)
+std::unique_ptr<Body> make_metrics(const State& state, const Counters& counters, std::string version)
 {
-    return std::make_unique<Metrics>(Sources{state, counters, std::move(listeners), std::move(version)});
+    return std::make_unique<Metrics>(Sources{state, counters, std::move(version)});
 }
 
 } // namespace zentmon

@@ -2,11 +2,8 @@
 #ifndef ZENTMON_METRICS_H
 #define ZENTMON_METRICS_H
 
-#include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "counters.h"
 #include "http.h"
@@ -14,16 +11,8 @@
 
 namespace zentmon {
 
-// What the intake tells of a listener.
-struct ListenerFigures {
-    std::string name;
-    uint64_t datagrams = 0;
-    uint64_t dropped = 0; // by the kernel, for want of room in the buffer
-};
-
 // The body of /metrics: a family of figures a piece.
-std::unique_ptr<Body> make_metrics(const State& state, const Counters& counters,
-                                   std::vector<ListenerFigures> listeners, std::string version);
+std::unique_ptr<Body> make_metrics(const State& state, const Counters& counters, std::string version);
 
 } // namespace zentmon
 

@@ -170,7 +170,7 @@ class HttpSite {
             sources.ring = &ring;
             sources.counters = &counters;
             sources.history = options.history ? &history : nullptr;
-            sources.listeners = [] { return std::vector<ListenerFigures>{{"site", 3, 0}}; };
+            counters.listeners.push_back({"site", 3, 0});
             sources.version = "1.2.3";
             Api api(sources);
             HttpServer server(api, options.hosts, counters, options.http);
@@ -184,7 +184,9 @@ class HttpSite {
                 return 1;
             }
             Control control(control_fd, state);
-            const std::string port = std::to_string(server.port()) + "\n";
+            const struct sockaddr_storage bound = server.address();
+            const uint16_t number = ntohs(reinterpret_cast<const struct sockaddr_in*>(&bound)->sin_port);
+            const std::string port = std::to_string(number) + "\n";
             (void)!write(control_fd, port.data(), port.size());
             Loop::run([] {});
         }
