@@ -11,6 +11,7 @@ DECLARE_MLL(MLL_COMMON);
 
 namespace {
 
+constexpr const char* kSetUp = "pcap_setup"; // its stages speak for it
 constexpr int kSnapLen = 8192;
 constexpr const char* kFilter = "igmp";
 constexpr int kBroken = -2; // pcap_dispatch() after pcap_breakloop()
@@ -31,6 +32,101 @@ size_t signal_text(const char* pattern, int signo, char (&text)[32])
         text[length++] = static_cast<char>('0' + signo % 10);
     }
     return length;
+}
+
+int open_live(const char* ifc_name)
+{
+    g_ctx.handle = pcap_open_live(ifc_name, kSnapLen, 0, IDLE_MS, g_ctx.errbuf);
+    if (g_ctx.handle == nullptr) {
+        log_err("%s: pcap_open_live(%s, ...): FAILED: %s\n", kSetUp, ifc_name, g_ctx.errbuf);
+        return -1;
+    }
+    return 0;
+}
+
+// What a capture in immediate mode is made of. Its buffer has slots of the snapshot's length: with 8192 and
+// the default size there would be some 250 of them, with these there are some 7,900.
+struct Setting {
+    const char* call;
+    int (*set)(pcap_t* handle, int value);
+    int value;
+};
+
+constexpr Setting kImmediate[] = {
+    {"pcap_set_snaplen", pcap_set_snaplen, 2048},
+    {"pcap_set_promisc", pcap_set_promisc, 0},
+    {"pcap_set_timeout", pcap_set_timeout, IDLE_MS},
+    {"pcap_set_immediate_mode", pcap_set_immediate_mode, 1},
+    {"pcap_set_buffer_size", pcap_set_buffer_size, 16 * 1024 * 1024},
+};
+
+// What libpcap has to say about a result, in g_ctx.errbuf: the code's text, the handle's own, or both.
+const char* reason_of(int code)
+{
+    const char* own = pcap_geterr(g_ctx.handle);
+    if (code == PCAP_ERROR || code == PCAP_WARNING) {
+        return own;
+    }
+    const char* general = pcap_statustostr(code);
+    if (own[0] == 0) {
+        return general;
+    }
+    snprintf(g_ctx.errbuf, sizeof g_ctx.errbuf, "%s (%s)", general, own);
+    return g_ctx.errbuf;
+}
+
+int activate(const char* ifc_name)
+{
+    const int rc = pcap_activate(g_ctx.handle);
+    if (rc < 0) {
+        log_err("%s: pcap_activate(%s): FAILED: %s\n", kSetUp, ifc_name, reason_of(rc));
+        return -1;
+    }
+    if (rc > 0) {
+        log_warn("%s: pcap_activate(%s): %s\n", kSetUp, ifc_name, reason_of(rc));
+    }
+    return 0;
+}
+
+int open_immediate(const char* ifc_name)
+{
+    g_ctx.handle = pcap_create(ifc_name, g_ctx.errbuf);
+    if (g_ctx.handle == nullptr) {
+        log_err("%s: pcap_create(%s, ...): FAILED: %s\n", kSetUp, ifc_name, g_ctx.errbuf);
+        return -1;
+    }
+    for (const Setting& setting : kImmediate) {
+        const int rc = setting.set(g_ctx.handle, setting.value);
+        if (rc != 0) {
+            log_err("%s: %s(%d) FAILED: %s\n", kSetUp, setting.call, setting.value, reason_of(rc));
+            return -1;
+        }
+    }
+    return activate(ifc_name);
+}
+
+// Takes packets until g_quit or an error, which is -1.
+int take_packets(const char* caller)
+{
+    int rc = 0;
+    while (g_quit == 0 && rc == 0) {
+        log_dbg("%s: waiting for packets\n", caller);
+        const int count = pcap_dispatch(g_ctx.handle, -1, on_pcap_pkt, nullptr);
+        if (count == kBroken && g_quit != 0) {
+            break;
+        }
+        if (count == -1) {
+            log_err("%s: pcap_dispatch() ERROR: %s\n", caller, pcap_geterr(g_ctx.handle));
+            rc = -1;
+            break;
+        }
+        log_dbg("%s: %d packets\n", caller, count);
+        if (g_cfg.features.expire != 0) {
+            expire_groups();
+        }
+        rc = on_idle();
+    }
+    return rc;
 }
 
 } // namespace
@@ -61,9 +157,7 @@ int pcap_setup(const char* ifc_name)
         log_err("%s: pcap_lookupnet(%s,...) FAILED: %s\n", __func__, ifc_name, g_ctx.errbuf);
         return -1;
     }
-    g_ctx.handle = pcap_open_live(ifc_name, kSnapLen, 0, IDLE_MS, g_ctx.errbuf);
-    if (g_ctx.handle == nullptr) {
-        log_err("%s: pcap_open_live(%s, ...): FAILED: %s\n", __func__, ifc_name, g_ctx.errbuf);
+    if ((g_cfg.features.immediate ? open_immediate(ifc_name) : open_live(ifc_name)) != 0) {
         return -1;
     }
     if (pcap_compile(g_ctx.handle, &prog, kFilter, 0, mask) != 0) {
@@ -79,21 +173,17 @@ int pcap_setup(const char* ifc_name)
 
 int app_run()
 {
-    int rc = 0;
     log_info("%s is running as UID=%ld, pid=%d\n", g_appname, static_cast<long>(geteuid()), getpid());
-    while (g_quit == 0 && rc == 0) {
-        log_dbg("%s: waiting for packets\n", __func__);
-        const int count = pcap_dispatch(g_ctx.handle, -1, on_pcap_pkt, nullptr);
-        if (count == kBroken && g_quit != 0) {
-            break;
-        }
-        if (count == -1) {
-            log_err("%s: pcap_dispatch() ERROR: %s\n", __func__, pcap_geterr(g_ctx.handle));
-            rc = -1;
-            break;
-        }
-        log_dbg("%s: %d packets\n", __func__, count);
-        rc = on_idle();
+    if (g_cfg.features.any) {
+        log_info("%s: features on: %s\n", __func__, features_text(&g_cfg.features));
+    }
+    const bool expires = g_cfg.features.expire != 0;
+    int rc = expires ? expire_start() : 0;
+    if (rc == 0) {
+        rc = take_packets(__func__);
+    }
+    if (expires) {
+        expire_stop();
     }
     log_info("%s: ended with rc=%d\n", __func__, rc);
     return rc;

@@ -1,6 +1,8 @@
 // Set-up and shutdown. The order of the steps, and the descriptors that they leave free, are part of the
 // behaviour.
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <unistd.h>
 
@@ -18,12 +20,26 @@ namespace {
 
 constexpr const char* kSetUp = "app_setup"; // its stages speak for it
 constexpr size_t kDirMax = 256;
+constexpr size_t kExactGroups = 4096; // least room of the joined groups with the feature exact
 
-int open_tables()
+int open_table(nkht_t* table, size_t capacity)
 {
-    const int rc = nkht_create(&g_ctx.wgrp_ht, MAX_ZENT_CHANNELS, tw_shift);
+    const int rc = nkht_create(table, capacity, tw_shift);
     if (rc != 0) {
         log_err("%s: failed to create channel hastable\n", kSetUp);
+    }
+    return rc;
+}
+
+// A table with room for every group of the list in place of the usual one, while that is still empty.
+int widen_table()
+{
+    const size_t listed = g_ctx.scope_ht != 0 ? nkht_count(g_ctx.scope_ht) : 0;
+    nkht_t table = 0;
+    const int rc = open_table(&table, std::clamp<size_t>(listed, kExactGroups, HT_MAX_CAP));
+    if (rc == 0) {
+        nkht_destroy(g_ctx.wgrp_ht, nullptr);
+        g_ctx.wgrp_ht = table;
     }
     return rc;
 }
@@ -91,7 +107,7 @@ int set_up()
 {
     int rc = pcap_setup(g_cfg.mifc);
     if (rc == 0) {
-        rc = open_tables();
+        rc = open_table(&g_ctx.wgrp_ht, MAX_ZENT_CHANNELS);
     }
     if (rc == 0 && !g_cfg.non_daemon) {
         rc = become_daemon();
@@ -104,6 +120,9 @@ int set_up()
     }
     if (rc == 0 && g_cfg.grp_list_file != nullptr) {
         rc = load_group_list(g_cfg.grp_list_file);
+    }
+    if (rc == 0 && g_cfg.features.exact) {
+        rc = widen_table();
     }
     if (rc == 0) {
         rc = reporter_setup();
@@ -130,7 +149,7 @@ void app_shutdown()
         pcap_close(handle);
     }
     if (g_ctx.wgrp_ht != 0) {
-        nkht_destroy(g_ctx.wgrp_ht, nullptr);
+        nkht_destroy(g_ctx.wgrp_ht, g_cfg.features.expire != 0 ? free : nullptr);
         g_ctx.wgrp_ht = 0;
     }
     if (g_ctx.rep.sockfd >= 0 && g_ctx.rep.usock.url_kind != 0) {

@@ -1,4 +1,5 @@
 // Which groups are reported: a range from the command line, and a list from a file.
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
@@ -70,11 +71,32 @@ bool in_range(uint32_t host)
     return g_cfg.max_group != 0 && g_cfg.max_group >= host;
 }
 
+// An address as lines print it.
+long shown_key(struct in_addr addr)
+{
+    return static_cast<long>(static_cast<unsigned long>(addr.s_addr));
+}
+
 // Kept: the list is filled with zero-extended keys and asked with sign-extended ones (in_scope), so that an
 // entry whose last octet is 128 or more is not found, unless both hashes meet in one slot.
 long list_key(struct in_addr addr)
 {
-    return static_cast<long>(static_cast<unsigned long>(addr.s_addr));
+    return g_cfg.features.exact ? group_key(static_cast<int32_t>(addr.s_addr)) : shown_key(addr);
+}
+
+// Room for the list's table. A list that can be read once only (a pipe) is not counted.
+size_t room_for(FILE* fp)
+{
+    if (!g_cfg.features.exact || fseek(fp, 0, SEEK_SET) != 0) {
+        return MAX_ZENT_CHANNELS;
+    }
+    char line[kLineMax] = "";
+    size_t lines = 0;
+    while (fgets(line, kLineMax - 1, fp) != nullptr) {
+        ++lines;
+    }
+    rewind(fp);
+    return std::clamp<size_t>(lines, MAX_ZENT_CHANNELS, HT_MAX_CAP);
 }
 
 int add_entry(nkht_t table, const char* path, int number, const char* line)
@@ -92,7 +114,7 @@ int add_entry(nkht_t table, const char* path, int number, const char* line)
     const int rc = nkht_add(table, list_key(addr), &value);
     if (rc != 0) {
         log_err("%s: [%s] %s at line %d: (%ld) %s\n", kLoad, path, rc == EBUSY ? "duplicate" : "error",
-                number, list_key(addr), line);
+                number, shown_key(addr), line);
         return -1;
     }
     log_dbg("%s: [%s]:%d added (0x%04x) %s\n", kLoad, path, number, addr.s_addr, line);
@@ -112,9 +134,9 @@ bool in_scope(int32_t ipv4_addr)
     if (g_ctx.scope_ht == 0) {
         return false;
     }
-    const long key = static_cast<long>(ipv4_addr);
+    const long key = static_cast<long>(ipv4_addr); // as lines print it
     void* value = nullptr;
-    const int rc = nkht_get(g_ctx.scope_ht, key, &value);
+    const int rc = nkht_get(g_ctx.scope_ht, group_key(ipv4_addr), &value);
     if (rc == ESRCH) {
         return false;
     }
@@ -135,7 +157,7 @@ int load_group_list(const char* path)
         return -1;
     }
     NewTable table;
-    const int rc = nkht_create(&table.handle, MAX_ZENT_CHANNELS, tw_shift);
+    const int rc = nkht_create(&table.handle, room_for(file.get()), tw_shift);
     if (rc != 0) {
         log_err("%s: failed to create group-scope hastable\n", __func__);
         return rc;

@@ -19,6 +19,9 @@ int main(int argc, char** argv)
     if (argc < 2) {
         usage();
     }
+    if (read_features() != 0) {
+        return 2; // nothing stands yet that would have to be taken down
+    }
     glog_init(g_appname);
     setlinebuf(stdout);
     log_default(&g_log, stderr);

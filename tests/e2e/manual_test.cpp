@@ -105,8 +105,9 @@ TEST(Manual, shows_every_option_in_its_synopsis)
 
 TEST(Manual, has_the_sections_that_an_operator_looks_for)
 {
-    for (const char* name : {"SYNOPSIS", "DESCRIPTION", "OPTIONS", "OUTPUT", "LATENCY", "EXIT STATUS",
-                             "SIGNALS", "FILES", "LOG MESSAGES", "SECURITY", "EXAMPLES", "BUGS"}) {
+    for (const char* name :
+         {"SYNOPSIS", "DESCRIPTION", "OPTIONS", "OUTPUT", "LATENCY", "EXIT STATUS", "SIGNALS", "ENVIRONMENT",
+          "FILES", "LOG MESSAGES", "SECURITY", "EXAMPLES", "BUGS"}) {
         EXPECT_GT(section(name).size(), 60U) << name;
     }
 }
@@ -125,7 +126,8 @@ TEST(Manual, explains_every_error_line_of_the_agent)
     std::string text = section("LOG MESSAGES");
     const std::regex call("log_err\\(\"([^\"]*)\"");
     const std::regex field("%[0-9a-z]+|\\\\n");
-    for (const char* name : {"capture", "packet", "lifecycle", "reporter", "scope", "zent"}) {
+    for (const char* name :
+         {"capture", "packet", "expire", "features", "lifecycle", "reporter", "scope", "zent"}) {
         const std::string source = read_file(std::string(TEST_SOURCE_DIR "/agent/") + name + ".cpp");
         for (std::sregex_iterator it(source.begin(), source.end(), call), end; it != end; ++it) {
             const std::string message = (*it)[1];
