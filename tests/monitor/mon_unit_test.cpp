@@ -1,0 +1,100 @@
+// What is shipped beside the program: the units, and the manual page.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <regex>
+
+#include "child.h"
+#include "options.h"
+#include "tempdir.h"
+
+using namespace support;
+
+namespace {
+
+const std::string kService = TEST_SOURCE_DIR "/packaging/systemd/zentmon.service";
+const std::string kSocket = TEST_SOURCE_DIR "/packaging/systemd/zentmon.socket";
+
+std::string content(const std::string& path)
+{
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+bool has_program(const std::string& name)
+{
+    return run_program({"sh", "-c", "command -v " + name}).exit_code == 0;
+}
+
+} // namespace
+
+TEST(MonUnit, its_exposure_is_at_most_1_2)
+{
+    if (!has_program("systemd-analyze")) {
+        GTEST_SKIP() << "skipped: systemd-analyze is not installed";
+    }
+    const ChildResult result =
+        run_program({"systemd-analyze", "security", "--offline=true", "--no-pager", kService});
+    std::smatch level;
+    ASSERT_TRUE(
+        std::regex_search(result.out, level, std::regex("Overall exposure level for [^:]*: ([0-9.]+)")))
+        << result.out << result.err;
+    EXPECT_LE(std::stod(level[1]), 1.2) << result.out;
+}
+
+TEST(MonUnit, has_no_setting_that_systemd_does_not_know)
+{
+    if (!has_program("systemd-analyze")) {
+        GTEST_SKIP() << "skipped: systemd-analyze is not installed";
+    }
+    // The service names the socket: both must stand in one directory that systemd searches.
+    const ChildResult result =
+        run_program({"env", "SYSTEMD_UNIT_PATH=" TEST_SOURCE_DIR "/packaging/systemd:", "systemd-analyze",
+                     "verify", "--man=no", "--recursive-errors=no", kService, kSocket});
+    std::istringstream lines(result.err);
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_NE(line.find("Command zentmon is not executable"), std::string::npos) << line;
+    }
+}
+
+TEST(MonUnit, the_socket_has_a_large_buffer_and_the_service_no_right)
+{
+    const std::string service = content(kService);
+    const std::string socket = content(kSocket);
+    EXPECT_NE(socket.find("\nReceiveBuffer=64M\n"), std::string::npos);
+    EXPECT_NE(socket.find("\nListenDatagram=127.0.0.1:4554\n"), std::string::npos);
+    EXPECT_NE(service.find("\nType=notify\n"), std::string::npos);
+    EXPECT_NE(service.find("\nDynamicUser=yes\n"), std::string::npos);
+    EXPECT_NE(service.find("\nStateDirectory=zentmon\n"), std::string::npos);
+    EXPECT_NE(service.find("\nCapabilityBoundingSet=\n"), std::string::npos);
+}
+
+// The options of the unit's own command are ones that the program takes.
+TEST(MonUnit, starts_the_program_with_options_that_it_has)
+{
+    std::smatch command;
+    const std::string service = content(kService);
+    ASSERT_TRUE(std::regex_search(service, command, std::regex("ExecStart=zentmon (.*) \\$ZENTMON_ARGS\n")));
+    std::istringstream words(command[1]);
+    const std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
+    EXPECT_NO_THROW(zentmon::read_options(arguments));
+}
+
+TEST(MonManual, is_clean_and_names_every_option)
+{
+    const std::string path = TEST_SOURCE_DIR "/man/zentmon.8";
+    const std::string page = content(path);
+    const std::string help = zentmon::help_text();
+    const std::regex option("\n  --([a-z-]+)");
+    for (std::sregex_iterator it(help.begin(), help.end(), option); it != std::sregex_iterator(); ++it) {
+        EXPECT_TRUE(page.find("Fl -" + (*it)[1].str()) != std::string::npos ||
+                    page.find(", -" + (*it)[1].str()) != std::string::npos)
+            << "--" << (*it)[1];
+    }
+    if (!has_program("mandoc")) {
+        GTEST_SKIP() << "skipped: mandoc is not installed";
+    }
+    const ChildResult lint = run_program({"mandoc", "-T", "lint", "-W", "warning", path});
+    EXPECT_EQ(lint.exit_code, 0) << lint.out;
+}
