@@ -33,3 +33,7 @@ install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp" PATTERN "Makefile" PATTERN "CMakeLists.txt")
 install(FILES packaging/apparmor/usr.sbin.zent DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/apparmor.d)
 install(FILES packaging/systemd/zent.env DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+if(MORVANE_MONITOR)
+  install(FILES packaging/nginx/zentmon.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/nginx)
+  install(FILES packaging/prometheus/zentmon.rules.yml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/prometheus)
+endif()

@@ -484,8 +484,11 @@ let loadedMs = -RELOAD_MS;
 let loadTimer = 0;
 let recorded = null; // events that came while a table was loaded
 
+// Beside this page, without a name and password that may stand in its address: no request may carry them there.
+const beside = (url) => new URL(url, location.origin + location.pathname);
+
 async function fetchJson(url) {
-  const response = await fetch(url, { cache: "no-store" });
+  const response = await fetch(beside(url), { cache: "no-store" });
   if (!response.ok) {
     throw new Error(`${url}: ${response.status}`);
   }
@@ -770,7 +773,7 @@ function openStream(since) {
     return;
   }
   lastId = since || lastId;
-  source = new EventSource(`events?since=${encodeURIComponent(lastId)}`);
+  source = new EventSource(beside(`events?since=${encodeURIComponent(lastId)}`));
   source.onopen = heard;
   source.onmessage = (message) => {
     heard();
