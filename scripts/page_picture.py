@@ -55,7 +55,7 @@ def main():
     names = [option for address, name in AGENTS.items() for option in ("--name", f"{address}={name}")]
     with Zentmon(program, names) as zentmon:
         viewers = Viewers(zentmon)
-        browser = open_browser("1440,1130")
+        browser = open_browser("1440,1310")
         try:
             browser.get(zentmon.url)
             browser.execute_script("setTheme(arguments[0])", theme)

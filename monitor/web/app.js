@@ -702,12 +702,13 @@ function activitySoon() {
   activityTimer ||= setTimeout(showActivity, 250);
 }
 
-function bars(values, scale, sign) {
+// The root of a count: a start of many joins leaves the ordinary ones to be seen. The figures come with the pointer.
+function bars(values, peak, sign) {
   const width = 960 / activity.slots;
   let path = "";
   values.forEach((value, i) => {
     if (value > 0) {
-      const height = Math.max(1.5, value * scale);
+      const height = 56 * Math.sqrt(value / peak);
       path += `M${(i * width + 1).toFixed(1)} 60v${(-sign * height).toFixed(1)}h${(width - 2).toFixed(1)}V60z`;
     }
   });
@@ -720,8 +721,8 @@ function showActivity() {
   activityTimer = 0;
   turnActivity();
   const peak = Math.max(1, ...activity.joins, ...activity.leaves);
-  $("plot-joins").setAttribute("d", bars(activity.joins, 56 / peak, 1));
-  $("plot-leaves").setAttribute("d", bars(activity.leaves, 56 / peak, -1));
+  $("plot-joins").setAttribute("d", bars(activity.joins, peak, 1));
+  $("plot-leaves").setAttribute("d", bars(activity.leaves, peak, -1));
   setText($("n-joins"), count(lastMinute(activity.joins)));
   setText($("n-leaves"), count(lastMinute(activity.leaves)));
   const sum = (list) => list.reduce((all, n) => all + n, 0);
