@@ -45,6 +45,56 @@ constexpr Code kCodes[] = {
     {"answers", "hosts answered the query"},
     {"version2-now", "Linux hosts speak version 2 for about 260 s from here"},
     {"ended", "a signal ended the command"},
+
+    // check: the interface
+    {"any-interface", "any is no interface that the agent can watch"},
+    {"link-down", "the interface is down"},
+    {"no-carrier", "the interface has no carrier"},
+    {"link-up", "the interface is up and has a carrier"},
+    {"loopback", "the interface is the loopback"},
+    {"not-ethernet", "the interface is not Ethernet: tun and ppp for instance"},
+    {"address", "the interface's IPv4 address"},
+    {"bridge-port", "the interface is a port of a bridge: watch the bridge"},
+    {"bond-port", "the interface is a member of a bond or the like: watch that"},
+    {"vlans-above", "VLAN interfaces stand above the interface: watch those"},
+    {"right", "this user has the right to capture"},
+
+    // check: the agent and its unit
+    {"agent-runs", "an agent runs on the interface"},
+    {"no-agent", "no agent runs on the interface"},
+    {"two-agents", "more than one agent runs on the interface"},
+    {"pidfile-locked", "a running daemon holds the pid file"},
+    {"no-unit", "zent@.service is not installed"},
+    {"unit-enabled", "the unit is enabled"},
+    {"unit-disabled", "the unit is not enabled"},
+    {"unit-failed", "the unit's agent ended with an error"},
+    {"unit-command", "what the unit starts, with its features"},
+    {"features", "the features that are on"},
+    {"bad-features", "ZENT_FEATURES holds a word that the agent refuses"},
+
+    // check: scope and target
+    {"scope", "the groups that the agent reports, in words"},
+    {"bad-range", "-g or -G of an agent or a unit is wrong: the agent does not start"},
+    {"no-lower-bound", "group 0.0.0.0 is in scope, a report of which ends the agent"},
+    {"list-refused", "the agent refuses the list"},
+    {"list-adds-nothing", "the range holds every entry of the list"},
+    {"bad-target", "the target is no ADDRESS:PORT that the agent can open"},
+    {"port-wraps", "the port is above 65535: the agent sends elsewhere"},
+    {"no-address", "the target's name does not resolve"},
+    {"no-route", "there is no route to the target"},
+    {"port-closed", "nobody listens at the target"},
+    {"port-open", "the target is open, or a filter drops what is sent there"},
+
+    // check: the segment
+    {"querier", "a querier was heard"},
+    {"no-querier", "no querier was heard"},
+    {"reports", "reports were heard, by version"},
+    {"no-report", "queries were heard but no report"},
+    {"version3-unseen", "version 3 reports, and the feature igmpv3 is off"},
+    {"tagged-frames", "messages with a VLAN tag, which the agent refuses"},
+    {"out-of-scope", "groups are reported, but none that is in scope"},
+    {"group-zero", "a report of group 0.0.0.0, which ends the agent"},
+    {"hidden-groups", "groups that hide one another in the plain tables"},
 };
 
 } // namespace

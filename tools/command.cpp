@@ -88,6 +88,19 @@ class Reader {
 std::vector<Command> make_commands()
 {
     return {
+        {"check",
+         "IFACE",
+         "Finds why the agent would fail or stay silent on an interface, worst first, each with its cure.",
+         {{"--target", "ADDRESS:PORT", "the relay that gets the lines, as the agent's -R"},
+          {"--list", "FILE", "the list of groups, as the agent's -F"},
+          kLeast,
+          kMost,
+          {"--watch", "SECONDS", "how long to listen, 0 to 3600 (default 10; 130 sees any querier)"},
+          kJson,
+          kHelp},
+         1,
+         1,
+         run_check},
         {"lint",
          "FILE",
          "Says line by line what the agent refuses or misreads in a list of groups.",
