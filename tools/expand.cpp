@@ -7,6 +7,7 @@
 #include "command.h"
 #include "expand.h"
 #include "list_file.h"
+#include "zent.h"
 
 namespace zentctl {
 
@@ -153,7 +154,7 @@ void tell_unmatched(Report& report, const std::vector<Span>& spans)
             count += (group & 0x80) != 0 ? 1 : 0;
         }
     }
-    if (count > 0) {
+    if (count > 0 && !g_cfg.features.exact) {
         report.warn("unmatched", std::to_string(count) + " groups have a last octet of 128 or more",
                     "in a list they take effect with ZENT_FEATURES=exact; a range needs nothing");
     }
@@ -193,6 +194,7 @@ std::optional<Span> parse_span(const std::string& text)
 
 void run_expand(const Arguments& arguments, Report& report)
 {
+    use_agent_features();
     Collector collector(report, arguments.number("--max", kMaxGroups, 1, kMaxGroups));
     for (const std::string& operand : arguments.operands) {
         collector.operand(operand);

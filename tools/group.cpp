@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <charconv>
+#include <cstdlib>
 #include <netinet/in.h>
 
 #include "command.h"
@@ -72,6 +73,14 @@ void set_agent_range(const Range& range)
     if (g_ctx.scope_ht != 0) {
         nkht_destroy(g_ctx.scope_ht, nullptr);
         g_ctx.scope_ht = 0;
+    }
+}
+
+void use_agent_features()
+{
+    char complaint[256] = "";
+    if (parse_features(getenv("ZENT_FEATURES"), &g_cfg.features, complaint, sizeof complaint) != 0) {
+        throw UsageError(complaint);
     }
 }
 

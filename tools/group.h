@@ -39,6 +39,10 @@ Range range_of(const Arguments& arguments);
 // Gives the agent's own scope this range and no list: in_scope() then answers for the range alone.
 void set_agent_range(const Range& range);
 
+// Turns on what the environment variable ZENT_FEATURES says, as the agent does; throws UsageError for a text
+// that the agent refuses.
+void use_agent_features();
+
 } // namespace zentctl
 
 #endif

@@ -81,6 +81,7 @@ void run_lint(const Arguments& arguments, Report& report)
 {
     const std::string& file = arguments.operands[0];
     const Range range = range_of(arguments);
+    use_agent_features();
     const std::string text = read_whole_file(file);
     const ListReading list = judge_list(text);
     if (list.taken == list.refused) {

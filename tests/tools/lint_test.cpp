@@ -304,20 +304,47 @@ void expect_agreement(ListMaker& maker, const std::string& text)
 
 } // namespace
 
-TEST(LintAndAgent, agree_on_ten_thousand_random_lists)
+namespace {
+
+void expect_agreement_on(int lists)
 {
     const unsigned seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
     log_set_modules(&g_log, MIN_level);
     ListMaker maker(seed);
     size_t refused = 0;
-    for (int i = 0; i < 10000 && !testing::Test::HasFatalFailure(); ++i) {
+    for (int i = 0; i < lists && !testing::Test::HasFatalFailure(); ++i) {
         const std::string text = maker.list();
         refused += zentctl::read_list(text).refused ? 1 : 0;
         expect_agreement(maker, text);
     }
-    EXPECT_GT(refused, 2000U); // both kinds were there
-    EXPECT_LT(refused, 8000U);
+    const auto count = static_cast<size_t>(lists);
+    EXPECT_GT(refused, count / 5); // both kinds were there
+    EXPECT_LT(refused, count * 4 / 5);
+}
+
+} // namespace
+
+TEST(LintAndAgent, agree_on_ten_thousand_random_lists)
+{
+    expect_agreement_on(10000);
+}
+
+TEST(LintAndAgent, agree_on_ten_thousand_random_lists_with_exact)
+{
+    g_cfg.features.exact = true;
+    expect_agreement_on(10000);
+}
+
+TEST_F(Lint, with_exact_every_entry_has_an_effect)
+{
+    dir_.write("list", "239.1.1.1\n239.1.1.200\n");
+    const ChildResult result =
+        run_program({"env", "ZENT_FEATURES=exact", zentctl_path(), "lint", "--strict", dir_.path("list")});
+    EXPECT_EQ(result.exit_code, 0) << result.out;
+    EXPECT_EQ(
+        run_program({"env", "ZENT_FEATURES=exactly", zentctl_path(), "lint", dir_.path("list")}).exit_code,
+        2);
 }
 
 } // namespace support
