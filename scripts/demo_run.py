@@ -18,6 +18,7 @@ import time
 from segment import AGENT_END, HOST_END, Peer, wait_for
 
 RELAY = ("127.0.0.1", 4554)
+FEATURES = "exact,immediate,igmpv3"
 LIMIT_S = 12  # for a batch of lines: the capture hands packets over at least every 5 s
 
 
@@ -65,15 +66,17 @@ def tell(text=""):
 class Agent:
     """zent in the foreground. Its lines come from stdout, or from the relay's socket."""
 
-    def __init__(self, binary, folder, relay=None):
-        self.log = f"{folder}/{'relay' if relay else 'stdout'}.log"  # one a run: the old one must not look ready
+    def __init__(self, binary, folder, name, relay=None, features=""):
+        self.log = f"{folder}/{name}.log"  # one a run: the old one must not look ready
         arguments = ["-T", "-i", AGENT_END, "-l", self.log, "-L", "info"]
         if relay:
             arguments += ["-R", "%s:%d" % RELAY]
-        tell("$ zent " + " ".join(arguments))
+        setting = f"ZENT_FEATURES={features} " if features else ""
+        tell(f"$ {setting}zent " + " ".join(arguments))
         self.errors = open(f"{folder}/stderr", "w+")
         self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", binary, *arguments],
-                                        stdout=subprocess.PIPE, stderr=self.errors)
+                                        stdout=subprocess.PIPE, stderr=self.errors,
+                                        env=os.environ | {"ZENT_FEATURES": features})
         self.relay = relay
         self.lines = []
         self.rest = ""
@@ -105,7 +108,8 @@ class Agent:
             line = self.next_line(1.0)
             spent = time.monotonic() - start
             if line:
-                tell(("\n" if waiting else "") + f"    {line:<28} (after {spent:.1f} s)")
+                digits = 1 if spent >= 1 else 3
+                tell(("\n" if waiting else "") + f"    {line:<28} (after {spent:.{digits}f} s)")
                 count, waiting = count - 1, False
             elif spent > LIMIT_S:
                 raise SystemExit("demo: no line came")
@@ -129,7 +133,7 @@ def to_stdout(binary, folder, host, running):
     tell("1. Lines on standard output")
     tell()
     host.do("version 2")
-    agent = Agent(binary, folder)
+    agent = Agent(binary, folder, "stdout")
     running.append(agent)
     tell("A host joins 239.1.1.1 (twice), 239.1.1.2 and 239.1.1.3, by IGMPv2:")
     for group in ("239.1.1.1", "239.1.1.1", "239.1.1.2", "239.1.1.3"):
@@ -145,14 +149,32 @@ def to_stdout(binary, folder, host, running):
         host.do(f"leave {group}")  # or their repeated reports would turn up below
 
 
+def with_features(binary, folder, host, running):
+    tell()
+    tell("2. Beside it: the agent with its features on, and a host that nobody has touched")
+    tell()
+    host.do("version 0")  # what the kernel comes with: IGMPv3
+    agent = Agent(binary, folder, "features", features=FEATURES)
+    running.append(agent)
+    tell("The host joins 239.1.1.1 and 239.1.1.200, by IGMPv3 as stock systems do:")
+    host.do("join 239.1.1.1")
+    host.do("join 239.1.1.200")
+    agent.show(2)
+    tell("It leaves 239.1.1.200:")
+    host.do("leave 239.1.1.200")
+    agent.show(1)
+    agent.stop()
+    host.do("leave 239.1.1.1")
+
+
 def to_relay(binary, folder, host, running):
     tell()
-    tell("2. The same as datagrams to a relay")
+    tell("3. Lines as datagrams to a relay")
     tell()
     relay = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     relay.bind(RELAY)
     host.do("version 2")
-    agent = Agent(binary, folder, relay)
+    agent = Agent(binary, folder, "relay", relay)
     running.append(agent)
     tell("The host joins 239.1.1.5 and 239.1.1.6; what the relay receives:")
     host.do("join 239.1.1.5")
@@ -170,6 +192,7 @@ def main():
     folder = tempfile.mkdtemp(prefix="zent-demo-")
     try:
         to_stdout(sys.argv[1], folder, host, running)
+        with_features(sys.argv[1], folder, host, running)
         to_relay(sys.argv[1], folder, host, running)
         tell()
         tell("Done; the namespaces are gone with this process.")
