@@ -68,6 +68,7 @@ Daemon::~Daemon()
     stdin_ = nullptr;
     listeners_.clear();
     site_ = nullptr;
+    sinks_ = nullptr;
     state_ = nullptr;
     service_ = nullptr;
     tick_.stop();
@@ -119,6 +120,10 @@ int Daemon::start_state()
 
 int Daemon::take_lines(int fd, const std::string& name)
 {
+    Endpoint at;
+    at.len = sizeof at.ss;
+    getsockname(fd, reinterpret_cast<struct sockaddr*>(&at.ss), &at.len);
+    listening_at_.push_back(at);
     listeners_.push_back(std::make_unique<Listener>(fd, name, config_.allow, *state_, counters_));
     log_norm("%s: lines are taken at %s\n", name.c_str(), bound_address(fd).c_str());
     return listeners_.back()->start() == 0 ? 0 : kExitSystem;
@@ -175,6 +180,22 @@ int Daemon::start_stdin()
     return stdin_->start() == 0 ? 0 : kExitSystem;
 }
 
+// What was joined is there before the first line is taken.
+int Daemon::start_history()
+{
+    sinks_ = std::make_unique<Sinks>(config_, *state_, counters_);
+    return sinks_->start_history() == 0 ? 0 : kExitSystem;
+}
+
+int Daemon::start_sinks()
+{
+    if (config_.forward.len != 0 && is_own_listener(config_.forward, listening_at_)) {
+        log_err("--forward %s is a listener of this zentmon\n", config_.forward.text.c_str());
+        return kExitUsage;
+    }
+    return sinks_->start_others() == 0 ? 0 : kExitSystem;
+}
+
 // A stream socket of the service manager replaces the default address.
 int Daemon::start_site()
 {
@@ -186,7 +207,7 @@ int Daemon::start_site()
     if (!passed && config_.http.len == 0) {
         return 0;
     }
-    site_ = std::make_unique<Site>(*state_, counters_, nullptr, config_.hosts);
+    site_ = std::make_unique<Site>(*state_, counters_, sinks_->history(), config_.hosts);
     for (const PassedSocket& socket : passed_) {
         if (socket.is_stream && site_->adopt(socket.fd) != 0) {
             return kExitSystem;
@@ -205,8 +226,9 @@ int Daemon::start_site()
 int Daemon::run()
 {
     using Stage = int (Daemon::*)();
-    for (const Stage stage : {&Daemon::start_log, &Daemon::start_loop, &Daemon::start_state,
-                              &Daemon::start_site, &Daemon::start_intake, &Daemon::start_stdin}) {
+    for (const Stage stage :
+         {&Daemon::start_log, &Daemon::start_loop, &Daemon::start_state, &Daemon::start_history,
+          &Daemon::start_site, &Daemon::start_intake, &Daemon::start_sinks, &Daemon::start_stdin}) {
         const int rc = (this->*stage)();
         if (rc != 0) {
             return rc;
@@ -215,6 +237,7 @@ int Daemon::run()
     service_->ready();
     const int rc = Loop::run([this] { on_turn(); });
     service_->stopping();
+    sinks_->stop();
     log_norm("zentmon ends: %s\n", status().c_str());
     return rc == 0 ? 0 : kExitSystem;
 }

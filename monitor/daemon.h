@@ -13,6 +13,7 @@
 #include "options.h"
 #include "receive.h"
 #include "service.h"
+#include "sinks.h"
 #include "site.h"
 #include "state.h"
 
@@ -36,7 +37,9 @@ class Daemon {
     int start_state();
     int start_intake();
     int start_stdin();
+    int start_history();
     int start_site();
+    int start_sinks();
 
     int listen(const ListenSpec& spec);
     int take_lines(int fd, const std::string& name);
@@ -54,8 +57,10 @@ class Daemon {
     bool loop_stands_ = false;
     std::unique_ptr<Service> service_;
     std::unique_ptr<State> state_;
+    std::unique_ptr<Sinks> sinks_;
     std::unique_ptr<Site> site_;
     std::vector<PassedSocket> passed_;
+    std::vector<Endpoint> listening_at_; // for lines
     std::vector<std::unique_ptr<Listener>> listeners_;
     std::unique_ptr<StreamIntake> stdin_;
     Timer tick_;

@@ -17,6 +17,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "log.h"
@@ -382,6 +383,10 @@ void Hooks::stop(int64_t limit_ms)
     }
     shared_->bell.ring();
     worker_.join_within(limit_ms + 3000);
+    const std::lock_guard lock(shared_->mutex);
+    if (shared_->waiting > 0) {
+        log_warn("exec: %zu events were not run\n", std::exchange(shared_->waiting, 0));
+    }
 }
 
 } // namespace zentmon
