@@ -1,4 +1,4 @@
-# Compiler and linker flags of everything that is built here: the target morvane_flags carries them.
+# Compiler and linker flags of everything that is built here: targets carry them, one for each kind of code.
 
 # Assertions are part of the behaviour: no build type may switch them off.
 foreach(lang C CXX)
@@ -22,16 +22,20 @@ if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
 endif()
 
-add_library(morvane_flags INTERFACE)
-target_compile_options(morvane_flags INTERFACE
+# What holds for everything: the warnings, and no path of this checkout in what is built.
+add_library(morvane_warnings INTERFACE)
+target_compile_options(morvane_warnings INTERFACE
   -Wall -Wextra -Wformat=2 -Wshadow -Wundef -Wvla
   $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
   -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
   # Texts that are longer than their field are cut by design; where it matters the result is tested.
   $<$<CXX_COMPILER_ID:GNU>:-Wno-format-truncation -Wno-stringop-truncation>)
 if(MORVANE_WERROR)
-  target_compile_options(morvane_flags INTERFACE -Werror)
+  target_compile_options(morvane_warnings INTERFACE -Werror)
 endif()
+
+add_library(morvane_flags INTERFACE)
+target_link_libraries(morvane_flags INTERFACE morvane_warnings)
 
 # The product's own code; GoogleTest and Google Benchmark keep their exceptions and type information.
 add_library(morvane_product_flags INTERFACE)
@@ -39,6 +43,11 @@ target_link_libraries(morvane_product_flags INTERFACE morvane_flags)
 target_compile_options(morvane_product_flags INTERFACE
   -fvisibility=hidden
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden>)
+
+# The tests' own code runs once and is compiled often: no optimisation, line numbers alone.
+add_library(morvane_test_flags INTERFACE)
+target_link_libraries(morvane_test_flags INTERFACE morvane_warnings)
+target_compile_options(morvane_test_flags INTERFACE -U_FORTIFY_SOURCE -O0 -g1)
 
 # What is shipped, by whatever build type: a distribution's build has None and brings flags of its own.
 if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug" AND NOT MORVANE_SANITIZE)
@@ -53,9 +62,16 @@ check_pie_supported(LANGUAGES CXX)
 if(MORVANE_SANITIZE)
   target_compile_options(morvane_flags INTERFACE
     -fsanitize=${MORVANE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1 -g1)
-  target_link_options(morvane_flags INTERFACE -fsanitize=${MORVANE_SANITIZE})
+  target_link_options(morvane_warnings INTERFACE -fsanitize=${MORVANE_SANITIZE})
+endif()
+if(MORVANE_SANITIZE MATCHES "address")
+  # What the tests hand to the library lies between guards too, so that a step too far is seen; checks of the tests'
+  # own accesses are calls, since inline ones take longer to compile than the rest.
+  target_compile_options(morvane_test_flags INTERFACE
+    -fsanitize=address -fno-sanitize-address-use-after-scope
+    $<IF:$<CXX_COMPILER_ID:GNU>,--param=asan-instrumentation-with-call-threshold=0,-fsanitize-address-outline-instrumentation>)
 endif()
 if(MORVANE_COVERAGE)
   target_compile_options(morvane_flags INTERFACE --coverage)
-  target_link_options(morvane_flags INTERFACE --coverage)
+  target_link_options(morvane_warnings INTERFACE --coverage)
 endif()

@@ -6,6 +6,7 @@
 
 #include "agent_run.h"
 #include "frames.h"
+#include "paths.h"
 
 using support::igmp_frame;
 using support::NetnsPair;
@@ -19,14 +20,14 @@ class ForegroundAgent {
   public:
     explicit ForegroundAgent(const NetnsPair& pair, std::vector<std::string> options = {})
     {
-        std::vector<std::string> argv = {TEST_ZENT, "-T", "-i", "va", "-l", log_path()};
+        std::vector<std::string> argv = {support::zent_path(), "-T", "-i", "va", "-l", log_path()};
         argv.insert(argv.end(), options.begin(), options.end());
         process_ = start_in_a(pair, argv);
         is_running = support::wait_for_file(log_path(), "is running as UID=");
         EXPECT_TRUE(is_running) << process_.err();
     }
 
-    std::string log_path() const { return dir_.file("zent.log"); }
+    std::string log_path() const { return dir_.path("zent.log"); }
 
     std::string log() const { return support::read_file(log_path()); }
 
@@ -185,7 +186,7 @@ TEST_F(Capture, RangeAndListDecideWhatIsReported)
     const NetnsPair pair;
     SegmentHost host(pair);
     const support::TempDir dir;
-    const std::string list = dir.file("groups");
+    const std::string list = dir.path("groups");
     FILE* fp = fopen(list.c_str(), "w");
     fputs("224.5.5.5\r\n232.1.1.200\n", fp);
     fclose(fp);
@@ -216,7 +217,7 @@ TEST_F(Capture, BadOptionsEndWithTheirCodes)
 {
     const NetnsPair pair;
     const auto run = [&](std::vector<std::string> options) {
-        options.insert(options.begin(), TEST_ZENT);
+        options.insert(options.begin(), support::zent_path());
         return start_in_a(pair, options).wait();
     };
     EXPECT_EQ(run({}).exit_code, 1);

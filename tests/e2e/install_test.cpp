@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 // A variable of the build's cache.
 std::string cached(const std::string& name)
 {
-    std::ifstream file(TEST_BUILD_DIR "/CMakeCache.txt");
+    std::ifstream file(build_path("CMakeCache.txt"));
     for (std::string line; std::getline(file, line);) {
         if (line.starts_with(name + ":")) {
             return line.substr(line.find('=') + 1);
@@ -55,7 +55,7 @@ class Install : public testing::Test {
     void SetUp() override
     {
         const std::vector<std::string> command{"env", "DESTDIR=" + root_.path(), "cmake", "--install",
-                                               TEST_BUILD_DIR};
+                                               build_path()};
         const ChildResult result = run_program(command, std::chrono::seconds(60));
         ASSERT_EQ(result.exit_code, 0) << result.out << result.err;
         prefix_ = root_.path() + cached("CMAKE_INSTALL_PREFIX");
@@ -65,7 +65,7 @@ class Install : public testing::Test {
             }
         }
         ASSERT_FALSE(libdir_.empty());
-        ASSERT_TRUE(fs::create_directory(work_ = root_.file("work")));
+        ASSERT_TRUE(fs::create_directory(work_ = root_.path("work")));
     }
 
     void expect_file(const std::string& name) const
@@ -126,7 +126,7 @@ TEST_F(Install, has_the_library_in_both_forms_and_what_others_need_to_find_it)
 TEST_F(Install, has_every_header_and_none_that_is_private)
 {
     size_t count = 0;
-    for (const auto& header : fs::directory_iterator(TEST_SOURCE_DIR "/include")) {
+    for (const auto& header : fs::directory_iterator(source_path("include"))) {
         expect_file("include/morvane/" + header.path().filename().string());
         ++count;
     }
@@ -137,7 +137,7 @@ TEST_F(Install, has_every_header_and_none_that_is_private)
 
 TEST_F(Install, has_the_binary_that_was_built_for_everybody_to_run)
 {
-    EXPECT_EQ(read_file(prefix_ / "sbin/zent"), read_file(TEST_ZENT));
+    EXPECT_EQ(read_file(prefix_ / "sbin/zent"), read_file(build_path("zent")));
     struct stat st = {};
     ASSERT_EQ(stat((prefix_ / "sbin/zent").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777U, 0755U);
@@ -187,7 +187,7 @@ TEST_F(Install, the_examples_build_by_make_where_they_lie)
     const std::string pkg_config = "PKG_CONFIG=env PKG_CONFIG_LIBDIR=" + (libdir_ / "pkgconfig").string() +
                                    " PKG_CONFIG_SYSROOT_DIR=" + root_.path() + " pkg-config";
     must_do({"make", "-s", "-C", work_ / "examples", pkg_config, "CFLAGS=-O0", "CXXFLAGS=-O0"});
-    for (const auto& source : fs::directory_iterator(TEST_SOURCE_DIR "/examples")) {
+    for (const auto& source : fs::directory_iterator(source_path("examples"))) {
         if (source.path().extension() == ".c" || source.path().extension() == ".cpp") {
             EXPECT_TRUE(fs::is_regular_file(work_ / "examples" / source.path().stem())) << source.path();
         }

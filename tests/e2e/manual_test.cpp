@@ -9,12 +9,13 @@
 
 #include "agent_run.h"
 #include "child.h"
+#include "paths.h"
 
 namespace support {
 
 namespace {
 
-const std::string kPage = TEST_SOURCE_DIR "/man/zent.8";
+const std::string kPage = source_path("man/zent.8");
 
 std::string page()
 {
@@ -31,7 +32,7 @@ Options options_of_the_agent()
 {
     Options options;
     std::smatch found;
-    const std::string source = read_file(TEST_SOURCE_DIR "/agent/config.cpp");
+    const std::string source = read_file(source_path("agent/config.cpp"));
     EXPECT_TRUE(std::regex_search(source, found, std::regex("getopt\\(.*\"([^\"]+)\"\\)")))
         << "no option table";
     const std::string table = found[1];
@@ -128,7 +129,7 @@ TEST(Manual, explains_every_error_line_of_the_agent)
     const std::regex field("%[0-9a-z]+|\\\\n");
     for (const char* name :
          {"capture", "packet", "expire", "features", "lifecycle", "reporter", "scope", "zent"}) {
-        const std::string source = read_file(std::string(TEST_SOURCE_DIR "/agent/") + name + ".cpp");
+        const std::string source = read_file(source_path("agent/") + name + ".cpp");
         for (std::sregex_iterator it(source.begin(), source.end(), call), end; it != end; ++it) {
             const std::string message = (*it)[1];
             std::string longest;

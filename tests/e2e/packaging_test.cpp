@@ -13,9 +13,9 @@ namespace support {
 
 namespace {
 
-const std::string kUnit = TEST_SOURCE_DIR "/packaging/systemd/zent@.service";
-const std::string kEnvironment = TEST_SOURCE_DIR "/packaging/systemd/zent.env";
-const std::string kLogrotate = TEST_SOURCE_DIR "/packaging/logrotate/zent";
+const std::string kUnit = source_path("packaging/systemd/zent@.service");
+const std::string kEnvironment = source_path("packaging/systemd/zent.env");
+const std::string kLogrotate = source_path("packaging/logrotate/zent");
 
 bool has_program(const std::string& name)
 {
@@ -135,7 +135,7 @@ TEST(Profiles, are_ones_that_apparmor_takes)
         GTEST_SKIP() << "skipped: apparmor_parser is not installed";
     }
     size_t count = 0;
-    for (const auto& profile : std::filesystem::directory_iterator(TEST_SOURCE_DIR "/packaging/apparmor")) {
+    for (const auto& profile : std::filesystem::directory_iterator(source_path("packaging/apparmor"))) {
         const ChildResult result = run_program({"apparmor_parser", "-Q", "-K", profile.path()});
         EXPECT_EQ(result.exit_code, 0) << profile.path() << result.err;
         ++count;

@@ -10,6 +10,7 @@
 
 #include "agent_run.h"
 #include "frames.h"
+#include "paths.h"
 
 using support::NetnsPair;
 using support::Process;
@@ -70,12 +71,13 @@ class RelayRun : public testing::Test {
 
     Process start(const NetnsPair& pair, const std::string& target)
     {
-        Process agent = start_in_a(pair, {TEST_ZENT, "-T", "-i", "va", "-l", log_path(), "-R", target});
+        Process agent =
+            start_in_a(pair, {support::zent_path(), "-T", "-i", "va", "-l", log_path(), "-R", target});
         EXPECT_TRUE(support::wait_for_file(log_path(), "is running as UID=")) << agent.err();
         return agent;
     }
 
-    std::string log_path() const { return dir_.file("zent.log"); }
+    std::string log_path() const { return dir_.path("zent.log"); }
 
   private:
     support::TempDir dir_;
@@ -155,9 +157,9 @@ TEST_F(RelayRun, kept_UnreachableRelayCostsALineInTheLogAndTheGroupStaysJoined)
 TEST_F(RelayRun, TargetThatCannotBeOpenedEndsTheStartWith2)
 {
     const NetnsPair pair;
-    const auto result =
-        start_in_a(pair, {TEST_ZENT, "-T", "-i", "va", "-l", log_path(), "-R", "no.such.host.invalid:1"})
-            .wait();
+    const auto result = start_in_a(pair, {support::zent_path(), "-T", "-i", "va", "-l", log_path(), "-R",
+                                          "no.such.host.invalid:1"})
+                            .wait();
     EXPECT_EQ(result.exit_code, 2);
     EXPECT_NE(
         support::read_file(log_path()).find("reporter_setup: failed to open [udp://no.such.host.invalid:1]"),

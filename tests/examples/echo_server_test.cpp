@@ -16,10 +16,11 @@
 #include "child.h"
 #include "detail/owned.h"
 #include "fds.h"
+#include "paths.h"
 
 namespace {
 
-const std::string kServer = TEST_BUILD_DIR "/examples/echo_server";
+const std::string kServer = support::build_path("examples/echo_server");
 
 class EchoServer : public testing::Test {
   protected:

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "child.h"
+#include "paths.h"
 #include "tempdir.h"
 #include "udp.h"
 
@@ -20,7 +21,7 @@ using support::TempDir;
 
 namespace {
 
-const std::string kProgram = std::string(TEST_BUILD_DIR) + "/examples/file_server";
+const std::string kProgram = support::build_path("examples/file_server");
 
 // A server on a port of its own over a directory with some files.
 class FileServer : public testing::Test {

@@ -11,10 +11,11 @@
 #include "child.h"
 #include "detail/owned.h"
 #include "fds.h"
+#include "paths.h"
 
 namespace {
 
-const std::string kFollow = TEST_BUILD_DIR "/examples/follow";
+const std::string kFollow = support::build_path("examples/follow");
 
 class Follow : public testing::Test {
   protected:

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "child.h"
+#include "paths.h"
 #include "tempdir.h"
 #include "udp.h"
 
@@ -19,7 +20,7 @@ using support::UdpSender;
 
 namespace {
 
-const std::string kProgram = std::string(TEST_BUILD_DIR) + "/examples/recorder";
+const std::string kProgram = support::build_path("examples/recorder");
 
 std::vector<std::string> command(std::vector<std::string> options, int port, const std::string& file)
 {

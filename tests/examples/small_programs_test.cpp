@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "child.h"
+#include "paths.h"
 #include "netns.h"
 #include "scripted_server.h"
 #include "tempdir.h"
@@ -23,7 +24,7 @@ namespace {
 
 std::string program(const std::string& name)
 {
-    return std::string(TEST_BUILD_DIR) + "/examples/" + name;
+    return support::build_path("examples/") + name;
 }
 
 // A client of a program's TCP port.

@@ -283,7 +283,7 @@ TEST(NetopsDomain, client_and_listener_meet)
     FdGuard guard;
     const TempDir dir;
     LogCapture log(DEBUG_level);
-    const std::string path = dir.file("sock");
+    const std::string path = dir.path("sock");
     const Fd listener(open_domain_listener(path.c_str()));
     ASSERT_GE(listener, 0);
     EXPECT_TRUE(is_nonblocking(listener));
@@ -312,7 +312,7 @@ TEST(NetopsDomain, listener_takes_over_a_path_left_behind)
     FdGuard guard;
     const TempDir dir;
     LogCapture log;
-    const std::string path = dir.file("sock");
+    const std::string path = dir.path("sock");
     {
         const Fd first(open_domain_listener(path.c_str()));
         ASSERT_GE(first, 0);
@@ -331,8 +331,8 @@ TEST(NetopsDomain, directory_without_write_permission_fails_with_two_lines)
         GTEST_SKIP() << "skipped: needs root, to give a directory to somebody else";
     }
     const TempDir dir;
-    const std::string fresh = dir.file("fresh");
-    const std::string left = dir.file("left");
+    const std::string fresh = dir.path("fresh");
+    const std::string left = dir.path("left");
     support::must_run("touch " + left + "; chmod 755 " + dir.path());
     const auto child = support::run_in_child([&] {
         if (setuid(65534) != 0) {
@@ -359,12 +359,12 @@ TEST(NetopsDomain, listener_that_cannot_leave_blocking_mode_fails)
     const TempDir dir;
     LogCapture log;
     g_setfl_errno = EPERM;
-    EXPECT_EQ(open_domain_listener(dir.file("sock").c_str()), -1);
+    EXPECT_EQ(open_domain_listener(dir.path("sock").c_str()), -1);
     g_setfl_errno = 0;
     EXPECT_EQ(errno, EPERM);
     ASSERT_EQ(log.lines().size(), 2U);
-    EXPECT_EQ(log.lines()[1], "(ERR)  open_domain_listener: failed for path=[" + dir.file("sock") + "]");
-    EXPECT_NE(access(dir.file("sock").c_str(), F_OK), 0);
+    EXPECT_EQ(log.lines()[1], "(ERR)  open_domain_listener: failed for path=[" + dir.path("sock") + "]");
+    EXPECT_NE(access(dir.path("sock").c_str(), F_OK), 0);
 }
 
 TEST(NetopsDomain, long_path_is_cut_by_the_listener_and_refused_by_the_client)
@@ -403,7 +403,7 @@ TEST(NetopsDomain, kept_failure_counts_one_attempt_too_many)
     FdGuard guard;
     const TempDir dir;
     LogCapture log(NORM_level);
-    const std::string path = dir.file("nobody");
+    const std::string path = dir.path("nobody");
     EXPECT_EQ(open_domain_client(path.c_str(), 3, 2500), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(g_connects, 3);
@@ -421,8 +421,8 @@ TEST(NetopsDomain, no_pause_for_zero_or_less)
     FdGuard guard;
     const TempDir dir;
     LogCapture log(PANIC_level);
-    EXPECT_EQ(open_domain_client(dir.file("nobody").c_str(), 2, 0), -1);
-    EXPECT_EQ(open_domain_client(dir.file("nobody").c_str(), 2, -1), -1);
+    EXPECT_EQ(open_domain_client(dir.path("nobody").c_str(), 2, 0), -1);
+    EXPECT_EQ(open_domain_client(dir.path("nobody").c_str(), 2, -1), -1);
     EXPECT_EQ(g_connects, 4);
     EXPECT_EQ(g_sleeps, 0);
 }
@@ -432,7 +432,7 @@ TEST(NetopsDomain, no_attempts_fail_at_once)
     FdGuard guard;
     const TempDir dir;
     LogCapture log;
-    const std::string path = dir.file("nobody");
+    const std::string path = dir.path("nobody");
     EXPECT_EQ(open_domain_client(path.c_str(), 0, 1000), -1);
     EXPECT_EQ(g_connects, 0);
     EXPECT_EQ(log.lines(),
@@ -445,7 +445,7 @@ TEST(NetopsDomain, later_attempt_that_works_ends_the_loop)
     const TempDir dir;
     LogCapture log(NORM_level);
     g_connect_works_at = 3;
-    const Fd fd(open_domain_client(dir.file("late").c_str(), 5, 1));
+    const Fd fd(open_domain_client(dir.path("late").c_str(), 5, 1));
     EXPECT_GE(fd, 0);
     EXPECT_EQ(g_connects, 3);
     EXPECT_EQ(g_sleeps, 2);
@@ -458,7 +458,7 @@ TEST(NetopsDomain, signal_in_the_pause_ends_the_loop)
     const TempDir dir;
     LogCapture log;
     g_sleep_errno_at = 2;
-    const std::string path = dir.file("nobody");
+    const std::string path = dir.path("nobody");
     EXPECT_EQ(open_domain_client(path.c_str(), 9, 1), -1);
     EXPECT_EQ(g_connects, 2);
     EXPECT_EQ(log.lines().back(),
@@ -470,7 +470,7 @@ TEST(NetopsDomain, kept_quit_is_told_as_connected)
     FdGuard guard;
     const TempDir dir;
     LogCapture log(INFO_level);
-    const std::string path = dir.file("nobody");
+    const std::string path = dir.path("nobody");
     g_quit = 1;
     EXPECT_EQ(open_domain_client(path.c_str(), 3, 1000), -1);
     EXPECT_EQ(g_connects, 0);
@@ -653,8 +653,8 @@ TEST(NetopsError, errno_survives_a_log_that_disturbs_it)
     EXPECT_EQ(left(mcast_join(fd, &group, nullptr) == -1), EINVAL);
     EXPECT_EQ(left(ssm_join(fd, &source, &group, nullptr) == -1), EINVAL);
     EXPECT_EQ(left(open_listener(&foreign, "4000", 0) == -1), EADDRNOTAVAIL);
-    EXPECT_EQ(left(open_domain_listener(dir.file("none/sock").c_str()) == -1), ENOENT);
-    EXPECT_EQ(left(open_domain_client(dir.file("nobody").c_str(), 1, 0) == -1), ENOENT);
+    EXPECT_EQ(left(open_domain_listener(dir.path("none/sock").c_str()) == -1), ENOENT);
+    EXPECT_EQ(left(open_domain_client(dir.path("nobody").c_str(), 1, 0) == -1), ENOENT);
 }
 
 TEST(NetopsPeer, text_of_the_peer_with_its_port)

@@ -24,9 +24,11 @@
 #include "logcap.h"
 #include "netns.h"
 #include "netops.h"
+#include "tempdir.h"
 
 namespace net_test {
 
+using support::TempDir;
 using Lines = std::vector<std::string>;
 
 MV_PRINTF(1, 2) inline std::string text(const char* fmt, ...)
@@ -214,24 +216,6 @@ class LoopbackNet {
 
   private:
     int own_;
-};
-
-// A directory of a test's own, removed with what is in it.
-class TempDir {
-  public:
-    TempDir() { EXPECT_NE(mkdtemp(path_), nullptr); }
-
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    ~TempDir() { support::must_run(std::string("rm -rf ") + path_); }
-
-    std::string path() const { return path_; }
-
-    std::string file(const std::string& name) const { return path() + "/" + name; }
-
-  private:
-    char path_[32] = "/tmp/netops_test.XXXXXX";
 };
 
 // A descriptor that is closed at the end of its scope.

@@ -21,10 +21,12 @@
 #include "logcap.h"
 #include "netns.h"
 #include "oom.h"
+#include "tempdir.h"
 
 using support::FailAllocation;
 using support::FdGuard;
 using support::LogCapture;
+using support::TempDir;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -41,26 +43,6 @@ MV_PRINTF(1, 2) std::string text(const char* fmt, ...)
     va_end(args);
     return buf;
 }
-
-// The directory of a test's files, removed at its end.
-class TempDir {
-  public:
-    TempDir() { EXPECT_NE(mkdtemp(path_), nullptr); }
-
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    ~TempDir()
-    {
-        unlink(file().c_str());
-        rmdir(path_);
-    }
-
-    std::string file() const { return std::string(path_) + "/file"; }
-
-  private:
-    char path_[32] = "/tmp/syswrap_test.XXXXXX";
-};
 
 sockaddr_in loopback(uint16_t port = 0)
 {
@@ -199,7 +181,7 @@ TEST(Syswrap, open_creates_with_mode_644)
     const TempDir dir;
     umask(0);
     LogCapture log;
-    const int fd = Open(dir.file().c_str(), O_CREAT | O_WRONLY);
+    const int fd = Open(dir.path("file").c_str(), O_CREAT | O_WRONLY);
     ASSERT_GE(fd, 0);
     struct stat st;
     ASSERT_EQ(fstat(fd, &st), 0);
@@ -213,7 +195,7 @@ TEST(Syswrap, open3_creates_with_the_mode_given)
     const FdGuard guard;
     const TempDir dir;
     umask(0);
-    const int fd = Open3(dir.file().c_str(), O_CREAT | O_WRONLY, 0751);
+    const int fd = Open3(dir.path("file").c_str(), O_CREAT | O_WRONLY, 0751);
     ASSERT_GE(fd, 0);
     struct stat st;
     ASSERT_EQ(fstat(fd, &st), 0);
@@ -310,7 +292,7 @@ TEST(Syswrap, lseek_both_ways)
     const FdGuard guard;
     const TempDir dir;
     LogCapture log;
-    const int fd = open(dir.file().c_str(), O_CREAT | O_RDWR, 0600);
+    const int fd = open(dir.path("file").c_str(), O_CREAT | O_RDWR, 0600);
     EXPECT_EQ(Lseek(fd, 5'000'000'000, SEEK_SET), 5'000'000'000);
     EXPECT_EQ(log.text(), "");
     EXPECT_EQ(Lseek(fd, -5'000'000'001, SEEK_CUR), -1);
@@ -324,13 +306,13 @@ TEST(Syswrap, unlink_both_ways)
 {
     const TempDir dir;
     LogCapture log;
-    close(open(dir.file().c_str(), O_CREAT | O_WRONLY, 0600));
-    EXPECT_EQ(Unlink(dir.file().c_str()), 0);
+    close(open(dir.path("file").c_str(), O_CREAT | O_WRONLY, 0600));
+    EXPECT_EQ(Unlink(dir.path("file").c_str()), 0);
     EXPECT_EQ(log.text(), "");
-    EXPECT_EQ(Unlink(dir.file().c_str()), -1);
+    EXPECT_EQ(Unlink(dir.path("file").c_str()), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(log.lines(),
-              (Lines{"(ERR)  TestBody: unlink(" + dir.file() + ") ERROR(2): No such file or directory"}));
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  TestBody: unlink(" + dir.path("file") +
+                                  ") ERROR(2): No such file or directory"}));
 }
 
 TEST(Syswrap, ftruncate_both_ways)
@@ -338,7 +320,7 @@ TEST(Syswrap, ftruncate_both_ways)
     const FdGuard guard;
     const TempDir dir;
     LogCapture log;
-    const int fd = open(dir.file().c_str(), O_CREAT | O_RDWR, 0600);
+    const int fd = open(dir.path("file").c_str(), O_CREAT | O_RDWR, 0600);
     EXPECT_EQ(Ftruncate(fd, 77), 0);
     struct stat st;
     fstat(fd, &st);
@@ -466,7 +448,7 @@ TEST(Syswrap, sendfile_to_a_peer_that_has_gone_is_logged_with_flags)
     LogCapture log;
     SocketPair pair;
     pair.close_peer();
-    const int fd = open(dir.file().c_str(), O_CREAT | O_RDWR, 0600);
+    const int fd = open(dir.path("file").c_str(), O_CREAT | O_RDWR, 0600);
     ASSERT_EQ(write(fd, "0123456789", 10), 10);
     off_t offset = 2;
     EXPECT_EQ(Sendfile_f(pair.fd[0], fd, &offset, 3, 1), -1);
@@ -503,7 +485,7 @@ TEST(Syswrap, pread_and_sendfile_succeed_in_silence)
     const TempDir dir;
     LogCapture log(DEBUG_level);
     const SocketPair pair;
-    const int fd = open(dir.file().c_str(), O_CREAT | O_RDWR, 0600);
+    const int fd = open(dir.path("file").c_str(), O_CREAT | O_RDWR, 0600);
     ASSERT_EQ(write(fd, "0123456789", 10), 10);
     char buf[8] = {};
     EXPECT_EQ(Pread_f(fd, buf, 4, 3, 1), 4);
@@ -525,7 +507,7 @@ TEST(Syswrap, sendfile_to_a_peer_that_has_gone_is_silent_without_flags)
     LogCapture log;
     SocketPair pair;
     pair.close_peer();
-    const int fd = open(dir.file().c_str(), O_CREAT | O_RDWR, 0600);
+    const int fd = open(dir.path("file").c_str(), O_CREAT | O_RDWR, 0600);
     ASSERT_EQ(write(fd, "0123456789", 10), 10);
     off_t offset = 2;
     EXPECT_EQ(Sendfile_f(pair.fd[0], fd, &offset, 3, 0), -1);

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <linux/if_packet.h>
@@ -111,20 +110,6 @@ std::string read_file(const std::string& path)
 bool wait_for_file(const std::string& path, const std::string& text)
 {
     return wait_until([&] { return read_file(path).find(text) != std::string::npos; });
-}
-
-TempDir::TempDir()
-{
-    char path[] = "/tmp/morvane-test-XXXXXX";
-    if (mkdtemp(path) == nullptr) {
-        fail("mkdtemp");
-    }
-    path_ = path;
-}
-
-TempDir::~TempDir()
-{
-    std::filesystem::remove_all(path_);
 }
 
 } // namespace support

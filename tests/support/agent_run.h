@@ -8,6 +8,7 @@
 
 #include "child.h"
 #include "netns.h"
+#include "tempdir.h"
 
 namespace support {
 
@@ -43,22 +44,6 @@ bool wait_for_file(const std::string& path, const std::string& text);
 
 // The whole of a file, empty if it cannot be read.
 std::string read_file(const std::string& path);
-
-// A directory of the test's own, removed with all it holds.
-class TempDir {
-  public:
-    TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    ~TempDir();
-
-    const std::string& path() const { return path_; }
-
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};
 
 } // namespace support
 

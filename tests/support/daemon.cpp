@@ -74,12 +74,6 @@ void send_to(int fd, const char* path)
 
 } // namespace
 
-std::string zent_path()
-{
-    const char* path = getenv("ZENT");
-    return path != nullptr ? path : TEST_ZENT;
-}
-
 void write_file(const std::string& path, const std::string& text)
 {
     std::ofstream(path) << text;

@@ -16,11 +16,9 @@
 #include "child.h"
 #include "fds.h"
 #include "netns.h"
+#include "paths.h"
 
 namespace support {
-
-// The agent's binary: the one that the environment variable ZENT names, else that of this build.
-std::string zent_path();
 
 void write_file(const std::string& path, const std::string& text);
 bool file_exists(const std::string& path);
@@ -86,7 +84,7 @@ class DaemonTest : public testing::Test {
     void TearDown() override;
 
     // A path in the test's own directory, which everybody may write to.
-    std::string path(const std::string& name) const { return dir_->file(name); }
+    std::string path(const std::string& name) const { return dir_->path(name); }
 
     // The agent's binary, as a copy there.
     std::string binary() const { return path("zent"); }

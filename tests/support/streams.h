@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "child.h"
+#include "paths.h"
 #include "ts_packets.h"
 
 namespace support {
@@ -43,7 +44,7 @@ inline Buffer read_stream(const std::string& path)
 template <class Write>
 std::string make_once(const std::string& name, Write write)
 {
-    const std::filesystem::path folder = std::filesystem::path(TEST_BUILD_DIR) / "streams";
+    const std::filesystem::path folder = build_path("streams");
     std::filesystem::create_directories(folder);
     const std::filesystem::path place = folder / name;
     if (!std::filesystem::exists(place)) {

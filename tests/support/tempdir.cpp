@@ -1,0 +1,58 @@
+#include "tempdir.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace support {
+
+TempDir::TempDir()
+{
+    path_ = (std::filesystem::temp_directory_path() / "mvtest.XXXXXX").string();
+    if (mkdtemp(path_.data()) == nullptr) {
+        perror("mkdtemp");
+        abort();
+    }
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+void TempDir::make_dir(const std::string& name) const
+{
+    std::filesystem::create_directory(path(name));
+}
+
+void TempDir::write(const std::string& name, const std::string& text) const
+{
+    std::ofstream(path(name), std::ios::binary) << text;
+}
+
+std::string TempDir::read(const std::string& name) const
+{
+    std::ifstream in(path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+std::vector<std::string> TempDir::names() const
+{
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(path_)) {
+        names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool TempDir::has(const std::string& name) const
+{
+    return std::filesystem::exists(path(name));
+}
+
+} // namespace support
