@@ -89,6 +89,8 @@ inline int32_t group_of_key(long key)
                                                      : static_cast<uint32_t>(key));
 }
 
+// C names for all of them: a test may put a step of its own in a step's place.
+extern "C" {
 // features.cpp: reads a text in the form of ZENT_FEATURES; NULL, empty or blank: nothing is on. 0, or -1 with
 // nothing on and the reason, which names the word and what is known, in complaint (room bytes, 256 hold it
 // unless the word is long). Uses no state of the agent.
@@ -173,5 +175,7 @@ int reporter_setup();
 
 // reporter.cpp: formats one line and sends it to the sink.
 void relay_msg(const char* fmt, ...) MV_PRINTF(1, 2);
+
+} // extern "C"
 
 #endif

@@ -8,11 +8,13 @@
 #include <vector>
 
 #include "dstream.h"
+#include "rqs.h"
 #include "stream_input.h"
+#include "wrap.h"
 
 namespace {
 
-timespec now = {1000, 999'000'000};
+timespec& now = *const_cast<timespec*>(rqs_now_ref());
 bool in_charge = false; // whether the monotonic clock shows now
 
 void pass(long ms)
@@ -115,14 +117,9 @@ void ask(dgram_idx* di, const Model& model, uint8_t code, uint16_t argument)
 
 } // namespace
 
+WRAPPED(int, clock_gettime, (clockid_t id, timespec* tms));
+
 extern "C" {
-const timespec* __wrap_rqs_now_ref()
-{
-    return &now;
-}
-
-int __real_clock_gettime(clockid_t id, timespec* tms);
-
 int __wrap_clock_gettime(clockid_t id, timespec* tms)
 {
     if (!in_charge || id != CLOCK_MONOTONIC) {

@@ -10,6 +10,7 @@
 #include "detail/inotify_records.h"
 #include "log.h"
 #include "rqs.h"
+#include "wrap.h"
 
 namespace {
 
@@ -26,11 +27,11 @@ void require(bool holds)
 
 } // namespace
 
-extern "C" {
-int __wrap_inotify_init(void);
-int __wrap_inotify_add_watch(int fd, const char* path, uint32_t mask);
-int __wrap_inotify_rm_watch(int fd, int wd);
+WRAPPED(int, inotify_init, (void));
+WRAPPED(int, inotify_add_watch, (int fd, const char* path, uint32_t mask));
+WRAPPED(int, inotify_rm_watch, (int fd, int wd));
 
+extern "C" {
 int __wrap_inotify_init(void)
 {
     require(pipe2(g_pipe, O_CLOEXEC) == 0);

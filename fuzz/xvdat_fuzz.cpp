@@ -2,6 +2,7 @@
 // reallocations. Input: a byte that chooses the container (% 3) and its kind, a byte for its size, then
 // operations of a byte and an argument. After each operation the records are held against what a plain look
 // at the map says.
+#include "wrap.h"
 #include "xvdat.h"
 
 #include <cerrno>
@@ -16,10 +17,9 @@ bool g_fail_next = false;
 
 } // namespace
 
-extern "C" {
-void* __real_realloc(void* block, size_t size);
-void* __wrap_realloc(void* block, size_t size);
+WRAPPED(void*, realloc, (void* block, size_t size));
 
+extern "C" {
 void* __wrap_realloc(void* block, size_t size)
 {
     if (g_fail_next) {

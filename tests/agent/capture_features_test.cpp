@@ -15,6 +15,7 @@
 #include "log.h"
 #include "logcap.h"
 #include "oom.h"
+#include "wrap.h"
 #include "zent.h"
 
 using support::LogCapture;
@@ -47,28 +48,26 @@ int setting(pcap_t* p, const char* name, int value)
 
 } // namespace
 
-extern "C" {
-int __real_clock_gettime(clockid_t clock, struct timespec* ts);
-int __real_setitimer(__itimer_which_t which, const struct itimerval* value, struct itimerval* old);
-int __wrap_clock_gettime(clockid_t clock, struct timespec* ts);
-int __wrap_setitimer(__itimer_which_t which, const struct itimerval* value, struct itimerval* old);
-pcap_t* __wrap_pcap_create(const char* device, char* errbuf);
-pcap_t* __wrap_pcap_open_live(const char* device, int snaplen, int promisc, int to_ms, char* errbuf);
-int __wrap_pcap_set_snaplen(pcap_t* p, int value);
-int __wrap_pcap_set_promisc(pcap_t* p, int value);
-int __wrap_pcap_set_timeout(pcap_t* p, int value);
-int __wrap_pcap_set_immediate_mode(pcap_t* p, int value);
-int __wrap_pcap_set_buffer_size(pcap_t* p, int value);
-int __wrap_pcap_activate(pcap_t* p);
-int __wrap_pcap_lookupnet(const char* device, bpf_u_int32* net, bpf_u_int32* mask, char* errbuf);
-int __wrap_pcap_compile(pcap_t* p, struct bpf_program* prog, const char* text, int optimize,
-                        bpf_u_int32 mask);
-int __wrap_pcap_setfilter(pcap_t* p, struct bpf_program* prog);
-int __wrap_pcap_dispatch(pcap_t* p, int count, pcap_handler callback, u_char* user);
-char* __wrap_pcap_geterr(pcap_t* p);
-void __wrap_pcap_breakloop(pcap_t* p);
-void __wrap_pcap_close(pcap_t* p);
+WRAPPED(int, clock_gettime, (clockid_t clock, struct timespec* ts));
+WRAPPED(int, setitimer, (__itimer_which_t which, const struct itimerval* value, struct itimerval* old));
+WRAPPED(pcap_t*, pcap_create, (const char* device, char* errbuf));
+WRAPPED(pcap_t*, pcap_open_live, (const char* device, int snaplen, int promisc, int to_ms, char* errbuf));
+WRAPPED(int, pcap_set_snaplen, (pcap_t * p, int value));
+WRAPPED(int, pcap_set_promisc, (pcap_t * p, int value));
+WRAPPED(int, pcap_set_timeout, (pcap_t * p, int value));
+WRAPPED(int, pcap_set_immediate_mode, (pcap_t * p, int value));
+WRAPPED(int, pcap_set_buffer_size, (pcap_t * p, int value));
+WRAPPED(int, pcap_activate, (pcap_t * p));
+WRAPPED(int, pcap_lookupnet, (const char* device, bpf_u_int32* net, bpf_u_int32* mask, char* errbuf));
+WRAPPED(int, pcap_compile,
+        (pcap_t * p, struct bpf_program* prog, const char* text, int optimize, bpf_u_int32 mask));
+WRAPPED(int, pcap_setfilter, (pcap_t * p, struct bpf_program* prog));
+WRAPPED(int, pcap_dispatch, (pcap_t * p, int count, pcap_handler callback, u_char* user));
+WRAPPED(char*, pcap_geterr, (pcap_t * p));
+WRAPPED(void, pcap_breakloop, (pcap_t * p));
+WRAPPED(void, pcap_close, (pcap_t * p));
 
+extern "C" {
 int __wrap_clock_gettime(clockid_t clock, struct timespec* ts)
 {
     if (clock != CLOCK_MONOTONIC || g_ms < 0) {

@@ -12,6 +12,7 @@
 #include "child.h"
 #include "log.h"
 #include "logcap.h"
+#include "wrap.h"
 #include "zent.h"
 
 using support::LogCapture;
@@ -47,19 +48,18 @@ void explain(char* errbuf)
 
 } // namespace
 
-extern "C" {
-time_t __real_time(time_t* to);
-time_t __wrap_time(time_t* to);
-int __wrap_pcap_lookupnet(const char* device, bpf_u_int32* net, bpf_u_int32* mask, char* errbuf);
-pcap_t* __wrap_pcap_open_live(const char* device, int snaplen, int promisc, int to_ms, char* errbuf);
-int __wrap_pcap_compile(pcap_t* p, struct bpf_program* prog, const char* text, int optimize,
-                        bpf_u_int32 mask);
-int __wrap_pcap_setfilter(pcap_t* p, struct bpf_program* prog);
-int __wrap_pcap_dispatch(pcap_t* p, int count, pcap_handler callback, u_char* user);
-char* __wrap_pcap_geterr(pcap_t* p);
-void __wrap_pcap_breakloop(pcap_t* p);
-void __wrap_pcap_freecode(struct bpf_program* prog);
+WRAPPED(time_t, time, (time_t * to));
+WRAPPED(int, pcap_lookupnet, (const char* device, bpf_u_int32* net, bpf_u_int32* mask, char* errbuf));
+WRAPPED(pcap_t*, pcap_open_live, (const char* device, int snaplen, int promisc, int to_ms, char* errbuf));
+WRAPPED(int, pcap_compile,
+        (pcap_t * p, struct bpf_program* prog, const char* text, int optimize, bpf_u_int32 mask));
+WRAPPED(int, pcap_setfilter, (pcap_t * p, struct bpf_program* prog));
+WRAPPED(int, pcap_dispatch, (pcap_t * p, int count, pcap_handler callback, u_char* user));
+WRAPPED(char*, pcap_geterr, (pcap_t * p));
+WRAPPED(void, pcap_breakloop, (pcap_t * p));
+WRAPPED_UNCALLED(void, pcap_freecode, (struct bpf_program * prog));
 
+extern "C" {
 time_t __wrap_time(time_t* to)
 {
     return g_now != 0 ? g_now : __real_time(to);

@@ -11,6 +11,7 @@
 #include "log.h"
 #include "logcap.h"
 #include "util.h"
+#include "wrap.h"
 #include "zent.h"
 
 namespace {
@@ -40,9 +41,8 @@ std::string stream_name(FILE* fp)
 } // namespace
 
 // What takes the place of the calls: recorded while a test records, the real ones otherwise.
-#define FAKE(type, name, args, call, record)                                                                 \
-    type __real_##name args;                                                                                 \
-    type __wrap_##name args;                                                                                 \
+#define WRAPPED_STEP(type, name, args, call, record)                                                         \
+    WRAPPED(type, name, args);                                                                               \
     type __wrap_##name args                                                                                  \
     {                                                                                                        \
         if (!g_recording) {                                                                                  \
@@ -52,17 +52,17 @@ std::string stream_name(FILE* fp)
     }
 
 extern "C" {
-FAKE(int, close, (int fd), (fd), return step("close", std::to_string(fd)))
-FAKE(int, create_pidfile_extra, (const char* path, pid_t pid, ino_t* inode, uint32_t flags),
-     (path, pid, inode, flags), {
-         EXPECT_EQ(pid, getpid());
-         EXPECT_EQ(inode, nullptr);
-         EXPECT_EQ(flags, 0U);
-         return step("create_pidfile_extra", path);
-     })
-FAKE(int, daemonize, (void), (), return step("daemonize"))
-FAKE(int, fclose, (FILE * fp), (fp), return step("fclose", stream_name(fp)))
-FAKE(char*, getcwd, (char* buf, size_t size), (buf, size), {
+WRAPPED_STEP(int, close, (int fd), (fd), return step("close", std::to_string(fd)))
+WRAPPED_STEP(int, create_pidfile_extra, (const char* path, pid_t pid, ino_t* inode, uint32_t flags),
+             (path, pid, inode, flags), {
+                 EXPECT_EQ(pid, getpid());
+                 EXPECT_EQ(inode, nullptr);
+                 EXPECT_EQ(flags, 0U);
+                 return step("create_pidfile_extra", path);
+             })
+WRAPPED_STEP(int, daemonize, (void), (), return step("daemonize"))
+WRAPPED_STEP(int, fclose, (FILE * fp), (fp), return step("fclose", stream_name(fp)))
+WRAPPED_STEP(char*, getcwd, (char* buf, size_t size), (buf, size), {
     EXPECT_EQ(size, 256U);
     if (step("getcwd") != 0) {
         errno = ERANGE;
@@ -70,72 +70,72 @@ FAKE(char*, getcwd, (char* buf, size_t size), (buf, size), {
     }
     return strcpy(buf, "/start");
 })
-FAKE(uid_t, geteuid, (void), (), return g_euid)
-FAKE(void, glog_enable_syslog, (const char* app), (app), step("glog_enable_syslog", app))
-FAKE(int, goto_runtime_dir, (const char* dir), (dir), return step("goto_runtime_dir", dir))
-FAKE(void, log_default, (struct log_ctx * log, FILE* fp), (log, fp), {
+WRAPPED_STEP(uid_t, geteuid, (void), (), return g_euid)
+WRAPPED_STEP(void, glog_enable_syslog, (const char* app), (app), step("glog_enable_syslog", app))
+WRAPPED_STEP(int, goto_runtime_dir, (const char* dir), (dir), return step("goto_runtime_dir", dir))
+WRAPPED_STEP(void, log_default, (struct log_ctx * log, FILE* fp), (log, fp), {
     EXPECT_EQ(log, &g_log);
     step("log_default", stream_name(fp));
 })
-FAKE(void, log_mirror, (struct log_ctx * log, FILE* fp), (log, fp), {
+WRAPPED_STEP(void, log_mirror, (struct log_ctx * log, FILE* fp), (log, fp), {
     EXPECT_EQ(log, &g_log);
     step("log_mirror", stream_name(fp));
 })
-FAKE(int, log_open, (struct log_ctx * log, const char* path), (log, path), {
+WRAPPED_STEP(int, log_open, (struct log_ctx * log, const char* path), (log, path), {
     EXPECT_EQ(log, &g_log);
     return step("log_open", std::string(path) + " at level " + std::to_string(g_mod_ll[MLL_COMMON]));
 })
-FAKE(void, log_set_pid, (struct log_ctx * log, pid_t pid), (log, pid), {
+WRAPPED_STEP(void, log_set_pid, (struct log_ctx * log, pid_t pid), (log, pid), {
     EXPECT_EQ(pid, getpid());
     step("log_set_pid", "at level " + std::to_string(g_mod_ll[MLL_COMMON]));
 })
-FAKE(int, nkht_create, (nkht_t * table, size_t capacity, khash_t hash), (table, capacity, hash), {
+WRAPPED_STEP(int, nkht_create, (nkht_t * table, size_t capacity, khash_t hash), (table, capacity, hash), {
     EXPECT_EQ(table, &g_ctx.wgrp_ht);
     EXPECT_EQ(hash, tw_shift);
     const int rc = step("nkht_create", std::to_string(capacity));
     *table = rc == 0 ? kTable : 0;
     return rc;
 })
-FAKE(void, nkht_destroy, (nkht_t table, gkfree_t release), (table, release), {
+WRAPPED_STEP(void, nkht_destroy, (nkht_t table, gkfree_t release), (table, release), {
     EXPECT_EQ(table, kTable);
     EXPECT_EQ(release, nullptr);
     step("nkht_destroy");
 })
-FAKE(void, pcap_close, (pcap_t * capture), (capture), {
+WRAPPED_STEP(void, pcap_close, (pcap_t * capture), (capture), {
     EXPECT_EQ(capture, kCapture);
     step("pcap_close");
 })
-FAKE(int, run_as_user, (const char* user), (user), {
+WRAPPED_STEP(int, run_as_user, (const char* user), (user), {
     const int rc = step("run_as_user", user);
     g_euid = rc == 0 && strcmp(user, "root") != 0 ? 1000 : g_euid;
     return rc;
 })
-FAKE(int, unlink, (const char* path), (path), {
+WRAPPED_STEP(int, unlink, (const char* path), (path), {
     errno = ENOENT;
     return step("unlink", path);
 })
-FAKE(void, usock_close, (int fd, struct usock_ctx* uc), (fd, uc), {
+WRAPPED_STEP(void, usock_close, (int fd, struct usock_ctx* uc), (fd, uc), {
     EXPECT_EQ(uc, &g_ctx.rep.usock);
     step("usock_close", std::to_string(fd));
 })
 
-// The agent's own steps, by their C++ names.
-int __wrap__Z10pcap_setupPKc(const char* ifc_name);
-int __wrap__Z14reporter_setupv(void);
-int __wrap__Z15load_group_listPKc(const char* path);
+// The agent's own steps.
+WRAPPED(int, pcap_setup, (const char* ifc_name));
+WRAPPED(int, reporter_setup, (void));
+WRAPPED(int, load_group_list, (const char* path));
 
-int __wrap__Z10pcap_setupPKc(const char* ifc_name)
+int __wrap_pcap_setup(const char* ifc_name)
 {
     g_ctx.handle = kCapture; // a failure, too, may leave it open
     return step("pcap_setup", ifc_name);
 }
 
-int __wrap__Z14reporter_setupv(void)
+int __wrap_reporter_setup(void)
 {
     return step("reporter_setup");
 }
 
-int __wrap__Z15load_group_listPKc(const char* path)
+int __wrap_load_group_list(const char* path)
 {
     return step("load_group_list", path);
 }

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "libmeta.h"
+#include "wrap.h"
 #include "zent.h"
 
 namespace {
@@ -55,10 +56,9 @@ std::string build_block()
 
 } // namespace
 
-extern "C" {
-int __real_uname(struct utsname* system);
-int __wrap_uname(struct utsname* system);
+WRAPPED(int, uname, (struct utsname * system));
 
+extern "C" {
 int __wrap_uname(struct utsname* system)
 {
     ++g_uname.calls;

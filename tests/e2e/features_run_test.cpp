@@ -15,13 +15,14 @@
 
 #include "agent_run.h"
 #include "frames_v3.h"
+#include "paths.h"
 
 using support::NetnsPair;
 using support::Process;
 
 namespace {
 
-const std::string kUnit = TEST_SOURCE_DIR "/packaging/systemd/zent@.service";
+const std::string kUnit = support::source_path("packaging/systemd/zent@.service");
 
 std::string join_line(const std::string& group)
 {
@@ -115,12 +116,12 @@ class FeaturedAgent {
     FeaturedAgent(const NetnsPair& pair, const std::string& features, const std::string& interface = "va",
                   const std::string& level = "info")
     {
-        process_ = start_in_a(pair, {"env", "ZENT_FEATURES=" + features, TEST_ZENT, "-T", "-i", interface,
-                                     "-l", log_path(), "-L", level});
+        process_ = start_in_a(pair, {"env", "ZENT_FEATURES=" + features, support::zent_path(), "-T", "-i",
+                                     interface, "-l", log_path(), "-L", level});
         EXPECT_TRUE(support::wait_for_file(log_path(), "is running as UID=")) << process_.err();
     }
 
-    std::string log_path() const { return dir_.file("zent.log"); }
+    std::string log_path() const { return dir_.path("zent.log"); }
 
     std::string log() const { return support::read_file(log_path()); }
 
@@ -189,7 +190,7 @@ UnitCommand unit_command()
     }
     for (const std::string& word : words(start)) {
         if (word == "zent" || word.ends_with("/zent")) {
-            unit.argv.emplace_back(TEST_ZENT);
+            unit.argv.emplace_back(support::zent_path());
         } else if (word == "%i" || word == "%I") {
             unit.argv.emplace_back("va");
         } else if (word[0] == '$') {
@@ -207,10 +208,10 @@ UnitCommand unit_command()
 TEST(FeaturesAtStart, unknown_word_is_one_line_and_2_before_anything_is_touched)
 {
     const support::TempDir dir;
-    const std::string pid = dir.file("pid");
+    const std::string pid = dir.path("pid");
     std::ofstream(pid) << "4711";
-    const auto result = support::run_program({"env", "ZENT_FEATURES=exact,what", TEST_ZENT, "-T", "-i",
-                                              "nosuch", "-l", dir.file("log"), "-p", pid});
+    const auto result = support::run_program({"env", "ZENT_FEATURES=exact,what", support::zent_path(), "-T",
+                                              "-i", "nosuch", "-l", dir.path("log"), "-p", pid});
     EXPECT_EQ(result.exit_code, 2);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(
@@ -218,12 +219,12 @@ TEST(FeaturesAtStart, unknown_word_is_one_line_and_2_before_anything_is_touched)
         "zent: ZENT_FEATURES: this word is unknown: \"what\"; known are exact, immediate, igmpv3 and expire=S with 10 to "
         "86400 seconds\n");
     EXPECT_EQ(support::read_file(pid), "4711");
-    EXPECT_NE(access(dir.file("log").c_str(), F_OK), 0);
+    EXPECT_NE(access(dir.path("log").c_str(), F_OK), 0);
 }
 
 TEST(FeaturesAtStart, usage_text_for_want_of_arguments_comes_first)
 {
-    const auto result = support::run_program({"env", "ZENT_FEATURES=what", TEST_ZENT});
+    const auto result = support::run_program({"env", "ZENT_FEATURES=what", support::zent_path()});
     EXPECT_EQ(result.exit_code, 1);
     EXPECT_EQ(result.err.find("ZENT_FEATURES"), std::string::npos) << result.err;
 }

@@ -9,8 +9,8 @@
 #include <gtest/gtest.h>
 
 #include "child.h"
-#include "paths.h"
 #include "netns.h"
+#include "paths.h"
 #include "scripted_server.h"
 #include "tempdir.h"
 #include "udp.h"

@@ -14,6 +14,7 @@
 #include "oom.h"
 #include "rqs.h"
 #include "ts_packets.h"
+#include "wrap.h"
 
 using support::Buffer;
 using support::FailAllocation;
@@ -33,9 +34,9 @@ timespec clock_time;
 
 } // namespace
 
-extern "C" {
-int __real_clock_gettime(clockid_t id, timespec* tms);
+WRAPPED(int, clock_gettime, (clockid_t id, timespec* tms));
 
+extern "C" {
 int __wrap_clock_gettime(clockid_t id, timespec* tms)
 {
     if (id != CLOCK_MONOTONIC) {

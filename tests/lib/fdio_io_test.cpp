@@ -23,6 +23,7 @@
 #include "logcap.h"
 #include "psensor.h"
 #include "tempdir.h"
+#include "wrap.h"
 
 using support::asserted_in;
 using support::ChildResult;
@@ -176,20 +177,14 @@ void end(pid_t pid)
 
 } // namespace
 
-extern "C" {
-ssize_t __real_read(int fd, void* buf, size_t count);
-ssize_t __real_write(int fd, const void* buf, size_t count);
-ssize_t __real_pread(int fd, void* buf, size_t count, off_t offset);
-ssize_t __real_sendfile(int out, int in, off_t* offset, size_t count);
-int __real_unlink(const char* path);
-int __real_getrusage(int who, struct rusage* ru);
-ssize_t __wrap_read(int fd, void* buf, size_t count);
-ssize_t __wrap_write(int fd, const void* buf, size_t count);
-ssize_t __wrap_pread(int fd, void* buf, size_t count, off_t offset);
-ssize_t __wrap_sendfile(int out, int in, off_t* offset, size_t count);
-int __wrap_unlink(const char* path);
-int __wrap_getrusage(int who, struct rusage* ru);
+WRAPPED(ssize_t, read, (int fd, void* buf, size_t count));
+WRAPPED(ssize_t, write, (int fd, const void* buf, size_t count));
+WRAPPED(ssize_t, pread, (int fd, void* buf, size_t count, off_t offset));
+WRAPPED(ssize_t, sendfile, (int out, int in, off_t* offset, size_t count));
+WRAPPED(int, unlink, (const char* path));
+WRAPPED(int, getrusage, (int who, struct rusage* ru));
 
+extern "C" {
 ssize_t __wrap_read(int fd, void* buf, size_t count)
 {
     return g_read.answers() ? g_read.result : __real_read(fd, buf, count);

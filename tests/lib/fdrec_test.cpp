@@ -19,6 +19,7 @@
 #include "logcap.h"
 #include "netops.h"
 #include "oom.h"
+#include "wrap.h"
 
 using support::FailAllocation;
 using support::FdGuard;
@@ -75,10 +76,9 @@ struct Shm {
 
 } // namespace
 
-extern "C" {
-char* __real_strdup(const char* s);
-char* __wrap_strdup(const char* s);
+WRAPPED(char*, strdup, (const char* s));
 
+extern "C" {
 char* __wrap_strdup(const char* s)
 {
     if (g_fail_strdup) {

@@ -19,15 +19,15 @@
 
 #include "child.h"
 #include "oom.h"
+#include "wrap.h"
 
 namespace {
 time_t g_now = 0; // what time() says; 0: the real time
 }
 
-extern "C" {
-time_t __real_time(time_t* tm);
-time_t __wrap_time(time_t* tm);
+WRAPPED(time_t, time, (time_t * tm));
 
+extern "C" {
 time_t __wrap_time(time_t* tm)
 {
     if (g_now == 0) {

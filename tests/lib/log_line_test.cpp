@@ -28,6 +28,7 @@
 #include "oom.h"
 #include "tempdir.h"
 #include "timeop.h"
+#include "wrap.h"
 
 namespace {
 
@@ -51,20 +52,14 @@ void run_once(void (*&what)())
 
 } // namespace
 
-extern "C" {
-int __real_clock_gettime(clockid_t clk, struct timespec* tms);
-int __wrap_clock_gettime(clockid_t clk, struct timespec* tms);
-int __real_vsnprintf(char* buf, size_t size, const char* fmt, va_list args);
-int __wrap_vsnprintf(char* buf, size_t size, const char* fmt, va_list args);
-int __real___vsnprintf_chk(char* buf, size_t size, int flag, size_t room, const char* fmt, va_list args);
-int __wrap___vsnprintf_chk(char* buf, size_t size, int flag, size_t room, const char* fmt, va_list args);
-int __real_backtrace(void** frames, int size);
-int __wrap_backtrace(void** frames, int size);
-char** __real_backtrace_symbols(void* const* frames, int size);
-char** __wrap_backtrace_symbols(void* const* frames, int size);
-struct tm* __real_localtime_r(const time_t* time, struct tm* parts);
-struct tm* __wrap_localtime_r(const time_t* time, struct tm* parts);
+WRAPPED(int, clock_gettime, (clockid_t clk, struct timespec* tms));
+WRAPPED(int, vsnprintf, (char* buf, size_t size, const char* fmt, va_list args));
+WRAPPED(int, __vsnprintf_chk, (char* buf, size_t size, int flag, size_t room, const char* fmt, va_list args));
+WRAPPED(int, backtrace, (void** frames, int size));
+WRAPPED(char**, backtrace_symbols, (void* const* frames, int size));
+WRAPPED(struct tm*, localtime_r, (const time_t* time, struct tm* parts));
 
+extern "C" {
 int __wrap_clock_gettime(clockid_t clk, struct timespec* tms)
 {
     g_clock_asked = clk;

@@ -14,6 +14,7 @@
 
 #include "app_flags.h"
 #include "tempdir.h"
+#include "wrap.h"
 
 namespace {
 
@@ -23,14 +24,13 @@ int g_conversions = 0; // calls of localtime_r
 
 } // namespace
 
-extern "C" {
-void __wrap_vsyslog(int priority, const char* fmt, va_list args);
-void __wrap___vsyslog_chk(int priority, int flag, const char* fmt, va_list args);
-time_t __wrap_time(time_t* seconds);
-int __wrap_clock_gettime(clockid_t clk, struct timespec* tms);
-struct tm* __real_localtime_r(const time_t* time, struct tm* parts);
-struct tm* __wrap_localtime_r(const time_t* time, struct tm* parts);
+WRAPPED(void, vsyslog, (int priority, const char* fmt, va_list args));
+WRAPPED(void, __vsyslog_chk, (int priority, int flag, const char* fmt, va_list args));
+WRAPPED(time_t, time, (time_t * seconds));
+WRAPPED(int, clock_gettime, (clockid_t clk, struct timespec* tms));
+WRAPPED(struct tm*, localtime_r, (const time_t* time, struct tm* parts));
 
+extern "C" {
 void __wrap_vsyslog(int /*priority*/, const char* /*fmt*/, va_list /*args*/)
 {
     if (g_interrupt_syslog) {

@@ -19,6 +19,7 @@
 #include "logcap.h"
 #include "logfaults.h"
 #include "tempdir.h"
+#include "wrap.h"
 
 namespace {
 
@@ -69,10 +70,9 @@ int g_facility = -1;
 
 } // namespace
 
-extern "C" {
-void __real_openlog(const char* ident, int option, int facility);
-void __wrap_openlog(const char* ident, int option, int facility);
+WRAPPED(void, openlog, (const char* ident, int option, int facility));
 
+extern "C" {
 void __wrap_openlog(const char* ident, int option, int facility)
 {
     g_ident = ident;

@@ -5,6 +5,7 @@
 #include <net/if.h>
 
 #include "oom.h"
+#include "wrap.h"
 
 using namespace net_test;
 using support::FailAllocation;
@@ -24,22 +25,15 @@ int g_setsockopt_errno = 0; // fails with it
 
 } // namespace
 
-extern "C" {
-int __real_getifaddrs(ifaddrs** list);
-int __wrap_getifaddrs(ifaddrs** list);
-void __real_freeifaddrs(ifaddrs* list);
-void __wrap_freeifaddrs(ifaddrs* list);
-int __real_getnameinfo(const sockaddr*, socklen_t, char*, socklen_t, char*, socklen_t, int);
-int __wrap_getnameinfo(const sockaddr*, socklen_t, char*, socklen_t, char*, socklen_t, int);
-char* __real_if_indextoname(unsigned int, char*);
-char* __wrap_if_indextoname(unsigned int, char*);
-int __real_socket(int, int, int);
-int __wrap_socket(int, int, int);
-int __real_fcntl(int, int, ...);
-int __wrap_fcntl(int, int, ...);
-int __real_setsockopt(int, int, int, const void*, socklen_t);
-int __wrap_setsockopt(int, int, int, const void*, socklen_t);
+WRAPPED(int, getifaddrs, (ifaddrs * *list));
+WRAPPED(void, freeifaddrs, (ifaddrs * list));
+WRAPPED(int, getnameinfo, (const sockaddr*, socklen_t, char*, socklen_t, char*, socklen_t, int));
+WRAPPED(char*, if_indextoname, (unsigned int, char*));
+WRAPPED(int, socket, (int, int, int));
+WRAPPED(int, fcntl, (int, int, ...));
+WRAPPED(int, setsockopt, (int, int, int, const void*, socklen_t));
 
+extern "C" {
 int __wrap_getifaddrs(ifaddrs** list)
 {
     if (g_getifaddrs_errno != 0) {

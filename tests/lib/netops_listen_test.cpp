@@ -8,6 +8,7 @@
 #include <sys/time.h>
 
 #include "app_flags.h"
+#include "wrap.h"
 
 using namespace net_test;
 using support::FdGuard;
@@ -26,16 +27,12 @@ bool g_quit_in_sleep = false; // a pause sets g_quit
 
 } // namespace
 
-extern "C" {
-int __real_listen(int, int);
-int __wrap_listen(int, int);
-int __real_fcntl(int, int, ...);
-int __wrap_fcntl(int, int, ...);
-int __real_connect(int, const sockaddr*, socklen_t);
-int __wrap_connect(int, const sockaddr*, socklen_t);
-int __real_nanosleep(const timespec*, timespec*);
-int __wrap_nanosleep(const timespec*, timespec*);
+WRAPPED(int, listen, (int, int));
+WRAPPED(int, fcntl, (int, int, ...));
+WRAPPED(int, connect, (int, const sockaddr*, socklen_t));
+WRAPPED(int, nanosleep, (const timespec*, timespec*));
 
+extern "C" {
 int __wrap_listen(int fd, int backlog)
 {
     g_backlog = backlog;

@@ -1,6 +1,7 @@
 // Membership of groups, by both forms of the options, as the kernel lists it; hop limit, outgoing interface
 // and scope ids.
 #include "netops_support.h"
+#include "wrap.h"
 
 #include <algorithm>
 #include <memory>
@@ -21,10 +22,9 @@ std::vector<unsigned char> g_last_value;
 
 } // namespace
 
-extern "C" {
-int __real_setsockopt(int, int, int, const void*, socklen_t);
-int __wrap_setsockopt(int, int, int, const void*, socklen_t);
+WRAPPED(int, setsockopt, (int, int, int, const void*, socklen_t));
 
+extern "C" {
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length)
 {
     ++g_setsockopt_calls;

@@ -1,6 +1,7 @@
 // Sockets from one description: what is refused and in which order, what each kind comes back as, and
 // datagrams that really travel between two namespaces.
 #include "netops_support.h"
+#include "wrap.h"
 
 #include <algorithm>
 #include <memory>
@@ -26,18 +27,13 @@ std::vector<sockaddr_storage> g_answers; // what every look-up gives
 
 } // namespace
 
-extern "C" {
-int __real_socket(int, int, int);
-int __wrap_socket(int, int, int);
-int __real_fcntl(int, int, ...);
-int __wrap_fcntl(int, int, ...);
-int __real_connect(int, const sockaddr*, socklen_t);
-int __wrap_connect(int, const sockaddr*, socklen_t);
-int __real_getaddrinfo(const char*, const char*, const addrinfo*, addrinfo**);
-int __wrap_getaddrinfo(const char*, const char*, const addrinfo*, addrinfo**);
-void __real_freeaddrinfo(addrinfo*);
-void __wrap_freeaddrinfo(addrinfo*);
+WRAPPED(int, socket, (int, int, int));
+WRAPPED(int, fcntl, (int, int, ...));
+WRAPPED(int, connect, (int, const sockaddr*, socklen_t));
+WRAPPED(int, getaddrinfo, (const char*, const char*, const addrinfo*, addrinfo**));
+WRAPPED(void, freeaddrinfo, (addrinfo*));
 
+extern "C" {
 int __wrap_socket(int family, int type, int protocol)
 {
     ++g_socket_calls;

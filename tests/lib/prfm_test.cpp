@@ -13,6 +13,7 @@
 
 #include "child.h"
 #include "rusage_ops.h"
+#include "wrap.h"
 
 using support::ChildResult;
 using support::run_in_child;
@@ -87,12 +88,10 @@ void expect_time(const timespec& tm, time_t sec, long nsec)
 
 } // namespace
 
-extern "C" {
-int __real_clock_gettime(clockid_t id, timespec* tm);
-int __real_getrusage(int who, rusage* ru);
-int __wrap_clock_gettime(clockid_t id, timespec* tm);
-int __wrap_getrusage(int who, rusage* ru);
+WRAPPED(int, clock_gettime, (clockid_t id, timespec* tm));
+WRAPPED(int, getrusage, (int who, rusage* ru));
 
+extern "C" {
 int __wrap_clock_gettime(clockid_t id, timespec* tm)
 {
     ++g_clock_calls;

@@ -7,6 +7,7 @@
 
 #include "detail/inotify_records.h"
 #include "rqs_fixture.h"
+#include "wrap.h"
 
 namespace {
 
@@ -33,20 +34,14 @@ Faults g_faults;
 
 } // namespace
 
-extern "C" {
-int __real_epoll_create(int size);
-int __real_epoll_wait(int fd, epoll_event* events, int room, int limit);
-int __real_inotify_init(void);
-int __real_inotify_rm_watch(int fd, int wd);
-int __real_ioctl(int fd, unsigned long request, ...);
-ssize_t __real_read(int fd, void* buf, size_t count);
-int __wrap_epoll_create(int size);
-int __wrap_epoll_wait(int fd, epoll_event* events, int room, int limit);
-int __wrap_inotify_init(void);
-int __wrap_inotify_rm_watch(int fd, int wd);
-int __wrap_ioctl(int fd, unsigned long request, ...);
-ssize_t __wrap_read(int fd, void* buf, size_t count);
+WRAPPED(int, epoll_create, (int size));
+WRAPPED(int, epoll_wait, (int fd, epoll_event* events, int room, int limit));
+WRAPPED(int, inotify_init, (void));
+WRAPPED(int, inotify_rm_watch, (int fd, int wd));
+WRAPPED(int, ioctl, (int fd, unsigned long request, ...));
+WRAPPED(ssize_t, read, (int fd, void* buf, size_t count));
 
+extern "C" {
 int __wrap_epoll_create(int size)
 {
     EXPECT_EQ(size, 128);

@@ -16,6 +16,7 @@
 #include "logcap.h"
 #include "rqs.h"
 #include "util.h"
+#include "wrap.h"
 
 using support::FdGuard;
 using support::LogCapture;
@@ -58,10 +59,10 @@ void wake_before_the_wait(timespec* tmout)
     }
 }
 
-extern "C" {
-int __real_eventfd(unsigned int count, int flags);
-int __real_epoll_ctl(int loop, int operation, int fd, epoll_event* event);
+WRAPPED(int, eventfd, (unsigned int count, int flags));
+WRAPPED(int, epoll_ctl, (int loop, int operation, int fd, epoll_event* event));
 
+extern "C" {
 int __wrap_eventfd(unsigned int count, int flags)
 {
     errno = g_eventfd_errno;

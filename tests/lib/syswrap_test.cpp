@@ -22,6 +22,7 @@
 #include "netns.h"
 #include "oom.h"
 #include "tempdir.h"
+#include "wrap.h"
 
 using support::FailAllocation;
 using support::FdGuard;
@@ -128,10 +129,9 @@ constexpr int kBadFd = 999;
 
 } // namespace
 
-extern "C" {
-pid_t __real_fork();
-pid_t __wrap_fork();
+WRAPPED(pid_t, fork, ());
 
+extern "C" {
 pid_t __wrap_fork()
 {
     if (g_fail_fork) {
@@ -141,8 +141,7 @@ pid_t __wrap_fork()
     return __real_fork();
 }
 
-ssize_t __real_pread(int fd, void* buf, size_t count, off_t offset);
-ssize_t __wrap_pread(int fd, void* buf, size_t count, off_t offset);
+WRAPPED(ssize_t, pread, (int fd, void* buf, size_t count, off_t offset));
 
 ssize_t __wrap_pread(int fd, void* buf, size_t count, off_t offset)
 {

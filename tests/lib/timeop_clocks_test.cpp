@@ -14,6 +14,7 @@
 #include "log.h"
 #include "logcap.h"
 #include "rqs.h"
+#include "wrap.h"
 
 using support::LogCapture;
 using support::run_in_child;
@@ -71,10 +72,9 @@ std::string duration(long seconds)
 
 } // namespace
 
-extern "C" {
-int __real_clock_gettime(clockid_t clk, timespec* tms);
-int __wrap_clock_gettime(clockid_t clk, timespec* tms);
+WRAPPED(int, clock_gettime, (clockid_t clk, timespec* tms));
 
+extern "C" {
 int __wrap_clock_gettime(clockid_t clk, timespec* tms)
 {
     g_clock_read = clk;

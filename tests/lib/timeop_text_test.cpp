@@ -16,6 +16,7 @@
 
 #include "log.h"
 #include "oom.h"
+#include "wrap.h"
 
 namespace {
 
@@ -36,16 +37,12 @@ void run_once()
 
 } // namespace
 
-extern "C" {
-time_t __real_time(time_t* tm);
-time_t __wrap_time(time_t* tm);
-struct tm* __real_localtime_r(const time_t* time, struct tm* parts);
-struct tm* __wrap_localtime_r(const time_t* time, struct tm* parts);
-struct tm* __real_gmtime_r(const time_t* time, struct tm* parts);
-struct tm* __wrap_gmtime_r(const time_t* time, struct tm* parts);
-size_t __real_strftime(char* buf, size_t size, const char* fmt, const struct tm* parts);
-size_t __wrap_strftime(char* buf, size_t size, const char* fmt, const struct tm* parts);
+WRAPPED(time_t, time, (time_t * tm));
+WRAPPED(struct tm*, localtime_r, (const time_t* time, struct tm* parts));
+WRAPPED(struct tm*, gmtime_r, (const time_t* time, struct tm* parts));
+WRAPPED(size_t, strftime, (char* buf, size_t size, const char* fmt, const struct tm* parts));
 
+extern "C" {
 time_t __wrap_time(time_t* tm)
 {
     if (tm != nullptr) {

@@ -16,6 +16,7 @@
 #include "ktime.h"
 #include "oom.h"
 #include "rqs.h"
+#include "wrap.h"
 
 namespace {
 
@@ -73,6 +74,8 @@ class Timers : public testing::Test {
 };
 
 } // namespace
+
+WRAPPED(int, clock_gettime, (clockid_t, timespec* ts));
 
 extern "C" int __wrap_clock_gettime(clockid_t, timespec* ts)
 {

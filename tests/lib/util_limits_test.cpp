@@ -12,6 +12,7 @@
 
 #include "child.h"
 #include "logcap.h"
+#include "wrap.h"
 
 using support::ChildResult;
 using support::LogCapture;
@@ -50,14 +51,11 @@ int failing(int err)
 
 } // namespace
 
-extern "C" {
-int __real_getrlimit(int resource, rlimit* limit);
-int __real_setrlimit(int resource, const rlimit* limit);
-int __real_prctl(int option, ...);
-int __wrap_getrlimit(int resource, rlimit* limit);
-int __wrap_setrlimit(int resource, const rlimit* limit);
-int __wrap_prctl(int option, ...);
+WRAPPED(int, getrlimit, (int resource, rlimit* limit));
+WRAPPED(int, setrlimit, (int resource, const rlimit* limit));
+WRAPPED(int, prctl, (int option, ...));
 
+extern "C" {
 int __wrap_getrlimit(int resource, rlimit* limit)
 {
     if (!g_kernel.fake) {

@@ -16,6 +16,7 @@
 #include "fds.h"
 #include "logcap.h"
 #include "tempdir.h"
+#include "wrap.h"
 
 using support::asserted_in;
 using support::ChildResult;
@@ -74,12 +75,10 @@ class Holder {
 
 } // namespace
 
-extern "C" {
-int __real_fcntl(int fd, int command, void* arg);
-int __wrap_fcntl(int fd, int command, void* arg);
-int __real_fstat(int fd, struct stat* st);
-int __wrap_fstat(int fd, struct stat* st);
+WRAPPED(int, fcntl, (int fd, int command, void* arg));
+WRAPPED(int, fstat, (int fd, struct stat* st));
 
+extern "C" {
 int __wrap_fcntl(int fd, int command, void* arg)
 {
     if (g_fail_fcntl != 0 && command == F_SETLK) {

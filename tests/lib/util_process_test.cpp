@@ -24,6 +24,7 @@
 #include "child.h"
 #include "logcap.h"
 #include "tempdir.h"
+#include "wrap.h"
 
 using support::ChildResult;
 using support::LogCapture;
@@ -100,22 +101,15 @@ void note(int signo)
 
 } // namespace
 
-extern "C" {
-pid_t __real_fork();
-pid_t __real_setsid();
-int __real_chdir(const char* path);
-int __real_sigaction(int signo, const struct sigaction* act, struct sigaction* old);
-passwd* __real_getpwnam(const char* name);
-passwd* __real_getpwuid(uid_t uid);
-int __real_setgid(gid_t gid);
-pid_t __wrap_fork();
-pid_t __wrap_setsid();
-int __wrap_chdir(const char* path);
-int __wrap_sigaction(int signo, const struct sigaction* act, struct sigaction* old);
-passwd* __wrap_getpwnam(const char* name);
-passwd* __wrap_getpwuid(uid_t uid);
-int __wrap_setgid(gid_t gid);
+WRAPPED(pid_t, fork, ());
+WRAPPED(pid_t, setsid, ());
+WRAPPED(int, chdir, (const char* path));
+WRAPPED(int, sigaction, (int signo, const struct sigaction* act, struct sigaction* old));
+WRAPPED(passwd*, getpwnam, (const char* name));
+WRAPPED(passwd*, getpwuid, (uid_t uid));
+WRAPPED(int, setgid, (gid_t gid));
 
+extern "C" {
 pid_t __wrap_fork()
 {
     return must_fail(g_fail_fork) ? -1 : __real_fork();

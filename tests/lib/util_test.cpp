@@ -17,6 +17,7 @@
 #include "fds.h"
 #include "logcap.h"
 #include "tempdir.h"
+#include "wrap.h"
 
 using support::ChildResult;
 using support::FdGuard;
@@ -86,10 +87,9 @@ std::string cut(const char* s, const char* delim, size_t room)
 
 } // namespace
 
-extern "C" {
-int __real_dup2(int from, int to);
-int __wrap_dup2(int from, int to);
+WRAPPED(int, dup2, (int from, int to));
 
+extern "C" {
 int __wrap_dup2(int from, int to)
 {
     if (g_fail_dup2 > 0 && --g_fail_dup2 == 0) {
@@ -99,8 +99,8 @@ int __wrap_dup2(int from, int to)
     return __real_dup2(from, to);
 }
 
-ssize_t __real_sendto(int fd, const void* buf, size_t len, int flags, const sockaddr* to, socklen_t to_len);
-ssize_t __wrap_sendto(int fd, const void* buf, size_t len, int flags, const sockaddr* to, socklen_t to_len);
+WRAPPED(ssize_t, sendto,
+        (int fd, const void* buf, size_t len, int flags, const sockaddr* to, socklen_t to_len));
 
 ssize_t __wrap_sendto(int fd, const void* buf, size_t len, int flags, const sockaddr* to, socklen_t to_len)
 {

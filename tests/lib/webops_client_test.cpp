@@ -22,6 +22,7 @@
 #include "logcap.h"
 #include "oom.h"
 #include "wait.h"
+#include "wrap.h"
 
 using support::FailAllocation;
 using support::FdGuard;
@@ -134,10 +135,9 @@ std::string sent_by(struct http_request request)
 
 } // namespace
 
-extern "C" {
-ssize_t __real_read(int fd, void* buf, size_t count);
-ssize_t __wrap_read(int fd, void* buf, size_t count);
+WRAPPED(ssize_t, read, (int fd, void* buf, size_t count));
 
+extern "C" {
 ssize_t __wrap_read(int fd, void* buf, size_t count)
 {
     if (g_read_error != 0) {

@@ -22,6 +22,7 @@
 #include "oom.h"
 #include "tempdir.h"
 #include "uri.h"
+#include "wrap.h"
 
 using support::FailAllocation;
 using support::FdGuard;
@@ -75,10 +76,9 @@ std::string proc_net(const char* name)
 
 } // namespace
 
-extern "C" {
-int __real_uri_extract(const char* uri, char* scheme, char* authority, char* path, char* query);
-int __wrap_uri_extract(const char* uri, char* scheme, char* authority, char* path, char* query);
+WRAPPED(int, uri_extract, (const char* uri, char* scheme, char* authority, char* path, char* query));
 
+extern "C" {
 int __wrap_uri_extract(const char* uri, char* scheme, char* authority, char* path, char* query)
 {
     const int kind = __real_uri_extract(uri, scheme, authority, path, query);

@@ -25,6 +25,7 @@
 #include "uri.h"
 #include "wait.h"
 #include "webops.h"
+#include "wrap.h"
 
 using support::FailAllocation;
 using support::FdGuard;
@@ -161,10 +162,9 @@ struct Body {
 
 } // namespace
 
-extern "C" {
-int __real_recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp);
-int __wrap_recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp);
+WRAPPED(int, recv_http_response, (int sockfd, char* buf, size_t buflen, http_resp_ctx* resp));
 
+extern "C" {
 int __wrap_recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp)
 {
     const int rc = __real_recv_http_response(sockfd, buf, buflen, resp);

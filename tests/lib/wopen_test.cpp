@@ -21,6 +21,7 @@
 #include "tempdir.h"
 #include "uri.h"
 #include "wait.h"
+#include "wrap.h"
 
 using support::FailAllocation;
 using support::FdGuard;
@@ -140,12 +141,10 @@ bool is_joined(const char* group)
 
 } // namespace
 
-extern "C" {
-char* __real_strdup(const char* s);
-char* __wrap_strdup(const char* s);
-int __real_uri_extract(const char* uri, char* scheme, char* authority, char* path, char* query);
-int __wrap_uri_extract(const char* uri, char* scheme, char* authority, char* path, char* query);
+WRAPPED(char*, strdup, (const char* s));
+WRAPPED(int, uri_extract, (const char* uri, char* scheme, char* authority, char* path, char* query));
 
+extern "C" {
 char* __wrap_strdup(const char* s)
 {
     if (g_fail_strdup) {

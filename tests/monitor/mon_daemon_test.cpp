@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "child.h"
+#include "paths.h"
 #include "tempdir.h"
 #include "udp.h"
 #include "wait.h"
@@ -23,7 +24,8 @@ struct Zentmon {
 
     explicit Zentmon(std::vector<std::string> more, const std::function<void()>& in_child = {})
     {
-        std::vector<std::string> argv = {TEST_ZENTMON, "--http", "none", "--loglevel", "debug"};
+        std::vector<std::string> argv = {support::build_path("zentmon"), "--http", "none", "--loglevel",
+                                         "debug"};
         argv.insert(argv.end(), more.begin(), more.end());
         process = Process(argv, in_child);
     }
@@ -64,7 +66,7 @@ struct Zentmon {
 
 int exit_code(const std::vector<std::string>& more)
 {
-    std::vector<std::string> argv = {TEST_ZENTMON, "--http", "none"};
+    std::vector<std::string> argv = {support::build_path("zentmon"), "--http", "none"};
     argv.insert(argv.end(), more.begin(), more.end());
     return run_program(argv).exit_code;
 }
@@ -120,7 +122,7 @@ TEST(MonDaemon, without_the_right_to_a_port_it_ends_with_77)
     if (geteuid() != 0) {
         GTEST_SKIP() << "skipped: needs root, to give rights up";
     }
-    Process process({TEST_ZENTMON, "--http", "none", "--listen", "127.0.0.1:99"}, [] {
+    Process process({support::build_path("zentmon"), "--http", "none", "--listen", "127.0.0.1:99"}, [] {
         if (setgid(65534) != 0 || setuid(65534) != 0) {
             _exit(1);
         }
@@ -163,7 +165,8 @@ TEST(MonDaemon, reads_names_and_allow_again_at_sighup_without_losing_state)
 TEST(MonDaemon, the_log_goes_to_a_file_that_is_opened_again_at_sighup)
 {
     const TempDir dir;
-    Process z({TEST_ZENTMON, "--http", "none", "--listen", "0=lab", "--log", dir.path("log")});
+    Process z(
+        {support::build_path("zentmon"), "--http", "none", "--listen", "0=lab", "--log", dir.path("log")});
     ASSERT_TRUE(wait_until(
         [&] { return dir.has("log") && dir.read("log").find("lines are taken") != std::string::npos; }));
     rename(dir.path("log").c_str(), dir.path("log.1").c_str());

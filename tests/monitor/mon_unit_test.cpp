@@ -7,14 +7,15 @@
 
 #include "child.h"
 #include "options.h"
+#include "paths.h"
 #include "tempdir.h"
 
 using namespace support;
 
 namespace {
 
-const std::string kService = TEST_SOURCE_DIR "/packaging/systemd/zentmon.service";
-const std::string kSocket = TEST_SOURCE_DIR "/packaging/systemd/zentmon.socket";
+const std::string kService = support::source_path("packaging/systemd/zentmon.service");
+const std::string kSocket = support::source_path("packaging/systemd/zentmon.socket");
 
 std::string content(const std::string& path)
 {
@@ -50,8 +51,8 @@ TEST(MonUnit, has_no_setting_that_systemd_does_not_know)
     }
     // The service names the socket: both must stand in one directory that systemd searches.
     const ChildResult result =
-        run_program({"env", "SYSTEMD_UNIT_PATH=" TEST_SOURCE_DIR "/packaging/systemd:", "systemd-analyze",
-                     "verify", "--man=no", "--recursive-errors=no", kService, kSocket});
+        run_program({"env", "SYSTEMD_UNIT_PATH=" + support::source_path("packaging/systemd:"),
+                     "systemd-analyze", "verify", "--man=no", "--recursive-errors=no", kService, kSocket});
     std::istringstream lines(result.err);
     for (std::string line; std::getline(lines, line);) {
         EXPECT_NE(line.find("Command zentmon is not executable"), std::string::npos) << line;
@@ -83,7 +84,7 @@ TEST(MonUnit, starts_the_program_with_options_that_it_has)
 
 TEST(MonManual, is_clean_and_names_every_option)
 {
-    const std::string path = TEST_SOURCE_DIR "/man/zentmon.8";
+    const std::string path = support::source_path("man/zentmon.8");
     const std::string page = content(path);
     const std::string help = zentmon::help_text();
     const std::regex option("\n  --([a-z-]+)");

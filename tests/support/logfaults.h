@@ -1,6 +1,5 @@
-// Faults of the calls that open, move and close log files, and a clock that a test moves. For tests whose
-// .wrap file lists: time stat fstat rename unlink fclose pclose fopen popen setvbuf. To be included by one
-// source file.
+// Faults of the calls that open, move and close log files, and a clock that a test moves. To be
+// included by the one source file of a test.
 #ifndef TESTS_SUPPORT_LOGFAULTS_H
 #define TESTS_SUPPORT_LOGFAULTS_H
 
@@ -10,6 +9,8 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "wrap.h"
 
 namespace faults {
 
@@ -41,28 +42,18 @@ inline bool fails(int& error)
 
 } // namespace faults
 
-extern "C" {
-time_t __real_time(time_t* tm);
-time_t __wrap_time(time_t* tm);
-int __real_stat(const char* path, struct stat* st);
-int __wrap_stat(const char* path, struct stat* st);
-int __real_fstat(int fd, struct stat* st);
-int __wrap_fstat(int fd, struct stat* st);
-int __real_rename(const char* from, const char* to);
-int __wrap_rename(const char* from, const char* to);
-int __real_unlink(const char* path);
-int __wrap_unlink(const char* path);
-int __real_fclose(FILE* fp);
-int __wrap_fclose(FILE* fp);
-int __real_pclose(FILE* fp);
-int __wrap_pclose(FILE* fp);
-FILE* __real_fopen(const char* path, const char* mode);
-FILE* __wrap_fopen(const char* path, const char* mode);
-FILE* __real_popen(const char* command, const char* mode);
-FILE* __wrap_popen(const char* command, const char* mode);
-int __real_setvbuf(FILE* fp, char* buffer, int mode, size_t size);
-int __wrap_setvbuf(FILE* fp, char* buffer, int mode, size_t size);
+WRAPPED(time_t, time, (time_t * tm));
+WRAPPED(int, stat, (const char* path, struct stat* st));
+WRAPPED(int, fstat, (int fd, struct stat* st));
+WRAPPED(int, rename, (const char* from, const char* to));
+WRAPPED(int, unlink, (const char* path));
+WRAPPED(int, fclose, (FILE * fp));
+WRAPPED(int, pclose, (FILE * fp));
+WRAPPED(FILE*, fopen, (const char* path, const char* mode));
+WRAPPED(FILE*, popen, (const char* command, const char* mode));
+WRAPPED(int, setvbuf, (FILE * fp, char* buffer, int mode, size_t size));
 
+extern "C" {
 time_t __wrap_time(time_t* tm)
 {
     if (faults::now == 0) {

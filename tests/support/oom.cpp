@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "wrap.h"
+
 namespace {
 size_t g_count = 0;
 size_t g_fail_at = 0;
@@ -22,14 +24,11 @@ bool must_fail()
 }
 } // namespace
 
-extern "C" {
-void* __real_malloc(size_t size);
-void* __real_calloc(size_t n, size_t size);
-void* __real_realloc(void* block, size_t size);
-void* __wrap_malloc(size_t size);
-void* __wrap_calloc(size_t n, size_t size);
-void* __wrap_realloc(void* block, size_t size);
+WRAPPED(void*, malloc, (size_t size));
+WRAPPED(void*, calloc, (size_t n, size_t size));
+WRAPPED(void*, realloc, (void* block, size_t size));
 
+extern "C" {
 void* __wrap_malloc(size_t size)
 {
     return must_fail() ? nullptr : __real_malloc(size);

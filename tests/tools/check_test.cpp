@@ -14,6 +14,7 @@
 #include "check.h"
 #include "frames.h"
 #include "netns.h"
+#include "paths.h"
 #include "wait.h"
 #include "zentctl_run.h"
 
@@ -42,7 +43,7 @@ class CheckTest : public testing::Test {
     // What the program systemctl does in a test.
     void systemctl(const std::string& body) const
     {
-        const std::string path = dir_.file("systemctl");
+        const std::string path = dir_.path("systemctl");
         write_text(path, "#!/bin/sh\n" + body + "\n");
         chmod(path.c_str(), 0755);
     }
@@ -108,7 +109,7 @@ class CheckTest : public testing::Test {
     // The agent in the foreground, once it captures.
     Process agent(std::vector<std::string> args) const
     {
-        args.insert(args.begin(), {TEST_ZENT, "-T", "-i", "va", "-l", "/dev/null"});
+        args.insert(args.begin(), {zent_path(), "-T", "-i", "va", "-l", "/dev/null"});
         Process process = start_in_a(*pair_, args);
         EXPECT_TRUE(wait_until([&] {
             return inside(*pair_, &NetnsPair::enter_a, [] {
@@ -359,21 +360,21 @@ TEST_F(CheckTest, a_target_that_takes_lines)
 
 TEST_F(CheckTest, a_list_that_the_agent_refuses)
 {
-    write_text(dir_.file("list"), "239.1.1.1\n\n");
-    const ChildResult result = check({"va", "--list", dir_.file("list")});
+    write_text(dir_.path("list"), "239.1.1.1\n\n");
+    const ChildResult result = check({"va", "--list", dir_.path("list")});
     expect_fault(result, "error", "list-refused");
     EXPECT_NE(result.out.find("zentctl lint"), std::string::npos);
 }
 
 TEST_F(CheckTest, a_list_that_is_not_there)
 {
-    expect_fault(check({"va", "--list", dir_.file("none")}), "error", "unreadable");
+    expect_fault(check({"va", "--list", dir_.path("none")}), "error", "unreadable");
 }
 
 TEST_F(CheckTest, a_list_that_the_range_holds_already)
 {
-    write_text(dir_.file("list"), "239.1.1.1\n");
-    const ChildResult result = check({"va", "--list", dir_.file("list"), "-g", "224.0.1.0"});
+    write_text(dir_.path("list"), "239.1.1.1\n");
+    const ChildResult result = check({"va", "--list", dir_.path("list"), "-g", "224.0.1.0"});
     expect_fault(result, "warning", "list-adds-nothing");
     EXPECT_NE(
         result.out.find("range and list are a union: everything from 224.0.1.0 up, the list adds nothing"),
@@ -383,15 +384,15 @@ TEST_F(CheckTest, a_list_that_the_range_holds_already)
 
 TEST_F(CheckTest, a_list_that_is_empty)
 {
-    write_text(dir_.file("list"), "");
-    expect_fault(check({"va", "--list", dir_.file("list")}), "warning", "empty-list");
+    write_text(dir_.path("list"), "");
+    expect_fault(check({"va", "--list", dir_.path("list")}), "warning", "empty-list");
 }
 
 TEST_F(CheckTest, a_list_with_entries_without_effect)
 {
-    write_text(dir_.file("list"), "239.1.1.1\n239.1.1.200\n");
-    expect_fault(check({"va", "--list", dir_.file("list")}), "warning", "unmatched");
-    EXPECT_EQ(check({"va", "--list", dir_.file("list")}, {"ZENT_FEATURES=exact"}).exit_code, 0);
+    write_text(dir_.path("list"), "239.1.1.1\n239.1.1.200\n");
+    expect_fault(check({"va", "--list", dir_.path("list")}), "warning", "unmatched");
+    EXPECT_EQ(check({"va", "--list", dir_.path("list")}, {"ZENT_FEATURES=exact"}).exit_code, 0);
 }
 
 TEST_F(CheckTest, a_scope_that_lets_group_0_through)
@@ -427,12 +428,12 @@ TEST_F(CheckTest, a_unit_whose_agent_ended_with_an_error)
 
 TEST_F(CheckTest, the_unit_tells_its_arguments_and_features_which_are_checked)
 {
-    write_text(dir_.file("env"),
+    write_text(dir_.path("env"),
                "# mine\nZENT_ARGS=-R 10.0.0.2:99999 -G \"239.255.255.255\"\nZENT_FEATURES=exact\n");
     systemctl("cat <<'END'\nLoadState=loaded\nUnitFileState=enabled\nActiveState=active\nExecMainStatus=0\n"
               "Environment=\"ZENT_SCOPE=-g 224.0.1.0\" ZENT_FEATURES=exact,immediate\n"
               "EnvironmentFiles=" +
-              dir_.file("env") +
+              dir_.path("env") +
               " (ignore_errors=yes)\n"
               "ExecStart={ path=/usr/sbin/zent ; argv[]=zent -i va $ZENT_SCOPE -L warn $ZENT_ARGS ; "
               "ignore_errors=no ; start_time=[n/a] }\nEND");
@@ -465,7 +466,7 @@ TEST_F(CheckTest, two_agents_on_one_interface)
 
 TEST_F(CheckTest, a_pid_file_that_a_daemon_holds)
 {
-    const std::string path = dir_.file("zent.pid");
+    const std::string path = dir_.path("zent.pid");
     const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     struct flock lock = {};
     lock.l_type = F_WRLCK;

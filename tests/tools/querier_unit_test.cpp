@@ -6,12 +6,13 @@
 
 #include "agent_run.h"
 #include "child.h"
+#include "paths.h"
 
 namespace support {
 
 namespace {
 
-const std::string kUnit = TEST_SOURCE_DIR "/packaging/systemd/zent-querier@.service";
+const std::string kUnit = source_path("packaging/systemd/zent-querier@.service");
 
 bool has_systemd_analyze()
 {

@@ -14,6 +14,7 @@
 #include "agent_run.h"
 #include "frames.h"
 #include "netns.h"
+#include "paths.h"
 #include "wait.h"
 #include "zentctl_run.h"
 
@@ -318,7 +319,7 @@ TEST_F(QueryTest, a_restarted_agent_knows_its_groups_after_one_query)
     SegmentHost host(*pair_);
     host.join("239.1.2.3");
     host.join("239.1.2.4");
-    Process agent = start_in_a(*pair_, {TEST_ZENT, "-T", "-i", "va", "-g", "224.0.1.0", "-l", "/dev/null"});
+    Process agent = start_in_a(*pair_, {zent_path(), "-T", "-i", "va", "-g", "224.0.1.0", "-l", "/dev/null"});
     ASSERT_TRUE(wait_until([&] {
         return inside(*pair_, &NetnsPair::enter_a, [] {
             const std::string sockets = read_file("/proc/thread-self/net/packet");

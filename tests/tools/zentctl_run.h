@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "child.h"
+#include "paths.h"
 
 namespace support {
 
@@ -13,7 +14,7 @@ namespace support {
 inline std::string zentctl_path()
 {
     const char* path = getenv("ZENTCTL");
-    return path != nullptr ? path : TEST_ZENTCTL;
+    return path != nullptr ? path : build_path("tools/zentctl");
 }
 
 inline std::vector<std::string> zentctl_command(std::vector<std::string> args)
