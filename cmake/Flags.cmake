@@ -53,7 +53,6 @@ target_compile_options(morvane_test_flags INTERFACE -U_FORTIFY_SOURCE -O0 -g1)
 if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug" AND NOT MORVANE_SANITIZE)
   target_compile_options(morvane_flags INTERFACE
     -D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection -fcf-protection)
-  target_compile_definitions(morvane_product_flags INTERFACE _GLIBCXX_ASSERTIONS)
   target_link_options(morvane_flags INTERFACE -Wl,-z,relro -Wl,-z,now)
 endif()
 include(CheckPIESupported)

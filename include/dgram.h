@@ -47,7 +47,7 @@ struct dgram_idx {
     union n32_tag stype;       /* the stream's type, as probe_segment answered last; 0 at first */
     struct xvec seq;           /* of struct dgram_seq */
     struct timespec seq_tmout; /* longest life of a sequence */
-    u_long tslot_ms;           /* width of a time slot, milliseconds */
+    unsigned long tslot_ms;    /* width of a time slot, milliseconds */
 };
 
 /*
@@ -56,7 +56,7 @@ struct dgram_idx {
  * there on, so that a life fits in MAX_TSLOTS. Returns the index, which is the caller's until free_dgram_idx;
  * NULL with a line at ERR_level if memory is out. REQUIRES: rec_count not 0, tmout_ms at least 100.
  */
-struct dgram_idx* mk_dgram_idx(size_t rec_count, u_long tmout_ms);
+struct dgram_idx* mk_dgram_idx(size_t rec_count, unsigned long tmout_ms);
 
 /* free_dgram_idx: frees the index and its sequences. */
 void free_dgram_idx(struct dgram_idx* di);

@@ -32,7 +32,7 @@ typedef unsigned long skht_t;
 typedef long nkht_t;
 
 /* khash_t: a hash function. key is the text, or the number cast to a pointer. */
-typedef u_long (*khash_t)(const void* key, u_long seed);
+typedef unsigned long (*khash_t)(const void* key, unsigned long seed);
 
 /* gkfree_t: called by destroy with each record's value, NULL values included. */
 typedef void (*gkfree_t)(void* data);
@@ -84,11 +84,11 @@ size_t skht_count(skht_t h);
 size_t nkht_count(nkht_t h);
 
 /* plHash, elfHash: hashes of a text, by signed characters; elfHash takes no seed. */
-u_long plHash(const void* key, u_long seed);
-u_long elfHash(const void* key, u_long seed);
+unsigned long plHash(const void* key, unsigned long seed);
+unsigned long elfHash(const void* key, unsigned long seed);
 
 /* tw_shift: Thomas Wang's 64-bit integer mix, for numeric tables; it takes no seed. */
-u_long tw_shift(const void* key, u_long seed);
+unsigned long tw_shift(const void* key, unsigned long seed);
 
 MV_END_DECLS
 

@@ -128,12 +128,13 @@ struct log_ctx {
 #endif
 
 /* g_log: the application's log, where the whole library logs. g_access_log, g_stats_log: for daemons that
- * keep them. */
-extern struct log_ctx g_log;
+ * keep them. In object files g_log is morvane_g_log: GLib has a function of that name. */
+extern struct log_ctx g_log __asm__("morvane_g_log");
 extern struct log_ctx g_access_log;
 extern struct log_ctx g_stats_log;
 
-/* g_sigctx: defined by the application; non-zero while a signal handler runs that logs. */
+/* g_sigctx: non-zero while a signal handler runs that logs. The application may define it; where it does not,
+ * the library has one of its own. */
 extern volatile sig_atomic_t g_sigctx;
 
 /*
@@ -141,32 +142,32 @@ extern volatile sig_atomic_t g_sigctx;
  * Outside a section the module's level must be ll or more. Inside a section the level of the call plays no
  * part: the section's level must not exceed the module's.
  */
-#define log_entry(ll, args...)                                                                               \
+#define log_entry(ll, ...)                                                                                   \
     do {                                                                                                     \
         if (g_llctx.sec >= 0 ? g_sec_ll[g_llctx.sec] <= g_mod_ll[g_llctx.mod]                                \
                              : g_mod_ll[g_llctx.mod] >= (ll)) {                                              \
-            log_write(&g_log, (ll), args);                                                                   \
+            log_write(&g_log, (ll), __VA_ARGS__);                                                            \
         }                                                                                                    \
     } while (0)
 
 /* log_err ... log_dbg: log_entry with the level of that name. */
-#define log_err(args...) log_entry(ERR_level, args)
-#define log_crit(args...) log_entry(CRIT_level, args)
-#define log_warn(args...) log_entry(WARN_level, args)
-#define log_norm(args...) log_entry(NORM_level, args)
-#define log_info(args...) log_entry(INFO_level, args)
-#define log_dbg(args...) log_entry(DEBUG_level, args)
+#define log_err(...) log_entry(ERR_level, __VA_ARGS__)
+#define log_crit(...) log_entry(CRIT_level, __VA_ARGS__)
+#define log_warn(...) log_entry(WARN_level, __VA_ARGS__)
+#define log_norm(...) log_entry(NORM_level, __VA_ARGS__)
+#define log_info(...) log_entry(INFO_level, __VA_ARGS__)
+#define log_dbg(...) log_entry(DEBUG_level, __VA_ARGS__)
 
 /* log_access, log_stats: ungated lines of g_access_log and g_stats_log, without a level tag. */
-#define log_access(args...) log_write(&g_access_log, MIN_level, args)
-#define log_stats(args...) log_write(&g_stats_log, MIN_level, args)
+#define log_access(...) log_write(&g_access_log, MIN_level, __VA_ARGS__)
+#define log_stats(...) log_write(&g_stats_log, MIN_level, __VA_ARGS__)
 
 /* log_panic: logs the message and a back-trace at PANIC_level, flushes g_log and ends the process by abort().
  */
-#define log_panic(args...)                                                                                   \
+#define log_panic(...)                                                                                       \
     do {                                                                                                     \
         char frames[512];                                                                                    \
-        log_entry(PANIC_level, args);                                                                        \
+        log_entry(PANIC_level, __VA_ARGS__);                                                                 \
         if (0 == btrace_to_buf(frames, 511)) {                                                               \
             log_entry(PANIC_level, "Aborting at:\n%s==\n", frames);                                          \
         }                                                                                                    \

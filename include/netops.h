@@ -25,6 +25,8 @@
 
 MV_BEGIN_DECLS
 
+struct addrinfo; /* of <netdb.h>, which hides it in strict C */
+
 /* LISTEN_BKLOG: backlog of every listener that is opened here. */
 enum { LISTEN_BKLOG = 128 };
 

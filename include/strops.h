@@ -33,8 +33,9 @@ enum { MAX_SZLEN = 64 };
 int a2size(const char* str, ssize_t* pval);
 int a2int64(const char* str, int64_t* pval);
 
-/* chomp: clears up to two characters at the end of s that are LF or CR, in any order. */
-void chomp(char* s);
+/* chomp: clears up to two characters at the end of s that are LF or CR, in any order. In object files it is
+ * morvane_chomp: libite has a function of that name. */
+void chomp(char* s) __asm__("morvane_chomp");
 
 /* marker_count: how often marker stands in s, one behind the other. A marker that ends in ":" counts with the
  * decimal number that follows it directly, or 0 without one; the sum wraps. An empty marker counts 0. */

@@ -27,6 +27,8 @@
 
 MV_BEGIN_DECLS
 
+struct addrinfo; /* of <netdb.h>, which hides it in strict C */
+
 /*
  * no_fault: whether an errno value is part of normal life on a stream and not to be logged: 1 for EAGAIN,
  * EWOULDBLOCK, EPIPE, EINTR and ECONNRESET, 0 for all others. A non-zero guilty gives 0 for every value.

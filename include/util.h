@@ -21,8 +21,8 @@
 
 MV_BEGIN_DECLS
 
-/* g_quit, g_hup, g_usr1, g_goodbye (and g_sigctx of log.h): defined by the application, set by the handlers
- * below. The library's loops end when g_quit is set. */
+/* g_quit, g_hup, g_usr1, g_goodbye (and g_sigctx of log.h): set by the handlers below. The library's loops
+ * end when g_quit is set. The application may define them; where it does not, the library has its own. */
 extern volatile sig_atomic_t g_quit;
 extern volatile sig_atomic_t g_hup;
 extern volatile sig_atomic_t g_usr1;
@@ -100,12 +100,12 @@ int set_unlimited_core(struct rlimit* old);
 
 /* set_vmem_limit, set_rss_limit: soft limit in bytes on the address space: both set MEM_LIMIT. The hard limit
  * stays. 0, or -1 with a line. */
-int set_vmem_limit(u_long new_lim);
-int set_rss_limit(u_long new_lim);
+int set_vmem_limit(unsigned long new_lim);
+int set_rss_limit(unsigned long new_lim);
 
 /* set_mem_limits: set_rss_limit of rss if that is not 0; otherwise set_vmem_limit of vmem if that is not 0. 0
  * or -1. */
-int set_mem_limits(u_long rss, u_long vmem);
+int set_mem_limits(unsigned long rss, unsigned long vmem);
 
 /* get_base: the text behind the last "/" of path, or the whole path. Points into path. */
 const char* get_base(const char* path);

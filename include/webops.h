@@ -95,7 +95,8 @@ struct http_resp_buf {
 struct http_body_buf {
     size_t buf_size; /* bytes of data[] */
     size_t data_len; /* bytes held */
-    __extension__ char data[];
+    _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wpedantic\"") char data[];
+    _Pragma("GCC diagnostic pop")
 };
 
 /*

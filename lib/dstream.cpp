@@ -217,7 +217,7 @@ void find_marks(Bytes bytes, size_t size, unsigned open, struct sseg_ctx* sseg)
 {
     for (Place at = {0, 1}; at.pos < bytes.size(); at = {at.pos + size, at.number + 1}) {
         at = next_candidate(bytes, at, size, needed_bits(open));
-        if (at.pos == bytes.size()) {
+        if (at.pos >= bytes.size()) {
             return;
         }
         const Bytes rest = bytes.subspan(at.pos);

@@ -21,6 +21,8 @@
 
 DECLARE_MLL(MLL_FDIO);
 
+MV_APP_FLAG(g_quit);
+
 namespace {
 
 using mv::KeptErrno;

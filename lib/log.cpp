@@ -21,6 +21,8 @@
 
 DECLARE_MLL(MLL_COMMON);
 
+MV_APP_FLAG(g_sigctx);
+
 int g_mod_ll[LL_MAX_MODULES];
 int g_sec_ll[LL_MAX_SECTIONS];
 struct log_ctx g_log = ZERO_LOG;

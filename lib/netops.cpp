@@ -32,6 +32,8 @@
 
 DECLARE_MLL(MLL_COMMON);
 
+MV_APP_FLAG(g_quit);
+
 // ==== Addresses and interfaces ===========================================================================
 
 namespace {

@@ -30,6 +30,8 @@
 
 DECLARE_MLL(MLL_COMMON);
 
+MV_APP_FLAG(g_quit);
+
 static_assert(uint32_t{RQS_EVENT_READ} == EPOLLIN && uint32_t{RQS_EVENT_WRITE} == EPOLLOUT);
 static_assert(sizeof(void*) == sizeof(((epoll_event*)nullptr)->data));
 static_assert(std::endian::native == std::endian::little, "a descriptor is the low half of its data word");

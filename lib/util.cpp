@@ -22,6 +22,12 @@
 
 DECLARE_MLL(MLL_COMMON);
 
+MV_APP_FLAG(g_quit);
+MV_APP_FLAG(g_hup);
+MV_APP_FLAG(g_usr1);
+MV_APP_FLAG(g_goodbye);
+MV_APP_FLAG(g_sigctx);
+
 namespace {
 
 using mv::KeptErrno;

@@ -7,7 +7,7 @@
 
 namespace mv {
 
-extern struct timespec g_loop_now;
+extern struct timespec g_loop_now __asm__("mv_loop_now");
 
 } // namespace mv
 

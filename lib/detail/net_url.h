@@ -26,15 +26,17 @@ struct UrlParts {
 
 // Path, query, address and port of a URL that is to be asked for. The path behind the address, or NULL
 // (logged): the text is no URL or has no address.
-const char* take_apart(const char* caller, const char* uri, UrlParts& url);
+const char* take_apart(const char* caller, const char* uri, UrlParts& url) __asm__("mv_take_apart");
 
 // The tail with the query behind a question mark, made in the size bytes of room; the tail itself without a
 // query. Kept: what is longer than size - 1 is cut to size - 2 characters, and warned of if it is longer by
 // more than one.
-const char* with_query(const char* caller, const char* tail, const char* query, char* room, size_t size);
+const char* with_query(const char* caller, const char* tail, const char* query, char* room,
+                       size_t size) __asm__("mv_with_query");
 
 // The one source whose packets an inbound URL of UDP or RTP wants, by its authority; NULL for any.
-const char* wanted_source(const char* caller, const char* authority, bool is_inbound);
+const char* wanted_source(const char* caller, const char* authority,
+                          bool is_inbound) __asm__("mv_wanted_source");
 
 } // namespace mv
 

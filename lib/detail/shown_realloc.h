@@ -8,7 +8,8 @@
 namespace mv {
 
 // W_realloc of size bytes, whose line shows the size that the caller's own caller knows.
-void* shown_realloc(const char* caller, void* ptr, size_t size, size_t shown_size);
+void* shown_realloc(const char* caller, void* ptr, size_t size,
+                    size_t shown_size) __asm__("mv_shown_realloc");
 
 } // namespace mv
 

@@ -7,8 +7,9 @@
 
 namespace mv {
 
-extern volatile sig_atomic_t g_tmlock;    // a time is being broken down: mk_timestr refuses
-extern volatile sig_atomic_t g_in_syslog; // libc writes to syslog: mk_timestr makes what it can without libc
+extern volatile sig_atomic_t g_tmlock __asm__("mv_tmlock"); // a time is being broken down: mk_timestr refuses
+extern volatile sig_atomic_t
+    g_in_syslog __asm__("mv_in_syslog"); // libc writes to syslog: mk_timestr makes what it can without libc
 
 // Sets one of the marks for its lifetime.
 class HandlerMark {

@@ -24,7 +24,9 @@ inline size_t till_query(std::string_view text)
 inline size_t scheme_length(std::string_view text)
 {
     const size_t colon = text.find(':');
-    if (colon == std::string_view::npos || colon <= 1 || text.substr(colon + 1, 2) != "//") {
+    // Not by substr(): its exception for a place beyond the end would bring the C++ library with it.
+    if (colon == std::string_view::npos || colon <= 1 || colon + 2 >= text.size() || text[colon + 1] != '/' ||
+        text[colon + 2] != '/') {
         return 0;
     }
     return colon;

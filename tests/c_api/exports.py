@@ -1,38 +1,30 @@
 #!/usr/bin/env python3
-"""exports.py LIBRARY HEADER_DIRECTORY: the shared library exports the operations that its headers declare, and
-nothing else. A name counts as declared if it stands outside comments in a header; a declared function that is not
-exported is one that the library forgot (inline functions and macros are no declarations)."""
-import pathlib
+"""exports.py LIBRARY LISTING_SCRIPT: the shared library exports what its headers declare, under the version of its
+node, and nothing else; and the version script is what the listing script makes of the headers."""
 import re
 import subprocess
 import sys
 
-library, headers = sys.argv[1:3]
-code = ""
-with_source = ""  # the headers whose module is there
-for header in sorted(pathlib.Path(headers).glob("*.h")):
-    text = re.sub(r"/\*.*?\*/", " ", header.read_text(), flags=re.S)
-    text = re.sub(r"\\\n", " ", text)
-    text = re.sub(r"^\s*#.*$", "", text, flags=re.M)
-    code += text
-    if (header.parent.parent / "lib" / (header.stem + ".cpp")).exists():
-        with_source += text
+library, listing = sys.argv[1:3]
+up_to_date = subprocess.run([sys.executable, listing], capture_output=True, text=True)
+if up_to_date.returncode != 0:
+    sys.exit(up_to_date.stdout + up_to_date.stderr)
 
-symbols = set()
-for line in subprocess.run(["nm", "-D", "--defined-only", library], check=True, capture_output=True,
-                           text=True).stdout.splitlines():
-    symbols.add(line.split()[-1].split("@")[0])
+sys.path.insert(0, listing.rpartition("/")[0])
+import list_exports  # noqa: E402
 
-declared = set(re.findall(r"[A-Za-z_]\w*", code))
-stray = sorted(symbols - declared)
-
-# Prototypes: a type, a name, a list of parameters and at once a semicolon or an attribute.
-prototypes = set(re.findall(r"^(?!\s|static|typedef|return)[\w\s*]*?\b(\w+)\([^;{}]*\)\s*(?:MV_\w+\([^)]*\)|"
-                            r"__attribute__\s*\(\(.*?\)\))?\s*;", with_source, flags=re.M))
-missing = sorted(prototypes - symbols)
-
-if not symbols or len(prototypes) < 50:
-    sys.exit("nothing to compare: %d symbols, %d prototypes" % (len(symbols), len(prototypes)))
-if stray or missing:
-    sys.exit("exported and not declared: %s\ndeclared and not exported: %s" % (stray, missing))
-print("%d symbols, %d prototypes" % (len(symbols), len(prototypes)))
+declared = set(re.findall(r"^    (\w+);$", list_exports.version_script(), re.M))
+symbols = {}
+for line in subprocess.run(["nm", "-D", "--with-symbol-versions", "--defined-only", library], check=True,
+                           capture_output=True, text=True).stdout.splitlines():
+    name, _, version = line.split()[-1].partition("@@")
+    symbols[name] = version
+symbols.pop(list_exports.VERSION, None) # the node itself
+if len(declared) < 300:
+    sys.exit("nothing to compare: %d names" % len(declared))
+unversioned = sorted(name for name, version in symbols.items() if version != list_exports.VERSION)
+stray, missing = sorted(set(symbols) - declared), sorted(declared - set(symbols))
+if stray or missing or unversioned:
+    sys.exit("exported and not declared: %s\ndeclared and not exported: %s\nwithout version: %s" % (stray, missing,
+                                                                                                   unversioned))
+print("%d symbols" % len(symbols))
