@@ -16,6 +16,17 @@ write_basic_package_version_file(morvane-config-version.cmake COMPATIBILITY Same
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/morvane-config.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/morvane-config-version.cmake DESTINATION ${MORVANE_CMAKE_DIR})
 
+# From pkgconfig/ below the library's folder to the prefix; folders outside the prefix are told as they are.
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
+  OUTPUT_VARIABLE MORVANE_PC_TO_PREFIX)
+foreach(dir LIBDIR INCLUDEDIR)
+  cmake_path(IS_ABSOLUTE CMAKE_INSTALL_${dir} is_elsewhere)
+  if(is_elsewhere)
+    set(MORVANE_PC_${dir} ${CMAKE_INSTALL_${dir}})
+  else()
+    set(MORVANE_PC_${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
+  endif()
+endforeach()
 configure_file(cmake/libmorvane.pc.in libmorvane.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libmorvane.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

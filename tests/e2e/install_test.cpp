@@ -144,24 +144,24 @@ TEST_F(Install, has_the_binary_that_was_built_for_everybody_to_run)
     EXPECT_EQ(run_program({prefix_ / "sbin/zent"}).exit_code, 1);
 }
 
-TEST_F(Install, a_cmake_project_finds_the_package_and_links_either_form)
+TEST_F(Install, a_cmake_project_in_c_finds_the_package_and_links_either_form)
 {
     std::ofstream(work_ / "main.c") << kConsumer;
     std::ofstream(work_ / "CMakeLists.txt")
         << "cmake_minimum_required(VERSION 3.25)\n"
-           "project(consumer LANGUAGES C CXX)\n"
+           "project(consumer LANGUAGES C)\n"
            "find_package(morvane 1.0 REQUIRED)\n"
-           "foreach(form shared static)\n"
+           "foreach(form shared static morvane)\n"
            "  add_executable(with_${form} main.c)\n"
            "  target_link_libraries(with_${form} PRIVATE morvane::${form})\n"
            "endforeach()\n";
     const fs::path build = work_ / "build";
     must_do({"cmake", "-S", work_, "-B", build, "-G", "Ninja", "-DCMAKE_PREFIX_PATH=" + prefix_.string(),
-             "-DCMAKE_C_COMPILER=" + cached("CMAKE_C_COMPILER"),
-             "-DCMAKE_CXX_COMPILER=" + cached("CMAKE_CXX_COMPILER"), "-DCMAKE_C_FLAGS=" + sanitizer_flags()});
+             "-DCMAKE_C_COMPILER=" + cached("CMAKE_C_COMPILER"), "-DCMAKE_C_FLAGS=" + sanitizer_flags()});
     must_do({"cmake", "--build", build});
     expect_runs(build / "with_shared");
     expect_runs(build / "with_static");
+    expect_runs(build / "with_morvane");
 }
 
 TEST_F(Install, pkg_config_gives_the_flags_of_the_library)
@@ -175,6 +175,25 @@ TEST_F(Install, pkg_config_gives_the_flags_of_the_library)
              "cc -std=gnu11 -Wall -Werror " + sanitizer_flags() + " " + (work_ / "main.c").string() + " -o " +
                  program.string() + " $(" + pkg_config + ")"});
     expect_runs(program);
+}
+
+// cmake --install --prefix, then the tree goes elsewhere.
+TEST_F(Install, a_tree_works_from_the_prefix_that_it_was_put_under_and_from_where_it_is_moved_to)
+{
+    const fs::path first = root_.file("first");
+    const fs::path moved = root_.file("moved");
+    must_do({"cmake", "--install", TEST_BUILD_DIR, "--prefix", first});
+    fs::rename(first, moved);
+    EXPECT_EQ(run_program({moved / "sbin/zent"}).exit_code, 1); // the usage
+    EXPECT_TRUE(fs::is_regular_file(moved / "lib/systemd/system/zent@.service"));
+    const fs::path libdir = moved / fs::relative(libdir_, prefix_);
+    std::ofstream(work_ / "main.c") << kConsumer;
+    must_do({"sh", "-c",
+             "cc -std=gnu11 -Wall -Werror " + sanitizer_flags() + " " + (work_ / "main.c").string() + " -o " +
+                 (work_ / "program").string() + " $(PKG_CONFIG_LIBDIR=" + (libdir / "pkgconfig").string() +
+                 " pkg-config --cflags --libs libmorvane)"});
+    libdir_ = libdir;
+    expect_runs(work_ / "program");
 }
 
 // All of them, as a reader copies the folder and types make.
