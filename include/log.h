@@ -8,6 +8,10 @@
  * The log never logs about itself: what goes wrong here is told on stderr. One thread; a signal handler may
  * log only while g_sigctx is non-zero (see log_write).
  *
+ * Most of the library logs in the slot MLL_COMMON: an application that uses it for its own sources sets the
+ * level of both at once. The slots of the library's other modules start at NORM_level and stay there until
+ * somebody sets them (set_loglevel, log_set_modules).
+ *
  * State: the three logs g_log, g_access_log and g_stats_log, the two tables of levels, a line buffer.
  *
  * g_log is also the name of a GLib function: the two headers cannot meet in one source file.
@@ -254,12 +258,20 @@ void log_mirror(struct log_ctx* log, FILE* fp);
 FILE* log_mirror_fp(struct log_ctx* log);
 FILE* log_fp(struct log_ctx* log);
 
-/* Plain accessors. log_set_group takes the number of a union n64_tag whose eighth byte is 0. */
+/* log_set_pid, log_get_pid: the process id in each line; 0 or less leaves the field out. */
 void log_set_pid(struct log_ctx* log, pid_t pid);
 pid_t log_get_pid(const struct log_ctx* log);
+
+/* log_set_group, log_get_group: the group tag in each line, as the number of a union n64_tag whose eighth
+ * byte is 0; 0 leaves the field out. */
 void log_set_group(struct log_ctx* log, uint64_t group_id);
 uint64_t log_get_group(const struct log_ctx* log);
+
+/* log_timefmt: how the time of a line is written: f_ flags. */
 void log_timefmt(struct log_ctx* log, uint32_t flags);
+
+/* log_set_hook: hook_func is called with udata (both borrowed) for each line that is written, up to
+ * INFO_level; NULL for no hook. It may log. */
 void log_set_hook(struct log_ctx* log, void* udata, loghook_cb_t hook_func);
 
 /* log_level_str: name of a level ("error", "info", ...), "??" for a number that is none. Static text. */
@@ -302,8 +314,10 @@ void glog_enable_syslog(const char* app);
 void glog_disable_syslog(void);
 
 /* log_set_rota: rotate at maxsize bytes (0: never) and keep maxfiles old files; a number outside 1 to 127
- * means 16. */
+ * means 16. Files of earlier runs are never removed: the ring lives in memory. */
 void log_set_rota(struct log_ctx* log, size_t maxsize, size_t maxfiles);
+
+/* log_rota_maxfiles, log_rota_maxsize: what log_set_rota has set; 0 before. */
 size_t log_rota_maxfiles(struct log_ctx* log);
 size_t log_rota_maxsize(struct log_ctx* log);
 
@@ -311,7 +325,8 @@ size_t log_rota_maxsize(struct log_ctx* log);
  * log_rotate: renames the log's file to "name.NOW", seconds since the epoch, opens a new one and deletes the
  * oldest of the ring. 0, also where there is nothing to rotate or the rename failed (the log then goes on in
  * the same file); -1 for streams and pipes, or if the file cannot be closed or opened again: then the log
- * stays closed.
+ * stays closed. Two rotations within one second have one name: the second takes the place of the first's
+ * file, whose lines are lost.
  */
 int log_rotate(struct log_ctx* log);
 

@@ -160,12 +160,15 @@ void set_ipv6only(int fd, int on);
  * ifc_tag: interface of a group, by name or by address; a word of is_anyaddr for any. An interface that does
  * not exist is logged and leaves the socket on the default one.
  *
- * The descriptor, which the caller owns; -1, with the reason in the log (and errno whatever the last step
- * left; a connect in progress is a success, see async_connect). After -1 the out fields may be partly
- * written. On success *ifi, if ifi is not NULL, becomes the interface record of a multicast socket, which the
- * caller owns and needs to leave the group, or NULL. Blocks while a name is resolved, and in the connect
- * unless non_blocking is set. REQUIRES: a port for streams and datagrams; a multicast address is not opened
- * passive; source and group of one family; for an IPv4 group's writer an ifc_tag that is no IPv6 address.
+ *   a descriptor       the socket, which the caller owns; a stream's connect may be in progress
+ * (async_connect) -1, EINPROGRESS    a connect in progress of a passive socket of another type than stream
+ * and datagram -1, other errno    the reason is in the log; errno is what the last step left
+ *
+ * After -1 the out fields may be partly written. On success *ifi, if ifi is not NULL, becomes the interface
+ * record of a multicast socket, which the caller owns and needs to leave the group, or NULL. Blocks while a
+ * name is resolved, and in the connect unless non_blocking is set. REQUIRES: a port for streams and
+ * datagrams; a multicast address is not opened passive; source and group of one family; for an IPv4 group's
+ * writer an ifc_tag that is no IPv6 address.
  */
 int open_socket(const char* addr, const char* port, const char* auth, struct socket_spec* spec,
                 const char* ifc_tag, struct ifc_info** ifi);

@@ -20,7 +20,12 @@
  *                 on_idle
  *   ELOOP_ENDPP   post_process
  *
- * g_quit (util.h) ends the loop at the top of a cycle, or at once where it interrupts the wait.
+ * g_quit (util.h) ends the loop at the top of a cycle, or at once where it interrupts the wait. A signal that
+ * comes between the look at g_quit and the wait interrupts nothing, and the loop then waits on: a program
+ * without a limit of the wait uses sigsafe.h, whose handler wakes the loop for certain.
+ *
+ * Timers: update_tmout says how long the next wait may be, time_out is called when it has ended, and rqs_now
+ * tells the time by then. tmr.h keeps any number of timers behind these two.
  *
  * What a callback may do: register, change and remove descriptors and file watches, add no-poll events, and
  * queue the removal of no-poll events (rqs_pprm_nopoll). A removal that is queued by a no-poll callback, a
@@ -88,8 +93,9 @@ enum { ELOOP_START = 0, ELOOP_EV = 1, ELOOP_POSTEV = 2, ELOOP_ENDPP = 3 };
  * zero.
  */
 struct rqs_callbacks {
-    /* May write the limit of the next wait into *tmout; a negative field is no limit. Called on entry to the
-     * loop and before each wait. May be NULL. */
+    /* May write the limit of the next wait into *tmout; a negative field is no limit. *tmout keeps its value
+     * between calls: what is not written holds on. Called on entry to the loop and before each wait. May be
+     * NULL. */
     void (*update_tmout)(struct timespec* tmout);
     /* Called at the end of a cycle without a failed event, whether or not anything happened. Non-zero ends
      * the loop. May be NULL. */

@@ -100,10 +100,17 @@ const char* uri_xseg(const char* s, const char* dlm, const char** pbuf, size_t* 
  *   /src/SOURCE/dst/DESTINATION              src: SOURCE; dst: DESTINATION with its last slash
  *
  * SOURCE may itself hold src and dst segments in pairs. src and dst have slength and dlength bytes. Results:
- * 0; 3 (ESRCH): neither a slash nor an alias; 22 (EINVAL): nothing behind udp or rtp; -22: no room for that
- * word and "://"; 7 (E2BIG): an address or alias that is empty or does not fit; -1: another first word, or a
- * SOURCE that is empty or does not fit; above 0: so many src without dst. An alias that is the whole text,
- * and a DESTINATION, are cut to the buffer, and a cut one has no terminator.
+ *
+ *   0               both are there
+ *   ESRCH (3)       neither a slash nor an alias
+ *   EINVAL (22)     nothing behind udp or rtp
+ *   -EINVAL (-22)   no room for that word and "://"
+ *   E2BIG (7)       an address or alias that is empty or does not fit
+ *   -1              another first word, or a SOURCE that is empty or does not fit
+ *   above 0         so many src without dst
+ *
+ * The last two meanings share the numbers 3, 7 and 22. An alias that is the whole text, and a DESTINATION,
+ * are cut to the buffer, and a cut one has no terminator.
  */
 int uri_extract_endpts(const char* s, char* src, size_t slength, char* dst, size_t dlength);
 

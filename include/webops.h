@@ -203,11 +203,19 @@ int extract_http_request_path_query(const char* http_rq, size_t hlen, char* path
 
 /*
  * web_parse_urq: source and destination of a request (uri_extract_endpts), decoded, with the query appended
- * to the source. 0; RC_FAVICON; RC_PING; 7 (E2BIG): no room for the query; -7: a query above 255 characters;
- * 22: a method that is not served; -1: all else. http has hlen bytes and a terminator; a zero byte is written
- * behind its path. uri_src and uri_dst have ulen bytes, zeroed by the caller, and are texts only after 0:
- * bytes that decoding leaves behind in uri_src stay between the '?' and the query. user_hdr, if given,
- * receives the head as soon as it is parsed.
+ * to the source.
+ *
+ *   0             both are there
+ *   RC_FAVICON    the request is for /favicon.ico
+ *   RC_PING       the request is a ping
+ *   EINVAL (22)   a method that is not served
+ *   E2BIG (7)     no room in uri_src for the query
+ *   -E2BIG (-7)   a query above 255 characters
+ *   -1            all else
+ *
+ * http has hlen bytes and a terminator; a zero byte is written behind its path. uri_src and uri_dst have ulen
+ * bytes, zeroed by the caller, and are texts only after 0: bytes that decoding leaves behind in uri_src stay
+ * between the '?' and the query. user_hdr, if given, receives the head as soon as it is parsed.
  */
 int web_parse_urq(char* http, size_t hlen, char* uri_src, char* uri_dst, size_t ulen,
                   struct http_header* user_hdr);

@@ -5,6 +5,10 @@
  * The caller zeroes a usock_ctx, sets its input fields and opens; usock_close() undoes all of it and leaves
  * the record fit for another open. Everything is logged in the slot MLL_COMMON.
  *
+ * Length and type of an HTTP body: usock_open consumes the head and keeps neither. To learn them, open with
+ * skip_http, send usock_http_get, and read the head with usock_http_get_response: its context then has
+ * content_length and content_type (webops.h).
+ *
  * State: g_apptag and g_usock_flags.
  */
 #ifndef MORVANE_WOPEN_H
