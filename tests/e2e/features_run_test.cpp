@@ -252,6 +252,31 @@ TEST_F(FeaturesOnSegment, stock_host_is_seen_at_once_by_the_command_of_the_unit)
     EXPECT_EQ(zent.wait().exit_code, 0);
 }
 
+TEST_F(FeaturesOnSegment, immediate_capture_without_the_right_to_it_ends_with_2_and_the_reason)
+{
+    const NetnsPair pair;
+    Process zent = start_in_a(pair, {"env", "ZENT_FEATURES=immediate", "setpriv", "--reuid", "65534",
+                                     "--regid", "65534", "--clear-groups", "--bounding-set", "-all",
+                                     support::zent_path(), "-i", "va", "-l", "/dev/null"});
+    const auto result = zent.wait();
+    EXPECT_EQ(result.exit_code, 2);
+    EXPECT_NE(result.err.find("(ERR)  pcap_setup: pcap_activate(va): FAILED: "), std::string::npos)
+        << result.err;
+    EXPECT_NE(result.err.find("ermission"), std::string::npos) << result.err;
+}
+
+TEST_F(FeaturesOnSegment, interface_that_goes_away_ends_an_immediate_capture_with_2)
+{
+    const NetnsPair pair;
+    FeaturedAgent agent(pair, std::string(kAll) + ",expire=10");
+    support::inside(pair, &NetnsPair::enter_a, [] {
+        support::must_run("ip link del va");
+        return 0;
+    });
+    EXPECT_EQ(agent.process().wait().exit_code, 2);
+    EXPECT_NE(agent.log().find("(ERR)  app_run: pcap_dispatch() ERROR: "), std::string::npos) << agent.log();
+}
+
 TEST_F(FeaturesOnSegment, info_tells_what_is_on)
 {
     const NetnsPair pair;
