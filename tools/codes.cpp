@@ -46,6 +46,12 @@ constexpr Code kCodes[] = {
     {"version2-now", "Linux hosts speak version 2 for about 260 s from here"},
     {"ended", "a signal ended the command"},
 
+    // groups and watch
+    {"groups", "how many groups the zentmon has"},
+    {"unreachable", "no HTTP server answers at the URL"},
+    {"refused", "the server refuses the request"},
+    {"bad-answer", "the answer is not a zentmon's"},
+
     // check: the interface
     {"any-interface", "any is no interface that the agent can watch"},
     {"link-down", "the interface is down"},

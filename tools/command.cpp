@@ -132,6 +132,23 @@ std::vector<Command> make_commands()
          1,
          1,
          run_query},
+        {"groups",
+         "[URL]",
+         "Shows the joined groups of a zentmon (default http://127.0.0.1:8580) as a table.",
+         {{"--filter", "TEXT", "groups or agents that match: 239.1., 239.1.0.0/16, a name"},
+          {"--agent", "NAME", "one agent's groups"},
+          kJson,
+          kHelp},
+         0,
+         1,
+         run_groups},
+        {"watch",
+         "[URL]",
+         "Follows the events of a zentmon (default http://127.0.0.1:8580), one line each, until Ctrl-C.",
+         {kJson, kHelp},
+         0,
+         1,
+         run_watch},
     };
 }
 
