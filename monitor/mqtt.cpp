@@ -373,7 +373,10 @@ void Mqtt::Link::obey(const Order& order)
     }
     case Order::set: publish(shared_.base + order.suffix, order.payload, 1, true); return;
     case Order::clear: publish(shared_.base + order.suffix, {}, 1, true); return;
-    case Order::subscribe: mosquitto_subscribe(mosq_, nullptr, all.c_str(), 1); return;
+    case Order::subscribe:
+        // QoS 0: of QoS 1 a broker queues no more than a limit (mosquitto: 1,000) and drops the rest.
+        mosquitto_subscribe(mosq_, nullptr, all.c_str(), 0);
+        return;
     default: mosquitto_unsubscribe(mosq_, nullptr, all.c_str()); return;
     }
 }
