@@ -57,6 +57,7 @@ int become_daemon()
         log_err("getcwd ERROR(%d) : %s\n", err, strerror(err));
         return -1;
     }
+    // Kept: the starter is told 0 here, whatever fails from now on: what comes after is in the log alone.
     int rc = daemonize();
     if (rc != 0) {
         log_default(&g_log, stderr);
@@ -72,7 +73,9 @@ int become_daemon()
     return rc;
 }
 
-// The log as the user of the daemon, in the directory of the daemon.
+// The log as the user of the daemon, in the directory of the daemon. Kept: with the umask of a daemon, 0, so
+// that everybody may write to it. Kept: a link that stands at the path of an old log is moved aside itself,
+// its target stays.
 int open_log()
 {
     if (g_cfg.logfile != nullptr) {

@@ -93,6 +93,7 @@ int s_cmp(const struct hrec* rec, const void* key)
 }
 
 // Kept: the wrapping difference of the low halves, though it is no total order for keys more than 2^31 apart.
+// Kept: the high halves are not looked at, so that two keys of one slot may be one.
 int l_cmp(const struct hrec* rec, const void* key)
 {
     return static_cast<int>(static_cast<uint32_t>(number_of(rec)) - static_cast<uint32_t>(as_number(key)));

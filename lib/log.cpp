@@ -799,6 +799,7 @@ void log_close(struct log_ctx* log)
         fprintf(stderr, "%s: %s error(%d) for the application log: %s\n", __func__,
                 is_pipe ? "pclose" : "fclose", e.number(), e.text());
     }
+    // Kept: fp stays in the record; the log must not be used any more.
     if (log->use_syslog != 0) {
         closelog();
     }

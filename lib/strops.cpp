@@ -56,7 +56,9 @@ int parse_double(const char* text, double& value)
     return errno != 0 ? kNoNumber : kOk;
 }
 
-// A number with a unit, as a double. The first letter begins the unit: an exponent is none.
+// A number with a unit, as a double. Kept: the first letter begins the unit, so that an exponent is an
+// unknown one. Kept: what stands between the digits and that letter is ignored, and a text without digits is
+// 0.
 int a2double(const char* str, double* pval)
 {
     assert(str != nullptr);
@@ -288,7 +290,7 @@ size_t bin_to_dhex(const uint8_t* bin, size_t blen, char* s, size_t slen, const 
     if (count > 0) {
         s[count * width] = 0;
     }
-    s[slen - 1] = 0;
+    s[slen - 1] = 0; // Kept: without room for one byte this is all that is written
     return count;
 }
 

@@ -137,6 +137,7 @@ int get_http_response(int sockfd, char* tail, size_t tail_cap, size_t* tail_size
     if (rc == EAGAIN) {
         return rc;
     }
+    // Kept: 200 alone; a redirect is not followed, and the other codes of success count as failures.
     if (rc == 0 && head.ctx.code != HTTP_OK_CODE) {
         log_err("%s: expected HTTP %d, got HTTP %d\n", __func__, HTTP_OK_CODE, head.ctx.code);
         return -1;
@@ -153,6 +154,7 @@ int get_http_response(int sockfd, char* tail, size_t tail_cap, size_t* tail_size
 Opening open_file(struct usock_ctx* uc)
 {
     Opening opening;
+    // Kept: for reading, also where the URL is to be written to: such a one fails at its first write.
     opening.fd.reset(W_open(kUsockOpen, uc->url_path, O_RDONLY, 0));
     opening.rc = 0;
     uc->non_pollable = true;

@@ -87,6 +87,7 @@ void* base_of(struct emblst* el)
 
 int out_of_memory()
 {
+    // Kept: the global word alone, not the flags of the container.
     if ((xvdat_flags & XV_ABORT_ENOMEM) != 0) {
         abort();
     }
