@@ -32,7 +32,6 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libmorvane.pc DESTINATION ${CMAKE_INST
 
 include(cmake/Manual.cmake)
 
-set(MORVANE_UNITDIR lib/systemd/system CACHE STRING "where systemd looks for units")
 install(FILES packaging/systemd/zent@.service DESTINATION ${MORVANE_UNITDIR})
 if(MORVANE_MONITOR)
   install(FILES packaging/systemd/zentmon.service packaging/systemd/zentmon.socket DESTINATION ${MORVANE_UNITDIR})
@@ -42,7 +41,12 @@ install(FILES packaging/tmpfiles/zent.conf DESTINATION lib/tmpfiles.d)
 install(FILES packaging/logrotate/zent DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/logrotate.d)
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp" PATTERN "Makefile" PATTERN "CMakeLists.txt")
-install(FILES packaging/apparmor/usr.sbin.zent DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/apparmor.d)
+foreach(program sbin.zent sbin.zentmon bin.zentctl)
+  string(REGEX REPLACE ".*\\." "" target ${program})
+  if(TARGET ${target})
+    install(FILES packaging/apparmor/usr.${program} DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/apparmor.d)
+  endif()
+endforeach()
 install(FILES packaging/systemd/zent.env DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 if(MORVANE_MONITOR)
   install(FILES packaging/nginx/zentmon.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/nginx)
