@@ -9,7 +9,7 @@
 #include "daemon.h"
 #include "wait.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
@@ -155,22 +155,12 @@ class Packaging : public DaemonTest {
         command[0] = binary();
         return as_unit_user(command);
     }
-
-    // Waits until a packet socket is open in the agent's namespace: what is sent from then on is captured.
-    bool wait_for_capture() const
-    {
-        return wait_until([&] {
-            const std::string sockets =
-                inside(segment(), &NetnsPair::enter_a, [] { return read_file("/proc/self/net/packet"); });
-            return std::count(sockets.begin(), sockets.end(), '\n') > 1;
-        });
-    }
 };
 
 TEST_F(Packaging, the_command_of_the_unit_runs_and_shows_its_log_on_stderr)
 {
     Process zent = run(unit_command("-L norm"));
-    ASSERT_TRUE(wait_for_capture());
+    ASSERT_TRUE(wait_for_capture(zent.pid()));
     SegmentHost host(segment());
     host.use_igmp(2);
     host.join("224.0.1.77");
@@ -187,7 +177,7 @@ TEST_F(Packaging, the_command_of_the_unit_runs_and_shows_its_log_on_stderr)
 TEST_F(Packaging, the_command_of_the_unit_tells_each_change_once)
 {
     Process zent = run(unit_command(""));
-    ASSERT_TRUE(wait_for_capture());
+    ASSERT_TRUE(wait_for_capture(zent.pid()));
     SegmentHost host(segment());
     host.use_igmp(2);
     host.join("224.0.1.78");
@@ -202,7 +192,7 @@ TEST_F(Packaging, a_list_in_place_of_the_bound_restricts_the_instance)
 {
     write_file(path("groups"), "239.1.1.1\n");
     Process zent = run(unit_command("", "-F " + path("groups")));
-    ASSERT_TRUE(wait_for_capture());
+    ASSERT_TRUE(wait_for_capture(zent.pid()));
     SegmentHost host(segment());
     host.use_igmp(2);
     host.join("239.9.9.9");
@@ -255,5 +245,3 @@ TEST_F(Packaging, logrotate_copies_and_cuts_the_log_of_a_running_daemon)
     EXPECT_EQ(after.find('\0'), std::string::npos) << "the daemon goes on at the start of the file";
     EXPECT_NE(after.find(" " + pid + "  (INF)  zent is exiting with rc=0\n"), std::string::npos) << after;
 }
-
-} // namespace support

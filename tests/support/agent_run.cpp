@@ -9,7 +9,9 @@
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
+#include <sstream>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "wait.h"
@@ -30,6 +32,32 @@ ip_mreqn membership(const std::string& group)
     inet_pton(AF_INET, group.c_str(), &request.imr_multiaddr);
     request.imr_ifindex = static_cast<int>(if_nametoindex("vb"));
     return request;
+}
+
+// Whether a packet socket is bound where the process is; in its kind, column 4, an unbound one has 0000.
+bool has_bound_packet_socket(pid_t pid)
+{
+    std::istringstream sockets(read_file("/proc/" + std::to_string(pid) + "/net/packet"));
+    for (std::string line; std::getline(sockets, line);) {
+        std::istringstream fields(line);
+        std::string address, references, type, protocol;
+        fields >> address >> references >> type >> protocol;
+        if (protocol == "0003") { // ETH_P_ALL
+            return true;
+        }
+    }
+    return false;
+}
+
+// Whether the process is in poll(); true, too, where the kernel does not tell.
+bool is_polling(pid_t pid)
+{
+    const std::string call = read_file("/proc/" + std::to_string(pid) + "/syscall");
+    bool polls = call.empty() || call.starts_with(std::to_string(SYS_ppoll) + " ");
+#ifdef SYS_poll
+    polls = polls || call.starts_with(std::to_string(SYS_poll) + " ");
+#endif
+    return polls;
 }
 
 } // namespace
@@ -105,6 +133,11 @@ std::string read_file(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
+}
+
+bool wait_for_capture(pid_t pid)
+{
+    return wait_until([&] { return has_bound_packet_socket(pid) && is_polling(pid); });
 }
 
 bool wait_for_file(const std::string& path, const std::string& text)

@@ -39,6 +39,11 @@ class SegmentHost {
 // Starts a program in namespace a of the pair.
 Process start_in_a(const NetnsPair& pair, const std::vector<std::string>& argv);
 
+// Waits until a process that captures waits for its first packet: what is sent from then on is captured. The
+// packet socket alone (/proc/net/packet) tells too little: while libpcap sets the filter, it drops what has
+// come.
+bool wait_for_capture(pid_t pid);
+
 // Waits until a file holds a text.
 bool wait_for_file(const std::string& path, const std::string& text);
 
