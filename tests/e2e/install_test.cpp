@@ -4,8 +4,9 @@
 #include <sys/stat.h>
 
 #include "daemon.h"
+#include "paths.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
@@ -79,10 +80,13 @@ class Install : public testing::Test {
         ASSERT_EQ(result.exit_code, 0) << command[0] << ":\n" << result.out << result.err;
     }
 
-    // Flags that a program needs to meet a library with sanitizers.
-    static std::string sanitizer_flags()
+    // Flags that a program needs to meet a library with sanitizers, or one that counts its lines.
+    static std::string instrument_flags()
     {
         const std::string kinds = cached("MORVANE_SANITIZE");
+        if (cached("MORVANE_COVERAGE") == "ON") {
+            return "--coverage";
+        }
         return kinds.empty() ? "" : "-fsanitize=" + kinds;
     }
 
@@ -157,7 +161,7 @@ TEST_F(Install, a_cmake_project_in_c_finds_the_package_and_links_either_form)
            "endforeach()\n";
     const fs::path build = work_ / "build";
     must_do({"cmake", "-S", work_, "-B", build, "-G", "Ninja", "-DCMAKE_PREFIX_PATH=" + prefix_.string(),
-             "-DCMAKE_C_COMPILER=" + cached("CMAKE_C_COMPILER"), "-DCMAKE_C_FLAGS=" + sanitizer_flags()});
+             "-DCMAKE_C_COMPILER=" + cached("CMAKE_C_COMPILER"), "-DCMAKE_C_FLAGS=" + instrument_flags()});
     must_do({"cmake", "--build", build});
     expect_runs(build / "with_shared");
     expect_runs(build / "with_static");
@@ -172,8 +176,8 @@ TEST_F(Install, pkg_config_gives_the_flags_of_the_library)
                                    " PKG_CONFIG_SYSROOT_DIR=" + root_.path() +
                                    " pkg-config --cflags --libs libmorvane";
     must_do({"sh", "-c",
-             "cc -std=gnu11 -Wall -Werror " + sanitizer_flags() + " " + (work_ / "main.c").string() + " -o " +
-                 program.string() + " $(" + pkg_config + ")"});
+             "cc -std=gnu11 -Wall -Werror " + instrument_flags() + " " + (work_ / "main.c").string() +
+                 " -o " + program.string() + " $(" + pkg_config + ")"});
     expect_runs(program);
 }
 
@@ -182,16 +186,16 @@ TEST_F(Install, a_tree_works_from_the_prefix_that_it_was_put_under_and_from_wher
 {
     const fs::path first = root_.file("first");
     const fs::path moved = root_.file("moved");
-    must_do({"cmake", "--install", TEST_BUILD_DIR, "--prefix", first});
+    must_do({"cmake", "--install", support::build_path(), "--prefix", first});
     fs::rename(first, moved);
     EXPECT_EQ(run_program({moved / "sbin/zent"}).exit_code, 1); // the usage
     EXPECT_TRUE(fs::is_regular_file(moved / "lib/systemd/system/zent@.service"));
     const fs::path libdir = moved / fs::relative(libdir_, prefix_);
     std::ofstream(work_ / "main.c") << kConsumer;
     must_do({"sh", "-c",
-             "cc -std=gnu11 -Wall -Werror " + sanitizer_flags() + " " + (work_ / "main.c").string() + " -o " +
-                 (work_ / "program").string() + " $(PKG_CONFIG_LIBDIR=" + (libdir / "pkgconfig").string() +
-                 " pkg-config --cflags --libs libmorvane)"});
+             "cc -std=gnu11 -Wall -Werror " + instrument_flags() + " " + (work_ / "main.c").string() +
+                 " -o " + (work_ / "program").string() + " $(PKG_CONFIG_LIBDIR=" +
+                 (libdir / "pkgconfig").string() + " pkg-config --cflags --libs libmorvane)"});
     libdir_ = libdir;
     expect_runs(work_ / "program");
 }
@@ -199,7 +203,7 @@ TEST_F(Install, a_tree_works_from_the_prefix_that_it_was_put_under_and_from_wher
 // All of them, as a reader copies the folder and types make.
 TEST_F(Install, the_examples_build_by_make_where_they_lie)
 {
-    if (!sanitizer_flags().empty()) {
+    if (!instrument_flags().empty()) {
         GTEST_SKIP() << "the release build's test builds them";
     }
     fs::copy(prefix_ / "share/doc/morvane/examples", work_ / "examples", fs::copy_options::recursive);
@@ -212,5 +216,3 @@ TEST_F(Install, the_examples_build_by_make_where_they_lie)
         }
     }
 }
-
-} // namespace support
