@@ -55,7 +55,7 @@ void expect_usage(const ChildResult& result)
 
 } // namespace
 
-TEST(Config, InterfaceAloneTakesTheDefaults)
+TEST(Config, interface_alone_takes_the_defaults)
 {
     const auto result = read_options({"-i", "lo"}, [] {
         return std::string(g_cfg.mifc) == "lo" && g_cfg.report_url[0] == 0 && g_cfg.min_group == 0 &&
@@ -67,7 +67,7 @@ TEST(Config, InterfaceAloneTakesTheDefaults)
     EXPECT_EQ(result.err, "zent: logging to /dev/null\n");
 }
 
-TEST(Config, EveryOptionIsStored)
+TEST(Config, every_option_is_stored)
 {
     const auto result = read_options(
         {"-T", "-i", "lo", "-R", "relay:4000", "-g", "239.0.0.0", "-G", "239.1.0.0", "-F", "/etc/groups.list",
@@ -84,7 +84,7 @@ TEST(Config, EveryOptionIsStored)
     EXPECT_EQ(result.err, "");
 }
 
-TEST(Config, ShorterRepeatedOptionLeavesNoTail)
+TEST(Config, shorter_repeated_option_leaves_no_tail)
 {
     const auto result =
         read_options({"-i", "lo", "-u", "somebody-long", "-u", "me", "-p", "/run/long/name.pid", "-p", "/p",
@@ -99,7 +99,7 @@ TEST(Config, ShorterRepeatedOptionLeavesNoTail)
     EXPECT_EQ(result.exit_code, kOk);
 }
 
-TEST(Config, LongTextsAreCut)
+TEST(Config, long_texts_are_cut)
 {
     const auto result = read_options(
         {"-i", "lo", "-u", std::string(40, 'u'), "-p", std::string(200, 'p'), "-R", std::string(200, 'r')},
@@ -110,7 +110,7 @@ TEST(Config, LongTextsAreCut)
     EXPECT_EQ(result.exit_code, kOk);
 }
 
-TEST(Config, DashAsTargetIsTheSameRunAsNone)
+TEST(Config, dash_as_target_is_the_same_run_as_none)
 {
     for (const std::vector<std::string>& args : {std::vector<std::string>{"-i", "lo", "-R", "-"},
                                                  {"-i", "lo", "-R", "h:1", "-R", "-"},
@@ -123,7 +123,7 @@ TEST(Config, DashAsTargetIsTheSameRunAsNone)
     }
 }
 
-TEST(Config, InvalidInterfaceFailsAtOnceAndTheOptionsBehindItAreNotRead)
+TEST(Config, invalid_interface_fails_at_once_and_the_options_behind_it_are_not_read)
 {
     const auto result = read_options({"-i", "nosuch0", "-g", "not-an-address", "-Z"});
     EXPECT_EQ(result.exit_code, kRefused);
@@ -132,7 +132,7 @@ TEST(Config, InvalidInterfaceFailsAtOnceAndTheOptionsBehindItAreNotRead)
     EXPECT_EQ(result.err.find("Usage"), std::string::npos);
 }
 
-TEST(Config, GroupBoundsMustBeMulticastAddresses)
+TEST(Config, group_bounds_must_be_multicast_addresses)
 {
     for (const char* option : {"-g", "-G"}) {
         auto result = read_options({"-i", "lo", option, "239.1.2.x"});
@@ -150,7 +150,7 @@ TEST(Config, GroupBoundsMustBeMulticastAddresses)
     }
 }
 
-TEST(Config, BoundsMayBeEqualButNotCrossed)
+TEST(Config, bounds_may_be_equal_but_not_crossed)
 {
     EXPECT_EQ(read_options({"-i", "lo", "-g", "239.1.1.1", "-G", "239.1.1.1"}).exit_code, kOk);
     const auto result = read_options({"-i", "lo", "-g", "239.1.1.2", "-G", "239.1.1.1"});
@@ -158,7 +158,7 @@ TEST(Config, BoundsMayBeEqualButNotCrossed)
     EXPECT_EQ(result.err, "zent: BAD g/G: min (0xef010102) > max (0xef010101) for group addresses\n");
 }
 
-TEST(Config, LogLevels)
+TEST(Config, log_levels_are_known_by_name)
 {
     const std::vector<std::pair<std::string, int>> levels = {
         {"err", -3}, {"ERROR", -3}, {"crit", -2}, {"warn", -1},   {"norm", 0},
@@ -172,7 +172,7 @@ TEST(Config, LogLevels)
     }
 }
 
-TEST(Config, UnknownLevelComplainsAndLeavesTheLevel)
+TEST(Config, unknown_level_complains_and_leaves_the_level)
 {
     auto result =
         read_options({"-i", "lo", "-l", "x", "-L", "panic"}, [] { return g_cfg.log_level == INFO_level; });
@@ -183,7 +183,7 @@ TEST(Config, UnknownLevelComplainsAndLeavesTheLevel)
     EXPECT_EQ(result.exit_code, kOk);
 }
 
-TEST(Config, LevelErrDropsCriticalAndWarningLines)
+TEST(Config, level_err_drops_critical_and_warning_lines)
 {
     const auto result = read_options({"-i", "lo", "-l", "x", "-L", "err"}, [] {
         log_timefmt(&g_log, f_NO_TIME);
@@ -199,14 +199,14 @@ TEST(Config, LevelErrDropsCriticalAndWarningLines)
     EXPECT_EQ(result.err, "(PNC)  panic\n(ERR)  error\n");
 }
 
-TEST(Config, MissingInterfaceGivesAComplaintAndTheUsageText)
+TEST(Config, missing_interface_gives_a_complaint_and_the_usage_text)
 {
     const auto result = read_options({"-T"});
     expect_usage(result);
     EXPECT_EQ(result.err.find("zent: interface must be specified\n"), 0U) << result.err;
 }
 
-TEST(Config, QuestionMarkUnknownOptionAndMissingArgumentGiveTheUsageText)
+TEST(Config, question_mark_unknown_option_and_missing_argument_give_the_usage_text)
 {
     expect_usage(read_options({"-?"}));
     expect_usage(read_options({"-i", "lo", "-Z"}));
@@ -214,7 +214,7 @@ TEST(Config, QuestionMarkUnknownOptionAndMissingArgumentGiveTheUsageText)
     expect_usage(read_options({"-i", "lo", "-p"}));
 }
 
-TEST(Config, UnprivilegedRunIsInTheForegroundAndShowsItsLogOnStderr)
+TEST(Config, unprivileged_run_is_in_the_foreground_and_shows_its_log_on_stderr)
 {
     if (geteuid() != 0) {
         GTEST_SKIP() << "skipped: needs root to give root away";

@@ -97,7 +97,7 @@ TEST(SysInfo, is_asked_of_the_system_once)
     EXPECT_EQ(g_uname.calls, 1);
 }
 
-TEST(SysInfo, is_NULL_when_uname_fails_and_asks_again_the_next_time)
+TEST(SysInfo, is_null_when_uname_fails_and_asks_again_the_next_time)
 {
     g_uname.failures_left = 2;
     EXPECT_EQ(get_sysinfo(), nullptr);

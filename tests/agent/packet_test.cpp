@@ -93,20 +93,20 @@ const std::string kEnd = "(DBG)  on_pcap_pkt: END";
 
 } // namespace
 
-TEST_F(Packet, FirstReportOfAGroupIsAJoin)
+TEST_F(Packet, first_report_of_a_group_is_a_join)
 {
     feed(report_frame("239.1.2.3"));
     EXPECT_EQ(relayed(), "JOIN UDP://239.1.2.3\n");
     EXPECT_EQ(joined(), 1U);
 }
 
-TEST_F(Packet, Version1ReportIsAJoinToo)
+TEST_F(Packet, version_1_report_is_a_join_too)
 {
     feed_spec({.type = IGMP1_RPT});
     EXPECT_EQ(relayed(), "JOIN UDP://239.1.2.3\n");
 }
 
-TEST_F(Packet, SecondReportFromAnyHostPrintsNothing)
+TEST_F(Packet, second_report_from_any_host_prints_nothing)
 {
     LogCapture log;
     feed(report_frame("239.1.2.3"));
@@ -121,7 +121,7 @@ TEST_F(Packet, SecondReportFromAnyHostPrintsNothing)
     EXPECT_EQ(joined(), 1U);
 }
 
-TEST_F(Packet, LeaveOfAGroupNotJoinedPassesInSilence)
+TEST_F(Packet, leave_of_a_group_not_joined_passes_in_silence)
 {
     LogCapture log;
     feed(leave_frame("239.1.2.3"));
@@ -129,7 +129,7 @@ TEST_F(Packet, LeaveOfAGroupNotJoinedPassesInSilence)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Packet, kept_LeaveEndsAGroupWithTheFirstHostThatLeaves)
+TEST_F(Packet, kept_leave_ends_a_group_with_the_first_host_that_leaves)
 {
     feed(report_frame("239.1.2.3"));
     feed(report_frame("239.1.2.3"));
@@ -139,7 +139,7 @@ TEST_F(Packet, kept_LeaveEndsAGroupWithTheFirstHostThatLeaves)
     EXPECT_EQ(joined(), 0U);
 }
 
-TEST_F(Packet, ReportAfterALeaveIsANewJoin)
+TEST_F(Packet, report_after_a_leave_is_a_new_join)
 {
     feed(report_frame("239.1.2.3"));
     feed(leave_frame("239.1.2.3"));
@@ -147,7 +147,7 @@ TEST_F(Packet, ReportAfterALeaveIsANewJoin)
     EXPECT_EQ(relayed(), "JOIN UDP://239.1.2.3\nLEAVE UDP://239.1.2.3\nJOIN UDP://239.1.2.3\n");
 }
 
-TEST_F(Packet, GroupsAreKeptApart)
+TEST_F(Packet, groups_are_kept_apart)
 {
     for (int i = 0; i < 100; ++i) {
         feed(report_frame("239.1." + std::to_string(i) + ".7"));
@@ -160,7 +160,7 @@ TEST_F(Packet, GroupsAreKeptApart)
               "LEAVE UDP://239.1.50.7\n");
 }
 
-TEST_F(Packet, EveryOctetIsPrintedAsInetNtoaDoes)
+TEST_F(Packet, every_octet_is_printed_as_inet_ntoa_does)
 {
     for (const char* group :
          {"224.0.0.1", "239.255.255.250", "232.10.100.99", "225.9.19.109", "230.200.0.10"}) {
@@ -172,7 +172,7 @@ TEST_F(Packet, EveryOctetIsPrintedAsInetNtoaDoes)
     EXPECT_STREQ(group_text(-1), "255.255.255.255");
 }
 
-TEST_F(Packet, QueriesAndUnknownTypesAreIgnored)
+TEST_F(Packet, queries_and_unknown_types_are_ignored)
 {
     for (const int type : {17, 34, 0, 19, 21, 24, 255}) {
         feed_spec({.type = static_cast<uint8_t>(type)});
@@ -181,7 +181,7 @@ TEST_F(Packet, QueriesAndUnknownTypesAreIgnored)
     EXPECT_EQ(joined(), 0U);
 }
 
-TEST_F(Packet, Igmp3ReportNeverGivesALineAndItsDumpSaysUnknown)
+TEST_F(Packet, igmp3_report_never_gives_a_line_and_its_dump_says_unknown)
 {
     g_cfg.log_level = DEBUG_level;
     LogCapture log(NORM_level);
@@ -190,7 +190,7 @@ TEST_F(Packet, Igmp3ReportNeverGivesALineAndItsDumpSaysUnknown)
     EXPECT_EQ(log.text(), "02:00:00:00:00:02 -> 01:00:5e:01:02:03 [0800]\n?\?/22 239.1.2.3\n");
 }
 
-TEST_F(Packet, EachDumpGoesToTheMirrorBeforeTheLog)
+TEST_F(Packet, each_dump_goes_to_the_mirror_before_the_log)
 {
     g_cfg.log_level = DEBUG_level;
     const LogCapture log(ERR_level);
@@ -205,7 +205,7 @@ TEST_F(Packet, EachDumpGoesToTheMirrorBeforeTheLog)
     fclose(own);
 }
 
-TEST_F(Packet, DumpsGoToMirrorAndLogAndAreNotCounted)
+TEST_F(Packet, dumps_go_to_mirror_and_log_and_are_not_counted)
 {
     g_cfg.log_level = DEBUG_level;
     LogCapture log(ERR_level);
@@ -222,7 +222,7 @@ TEST_F(Packet, DumpsGoToMirrorAndLogAndAreNotCounted)
     free(mirrored);
 }
 
-TEST_F(Packet, NoDumpsBelowDebugLevel)
+TEST_F(Packet, no_dumps_below_debug_level)
 {
     g_cfg.log_level = INFO_level;
     LogCapture log(ERR_level);
@@ -230,7 +230,7 @@ TEST_F(Packet, NoDumpsBelowDebugLevel)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Packet, NamesOfTheTypes)
+TEST_F(Packet, types_are_dumped_by_name)
 {
     EXPECT_STREQ(igmp_type_str(IGMP_QRY), "query");
     EXPECT_STREQ(igmp_type_str(IGMP1_RPT), "v1-report");
@@ -240,7 +240,7 @@ TEST_F(Packet, NamesOfTheTypes)
     EXPECT_STREQ(igmp_type_str(0x0116), "??");
 }
 
-TEST_F(Packet, DebugLinesOfAReportInOrder)
+TEST_F(Packet, debug_lines_of_a_report_in_order)
 {
     LogCapture log(DEBUG_level);
     feed(report_frame("239.1.2.3"));
@@ -251,7 +251,7 @@ TEST_F(Packet, DebugLinesOfAReportInOrder)
                "(NRM)  relay_msg: 21 bytes output: JOIN UDP://239.1.2.3", "(DBG)  relay_msg: END", kEnd}));
 }
 
-TEST_F(Packet, DebugLinesOfALeaveInOrder)
+TEST_F(Packet, debug_lines_of_a_leave_in_order)
 {
     feed(report_frame("239.1.2.3"));
     LogCapture log(DEBUG_level);
@@ -263,7 +263,7 @@ TEST_F(Packet, DebugLinesOfALeaveInOrder)
                "(NRM)  relay_msg: 22 bytes output: LEAVE UDP://239.1.2.3", "(DBG)  relay_msg: END", kEnd}));
 }
 
-TEST_F(Packet, FramesOfUpTo33BytesAreTooSmall)
+TEST_F(Packet, frames_of_up_to_33_bytes_are_too_small)
 {
     for (size_t length = 0; length <= 33; ++length) {
         LogCapture log(DEBUG_level);
@@ -278,7 +278,7 @@ TEST_F(Packet, FramesOfUpTo33BytesAreTooSmall)
     EXPECT_EQ(relayed(), "");
 }
 
-TEST_F(Packet, EveryCapturedLengthFrom14To90)
+TEST_F(Packet, every_captured_length_from_14_to_90)
 {
     for (size_t length = 14; length <= 90; ++length) {
         LogCapture log;
@@ -301,7 +301,7 @@ TEST_F(Packet, EveryCapturedLengthFrom14To90)
     }
 }
 
-TEST_F(Packet, FrameOf34To41BytesIsStillParsed)
+TEST_F(Packet, frame_of_34_to_41_bytes_is_still_parsed)
 {
     feed_spec({.group = "239.0.0.0", .cut = 39});
     EXPECT_EQ(relayed(), "JOIN UDP://239.0.0.0\n");
@@ -315,7 +315,7 @@ TEST_F(Packet, FrameOf34To41BytesIsStillParsed)
     }
 }
 
-TEST_F(Packet, IpOptionsAreHonoured)
+TEST_F(Packet, ip_options_are_honoured)
 {
     for (uint8_t ihl = 5; ihl <= 15; ++ihl) {
         const std::string group = "239.1.1." + std::to_string(ihl);
@@ -325,7 +325,7 @@ TEST_F(Packet, IpOptionsAreHonoured)
     }
 }
 
-TEST_F(Packet, kept_HeaderLengthBelowTheFixedPartIsTakenAsItIs)
+TEST_F(Packet, kept_header_length_below_the_fixed_part_is_taken_as_it_is)
 {
     // With a length of 0 the message is read from the IP header itself: its first byte 0x40 is no IGMP type.
     for (uint8_t ihl = 0; ihl < 5; ++ihl) {
@@ -342,7 +342,7 @@ TEST_F(Packet, kept_HeaderLengthBelowTheFixedPartIsTakenAsItIs)
     EXPECT_EQ(relayed(), "JOIN UDP://239.9.8.7\n");
 }
 
-TEST_F(Packet, HeaderLengthBeyondTheFrameReadsZeros)
+TEST_F(Packet, header_length_beyond_the_frame_reads_zeros)
 {
     LogCapture log(DEBUG_level);
     auto frame = report_frame("239.1.2.3");
@@ -352,7 +352,7 @@ TEST_F(Packet, HeaderLengthBeyondTheFrameReadsZeros)
     EXPECT_EQ(relayed(), "");
 }
 
-TEST_F(Packet, EtherTypeOtherThanIpIsAnErrorAndShownAsItStandsInMemory)
+TEST_F(Packet, ether_type_other_than_ip_is_an_error_and_shown_as_it_stands_in_memory)
 {
     LogCapture log(DEBUG_level);
     feed_spec({.ether_type = 0x86dd});
@@ -363,7 +363,7 @@ TEST_F(Packet, EtherTypeOtherThanIpIsAnErrorAndShownAsItStandsInMemory)
     EXPECT_EQ(relayed(), "");
 }
 
-TEST_F(Packet, IpVersionOtherThan4IsAnError)
+TEST_F(Packet, ip_version_other_than_4_is_an_error)
 {
     for (uint8_t version = 0; version < 16; ++version) {
         if (version == 4) {
@@ -378,7 +378,7 @@ TEST_F(Packet, IpVersionOtherThan4IsAnError)
     EXPECT_EQ(relayed(), "");
 }
 
-TEST_F(Packet, ProtocolOtherThanIgmpIsAnError)
+TEST_F(Packet, protocol_other_than_igmp_is_an_error)
 {
     LogCapture log;
     feed_spec({.protocol = 17});
@@ -387,7 +387,7 @@ TEST_F(Packet, ProtocolOtherThanIgmpIsAnError)
                                   "(ERR)  on_pcap_pkt: proto=255 - non-IGMP packet"}));
 }
 
-TEST_F(Packet, ChecksumsAreNotVerified)
+TEST_F(Packet, checksums_are_not_verified)
 {
     auto frame = report_frame("239.1.2.3");
     frame[14 + 10] ^= 0xff;
@@ -396,7 +396,7 @@ TEST_F(Packet, ChecksumsAreNotVerified)
     EXPECT_EQ(relayed(), "JOIN UDP://239.1.2.3\n");
 }
 
-TEST_F(Packet, kept_ReportOfTheZeroGroupAbortsTheProcess)
+TEST_F(Packet, kept_report_of_the_zero_group_aborts_the_process)
 {
     const auto result = support::run_in_child([] {
         feed(report_frame("0.0.0.0"));
@@ -407,7 +407,7 @@ TEST_F(Packet, kept_ReportOfTheZeroGroupAbortsTheProcess)
         << result.err;
 }
 
-TEST_F(Packet, LeaveOfTheZeroGroupIsJustNotFound)
+TEST_F(Packet, leave_of_the_zero_group_is_just_not_found)
 {
     LogCapture log;
     feed(leave_frame("0.0.0.0"));
@@ -415,14 +415,14 @@ TEST_F(Packet, LeaveOfTheZeroGroupIsJustNotFound)
     EXPECT_EQ(relayed(), "");
 }
 
-TEST_F(Packet, ReportOfTheZeroGroupOutOfScopeDoesNoHarm)
+TEST_F(Packet, report_of_the_zero_group_out_of_scope_does_no_harm)
 {
     g_cfg.min_group = 0xe0000001;
     feed(report_frame("0.0.0.0"));
     EXPECT_EQ(relayed(), "");
 }
 
-TEST_F(Packet, kept_GeneralQueryIsAskedForScopeBeforeItsType)
+TEST_F(Packet, kept_general_query_is_asked_for_scope_before_its_type)
 {
     g_cfg.min_group = 0xe0000001;
     LogCapture log(DEBUG_level);
@@ -431,7 +431,7 @@ TEST_F(Packet, kept_GeneralQueryIsAskedForScopeBeforeItsType)
                                   "(DBG)  on_pcap_pkt: address out of scope: 0.0.0.0", kEnd}));
 }
 
-TEST_F(Packet, OutOfScopeGroupIsNeitherReportedNorDumped)
+TEST_F(Packet, out_of_scope_group_is_neither_reported_nor_dumped)
 {
     g_cfg.min_group = 0xefffffff;
     g_cfg.log_level = DEBUG_level;
@@ -441,7 +441,7 @@ TEST_F(Packet, OutOfScopeGroupIsNeitherReportedNorDumped)
     EXPECT_EQ(log.text(), "02:00:00:00:00:02 -> 01:00:5e:01:02:03 [0800]\n");
 }
 
-TEST_F(Packet, FailedAddIsOneErrorLineAndNoRelayLine)
+TEST_F(Packet, failed_add_is_one_error_line_and_no_relay_line)
 {
     LogCapture log;
     nkht_t table = g_ctx.wgrp_ht;
@@ -457,7 +457,7 @@ TEST_F(Packet, FailedAddIsOneErrorLineAndNoRelayLine)
     EXPECT_EQ(relayed(), "");
 }
 
-TEST_F(Packet, kept_DescriptorZeroCountsAsNoSink)
+TEST_F(Packet, kept_descriptor_zero_counts_as_no_sink)
 {
     FILE* sink = g_ctx.rep.fp;
     for (const int fd : {-1, 0}) {
@@ -470,7 +470,7 @@ TEST_F(Packet, kept_DescriptorZeroCountsAsNoSink)
     g_ctx.rep.fp = sink;
 }
 
-TEST_F(Packet, LineLongerThanItsBufferIsRefused)
+TEST_F(Packet, line_longer_than_its_buffer_is_refused)
 {
     LogCapture log;
     relay_msg("%s", std::string(128, 'x').c_str());
@@ -480,13 +480,13 @@ TEST_F(Packet, LineLongerThanItsBufferIsRefused)
     EXPECT_EQ(relayed(), "");
 }
 
-TEST_F(Packet, kept_LineOf127CharactersPassesCutByOne)
+TEST_F(Packet, kept_line_of_127_characters_passes_cut_by_one)
 {
     relay_msg("%s", std::string(127, 'x').c_str());
     EXPECT_EQ(relayed(), std::string(126, 'x'));
 }
 
-TEST_F(Packet, IdleTurnIsLoggedAtMostEveryFiveSeconds)
+TEST_F(Packet, idle_turn_is_logged_at_most_every_five_seconds)
 {
     LogCapture log(DEBUG_level);
     EXPECT_EQ(on_idle(), 0);
@@ -494,7 +494,7 @@ TEST_F(Packet, IdleTurnIsLoggedAtMostEveryFiveSeconds)
     EXPECT_EQ(log.lines(), Lines{"(DBG)  on_idle: doing nothing"});
 }
 
-TEST_F(Packet, QuitHandlerWritesTheSignalAndKeepsErrno)
+TEST_F(Packet, quit_handler_writes_the_signal_and_keeps_errno)
 {
     const auto result = support::run_in_child([] {
         g_ctx.handle = nullptr;

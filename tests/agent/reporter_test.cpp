@@ -79,7 +79,7 @@ class Reporter : public testing::Test {
 
 } // namespace
 
-TEST_F(Reporter, WithoutATargetLinesGoToStdout)
+TEST_F(Reporter, without_a_target_lines_go_to_stdout)
 {
     LogCapture log(DEBUG_level);
     g_ctx.rep.fp = stderr;
@@ -90,7 +90,7 @@ TEST_F(Reporter, WithoutATargetLinesGoToStdout)
     EXPECT_EQ(log.lines(), Lines{"(DBG)  reporter_setup: reporting to STDOUT"});
 }
 
-TEST_F(Reporter, LinesToStdoutLeaveAtOnce)
+TEST_F(Reporter, lines_to_stdout_leave_at_once)
 {
     const auto result = support::run_in_child([] {
         reporter_setup();
@@ -102,7 +102,7 @@ TEST_F(Reporter, LinesToStdoutLeaveAtOnce)
     EXPECT_EQ(result.out, "JOIN UDP://239.1.2.3\n");
 }
 
-TEST_F(Reporter, SocketDoesNotBlock)
+TEST_F(Reporter, socket_does_not_block)
 {
     const FdGuard fds;
     const Relay relay;
@@ -111,7 +111,7 @@ TEST_F(Reporter, SocketDoesNotBlock)
     app_shutdown();
 }
 
-TEST_F(Reporter, FullBufferCostsALineAndNoTime)
+TEST_F(Reporter, full_buffer_costs_a_line_and_no_time)
 {
     const FdGuard fds;
     int ends[2]; // stands for the relay's socket: one whose buffer can be filled, and that blocks
@@ -129,7 +129,7 @@ TEST_F(Reporter, FullBufferCostsALineAndNoTime)
     close(ends[1]);
 }
 
-TEST_F(Reporter, DatagramIsTheLineWithItsNewlineAndNothingElse)
+TEST_F(Reporter, datagram_is_the_line_with_its_newline_and_nothing_else)
 {
     const FdGuard fds;
     const Relay relay;
@@ -145,7 +145,7 @@ TEST_F(Reporter, DatagramIsTheLineWithItsNewlineAndNothingElse)
     EXPECT_EQ(g_ctx.rep.sockfd, -1);
 }
 
-TEST_F(Reporter, TargetDropsTheStreamThatWasSet)
+TEST_F(Reporter, target_drops_the_stream_that_was_set)
 {
     const FdGuard fds;
     const Relay relay;
@@ -159,7 +159,7 @@ TEST_F(Reporter, TargetDropsTheStreamThatWasSet)
     app_shutdown();
 }
 
-TEST_F(Reporter, HostNamesAreResolvedOnce)
+TEST_F(Reporter, host_names_are_resolved_once)
 {
     const FdGuard fds;
     const Relay relay;
@@ -171,7 +171,7 @@ TEST_F(Reporter, HostNamesAreResolvedOnce)
     app_shutdown();
 }
 
-TEST_F(Reporter, RefusedTargetsFailWithALineThatNamesThem)
+TEST_F(Reporter, refused_targets_fail_with_a_line_that_names_them)
 {
     for (const char* target : {"127.0.0.1", "no.such.host.invalid:4554", ":4554x"}) {
         const FdGuard fds;
@@ -183,7 +183,7 @@ TEST_F(Reporter, RefusedTargetsFailWithALineThatNamesThem)
     }
 }
 
-TEST_F(Reporter, RelayThatIsDownCostsAtMostALineAnEventAndMayComeBack)
+TEST_F(Reporter, relay_that_is_down_costs_at_most_a_line_an_event_and_may_come_back)
 {
     const FdGuard fds;
     std::string port;
@@ -200,7 +200,7 @@ TEST_F(Reporter, RelayThatIsDownCostsAtMostALineAnEventAndMayComeBack)
     app_shutdown();
 }
 
-TEST_F(Reporter, FailedSendIsReportedWithTheLine)
+TEST_F(Reporter, failed_send_is_reported_with_the_line)
 {
     const FdGuard fds;
     const Relay relay;
@@ -220,7 +220,7 @@ TEST_F(Reporter, FailedSendIsReportedWithTheLine)
     app_shutdown();
 }
 
-TEST_F(Reporter, ShutdownTwiceClosesOnce)
+TEST_F(Reporter, shutdown_twice_closes_once)
 {
     const Relay relay;
     const FdGuard fds;

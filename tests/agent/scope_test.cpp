@@ -78,14 +78,14 @@ class Scope : public testing::Test {
 
 } // namespace
 
-TEST_F(Scope, WithoutRangeAndListEverythingIsInScope)
+TEST_F(Scope, without_range_and_list_everything_is_in_scope)
 {
     for (const char* group : {"0.0.0.0", "10.1.1.1", "224.0.0.1", "239.255.255.255", "255.255.255.255"}) {
         EXPECT_TRUE(in_scope(net(group))) << group;
     }
 }
 
-TEST_F(Scope, LowerBoundAlone)
+TEST_F(Scope, lower_bound_alone_cuts_below)
 {
     g_cfg.min_group = host("239.0.0.0");
     EXPECT_TRUE(in_scope(net("239.0.0.0")));
@@ -96,7 +96,7 @@ TEST_F(Scope, LowerBoundAlone)
     EXPECT_FALSE(in_scope(net("0.0.0.0")));
 }
 
-TEST_F(Scope, kept_UpperBoundAloneReachesBelowMulticast)
+TEST_F(Scope, kept_upper_bound_alone_reaches_below_multicast)
 {
     g_cfg.max_group = host("239.0.0.0");
     EXPECT_TRUE(in_scope(net("239.0.0.0")));
@@ -105,7 +105,7 @@ TEST_F(Scope, kept_UpperBoundAloneReachesBelowMulticast)
     EXPECT_FALSE(in_scope(net("239.0.0.1")));
 }
 
-TEST_F(Scope, BothBoundsAreInclusive)
+TEST_F(Scope, both_bounds_are_inclusive)
 {
     g_cfg.min_group = host("239.1.0.0");
     g_cfg.max_group = host("239.2.0.0");
@@ -116,7 +116,7 @@ TEST_F(Scope, BothBoundsAreInclusive)
     EXPECT_FALSE(in_scope(net("0.0.0.0")));
 }
 
-TEST_F(Scope, EqualBoundsHoldOneGroup)
+TEST_F(Scope, equal_bounds_hold_one_group)
 {
     g_cfg.min_group = g_cfg.max_group = host("239.1.2.3");
     EXPECT_TRUE(in_scope(net("239.1.2.3")));
@@ -124,7 +124,7 @@ TEST_F(Scope, EqualBoundsHoldOneGroup)
     EXPECT_FALSE(in_scope(net("239.1.2.4")));
 }
 
-TEST_F(Scope, GroupOutsideTheRangeButInTheListIsInScope)
+TEST_F(Scope, group_outside_the_range_but_in_the_list_is_in_scope)
 {
     g_cfg.min_group = host("239.1.0.0");
     g_cfg.max_group = host("239.2.0.0");
@@ -134,7 +134,7 @@ TEST_F(Scope, GroupOutsideTheRangeButInTheListIsInScope)
     EXPECT_FALSE(in_scope(net("224.5.6.8")));
 }
 
-TEST_F(Scope, ListAlone)
+TEST_F(Scope, list_alone_decides)
 {
     ASSERT_EQ(load("239.1.1.1\n239.1.1.2\n"), 0);
     EXPECT_TRUE(in_scope(net("239.1.1.1")));
@@ -143,7 +143,7 @@ TEST_F(Scope, ListAlone)
     EXPECT_FALSE(in_scope(net("0.0.0.0")));
 }
 
-TEST_F(Scope, kept_EntryWithALastOctetFrom128OnIsNotFound)
+TEST_F(Scope, kept_entry_with_a_last_octet_from_128_on_is_not_found)
 {
     ASSERT_EQ(load("239.1.1.1\n239.1.1.200\n239.1.1.127\n"), 0);
     EXPECT_TRUE(in_scope(net("239.1.1.1")));
@@ -152,7 +152,7 @@ TEST_F(Scope, kept_EntryWithALastOctetFrom128OnIsNotFound)
     EXPECT_EQ(nkht_count(g_ctx.scope_ht), 3U);
 }
 
-TEST_F(Scope, EmptyFileIsASuccessAndThenNothingIsInScope)
+TEST_F(Scope, empty_file_is_a_success_and_then_nothing_is_in_scope)
 {
     ASSERT_EQ(load(""), 0);
     ASSERT_NE(g_ctx.scope_ht, 0);
@@ -160,29 +160,29 @@ TEST_F(Scope, EmptyFileIsASuccessAndThenNothingIsInScope)
     EXPECT_FALSE(in_scope(net("239.1.1.1")));
 }
 
-TEST_F(Scope, DirectoryAsListIsAnEmptyList)
+TEST_F(Scope, directory_as_list_is_an_empty_list)
 {
     ASSERT_EQ(load_group_list("/tmp"), 0);
     EXPECT_EQ(nkht_count(g_ctx.scope_ht), 0U);
 }
 
-TEST_F(Scope, FileWithoutANewlineAtItsEndIsReadNormally)
+TEST_F(Scope, file_without_a_newline_at_its_end_is_read_normally)
 {
     ASSERT_EQ(load("239.1.1.1\n239.1.1.2"), 0);
     EXPECT_TRUE(in_scope(net("239.1.1.2")));
 }
 
-TEST_F(Scope, ExtraEmptyLineFailsAtThatLine)
+TEST_F(Scope, extra_empty_line_fails_at_that_line)
 {
     expect_refused("239.1.1.1\n\n", " error parsing entry at line 2: ");
 }
 
-TEST_F(Scope, CommentsAreNotKnown)
+TEST_F(Scope, comments_are_not_known)
 {
     expect_refused("# groups\n239.1.1.1\n", " error parsing entry at line 1: # groups");
 }
 
-TEST_F(Scope, CrLfLineEndsAreAccepted)
+TEST_F(Scope, cr_lf_line_ends_are_accepted)
 {
     ASSERT_EQ(load("239.1.1.1\r\n239.1.1.2\n\r239.1.1.3\r\n"), -1);
     ASSERT_EQ(load("239.1.1.1\r\n239.1.1.2\r\n"), 0);
@@ -190,35 +190,35 @@ TEST_F(Scope, CrLfLineEndsAreAccepted)
     EXPECT_TRUE(in_scope(net("239.1.1.2")));
 }
 
-TEST_F(Scope, BlankBehindTheAddressPasses)
+TEST_F(Scope, blank_behind_the_address_passes)
 {
     ASSERT_EQ(load("239.1.1.1 \n239.1.1.2\tsecond\n"), 0);
     EXPECT_TRUE(in_scope(net("239.1.1.1")));
     EXPECT_TRUE(in_scope(net("239.1.1.2")));
 }
 
-TEST_F(Scope, RepeatedAddressFailsTheLoad)
+TEST_F(Scope, repeated_address_fails_the_load)
 {
     expect_refused("239.1.1.1\n239.1.1.2\n239.1.1.1\n",
                    " duplicate at line 3: (" + std::to_string(static_cast<uint32_t>(net("239.1.1.1"))) +
                        ") 239.1.1.1");
 }
 
-TEST_F(Scope, RepeatedAddressInAnotherNotationFailsTheLoad)
+TEST_F(Scope, repeated_address_in_another_notation_fails_the_load)
 {
     expect_refused("239.1.1.1\n0xef010101\n", " duplicate at line 2: (" +
                                                   std::to_string(static_cast<uint32_t>(net("239.1.1.1"))) +
                                                   ") 0xef010101");
 }
 
-TEST_F(Scope, NonMulticastEntryFailsTheLoad)
+TEST_F(Scope, non_multicast_entry_fails_the_load)
 {
     expect_refused("239.1.1.1\n192.168.1.2\n239.1.1.3\n",
                    ":2 non-multicast address: (0x201a8c0) 192.168.1.2");
     expect_refused("240.0.0.0\n", ":1 non-multicast address: (0x00f0) 240.0.0.0");
 }
 
-TEST_F(Scope, FailedLoadKeepsTheListThatWasThere)
+TEST_F(Scope, failed_load_keeps_the_list_that_was_there)
 {
     ASSERT_EQ(load("239.1.1.1\n"), 0);
     expect_refused("239.1.1.2\nnonsense\n", " error parsing entry at line 2: nonsense");
@@ -226,7 +226,7 @@ TEST_F(Scope, FailedLoadKeepsTheListThatWasThere)
     EXPECT_FALSE(in_scope(net("239.1.1.2")));
 }
 
-TEST_F(Scope, SecondLoadReplacesTheFirst)
+TEST_F(Scope, second_load_replaces_the_first)
 {
     ASSERT_EQ(load("239.1.1.1\n"), 0);
     ASSERT_EQ(load("239.1.1.2\n"), 0);
@@ -234,7 +234,7 @@ TEST_F(Scope, SecondLoadReplacesTheFirst)
     EXPECT_TRUE(in_scope(net("239.1.1.2")));
 }
 
-TEST_F(Scope, LineOf62CharactersIsOneEntry)
+TEST_F(Scope, line_of_62_characters_is_one_entry)
 {
     std::string line = "239.1.1.1" + std::string(52, ' ');
     ASSERT_EQ(line.size(), 61U);
@@ -242,7 +242,7 @@ TEST_F(Scope, LineOf62CharactersIsOneEntry)
     EXPECT_EQ(nkht_count(g_ctx.scope_ht), 2U);
 }
 
-TEST_F(Scope, LongerLineIsReadInPiecesThatCountAsLines)
+TEST_F(Scope, longer_line_is_read_in_pieces_that_count_as_lines)
 {
     // The first 62 characters are an entry, what is left of the line is the next piece.
     expect_refused("239.1.1.1" + std::string(53, ' ') + "x\n", " error parsing entry at line 2: x");
@@ -252,12 +252,12 @@ TEST_F(Scope, LongerLineIsReadInPiecesThatCountAsLines)
     EXPECT_EQ(nkht_count(g_ctx.scope_ht), 2U);
 }
 
-TEST_F(Scope, LineThatOpensWithANulByteIsAnEmptyLine)
+TEST_F(Scope, line_that_opens_with_a_nul_byte_is_an_empty_line)
 {
     expect_refused(std::string("\0\n", 2) + "239.1.1.1\n", " error parsing entry at line 1: ");
 }
 
-TEST_F(Scope, MissingFileIsOneLine)
+TEST_F(Scope, missing_file_is_one_line)
 {
     const FdGuard fds;
     LogCapture log;
@@ -265,7 +265,7 @@ TEST_F(Scope, MissingFileIsOneLine)
     EXPECT_EQ(log.lines(), Lines{"(ERR)  load_group_list: failed to open [/nonexistent/list]"});
 }
 
-TEST_F(Scope, LinesOfASuccessAtDebugLevel)
+TEST_F(Scope, lines_of_a_success_at_debug_level)
 {
     LogCapture log(DEBUG_level);
     ASSERT_EQ(load("239.1.1.1\n"), 0);
@@ -273,7 +273,7 @@ TEST_F(Scope, LinesOfASuccessAtDebugLevel)
                                   "(DBG)  load_group_list: 1 enties added"}));
 }
 
-TEST_F(Scope, AllocationFailureAtEveryPointLeavesTheScopeAsItWas)
+TEST_F(Scope, allocation_failure_at_every_point_leaves_the_scope_as_it_was)
 {
     ASSERT_EQ(load("239.1.1.9\n"), 0);
     const nkht_t before = g_ctx.scope_ht;
@@ -305,7 +305,7 @@ TEST_F(Scope, AllocationFailureAtEveryPointLeavesTheScopeAsItWas)
     EXPECT_TRUE(in_scope(net("239.1.1.2")));
 }
 
-TEST_F(Scope, LargeListIsReadWhole)
+TEST_F(Scope, large_list_is_read_whole)
 {
     std::string text;
     for (int i = 0; i < 100; ++i) {
@@ -319,7 +319,7 @@ TEST_F(Scope, LargeListIsReadWhole)
     EXPECT_FALSE(in_scope(net("239.1.99.100")));
 }
 
-TEST_F(Scope, WrongMarkInTheTableEndsTheProcess)
+TEST_F(Scope, wrong_mark_in_the_table_ends_the_process)
 {
     const auto result = support::run_in_child([] {
         log_default(&g_log, stderr);
@@ -335,7 +335,7 @@ TEST_F(Scope, WrongMarkInTheTableEndsTheProcess)
     EXPECT_NE(result.err.find("Aborting at:\n#0: "), std::string::npos);
 }
 
-TEST_F(Scope, UnusableTableEndsTheProcess)
+TEST_F(Scope, unusable_table_ends_the_process)
 {
     const auto result = support::run_in_child([] {
         log_default(&g_log, stderr);

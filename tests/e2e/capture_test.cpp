@@ -93,7 +93,7 @@ size_t count(const std::string& text, const std::string& part)
 
 } // namespace
 
-TEST_F(Capture, KernelHostsJoinAndLeaveByVersion2)
+TEST_F(Capture, kernel_hosts_join_and_leave_by_version_2)
 {
     const NetnsPair pair;
     SegmentHost host(pair);
@@ -114,7 +114,7 @@ TEST_F(Capture, KernelHostsJoinAndLeaveByVersion2)
     EXPECT_NE(agent.log().find("zent is exiting with rc=0\n"), std::string::npos) << agent.log();
 }
 
-TEST_F(Capture, Version1HostsJoinAndNeverLeave)
+TEST_F(Capture, version_1_hosts_join_and_never_leave)
 {
     const NetnsPair pair;
     SegmentHost host(pair);
@@ -130,7 +130,7 @@ TEST_F(Capture, Version1HostsJoinAndNeverLeave)
     EXPECT_EQ(agent.stop(SIGINT).exit_code, 0);
 }
 
-TEST_F(Capture, Version3HostsAreNotSeen)
+TEST_F(Capture, version_3_hosts_are_not_seen)
 {
     const NetnsPair pair;
     SegmentHost host(pair);
@@ -144,7 +144,7 @@ TEST_F(Capture, Version3HostsAreNotSeen)
     EXPECT_EQ(agent.stop(SIGQUIT).exit_code, 0);
 }
 
-TEST_F(Capture, FramesOfEveryKindGiveTheirLinesAndNoOthers)
+TEST_F(Capture, frames_of_every_kind_give_their_lines_and_no_others)
 {
     const NetnsPair pair;
     SegmentHost host(pair);
@@ -181,7 +181,7 @@ TEST_F(Capture, FramesOfEveryKindGiveTheirLinesAndNoOthers)
     EXPECT_EQ(agent.stop().exit_code, 0);
 }
 
-TEST_F(Capture, RangeAndListDecideWhatIsReported)
+TEST_F(Capture, range_and_list_decide_what_is_reported)
 {
     const NetnsPair pair;
     SegmentHost host(pair);
@@ -201,7 +201,7 @@ TEST_F(Capture, RangeAndListDecideWhatIsReported)
     EXPECT_EQ(agent.stop().exit_code, 0);
 }
 
-TEST_F(Capture, kept_ReportOfTheZeroGroupEndsTheProcess)
+TEST_F(Capture, kept_report_of_the_zero_group_ends_the_process)
 {
     const NetnsPair pair;
     SegmentHost host(pair);
@@ -213,7 +213,7 @@ TEST_F(Capture, kept_ReportOfTheZeroGroupEndsTheProcess)
     EXPECT_EQ(result.out, join_line("239.1.1.1"));
 }
 
-TEST_F(Capture, BadOptionsEndWithTheirCodes)
+TEST_F(Capture, bad_options_end_with_their_codes)
 {
     const NetnsPair pair;
     const auto run = [&](std::vector<std::string> options) {
@@ -236,7 +236,7 @@ TEST_F(Capture, BadOptionsEndWithTheirCodes)
     EXPECT_NE(no_log.err.find("do_open: uid/gig="), std::string::npos) << no_log.err;
 }
 
-TEST_F(Capture, InterfaceThatGoesAwayEndsTheRunWith2)
+TEST_F(Capture, interface_that_goes_away_ends_the_run_with_2)
 {
     const NetnsPair pair;
     ForegroundAgent agent(pair);
@@ -249,7 +249,7 @@ TEST_F(Capture, InterfaceThatGoesAwayEndsTheRunWith2)
     EXPECT_NE(agent.log().find("(ERR)  app_run: pcap_dispatch() ERROR: "), std::string::npos) << agent.log();
 }
 
-TEST_F(Capture, RunsInOneThread)
+TEST_F(Capture, runs_in_one_thread)
 {
     const NetnsPair pair;
     ForegroundAgent agent(pair);

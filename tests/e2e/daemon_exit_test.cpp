@@ -6,7 +6,7 @@
 
 #include "daemon.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
@@ -152,5 +152,3 @@ TEST_F(DaemonExit, under_another_name_is_told_under_that_name)
     EXPECT_TRUE(result.err.starts_with("watcher: interface must be specified\nwatcher (#error#) 0.1-6.0 "))
         << result.err;
 }
-
-} // namespace support

@@ -1,7 +1,7 @@
 // The interface changes under a running agent.
 #include "daemon.h"
 
-namespace support {
+using namespace support;
 
 class DaemonInterface : public DaemonTest {
   protected:
@@ -65,5 +65,3 @@ TEST_F(DaemonInterface, without_an_address_stops_the_start)
     EXPECT_EQ(result.exit_code, 2);
     EXPECT_NE(result.err.find("Invalid interface name: bare\n"), std::string::npos) << result.err;
 }
-
-} // namespace support

@@ -5,7 +5,7 @@
 
 #include "daemon.h"
 
-namespace support {
+using namespace support;
 
 class DaemonLife : public DaemonTest {};
 
@@ -105,5 +105,3 @@ TEST_F(DaemonLife, in_the_foreground_does_not_change_the_user)
     EXPECT_EQ(log().find("Running as user"), std::string::npos);
     EXPECT_EQ(proc_status(zent.pid(), "Uid"), "0\t0\t0\t0");
 }
-
-} // namespace support

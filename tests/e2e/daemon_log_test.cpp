@@ -6,7 +6,7 @@
 
 #include "daemon.h"
 
-namespace support {
+using namespace support;
 
 class DaemonLog : public DaemonTest {
   protected:
@@ -148,5 +148,3 @@ TEST_F(DaemonLog, at_debug_in_the_foreground_goes_to_stderr_too)
     EXPECT_TRUE(zent.wait_for_err("(DBG)  app_run: waiting for packets\n"));
     EXPECT_NE(log().find("(DBG)  app_run: waiting for packets\n"), std::string::npos);
 }
-
-} // namespace support

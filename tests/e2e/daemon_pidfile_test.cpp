@@ -6,7 +6,7 @@
 
 #include "daemon.h"
 
-namespace support {
+using namespace support;
 
 class DaemonPidFile : public DaemonTest {
   protected:
@@ -167,5 +167,3 @@ TEST_F(DaemonPidFile, kept_is_removed_even_when_the_options_are_refused)
     EXPECT_EQ(foreground({"-p", path("pid"), "-i", "no-such-ifc"}).wait().exit_code, 2);
     EXPECT_FALSE(file_exists(path("pid")));
 }
-
-} // namespace support

@@ -8,7 +8,7 @@
 
 #include "daemon.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
@@ -117,5 +117,3 @@ TEST_F(DaemonRelay, that_goes_away_costs_lines_and_not_the_daemon)
     EXPECT_TRUE(daemon.is_running());
     EXPECT_EQ(daemon.stop().exit_code, 0);
 }
-
-} // namespace support

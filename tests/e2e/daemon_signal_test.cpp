@@ -5,7 +5,7 @@
 
 #include "daemon.h"
 
-namespace support {
+using namespace support;
 
 class DaemonSignal : public DaemonTest {
   protected:
@@ -109,5 +109,3 @@ TEST_F(DaemonSignal, a_closed_pipe_on_stdout_kills_it_at_the_next_line)
     host.join("239.1.2.3");
     EXPECT_EQ(zent.wait().signal, SIGPIPE);
 }
-
-} // namespace support

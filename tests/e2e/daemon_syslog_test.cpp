@@ -9,7 +9,7 @@
 #include "daemon.h"
 #include "privns.h"
 
-namespace support {
+using namespace support;
 
 class DaemonSyslog : public DaemonTest {
   protected:
@@ -112,5 +112,3 @@ TEST_F(DaemonSyslog, that_is_not_there_costs_nothing)
     EXPECT_EQ(daemon.wait().exit_code, 2);
     EXPECT_NE(log().find("(ERR)  load_group_list: failed to open"), std::string::npos);
 }
-
-} // namespace support

@@ -5,7 +5,7 @@
 
 #include "daemon.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
@@ -105,5 +105,3 @@ TEST_F(DaemonUser, that_may_not_write_the_log_ends_it_with_2_and_the_reason_on_s
               std::string::npos)
         << errors;
 }
-
-} // namespace support

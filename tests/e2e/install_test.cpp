@@ -184,8 +184,8 @@ TEST_F(Install, pkg_config_gives_the_flags_of_the_library)
 // cmake --install --prefix, then the tree goes elsewhere.
 TEST_F(Install, a_tree_works_from_the_prefix_that_it_was_put_under_and_from_where_it_is_moved_to)
 {
-    const fs::path first = root_.file("first");
-    const fs::path moved = root_.file("moved");
+    const fs::path first = root_.path("first");
+    const fs::path moved = root_.path("moved");
     must_do({"cmake", "--install", support::build_path(), "--prefix", first});
     fs::rename(first, moved);
     EXPECT_EQ(run_program({moved / "sbin/zent"}).exit_code, 1); // the usage

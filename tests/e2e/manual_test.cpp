@@ -11,7 +11,7 @@
 #include "child.h"
 #include "paths.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
@@ -142,5 +142,3 @@ TEST(Manual, explains_every_error_line_of_the_agent)
         }
     }
 }
-
-} // namespace support

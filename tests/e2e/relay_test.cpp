@@ -93,7 +93,7 @@ void stop(Process& agent)
 
 } // namespace
 
-TEST_F(RelayRun, KernelJoinsAndLeavesArriveAsExactDatagrams)
+TEST_F(RelayRun, kernel_joins_and_leaves_arrive_as_exact_datagrams)
 {
     const NetnsPair pair;
     const Relay relay(pair);
@@ -107,7 +107,7 @@ TEST_F(RelayRun, KernelJoinsAndLeavesArriveAsExactDatagrams)
     stop(agent);
 }
 
-TEST_F(RelayRun, MulticastTargetReachesItsMembers)
+TEST_F(RelayRun, multicast_target_reaches_its_members)
 {
     const NetnsPair pair;
     const Relay relay(pair, "239.200.1.1");
@@ -120,7 +120,7 @@ TEST_F(RelayRun, MulticastTargetReachesItsMembers)
     stop(agent);
 }
 
-TEST_F(RelayRun, RelayThatIsDownLosesItsLinesAndGetsTheNextOnesWhenItIsBack)
+TEST_F(RelayRun, relay_that_is_down_loses_its_lines_and_gets_the_next_ones_when_it_is_back)
 {
     const NetnsPair pair;
     const SegmentHost host(pair);
@@ -135,7 +135,7 @@ TEST_F(RelayRun, RelayThatIsDownLosesItsLinesAndGetsTheNextOnesWhenItIsBack)
     stop(agent);
 }
 
-TEST_F(RelayRun, kept_UnreachableRelayCostsALineInTheLogAndTheGroupStaysJoined)
+TEST_F(RelayRun, kept_unreachable_relay_costs_a_line_in_the_log_and_the_group_stays_joined)
 {
     const NetnsPair pair;
     const SegmentHost host(pair);
@@ -154,7 +154,7 @@ TEST_F(RelayRun, kept_UnreachableRelayCostsALineInTheLogAndTheGroupStaysJoined)
     stop(agent);
 }
 
-TEST_F(RelayRun, TargetThatCannotBeOpenedEndsTheStartWith2)
+TEST_F(RelayRun, target_that_cannot_be_opened_ends_the_start_with_2)
 {
     const NetnsPair pair;
     const auto result = start_in_a(pair, {support::zent_path(), "-T", "-i", "va", "-l", log_path(), "-R",

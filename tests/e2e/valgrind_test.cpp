@@ -3,7 +3,7 @@
 
 #include "daemon.h"
 
-namespace support {
+using namespace support;
 
 class Valgrind : public DaemonTest {
   protected:
@@ -82,5 +82,3 @@ TEST_F(Valgrind, finds_nothing_in_a_run_with_a_relay)
     EXPECT_EQ(zent.wait().exit_code, 0);
     expect_clean();
 }
-
-} // namespace support

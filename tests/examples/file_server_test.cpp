@@ -79,7 +79,7 @@ class FileServer : public testing::Test {
 
 } // namespace
 
-TEST_F(FileServer, CurlGetsFiles)
+TEST_F(FileServer, curl_gets_files)
 {
     EXPECT_EQ(curl({}, "/small.txt").out, "hello, world\n");
     EXPECT_TRUE(curl({}, "/sub/big%20file").out == big_);
@@ -88,7 +88,7 @@ TEST_F(FileServer, CurlGetsFiles)
     EXPECT_NE(empty.out.find("Content-Length: 0\r\n"), std::string::npos) << empty.out;
 }
 
-TEST_F(FileServer, HeadHasTheLengthAndNoBody)
+TEST_F(FileServer, head_has_the_length_and_no_body)
 {
     const ChildResult head = curl({"-I"}, "/small.txt");
     EXPECT_EQ(head.exit_code, 0);
@@ -96,7 +96,7 @@ TEST_F(FileServer, HeadHasTheLengthAndNoBody)
     EXPECT_EQ(head.out.find("hello"), std::string::npos);
 }
 
-TEST_F(FileServer, RefusalsHaveTheirCodes)
+TEST_F(FileServer, refusals_have_their_codes)
 {
     const std::vector<std::string> code = {"-o", "/dev/null", "-w", "%{http_code}"};
     EXPECT_EQ(curl(code, "/none").out, "404");
@@ -109,7 +109,7 @@ TEST_F(FileServer, RefusalsHaveTheirCodes)
     EXPECT_EQ(curl(post, "/small.txt").out, "400");
 }
 
-TEST_F(FileServer, ASlowAndHalfClosingClientIsServed)
+TEST_F(FileServer, a_slow_and_half_closing_client_is_served)
 {
     const int fd = connected();
     for (const char c : std::string("GET /small.txt HTTP/1.0\r\n\r\n")) {
@@ -120,7 +120,7 @@ TEST_F(FileServer, ASlowAndHalfClosingClientIsServed)
     EXPECT_NE(text.find("\r\n\r\nhello, world\n"), std::string::npos) << text;
 }
 
-TEST_F(FileServer, ClientsThatGoAwayHarmNobody)
+TEST_F(FileServer, clients_that_go_away_harm_nobody)
 {
     for (int i = 0; i < 20; ++i) {
         const int fd = connected();
@@ -135,7 +135,7 @@ TEST_F(FileServer, ClientsThatGoAwayHarmNobody)
     EXPECT_EQ(curl({}, "/small.txt").out, "hello, world\n");
 }
 
-TEST_F(FileServer, EndsCleanlyWithItsSensors)
+TEST_F(FileServer, ends_cleanly_with_its_sensors)
 {
     EXPECT_EQ(dir_.read("pid"), std::to_string(server_.pid()));
     EXPECT_EQ(curl({}, "/small.txt").out, "hello, world\n");

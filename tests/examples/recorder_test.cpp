@@ -60,7 +60,7 @@ std::vector<IndexLine> index_of(const TempDir& dir)
 
 } // namespace
 
-TEST(Recorder, WritesDatagramsAndTheirIndexUntilItIsEnded)
+TEST(Recorder, writes_datagrams_and_their_index_until_it_is_ended)
 {
     TempDir dir;
     dir.write("log", "of an earlier run\n");
@@ -101,7 +101,7 @@ TEST(Recorder, WritesDatagramsAndTheirIndexUntilItIsEnded)
     EXPECT_LE(lines[0].first, lines[2].last);
 }
 
-TEST(Recorder, RecordsATransportStream)
+TEST(Recorder, records_a_transport_stream)
 {
     TempDir dir;
     const int port = free_port(SOCK_DGRAM);
@@ -126,7 +126,7 @@ TEST(Recorder, RecordsATransportStream)
     EXPECT_EQ(index_of(dir)[1].count, 19U);
 }
 
-TEST(Recorder, EndsWhenTheFileIsFull)
+TEST(Recorder, ends_when_the_file_is_full)
 {
     TempDir dir;
     const int port = free_port(SOCK_DGRAM);
@@ -142,7 +142,7 @@ TEST(Recorder, EndsWhenTheFileIsFull)
     EXPECT_EQ(dir.read("rec").size(), 1000000U); // the next one might not have found room
 }
 
-TEST(Recorder, PrintsItsSensors)
+TEST(Recorder, prints_its_sensors)
 {
     TempDir dir;
     const int port = free_port(SOCK_DGRAM);
@@ -161,7 +161,7 @@ TEST(Recorder, PrintsItsSensors)
     EXPECT_EQ(result.out.find("data_out"), std::string::npos);
 }
 
-TEST(Recorder, ASecondInstanceIsRefused)
+TEST(Recorder, a_second_instance_is_refused)
 {
     TempDir dir;
     const int port = free_port(SOCK_DGRAM);
@@ -174,7 +174,7 @@ TEST(Recorder, ASecondInstanceIsRefused)
     EXPECT_FALSE(dir.has("rec2"));
 }
 
-TEST(Recorder, RefusesACommandLineThatItDoesNotKnow)
+TEST(Recorder, refuses_a_command_line_that_it_does_not_know)
 {
     EXPECT_EQ(run_program({kProgram}).exit_code, 2);
     EXPECT_EQ(run_program({kProgram, "-x", "127.0.0.1", "9", "f"}).exit_code, 2);

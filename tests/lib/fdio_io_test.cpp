@@ -266,7 +266,7 @@ const Way kWays[] = {
 
 } // namespace
 
-TEST_F(FdioAll, ACountOfZeroMakesNoSystemCall)
+TEST_F(FdioAll, a_count_of_zero_makes_no_system_call)
 {
     LogCapture log;
     for (const Way& way : kWays) {
@@ -276,7 +276,7 @@ TEST_F(FdioAll, ACountOfZeroMakesNoSystemCall)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(FdioAll, ABadDescriptorFailsInTheWayOfEachCall)
+TEST_F(FdioAll, a_bad_descriptor_fails_in_the_way_of_each_call)
 {
     for (const Way& way : kWays) {
         LogCapture log;
@@ -289,7 +289,7 @@ TEST_F(FdioAll, ABadDescriptorFailsInTheWayOfEachCall)
     }
 }
 
-TEST_F(FdioAll, AnInterruptionIsRepeatedUntilBytesMove)
+TEST_F(FdioAll, an_interruption_is_repeated_until_bytes_move)
 {
     LogCapture log;
     for (const Way& way : kWays) {
@@ -303,7 +303,7 @@ TEST_F(FdioAll, AnInterruptionIsRepeatedUntilBytesMove)
     EXPECT_EQ(log.lines().size(), std::size(kWays)) << log.text();
 }
 
-TEST_F(FdioAll, AnInterruptionWithTheQuitFlagEndsWithoutErrno)
+TEST_F(FdioAll, an_interruption_with_the_quit_flag_ends_without_errno)
 {
     LogCapture log;
     g_quit = 1;
@@ -318,7 +318,7 @@ TEST_F(FdioAll, AnInterruptionWithTheQuitFlagEndsWithoutErrno)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(FdioAll, ThePlainErrorsOfAStreamAreSilentWithoutFlags)
+TEST_F(FdioAll, the_plain_errors_of_a_stream_are_silent_without_flags)
 {
     for (const Way& way : kWays) {
         for (const int err : {EAGAIN, EPIPE, ECONNRESET}) {
@@ -331,7 +331,7 @@ TEST_F(FdioAll, ThePlainErrorsOfAStreamAreSilentWithoutFlags)
     }
 }
 
-TEST_F(FdioAll, kept_AnyFlagMakesReadAndWriteLogButOnlyVerboseTheOtherTwo)
+TEST_F(FdioAll, kept_any_flag_makes_read_and_write_log_but_only_verbose_the_other_two)
 {
     for (const Way& way : kWays) {
         for (const u_int32_t flags : {u_int32_t{FDIO_VERBOSE}, u_int32_t{FDIO_SENDFILE}}) {
@@ -345,7 +345,7 @@ TEST_F(FdioAll, kept_AnyFlagMakesReadAndWriteLogButOnlyVerboseTheOtherTwo)
     }
 }
 
-TEST_F(FdioAll, kept_AnythingMovedEndsTheCall)
+TEST_F(FdioAll, kept_anything_moved_ends_the_call)
 {
     for (const Way& way : kWays) {
         *way.script = {0, 5, 1, 0};
@@ -354,7 +354,7 @@ TEST_F(FdioAll, kept_AnythingMovedEndsTheCall)
     }
 }
 
-TEST_F(FdioAll, AResultOfZeroEndsTheCall)
+TEST_F(FdioAll, a_result_of_zero_ends_the_call)
 {
     for (const Way& way : kWays) {
         *way.script = {0, 5, 0, 0};
@@ -364,7 +364,7 @@ TEST_F(FdioAll, AResultOfZeroEndsTheCall)
     }
 }
 
-TEST_F(FdioAll, kept_AZeroWithAStaleInterruptionIsRepeatedOnlyWhenWriting)
+TEST_F(FdioAll, kept_a_zero_with_a_stale_interruption_is_repeated_only_when_writing)
 {
     for (const Way& way : kWays) {
         *way.script = {0, 5, 0, 0};
@@ -375,7 +375,7 @@ TEST_F(FdioAll, kept_AZeroWithAStaleInterruptionIsRepeatedOnlyWhenWriting)
     }
 }
 
-TEST(FdioWrite, AShortWriteIsNotRepeated)
+TEST(FdioWrite, a_short_write_is_not_repeated)
 {
     FdGuard guard;
     SocketPair pair;
@@ -387,7 +387,7 @@ TEST(FdioWrite, AShortWriteIsNotRepeated)
     EXPECT_EQ(g_write.calls, 1);
 }
 
-TEST(FdioWrite, AFullBufferGivesEagainInSilence)
+TEST(FdioWrite, a_full_buffer_gives_eagain_in_silence)
 {
     FdGuard guard;
     SocketPair pair;
@@ -401,7 +401,7 @@ TEST(FdioWrite, AFullBufferGivesEagainInSilence)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(FdioRead, TheEndOfTheFileGivesZero)
+TEST(FdioRead, the_end_of_the_file_gives_zero)
 {
     FdGuard guard;
     const int fd = memory_file("abc");
@@ -413,7 +413,7 @@ TEST(FdioRead, TheEndOfTheFileGivesZero)
     close(fd);
 }
 
-TEST(FdioRead, ASignalRestartsABlockedRead)
+TEST(FdioRead, a_signal_restarts_a_blocked_read)
 {
     FdGuard guard;
     Pipe pipe;
@@ -425,7 +425,7 @@ TEST(FdioRead, ASignalRestartsABlockedRead)
     EXPECT_GE(g_signals, 1);
 }
 
-TEST(FdioRead, ASignalWithTheQuitFlagEndsABlockedRead)
+TEST(FdioRead, a_signal_with_the_quit_flag_ends_a_blocked_read)
 {
     FdGuard guard;
     Pipe pipe;
@@ -439,7 +439,7 @@ TEST(FdioRead, ASignalWithTheQuitFlagEndsABlockedRead)
     g_quit = 0;
 }
 
-TEST(FdioPread, ReadsAtTheOffsetAndLeavesThePosition)
+TEST(FdioPread, reads_at_the_offset_and_leaves_the_position)
 {
     FdGuard guard;
     const int fd = memory_file("abcdef");
@@ -454,7 +454,7 @@ TEST(FdioPread, ReadsAtTheOffsetAndLeavesThePosition)
     close(fd);
 }
 
-TEST(FdioSendfile, MovesBytesAndTheOffset)
+TEST(FdioSendfile, moves_bytes_and_the_offset)
 {
     FdGuard guard;
     SocketPair pair;
@@ -472,7 +472,7 @@ TEST(FdioSendfile, MovesBytesAndTheOffset)
     close(fd);
 }
 
-TEST(FdioSendfile, NeedsAnOffset)
+TEST(FdioSendfile, needs_an_offset)
 {
     const ChildResult result = run_in_child([] {
         log_default(&g_log, stderr);
@@ -482,7 +482,7 @@ TEST(FdioSendfile, NeedsAnOffset)
     EXPECT_TRUE(asserted_in(result.err, "nsendfile")) << result.err;
 }
 
-TEST(FdioWait, PollOnSocketGivesTheEvents)
+TEST(FdioWait, poll_on_socket_gives_the_events)
 {
     FdGuard guard;
     SocketPair pair;
@@ -491,7 +491,7 @@ TEST(FdioWait, PollOnSocketGivesTheEvents)
     EXPECT_EQ(poll_on_socket(pair.ours(), POLLIN | POLLOUT, -1), POLLIN | POLLOUT);
 }
 
-TEST(FdioWait, PollOnSocketGivesZeroAfterItsTime)
+TEST(FdioWait, poll_on_socket_gives_zero_after_its_time)
 {
     FdGuard guard;
     SocketPair pair;
@@ -500,7 +500,7 @@ TEST(FdioWait, PollOnSocketGivesZeroAfterItsTime)
     EXPECT_EQ(log.lines(), Lines{"(WRN)  poll_on_socket: poll() has timed out after 3 ms"});
 }
 
-TEST(FdioWait, PollOnSocketDoesNotRepeatAnInterruption)
+TEST(FdioWait, poll_on_socket_does_not_repeat_an_interruption)
 {
     FdGuard guard;
     SocketPair pair;
@@ -513,7 +513,7 @@ TEST(FdioWait, PollOnSocketDoesNotRepeatAnInterruption)
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST(FdioWait, ToReadIsReadyNotReadyOrFailed)
+TEST(FdioWait, to_read_is_ready_not_ready_or_failed)
 {
     FdGuard guard;
     LogCapture log;
@@ -525,7 +525,7 @@ TEST(FdioWait, ToReadIsReadyNotReadyOrFailed)
     EXPECT_EQ(wait_to_read(pipe.writer(), 0), -1); // POLLERR: the reader has gone
 }
 
-TEST(FdioWait, kept_AHangUpAloneIsNotReady)
+TEST(FdioWait, kept_a_hang_up_alone_is_not_ready)
 {
     FdGuard guard;
     Pipe pipe;
@@ -534,7 +534,7 @@ TEST(FdioWait, kept_AHangUpAloneIsNotReady)
     EXPECT_EQ(wait_to_read(pipe.reader(), 0), 1);
 }
 
-TEST(FdioWait, ToWriteIsReadyNotReadyOrFailed)
+TEST(FdioWait, to_write_is_ready_not_ready_or_failed)
 {
     FdGuard guard;
     LogCapture log;
@@ -550,7 +550,7 @@ TEST(FdioWait, ToWriteIsReadyNotReadyOrFailed)
     EXPECT_EQ(wait_to_write(pipe.writer(), 0), -1);
 }
 
-TEST(FdioWait, AnInterruptedWaitFails)
+TEST(FdioWait, an_interrupted_wait_fails)
 {
     FdGuard guard;
     LogCapture log;
@@ -561,7 +561,7 @@ TEST(FdioWait, AnInterruptedWaitFails)
     end(helper);
 }
 
-TEST(FdioTestRead, ASilentDescriptorIsAnErrorAfterItsTime)
+TEST(FdioTestRead, a_silent_descriptor_is_an_error_after_its_time)
 {
     FdGuard guard;
     SocketPair pair;
@@ -573,7 +573,7 @@ TEST(FdioTestRead, ASilentDescriptorIsAnErrorAfterItsTime)
                      "(ERR)  test_read_fd: cannot read from fd=" + std::to_string(fd) + ", nrd=-1"}));
 }
 
-TEST(FdioTestRead, AClosedPeerIsAnError)
+TEST(FdioTestRead, a_closed_peer_is_an_error)
 {
     FdGuard guard;
     SocketPair pair;
@@ -585,7 +585,7 @@ TEST(FdioTestRead, AClosedPeerIsAnError)
               Lines{"(ERR)  test_read_fd: cannot read from fd=" + std::to_string(fd) + ", nrd=0"});
 }
 
-TEST(FdioTestRead, ADeliveringDescriptorLosesUpToHalfAKilobyte)
+TEST(FdioTestRead, a_delivering_descriptor_loses_up_to_half_a_kilobyte)
 {
     FdGuard guard;
     Pipe pipe;
@@ -601,7 +601,7 @@ TEST(FdioTestRead, ADeliveringDescriptorLosesUpToHalfAKilobyte)
     EXPECT_EQ(nread(fd, buf, sizeof buf, 0), 88);
 }
 
-TEST(FdioTestRead, AFailedReadKeepsItsError)
+TEST(FdioTestRead, a_failed_read_keeps_its_error)
 {
     FdGuard guard;
     Pipe pipe;
@@ -613,7 +613,7 @@ TEST(FdioTestRead, AFailedReadKeepsItsError)
     EXPECT_EQ(log.lines().size(), 2U) << log.text();
 }
 
-TEST(FdioOpen, TheSourceIsOpenedForReading)
+TEST(FdioOpen, the_source_is_opened_for_reading)
 {
     FdGuard guard;
     TempDir dir;
@@ -630,7 +630,7 @@ TEST(FdioOpen, TheSourceIsOpenedForReading)
         Lines{"(ERR)  open_src_file: open('/nonexistent', 0, 0x0) ERROR(2): No such file or directory"});
 }
 
-TEST(FdioOpen, TheDestinationIsCreated)
+TEST(FdioOpen, the_destination_is_created)
 {
     FdGuard guard;
     TempDir dir;
@@ -648,7 +648,7 @@ TEST(FdioOpen, TheDestinationIsCreated)
     close(fd);
 }
 
-TEST(FdioOpen, ADestinationThatExistsIsAnError)
+TEST(FdioOpen, a_destination_that_exists_is_an_error)
 {
     FdGuard guard;
     TempDir dir;
@@ -661,7 +661,7 @@ TEST(FdioOpen, ADestinationThatExistsIsAnError)
     EXPECT_EQ(dir.read("f"), "old");
 }
 
-TEST(FdioOpen, AnUnlinkedDestinationLivesInItsDescriptor)
+TEST(FdioOpen, an_unlinked_destination_lives_in_its_descriptor)
 {
     FdGuard guard;
     TempDir dir;
@@ -672,7 +672,7 @@ TEST(FdioOpen, AnUnlinkedDestinationLivesInItsDescriptor)
     close(fd);
 }
 
-TEST(FdioOpen, kept_AFailedUnlinkLeavesTheDescriptorOpen)
+TEST(FdioOpen, kept_a_failed_unlink_leaves_the_descriptor_open)
 {
     TempDir dir;
     LogCapture log;
@@ -690,7 +690,7 @@ TEST(FdioOpen, kept_AFailedUnlinkLeavesTheDescriptorOpen)
     }
 }
 
-TEST(FdioOpen, SendfileServesAFileAndAStreamSocket)
+TEST(FdioOpen, sendfile_serves_a_file_and_a_stream_socket)
 {
     u_int32_t flags = FDIO_VERBOSE;
     EXPECT_EQ(check_can_sendfile(S_IFIFO, S_IFREG, SOCK_DGRAM, &flags), 1);
@@ -731,7 +731,7 @@ std::string sensed_program(int enable)
 
 } // namespace
 
-TEST(FdioSensors, AProgramWithSensorsSeesItsInputOutputAndIdleTime)
+TEST(FdioSensors, a_program_with_sensors_sees_its_input_output_and_idle_time)
 {
     const std::string text = sensed_program(1);
     EXPECT_EQ(text.find("10\n"), 0U) << text; // two readings for each of five calls
@@ -741,7 +741,7 @@ TEST(FdioSensors, AProgramWithSensorsSeesItsInputOutputAndIdleTime)
     EXPECT_EQ(text.find("ev_loop"), std::string::npos) << text;
 }
 
-TEST(FdioSensors, AProgramWithoutSensorsMakesNoReading)
+TEST(FdioSensors, a_program_without_sensors_makes_no_reading)
 {
     EXPECT_EQ(sensed_program(0), "0\n");
 }

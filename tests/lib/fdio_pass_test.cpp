@@ -83,7 +83,7 @@ ssize_t send_many(int dst, size_t bytes, size_t count)
 
 } // namespace
 
-TEST(FdioPass, ADescriptorArrivesInAnotherProcess)
+TEST(FdioPass, a_descriptor_arrives_in_another_process)
 {
     FdGuard guard;
     Pair pair;
@@ -109,7 +109,7 @@ TEST(FdioPass, ADescriptorArrivesInAnotherProcess)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(FdioPass, APlainMessageStoresMinusOne)
+TEST(FdioPass, a_plain_message_stores_minus_one)
 {
     FdGuard guard;
     Pair pair;
@@ -125,7 +125,7 @@ TEST(FdioPass, APlainMessageStoresMinusOne)
     EXPECT_EQ(log.lines(), Lines{"(ERR)  recv_fd: invalid control message structure: cmsg=(nil), clen=-1"});
 }
 
-TEST(FdioPass, AClosedPeerGivesZeroAndItsOwnText)
+TEST(FdioPass, a_closed_peer_gives_zero_and_its_own_text)
 {
     FdGuard guard;
     Pair pair;
@@ -148,7 +148,7 @@ TEST(FdioPass, AClosedPeerGivesZeroAndItsOwnText)
     EXPECT_EQ(fd, kUntouched);
 }
 
-TEST(FdioPass, AnEmptySocketIsSilentUnlessVerbose)
+TEST(FdioPass, an_empty_socket_is_silent_unless_verbose)
 {
     FdGuard guard;
     Pair pair;
@@ -166,7 +166,7 @@ TEST(FdioPass, AnEmptySocketIsSilentUnlessVerbose)
     EXPECT_EQ(fd, kUntouched);
 }
 
-TEST(FdioPass, AnyOtherFailureIsLogged)
+TEST(FdioPass, any_other_failure_is_logged)
 {
     FdGuard guard;
     LogCapture log;
@@ -178,7 +178,7 @@ TEST(FdioPass, AnyOtherFailureIsLogged)
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST(FdioPass, MoreThanOneDescriptorIsClosed)
+TEST(FdioPass, more_than_one_descriptor_is_closed)
 {
     FdGuard guard;
     for (size_t count = 2; count <= 8; ++count) {
@@ -200,7 +200,7 @@ TEST(FdioPass, MoreThanOneDescriptorIsClosed)
     }
 }
 
-TEST(FdioPass, DescriptorsOfAnEmptyDatagramAreClosed)
+TEST(FdioPass, descriptors_of_an_empty_datagram_are_closed)
 {
     FdGuard guard;
     for (const size_t count : {1, 2, 5}) {
@@ -216,7 +216,7 @@ TEST(FdioPass, DescriptorsOfAnEmptyDatagramAreClosed)
     }
 }
 
-TEST(FdioPass, AnotherControlMessageOfThatLengthIsRefused)
+TEST(FdioPass, another_control_message_of_that_length_is_refused)
 {
     FdGuard guard;
     const int rx = socket(AF_INET, SOCK_DGRAM, 0);
@@ -240,7 +240,7 @@ TEST(FdioPass, AnotherControlMessageOfThatLengthIsRefused)
     close(tx);
 }
 
-TEST(FdioPass, ABadDescriptorCannotBeSent)
+TEST(FdioPass, a_bad_descriptor_cannot_be_sent)
 {
     FdGuard guard;
     Pair pair;
@@ -253,7 +253,7 @@ TEST(FdioPass, ABadDescriptorCannotBeSent)
     EXPECT_NE(log.text().find(", 0) ERROR(9): Bad file descriptor\n"), std::string::npos) << log.text();
 }
 
-TEST(FdioPass, ReceivingCountsAsInput)
+TEST(FdioPass, receiving_counts_as_input)
 {
     FdGuard guard;
     Pair pair;

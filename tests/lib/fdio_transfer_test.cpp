@@ -189,7 +189,7 @@ std::string abort_text(int (*body)())
 
 } // namespace
 
-TEST(FdioBuffer, MinusOneGivesTheDefaultSize)
+TEST(FdioBuffer, minus_one_gives_the_default_size)
 {
     LogCapture log(DEBUG_level);
     EXPECT_EQ(fdio_init(-1), 0);
@@ -199,7 +199,7 @@ TEST(FdioBuffer, MinusOneGivesTheDefaultSize)
     EXPECT_EQ(get_trf_bufsize(), 0U);
 }
 
-TEST(FdioBuffer, OtherSizesBelowOneDoNothing)
+TEST(FdioBuffer, other_sizes_below_one_do_nothing)
 {
     LogCapture log(DEBUG_level);
     EXPECT_EQ(fdio_init(0), 0);
@@ -208,7 +208,7 @@ TEST(FdioBuffer, OtherSizesBelowOneDoNothing)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(FdioBuffer, WithoutABufferATransferIsAnAssertion)
+TEST(FdioBuffer, without_a_buffer_a_transfer_is_an_assertion)
 {
     const std::string text = abort_text([] {
         fdio_init(0);
@@ -223,7 +223,7 @@ TEST(FdioBuffer, WithoutABufferATransferIsAnAssertion)
     EXPECT_TRUE(asserted_in(by_sendfile, "transfer")) << by_sendfile;
 }
 
-TEST(FdioBuffer, TheLeastSizeIsTheLimit)
+TEST(FdioBuffer, the_least_size_is_the_limit)
 {
     LogCapture log;
     EXPECT_EQ(set_trf_bufsize(65535), -1);
@@ -245,7 +245,7 @@ TEST(FdioBuffer, TheLeastSizeIsTheLimit)
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST(FdioBuffer, kept_AFailedResizeLosesTheOldBuffer)
+TEST(FdioBuffer, kept_a_failed_resize_loses_the_old_buffer)
 {
     // In a child, whose end hides the block that is lost on purpose.
     const ChildResult result = run_in_child([] {
@@ -282,7 +282,7 @@ TEST(FdioBuffer, kept_AFailedResizeLosesTheOldBuffer)
     EXPECT_TRUE(asserted_in(text, "transfer")) << text;
 }
 
-TEST(FdioBuffer, AnAbsurdSizeFailsInsteadOfWrapping)
+TEST(FdioBuffer, an_absurd_size_fails_instead_of_wrapping)
 {
     LogCapture log;
     const FailAllocation failure(1); // no allocator gives that much; a sanitizer's would end the process
@@ -292,13 +292,13 @@ TEST(FdioBuffer, AnAbsurdSizeFailsInsteadOfWrapping)
     fdio_destroy();
 }
 
-TEST(FdioBuffer, DestroyWithoutABufferDoesNothing)
+TEST(FdioBuffer, destroy_without_a_buffer_does_nothing)
 {
     fdio_destroy();
     EXPECT_EQ(get_trf_bufsize(), 0U);
 }
 
-TEST(FdioSpec, HoldsItsSixValuesAndZeros)
+TEST(FdioSpec, holds_its_six_values_and_zeros)
 {
     LogCapture log(DEBUG_level);
     off_t offset = 0;
@@ -319,7 +319,7 @@ TEST(FdioSpec, HoldsItsSixValuesAndZeros)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(FdioSpec, TellsOfSendfile)
+TEST(FdioSpec, tells_of_sendfile)
 {
     LogCapture log(INFO_level);
     u_int32_t flags = FDIO_SENDFILE;
@@ -331,7 +331,7 @@ TEST(FdioSpec, TellsOfSendfile)
     free(spec);
 }
 
-TEST(FdioSpec, WithoutMemoryTheProcessEnds)
+TEST(FdioSpec, without_memory_the_process_ends)
 {
     const std::string text = abort_text([] {
         u_int32_t flags = 0;
@@ -343,7 +343,7 @@ TEST(FdioSpec, WithoutMemoryTheProcessEnds)
     EXPECT_TRUE(asserted_in(text, "new_transfer_spec")) << text;
 }
 
-TEST_F(FdioTransfer, kept_ThreeStepsReadAFileOfFiveBytesAndAFourthSeesItsEnd)
+TEST_F(FdioTransfer, kept_three_steps_read_a_file_of_five_bytes_and_a_fourth_sees_its_end)
 {
     const int in = memory_file("abcde");
     const int out = memory_file("");
@@ -366,7 +366,7 @@ TEST_F(FdioTransfer, kept_ThreeStepsReadAFileOfFiveBytesAndAFourthSeesItsEnd)
     close(out);
 }
 
-TEST_F(FdioTransfer, ACountOfZeroOrAboveTheBufferMovesABufferFull)
+TEST_F(FdioTransfer, a_count_of_zero_or_above_the_buffer_moves_a_buffer_full)
 {
     const int in = memory_file(std::string(3 * 65536, 'x'));
     const int out = memory_file("");
@@ -382,7 +382,7 @@ TEST_F(FdioTransfer, ACountOfZeroOrAboveTheBufferMovesABufferFull)
     close(out);
 }
 
-TEST_F(FdioTransfer, BytesNeedNotBeAskedFor)
+TEST_F(FdioTransfer, bytes_need_not_be_asked_for)
 {
     const int in = memory_file("abc");
     const int out = memory_file("");
@@ -393,7 +393,7 @@ TEST_F(FdioTransfer, BytesNeedNotBeAskedFor)
     close(out);
 }
 
-TEST_F(FdioTransfer, ANegativeOffsetReadsAsAStream)
+TEST_F(FdioTransfer, a_negative_offset_reads_as_a_stream)
 {
     const int in = memory_file("abc");
     const int out = memory_file("");
@@ -406,7 +406,7 @@ TEST_F(FdioTransfer, ANegativeOffsetReadsAsAStream)
     close(out);
 }
 
-TEST_F(FdioTransfer, AStepTellsWhatItDidAtDebugLevel)
+TEST_F(FdioTransfer, a_step_tells_what_it_did_at_debug_level)
 {
     const int in = memory_file("abc");
     const int out = memory_file("");
@@ -422,7 +422,7 @@ TEST_F(FdioTransfer, AStepTellsWhatItDidAtDebugLevel)
     close(out);
 }
 
-TEST_F(FdioTransfer, AFailedReadWithoutVerboseIsItsError)
+TEST_F(FdioTransfer, a_failed_read_without_verbose_is_its_error)
 {
     const int out = memory_file("");
     Pair pair;
@@ -434,7 +434,7 @@ TEST_F(FdioTransfer, AFailedReadWithoutVerboseIsItsError)
     close(out);
 }
 
-TEST_F(FdioTransfer, AFailedReadWithVerboseIsLoggedAndForgivenIfItMayBeRepeated)
+TEST_F(FdioTransfer, a_failed_read_with_verbose_is_logged_and_forgiven_if_it_may_be_repeated)
 {
     const int out = memory_file("");
     Pair pair;
@@ -448,7 +448,7 @@ TEST_F(FdioTransfer, AFailedReadWithVerboseIsLoggedAndForgivenIfItMayBeRepeated)
     close(out);
 }
 
-TEST_F(FdioTransfer, AnyOtherReadErrorIsLoggedAndFails)
+TEST_F(FdioTransfer, any_other_read_error_is_logged_and_fails)
 {
     const int out = memory_file("");
     for (const bool with_offset : {true, false}) {
@@ -464,7 +464,7 @@ TEST_F(FdioTransfer, AnyOtherReadErrorIsLoggedAndFails)
     close(out);
 }
 
-TEST_F(FdioTransfer, ABrokenPeerIsAnErrorWithoutVerbose)
+TEST_F(FdioTransfer, a_broken_peer_is_an_error_without_verbose)
 {
     const int in = memory_file("abc");
     Pair pair;
@@ -478,7 +478,7 @@ TEST_F(FdioTransfer, ABrokenPeerIsAnErrorWithoutVerbose)
     close(in);
 }
 
-TEST_F(FdioTransfer, AFailedWriteIsNoMismatch)
+TEST_F(FdioTransfer, a_failed_write_is_no_mismatch)
 {
     const int in = memory_file("abc");
     Pair pair;
@@ -491,7 +491,7 @@ TEST_F(FdioTransfer, AFailedWriteIsNoMismatch)
     close(in);
 }
 
-TEST_F(FdioTransfer, ADatagramForABrokenPeerRaisesNoSignal)
+TEST_F(FdioTransfer, a_datagram_for_a_broken_peer_raises_no_signal)
 {
     const ChildResult result = run_in_child([] {
         const int in = memory_file("abc");
@@ -506,7 +506,7 @@ TEST_F(FdioTransfer, ADatagramForABrokenPeerRaisesNoSignal)
     EXPECT_EQ(result.exit_code, 0);
 }
 
-TEST_F(FdioTransfer, ABrokenPeerIsLoggedAndForgivenWithVerbose)
+TEST_F(FdioTransfer, a_broken_peer_is_logged_and_forgiven_with_verbose)
 {
     const int in = memory_file("abc");
     Pair pair;
@@ -521,7 +521,7 @@ TEST_F(FdioTransfer, ABrokenPeerIsLoggedAndForgivenWithVerbose)
     close(in);
 }
 
-TEST_F(FdioTransfer, AFullBufferIsEagainAndAnOffsetKeepsTheData)
+TEST_F(FdioTransfer, a_full_buffer_is_eagain_and_an_offset_keeps_the_data)
 {
     const int in = memory_file("abc");
     Pair pair;
@@ -542,7 +542,7 @@ TEST_F(FdioTransfer, AFullBufferIsEagainAndAnOffsetKeepsTheData)
     close(in);
 }
 
-TEST_F(FdioTransfer, AnyOtherWriteErrorIsLoggedAndFails)
+TEST_F(FdioTransfer, any_other_write_error_is_logged_and_fails)
 {
     const int in = memory_file("abc");
     Rig rig(in, -1, 0);
@@ -553,7 +553,7 @@ TEST_F(FdioTransfer, AnyOtherWriteErrorIsLoggedAndFails)
     close(in);
 }
 
-TEST_F(FdioTransfer, AShortWriteIsNoErrorAndMovesByWhatWasWritten)
+TEST_F(FdioTransfer, a_short_write_is_no_error_and_moves_by_what_was_written)
 {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
@@ -581,7 +581,7 @@ TEST_F(FdioTransfer, AShortWriteIsNoErrorAndMovesByWhatWasWritten)
     close(ends[1]);
 }
 
-TEST_F(FdioTransfer, SendfileMovesTheCallersCountAndThePosition)
+TEST_F(FdioTransfer, sendfile_moves_the_callers_count_and_the_position)
 {
     const int in = memory_file(std::string(100000, 'x'));
     Pair pair;
@@ -595,7 +595,7 @@ TEST_F(FdioTransfer, SendfileMovesTheCallersCountAndThePosition)
     close(in);
 }
 
-TEST_F(FdioTransfer, kept_SendfileOfZeroBytesReportsTheEnd)
+TEST_F(FdioTransfer, kept_sendfile_of_zero_bytes_reports_the_end)
 {
     const int in = memory_file("abc");
     Pair pair;
@@ -609,7 +609,7 @@ TEST_F(FdioTransfer, kept_SendfileOfZeroBytesReportsTheEnd)
     close(in);
 }
 
-TEST_F(FdioTransfer, kept_AnySendfileFailureReadsAsTheEnd)
+TEST_F(FdioTransfer, kept_any_sendfile_failure_reads_as_the_end)
 {
     const int in = memory_file("abc");
     Pair pair;
@@ -630,7 +630,7 @@ TEST_F(FdioTransfer, kept_AnySendfileFailureReadsAsTheEnd)
     close(in);
 }
 
-TEST_F(FdioTransfer, DatagramsGoToTheAddressOfTheSpec)
+TEST_F(FdioTransfer, datagrams_go_to_the_address_of_the_spec)
 {
     const int rx = socket(AF_INET, SOCK_DGRAM, 0);
     const int tx = socket(AF_INET, SOCK_DGRAM, 0);
@@ -659,7 +659,7 @@ TEST_F(FdioTransfer, DatagramsGoToTheAddressOfTheSpec)
     close(tx);
 }
 
-TEST_F(FdioTransfer, ADatagramThatIsTooLongFailsWithTheErrorOfSendto)
+TEST_F(FdioTransfer, a_datagram_that_is_too_long_fails_with_the_error_of_sendto)
 {
     const int tx = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in addr{};
@@ -680,7 +680,7 @@ TEST_F(FdioTransfer, ADatagramThatIsTooLongFailsWithTheErrorOfSendto)
     close(tx);
 }
 
-TEST_F(FdioTransfer, MemoryIsFilledFromADescriptor)
+TEST_F(FdioTransfer, memory_is_filled_from_a_descriptor)
 {
     const int in = memory_file("abcdefgh");
     char block[6] = {'#', '#', '#', '#', '#', '#'};
@@ -708,7 +708,7 @@ TEST_F(FdioTransfer, MemoryIsFilledFromADescriptor)
     close(in);
 }
 
-TEST_F(FdioTransfer, kept_MemoryIsWrittenToADescriptor)
+TEST_F(FdioTransfer, kept_memory_is_written_to_a_descriptor)
 {
     const int out = memory_file("");
     char block[] = {'a', 'b', 'c', 'd', 'e'};
@@ -735,7 +735,7 @@ TEST_F(FdioTransfer, kept_MemoryIsWrittenToADescriptor)
     close(out);
 }
 
-TEST_F(FdioTransfer, ACountToTheVeryEndOfTheBlockNeedsNoWarning)
+TEST_F(FdioTransfer, a_count_to_the_very_end_of_the_block_needs_no_warning)
 {
     for (const unsigned out : {0U, 1U}) {
         const int file = memory_file("abcd");
@@ -758,7 +758,7 @@ TEST_F(FdioTransfer, ACountToTheVeryEndOfTheBlockNeedsNoWarning)
     }
 }
 
-TEST_F(FdioTransfer, APositionOutsideTheBlockMovesNothing)
+TEST_F(FdioTransfer, a_position_outside_the_block_moves_nothing)
 {
     const int file = memory_file("abc");
     char block[4] = {};
@@ -786,7 +786,7 @@ TEST_F(FdioTransfer, APositionOutsideTheBlockMovesNothing)
     close(file);
 }
 
-TEST_F(FdioTransfer, kept_AFailedStepMovesThePositionInMemoryBack)
+TEST_F(FdioTransfer, kept_a_failed_step_moves_the_position_in_memory_back)
 {
     char block[4] = {'a', 'b', 'c', 'd'};
     LogCapture log;
@@ -806,7 +806,7 @@ TEST_F(FdioTransfer, kept_AFailedStepMovesThePositionInMemoryBack)
     }
 }
 
-TEST_F(FdioTransfer, MemoryNeedsAnOffset)
+TEST_F(FdioTransfer, memory_needs_an_offset)
 {
     const std::string text = abort_text([] {
         char block[4];
@@ -818,7 +818,7 @@ TEST_F(FdioTransfer, MemoryNeedsAnOffset)
     EXPECT_TRUE(asserted_in(text, "memory_step")) << text;
 }
 
-TEST(FdioMemory, WithoutATransferBufferThePortionIsNothing)
+TEST(FdioMemory, without_a_transfer_buffer_the_portion_is_nothing)
 {
     FdGuard guard;
     const int in = memory_file("abc");
@@ -840,7 +840,7 @@ TEST(FdioMemory, WithoutATransferBufferThePortionIsNothing)
     EXPECT_TRUE(asserted_in(text, "transfer_out")) << text;
 }
 
-TEST_F(FdioTransfer, InprocSeesTheBlockAndSetsTheTotal)
+TEST_F(FdioTransfer, inproc_sees_the_block_and_sets_the_total)
 {
     const int in = memory_file("abcdef");
     char block[8] = {};
@@ -878,7 +878,7 @@ int failing_side(void* address, ssize_t count, ssize_t* total)
 
 } // namespace
 
-TEST_F(FdioTransfer, WhatIsForgivenDependsOnTheSideAndOnSendfile)
+TEST_F(FdioTransfer, what_is_forgiven_depends_on_the_side_and_on_sendfile)
 {
     const struct {
         u_int32_t options;
@@ -920,7 +920,7 @@ TEST_F(FdioTransfer, WhatIsForgivenDependsOnTheSideAndOnSendfile)
     close(in);
 }
 
-TEST_F(FdioTransfer, AnErrorAtTheEndOfTheStreamIsToldAsSuch)
+TEST_F(FdioTransfer, an_error_at_the_end_of_the_stream_is_told_as_such)
 {
     const int in = memory_file("abcdef");
     char block[8] = {};
@@ -943,7 +943,7 @@ TEST_F(FdioTransfer, AnErrorAtTheEndOfTheStreamIsToldAsSuch)
     close(in);
 }
 
-TEST_F(FdioTransfer, EveryBitAboveTheOptionsIsCleared)
+TEST_F(FdioTransfer, every_bit_above_the_options_is_cleared)
 {
     const int in = memory_file("abcdef");
     const int out = memory_file("");
@@ -955,7 +955,7 @@ TEST_F(FdioTransfer, EveryBitAboveTheOptionsIsCleared)
     close(out);
 }
 
-TEST_F(FdioTransfer, AFailedInprocEndsTheStepWithItsError)
+TEST_F(FdioTransfer, a_failed_inproc_ends_the_step_with_its_error)
 {
     const int in = memory_file("abcdef");
     const int out = memory_file("");
@@ -988,7 +988,7 @@ TEST_F(FdioTransfer, AFailedInprocEndsTheStepWithItsError)
     close(out);
 }
 
-TEST_F(FdioTransfer, kept_BetweenDescriptorsInprocDoesNotSeeTheData)
+TEST_F(FdioTransfer, kept_between_descriptors_inproc_does_not_see_the_data)
 {
     const int in = memory_file("abcdef");
     const int out = memory_file("");
@@ -1005,7 +1005,7 @@ TEST_F(FdioTransfer, kept_BetweenDescriptorsInprocDoesNotSeeTheData)
     close(out);
 }
 
-TEST_F(FdioTransfer, ATotalThatTheBufferCannotHoldIsAnAssertion)
+TEST_F(FdioTransfer, a_total_that_the_buffer_cannot_hold_is_an_assertion)
 {
     for (const ssize_t total :
          {ssize_t{65537}, ssize_t{-1}, ssize_t{0}, std::numeric_limits<ssize_t>::min()}) {
@@ -1028,7 +1028,7 @@ TEST_F(FdioTransfer, ATotalThatTheBufferCannotHoldIsAnAssertion)
     close(out);
 }
 
-TEST_F(FdioTransfer, AWildTotalInMemoryOverflowsNothing)
+TEST_F(FdioTransfer, a_wild_total_in_memory_overflows_nothing)
 {
     const int in = memory_file("abcdef");
     char block[8] = {};
@@ -1046,7 +1046,7 @@ TEST_F(FdioTransfer, AWildTotalInMemoryOverflowsNothing)
     close(in);
 }
 
-TEST_F(FdioTransfer, InprocBetweenDescriptorsNeedsAnOffset)
+TEST_F(FdioTransfer, inproc_between_descriptors_needs_an_offset)
 {
     const std::string text = abort_text([] {
         Rig rig(memory_file("abc"), memory_file(""), 0, false);
@@ -1155,22 +1155,22 @@ void move_under_storm(Road road)
 
 } // namespace
 
-TEST_F(FdioTransfer, ALargeFileArrivesBitIdenticalUnderAStormOfSignals)
+TEST_F(FdioTransfer, a_large_file_arrives_bit_identical_under_a_storm_of_signals)
 {
     move_under_storm(Road::Buffer);
 }
 
-TEST_F(FdioTransfer, ALargeFileArrivesBitIdenticalBySendfileUnderAStormOfSignals)
+TEST_F(FdioTransfer, a_large_file_arrives_bit_identical_by_sendfile_under_a_storm_of_signals)
 {
     move_under_storm(Road::Sendfile);
 }
 
-TEST_F(FdioTransfer, ALargeBlockArrivesBitIdenticalUnderAStormOfSignals)
+TEST_F(FdioTransfer, a_large_block_arrives_bit_identical_under_a_storm_of_signals)
 {
     move_under_storm(Road::Memory);
 }
 
-TEST_F(FdioTransfer, ABlockIsFilledFromASocketPieceByPiece)
+TEST_F(FdioTransfer, a_block_is_filled_from_a_socket_piece_by_piece)
 {
     Pair pair;
     std::string block(100000, '\0');

@@ -267,7 +267,7 @@ TEST(GkhCreate, allocation_failure_at_every_step_gives_12_and_no_table)
     skht_destroy(h, nullptr);
 }
 
-TEST(GkhCreate, default_hash_of_texts_is_plHash_seeded_with_the_time)
+TEST(GkhCreate, default_hash_of_texts_is_pl_hash_seeded_with_the_time)
 {
     g_now = 1700000001;
     const StrTable texts(512);
@@ -322,7 +322,7 @@ uint64_t slow_mix(uint64_t x)
 
 } // namespace
 
-TEST(GkhHash, plHash_is_the_sum_of_signed_characters_by_powers_of_101)
+TEST(GkhHash, pl_hash_is_the_sum_of_signed_characters_by_powers_of_101)
 {
     EXPECT_EQ(plHash("", 5), 5U);
     EXPECT_EQ(plHash("a", 0), 97U);
@@ -340,7 +340,7 @@ TEST(GkhHash, plHash_is_the_sum_of_signed_characters_by_powers_of_101)
     }
 }
 
-TEST(GkhHash, elfHash_takes_no_seed)
+TEST(GkhHash, elf_hash_takes_no_seed)
 {
     EXPECT_EQ(elfHash("", 5), 0U);
     EXPECT_EQ(elfHash("a", 9), 97U);

@@ -123,14 +123,14 @@ int __wrap_getrusage(int who, rusage* ru)
 }
 }
 
-TEST(RusageOps, ClearZeroesAllSixteenFields)
+TEST(RusageOps, clear_zeroes_all_sixteen_fields)
 {
     rusage ru = usage({1, 2}, {3, 4}, 5, 1);
     rusage_clear(&ru);
     EXPECT_TRUE(all_zero(ru));
 }
 
-TEST(RusageOps, SubTakesEachFieldAndBorrowsInTheTimes)
+TEST(RusageOps, sub_takes_each_field_and_borrows_in_the_times)
 {
     const rusage a = usage({5, 100}, {9, 999999}, 100, 10);
     const rusage b = usage({3, 200}, {9, 999998}, 1, 1);
@@ -147,7 +147,7 @@ TEST(RusageOps, SubTakesEachFieldAndBorrowsInTheTimes)
     }
 }
 
-TEST(RusageOps, AddTakesEachFieldAndCarriesInTheTimes)
+TEST(RusageOps, add_takes_each_field_and_carries_in_the_times)
 {
     const rusage a = usage({5, 999999}, {1, 1}, 100, 10);
     const rusage b = usage({3, 1}, {2, 2}, 1, 1);
@@ -164,7 +164,7 @@ TEST(RusageOps, AddTakesEachFieldAndCarriesInTheTimes)
     }
 }
 
-TEST(RusageOps, TheResultMayBeAnOperand)
+TEST(RusageOps, the_result_may_be_an_operand)
 {
     rusage a = usage({5, 0}, {1, 0}, 10, 0);
     const rusage b = usage({0, 1}, {0, 1}, 3, 0);
@@ -178,7 +178,7 @@ TEST(RusageOps, TheResultMayBeAnOperand)
     EXPECT_EQ(a.ru_nivcsw, 10);
 }
 
-TEST_F(Prfm, XinitClearsOnlyThePartsThatItsFlagsName)
+TEST_F(Prfm, xinit_clears_only_the_parts_that_its_flags_name)
 {
     prfm r;
     memset(&r, 0x5a, sizeof r);
@@ -198,7 +198,7 @@ TEST_F(Prfm, XinitClearsOnlyThePartsThatItsFlagsName)
     EXPECT_EQ(r.accum.tm.tv_sec, 0x5a5a5a5a5a5a5a5a);
 }
 
-TEST_F(Prfm, ShortFormsNameTheirPartsAndSelector)
+TEST_F(Prfm, short_forms_name_their_parts_and_selector)
 {
     prfm r;
     prfm_init(&r);
@@ -209,7 +209,7 @@ TEST_F(Prfm, ShortFormsNameTheirPartsAndSelector)
     EXPECT_EQ(r.who, RUSAGE_THREAD);
 }
 
-TEST_F(Prfm, DestroyClearsThePartsInUseAndThenTheFlags)
+TEST_F(Prfm, destroy_clears_the_parts_in_use_and_then_the_flags)
 {
     prfm r;
     memset(&r, 0x5a, sizeof r);
@@ -221,7 +221,7 @@ TEST_F(Prfm, DestroyClearsThePartsInUseAndThenTheFlags)
     EXPECT_EQ(r.start.tm.tv_sec, 0x5a5a5a5a5a5a5a5a);
 }
 
-TEST_F(Prfm, MeasuresOnlyWhatItsFlagsName)
+TEST_F(Prfm, measures_only_what_its_flags_name)
 {
     prfm r;
     prfm_xinit(&r, 0, RUSAGE_SELF);
@@ -240,7 +240,7 @@ TEST_F(Prfm, MeasuresOnlyWhatItsFlagsName)
     EXPECT_EQ(g_usage_who, RUSAGE_THREAD);
 }
 
-TEST_F(Prfm, StopAddsTheSpanWithBorrowAndCarry)
+TEST_F(Prfm, stop_adds_the_span_with_borrow_and_carry)
 {
     prfm r;
     prfm_tm_init(&r);
@@ -257,7 +257,7 @@ TEST_F(Prfm, StopAddsTheSpanWithBorrowAndCarry)
     expect_time(r.accum.tm, 2, 0);
 }
 
-TEST_F(Prfm, StopAddsTheUsageOfTheSpan)
+TEST_F(Prfm, stop_adds_the_usage_of_the_span)
 {
     prfm r;
     prfm_xinit(&r, prfm_RUSAGE, RUSAGE_SELF);
@@ -277,7 +277,7 @@ TEST_F(Prfm, StopAddsTheUsageOfTheSpan)
     }
 }
 
-TEST_F(Prfm, StopWithoutStartMeasuresFromTheLastStartOrFromZero)
+TEST_F(Prfm, stop_without_start_measures_from_the_last_start_or_from_zero)
 {
     prfm r;
     prfm_tm_init(&r);
@@ -295,7 +295,7 @@ TEST_F(Prfm, StopWithoutStartMeasuresFromTheLastStartOrFromZero)
     expect_time(r.start.tm, 6, 0);
 }
 
-TEST_F(Prfm, ProbeTakesTotalsAndNoTime)
+TEST_F(Prfm, probe_takes_totals_and_no_time)
 {
     prfm r;
     prfm_init(&r);
@@ -312,7 +312,7 @@ TEST_F(Prfm, ProbeTakesTotalsAndNoTime)
     expect_time(r.start.tm, 5, 7);
 }
 
-TEST_F(Prfm, ProbeOfTimeAloneTakesNoUsageAndStillClearsTheTime)
+TEST_F(Prfm, probe_of_time_alone_takes_no_usage_and_still_clears_the_time)
 {
     prfm r;
     prfm_tm_init(&r);
@@ -322,7 +322,7 @@ TEST_F(Prfm, ProbeOfTimeAloneTakesNoUsageAndStillClearsTheTime)
     expect_time(r.accum.tm, 0, 0);
 }
 
-TEST_F(Prfm, DumpPrintsHeadingTimeAndUsage)
+TEST_F(Prfm, dump_prints_heading_time_and_usage)
 {
     prfm r;
     prfm_init(&r);
@@ -339,7 +339,7 @@ TEST_F(Prfm, DumpPrintsHeadingTimeAndUsage)
                                "==\n");
 }
 
-TEST_F(Prfm, DumpLeavesOutWhatIsNotMeasured)
+TEST_F(Prfm, dump_leaves_out_what_is_not_measured)
 {
     prfm r;
     prfm_tm_init(&r);
@@ -350,7 +350,7 @@ TEST_F(Prfm, DumpLeavesOutWhatIsNotMeasured)
     EXPECT_EQ(dump(r, nullptr), "");
 }
 
-TEST_F(Prfm, RealReadingsCoverWhatTheSpanDid)
+TEST_F(Prfm, real_readings_cover_what_the_span_did)
 {
     prfm r;
     prfm_init(&r);
@@ -369,7 +369,7 @@ TEST_F(Prfm, RealReadingsCoverWhatTheSpanDid)
     EXPECT_LT(r.accum.tm.tv_nsec, 1000000000);
 }
 
-TEST_F(Prfm, AFailingClockEndsTheProcess)
+TEST_F(Prfm, a_failing_clock_ends_the_process)
 {
     const ChildResult result = run_in_child([] {
         prfm r;
@@ -382,7 +382,7 @@ TEST_F(Prfm, AFailingClockEndsTheProcess)
     EXPECT_EQ(result.err, "clock_gettime: Invalid argument\n");
 }
 
-TEST_F(Prfm, AFailingGetrusageEndsTheProcess)
+TEST_F(Prfm, a_failing_getrusage_ends_the_process)
 {
     const ChildResult result = run_in_child([] {
         prfm r;

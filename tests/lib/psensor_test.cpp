@@ -70,7 +70,7 @@ bool ran(int slot)
 
 } // namespace
 
-TEST(Psensor, LibrarySensorsStandAtTheirSlots)
+TEST(Psensor, library_sensors_stand_at_their_slots)
 {
     const std::vector<std::pair<int, std::string>> expected = {
         {PRF_APP, "app"},          {PRF_EVLOOP, "ev_loop"}, {PRF_EVREAD, "ev_read"},
@@ -96,7 +96,7 @@ TEST(Psensor, LibrarySensorsStandAtTheirSlots)
     EXPECT_EQ(MAX_PSENSORS, 73);
 }
 
-TEST(Psensor, InitEnablesAllOrNone)
+TEST(Psensor, init_enables_all_or_none)
 {
     Names names(2);
     psensors_init(names.list(), 5);
@@ -111,7 +111,7 @@ TEST(Psensor, InitEnablesAllOrNone)
     EXPECT_EQ(g_app_psensor.ucount, 2U);
 }
 
-TEST(Psensor, SixtyFourApplicationNamesFillTheTable)
+TEST(Psensor, sixty_four_application_names_fill_the_table)
 {
     Names names(64);
     EXPECT_EQ(psensors_init(names.list(), 0), 0);
@@ -119,7 +119,7 @@ TEST(Psensor, SixtyFourApplicationNamesFillTheTable)
     EXPECT_EQ(g_psensor[MAX_PSENSORS - 1].nametag, names.list()[63]);
 }
 
-TEST(Psensor, ASixtyFifthNameIsIgnored)
+TEST(Psensor, a_sixty_fifth_name_is_ignored)
 {
     Names names(65);
     EXPECT_EQ(psensors_init(names.list(), 1), 0);
@@ -127,14 +127,14 @@ TEST(Psensor, ASixtyFifthNameIsIgnored)
     EXPECT_STREQ(g_psensor[MAX_PSENSORS - 1].nametag, "user63");
 }
 
-TEST(Psensor, AnEmptyListOfNamesGivesNoSensor)
+TEST(Psensor, an_empty_list_of_names_gives_no_sensor)
 {
     Names names(0);
     psensors_init(names.list(), 1);
     EXPECT_EQ(g_app_psensor.ucount, 0U);
 }
 
-TEST(Psensor, InitForgetsWhatTheTableHeld)
+TEST(Psensor, init_forgets_what_the_table_held)
 {
     Names names(64);
     psensors_init(names.list(), 1);
@@ -144,7 +144,7 @@ TEST(Psensor, InitForgetsWhatTheTableHeld)
     EXPECT_EQ(g_psensor[MAX_PSENSORS - 1].started, 0U);
 }
 
-TEST(Psensor, LibptagIndexIgnoresCaseAndRefusesUnknownNames)
+TEST(Psensor, libptag_index_ignores_case_and_refuses_unknown_names)
 {
     EXPECT_EQ(libptag_index("EV_READ"), 2);
     EXPECT_EQ(libptag_index("Data_Out"), 8);
@@ -153,7 +153,7 @@ TEST(Psensor, LibptagIndexIgnoresCaseAndRefusesUnknownNames)
     EXPECT_EQ(libptag_index(""), -1);
 }
 
-TEST(Psensor, ADisabledSensorDoesNothing)
+TEST(Psensor, a_disabled_sensor_does_nothing)
 {
     psensors_init(nullptr, 0);
     psensor_start(PRF_APP);
@@ -165,7 +165,7 @@ TEST(Psensor, ADisabledSensorDoesNothing)
     EXPECT_EQ(g_psensor[PRF_APP].sensor.accum.ru.ru_maxrss, 0);
 }
 
-TEST(Psensor, ASensorEnabledWithinASpanKeepsNothingOfIt)
+TEST(Psensor, a_sensor_enabled_within_a_span_keeps_nothing_of_it)
 {
     psensors_init(nullptr, 0);
     psensor_start(PRF_APP);
@@ -175,7 +175,7 @@ TEST(Psensor, ASensorEnabledWithinASpanKeepsNothingOfIt)
     EXPECT_FALSE(ran(PRF_APP));
 }
 
-TEST(Psensor, StopWithoutStartDoesNothing)
+TEST(Psensor, stop_without_start_does_nothing)
 {
     psensors_init(nullptr, 1);
     psensor_stop(PRF_APP);
@@ -188,7 +188,7 @@ TEST(Psensor, StopWithoutStartDoesNothing)
     EXPECT_EQ(memcmp(&g_psensor[PRF_APP].sensor.accum.tm, &once, sizeof once), 0);
 }
 
-TEST(Psensor, AnInnerStartDoesNothingAndTheFirstStopEndsTheSpan)
+TEST(Psensor, an_inner_start_does_nothing_and_the_first_stop_ends_the_span)
 {
     psensors_init(nullptr, 1);
     psensor_start(PRF_APP);
@@ -201,7 +201,7 @@ TEST(Psensor, AnInnerStartDoesNothingAndTheFirstStopEndsTheSpan)
     EXPECT_EQ(g_psensor[PRF_APP].started, 0U);
 }
 
-TEST(Psensor, DisablingARunningSensorLosesItsSpanUntilItIsEnabledAgain)
+TEST(Psensor, disabling_a_running_sensor_loses_its_span_until_it_is_enabled_again)
 {
     psensors_init(nullptr, 1);
     psensor_start(PRF_APP);
@@ -221,7 +221,7 @@ TEST(Psensor, DisablingARunningSensorLosesItsSpanUntilItIsEnabledAgain)
               1000);
 }
 
-TEST(Psensor, ProbeTakesTheTotalsOfTheProcess)
+TEST(Psensor, probe_takes_the_totals_of_the_process)
 {
     psensors_init(nullptr, 1);
     psensor_probe(PRF_APP);
@@ -229,7 +229,7 @@ TEST(Psensor, ProbeTakesTheTotalsOfTheProcess)
     EXPECT_FALSE(ran(PRF_APP));
 }
 
-TEST(Psensor, SlotsOutsideTheTableAreRefused)
+TEST(Psensor, slots_outside_the_table_are_refused)
 {
     psensors_init(nullptr, 1);
     const std::vector<psensor> before(g_psensor, g_psensor + MAX_PSENSORS);
@@ -246,7 +246,7 @@ TEST(Psensor, SlotsOutsideTheTableAreRefused)
     EXPECT_EQ(psensor_at(MAX_PSENSORS - 1), &g_psensor[MAX_PSENSORS - 1]);
 }
 
-TEST(Psensor, AMacroEvaluatesItsSlotOnce)
+TEST(Psensor, a_macro_evaluates_its_slot_once)
 {
     psensors_init(nullptr, 0);
     int slot = 0;
@@ -258,7 +258,7 @@ TEST(Psensor, AMacroEvaluatesItsSlotOnce)
     EXPECT_EQ(slot, 5);
 }
 
-TEST(Psensor, DumpPrintsSensorsThatAreEnabledAndHaveRun)
+TEST(Psensor, dump_prints_sensors_that_are_enabled_and_have_run)
 {
     Names names(2);
     psensors_init(names.list(), 1);
@@ -275,13 +275,13 @@ TEST(Psensor, DumpPrintsSensorsThatAreEnabledAndHaveRun)
     EXPECT_NE(text.find("P-Sensor [user1]\n== time:\t2.000000005\n"), std::string::npos);
 }
 
-TEST(Psensor, ASensorThatNeverRanPrintsNothing)
+TEST(Psensor, a_sensor_that_never_ran_prints_nothing)
 {
     psensors_init(nullptr, 1);
     EXPECT_EQ(dump(), "");
 }
 
-TEST(Psensor, SlotsBehindTheApplicationsAreNotTouched)
+TEST(Psensor, slots_behind_the_applications_are_not_touched)
 {
     Names names(3);
     psensors_init(names.list(), 1);
@@ -299,7 +299,7 @@ TEST(Psensor, SlotsBehindTheApplicationsAreNotTouched)
     }
 }
 
-TEST(Psensor, DestroyClearsTheAccumulators)
+TEST(Psensor, destroy_clears_the_accumulators)
 {
     psensors_init(nullptr, 1);
     g_psensor[PRF_APP].sensor.accum.tm = {1, 1};

@@ -80,14 +80,14 @@ using Pairs = std::map<std::string, std::string>;
 
 } // namespace
 
-TEST(UriDecode, PlainTextAndPlus)
+TEST(UriDecode, plain_text_stays_and_plus_is_a_blank)
 {
     EXPECT_EQ(decoded(""), "");
     EXPECT_EQ(decoded("abc"), "abc");
     EXPECT_EQ(decoded("a+b+"), "a b ");
 }
 
-TEST(UriDecode, Escapes)
+TEST(UriDecode, escapes_become_their_bytes)
 {
     EXPECT_EQ(decoded("100%25"), "100%");
     EXPECT_EQ(decoded("%41%42%43"), "ABC");
@@ -96,7 +96,7 @@ TEST(UriDecode, Escapes)
     EXPECT_EQ(decoded("%2525"), "%25");
 }
 
-TEST(UriDecode, kept_LowerCaseDigitsCountAs42To47)
+TEST(UriDecode, kept_lower_case_digits_count_as_42_to_47)
 {
     EXPECT_EQ(decoded("%2f"), "O"); // 2 * 16 + 47
     EXPECT_EQ(decoded("%2F"), "/");
@@ -109,7 +109,7 @@ TEST(UriDecode, kept_LowerCaseDigitsCountAs42To47)
     EXPECT_EQ(decoded("%Fe"), "?"); // 15 * 16 + 46, cut to 30
 }
 
-TEST(UriDecode, BadEscapesAreDropped)
+TEST(UriDecode, bad_escapes_are_dropped)
 {
     EXPECT_EQ(decoded("a%zzb"), "ab");
     EXPECT_EQ(decoded("a%1zb"), "ab");
@@ -118,14 +118,14 @@ TEST(UriDecode, BadEscapesAreDropped)
     EXPECT_EQ(decoded("%GG%@@%``%::"), "");
 }
 
-TEST(UriDecode, UnprintableBytesBecomeQuestionMarks)
+TEST(UriDecode, unprintable_bytes_become_question_marks)
 {
     EXPECT_EQ(decoded("%00"), "?");
     EXPECT_EQ(decoded("%1F%7F%80%FF"), "????");
     EXPECT_EQ(decoded("\x01\xff"), "\x01\xff"); // as they stand they pass
 }
 
-TEST(UriDecode, ByteThatTheLocalePrintsStaysUnlessItIsEndOfFile)
+TEST(UriDecode, byte_that_the_locale_prints_stays_unless_it_is_end_of_file)
 {
     if (setlocale(LC_CTYPE, "en_US.ISO-8859-1") == nullptr) {
         GTEST_SKIP() << "skipped: no Latin-1 locale here";
@@ -133,7 +133,7 @@ TEST(UriDecode, ByteThatTheLocalePrintsStaysUnlessItIsEndOfFile)
     EXPECT_EQ(decoded("%E9%FF"), "\xe9?");
 }
 
-TEST(UriDecode, BareEscapeAtTheBoundGivesNull)
+TEST(UriDecode, bare_escape_at_the_bound_gives_null)
 {
     EXPECT_EQ(decoded("abc%", 4), "(null)");
     EXPECT_EQ(decoded("abc%4", 5), "(null)");
@@ -143,14 +143,14 @@ TEST(UriDecode, BareEscapeAtTheBoundGivesNull)
     EXPECT_EQ(decoded("%4", 3), "");
 }
 
-TEST(UriDecode, RefusedTextIsPartlyRewritten)
+TEST(UriDecode, refused_text_is_partly_rewritten)
 {
     char text[] = "%41%42%";
     EXPECT_EQ(uri_decode(text, 7), nullptr);
     EXPECT_STREQ(text, "AB1%42%");
 }
 
-TEST(UriDecode, kept_BadEscapeStepsOverTheTerminator)
+TEST(UriDecode, kept_bad_escape_steps_over_the_terminator)
 {
     char text[] = "a%\0\0bc\0d";
     EXPECT_EQ(uri_decode(text, sizeof text), text);
@@ -163,7 +163,7 @@ TEST(UriDecode, kept_BadEscapeStepsOverTheTerminator)
     EXPECT_STREQ(bounded, "a");
 }
 
-TEST(UriDecode, TerminatorAtTheBoundTakesTheLastByte)
+TEST(UriDecode, terminator_at_the_bound_takes_the_last_byte)
 {
     char text[] = "abcdef";
     EXPECT_EQ(uri_decode(text, 4), text);
@@ -173,20 +173,20 @@ TEST(UriDecode, TerminatorAtTheBoundTakesTheLastByte)
     EXPECT_STREQ(nothing, "ab");
 }
 
-TEST(UriEncode, SafeCharactersStay)
+TEST(UriEncode, safe_characters_stay)
 {
     const std::string safe = "AZaz09-_.!~'()#%\"<>[]{}|\\^`";
     EXPECT_EQ(encoded(safe), safe);
 }
 
-TEST(UriEncode, ReservedAndUnprintableCharactersAreEscaped)
+TEST(UriEncode, reserved_and_unprintable_characters_are_escaped)
 {
     EXPECT_EQ(encoded(";/?:@&=+$,* "), "%3B%2F%3F%3A%40%26%3D%2B%24%2C%2A%20");
     EXPECT_EQ(encoded("\x01\t\x1f\x7f"), "%01%09%1F%7F");
     EXPECT_EQ(encoded(""), "");
 }
 
-TEST(UriEncode, kept_ByteFrom128UpEndsTheText)
+TEST(UriEncode, kept_byte_from_128_up_ends_the_text)
 {
     char text[16] = "a\xe9z";
     EXPECT_EQ(uri_encode(text, sizeof text), text);
@@ -195,7 +195,7 @@ TEST(UriEncode, kept_ByteFrom128UpEndsTheText)
                                                 6));
 }
 
-TEST(UriEncode, EscapeWithoutRoomCutsTheText)
+TEST(UriEncode, escape_without_room_cuts_the_text)
 {
     EXPECT_EQ(encoded("ab cd", 8), "ab%20cd");
     EXPECT_EQ(encoded("ab cd", 7), "ab%20c");
@@ -205,7 +205,7 @@ TEST(UriEncode, EscapeWithoutRoomCutsTheText)
     EXPECT_EQ(encoded("    ", 8), "%20%20");
 }
 
-TEST(UriEncode, TextWithoutTerminatorIsCutToTheBuffer)
+TEST(UriEncode, text_without_terminator_is_cut_to_the_buffer)
 {
     EXPECT_EQ(encoded("abcd", 4), "abc");
     EXPECT_EQ(encoded("a", 1), "");
@@ -214,7 +214,7 @@ TEST(UriEncode, TextWithoutTerminatorIsCutToTheBuffer)
     EXPECT_STREQ(nothing, "ab");
 }
 
-TEST(UriEncode, WithoutMemoryTheTextStays)
+TEST(UriEncode, without_memory_the_text_stays)
 {
     char text[16] = "a b";
     LogCapture log;
@@ -228,7 +228,7 @@ TEST(UriEncode, WithoutMemoryTheTextStays)
     EXPECT_EQ(log.lines()[0].rfind("(ERR)  uri_encode: calloc(", 0), 0U) << log.lines()[0];
 }
 
-TEST(UriCoding, EncodedTextsWithoutPercentDecodeToThemselves)
+TEST(UriCoding, encoded_texts_without_percent_decode_to_themselves)
 {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -243,37 +243,37 @@ TEST(UriCoding, EncodedTextsWithoutPercentDecodeToThemselves)
     }
 }
 
-TEST(UriQuery, ReadsPairs)
+TEST(UriQuery, reads_pairs)
 {
     EXPECT_EQ(pairs("a=1"), (Pairs{{"a", "1"}}));
     EXPECT_EQ(pairs("a=1&b=2&c=3"), (Pairs{{"a", "1"}, {"b", "2"}, {"c", "3"}}));
     EXPECT_EQ(pairs("a=b=c"), (Pairs{{"a", "b=c"}}));
 }
 
-TEST(UriQuery, EmptyValueIsANullPointer)
+TEST(UriQuery, empty_value_is_a_null_pointer)
 {
     EXPECT_EQ(pairs("a=&b=2"), (Pairs{{"a", "(null)"}, {"b", "2"}}));
     EXPECT_EQ(pairs("a="), (Pairs{{"a", "(null)"}}));
 }
 
-TEST(UriQuery, SeparatorAtTheEndIsSteppedOver)
+TEST(UriQuery, separator_at_the_end_is_stepped_over)
 {
     EXPECT_EQ(pairs("a=1&"), (Pairs{{"a", "1"}}));
 }
 
-TEST(UriQuery, kept_SeparatorInFrontOfAKeyBelongsToIt)
+TEST(UriQuery, kept_separator_in_front_of_a_key_belongs_to_it)
 {
     EXPECT_EQ(pairs("a=1&&b=2"), (Pairs{{"a", "1"}, {"&b", "2"}}));
 }
 
-TEST(UriQuery, KeysAndValuesAreDecoded)
+TEST(UriQuery, keys_and_values_are_decoded)
 {
     EXPECT_EQ(pairs("a+b=c%20d"), (Pairs{{"a b", "c d"}}));
     EXPECT_EQ(pairs("%zz=1"), (Pairs{{"", "1"}}));
     EXPECT_EQ(pairs("a=%zz"), (Pairs{{"a", ""}}));
 }
 
-TEST(UriQuery, WalkEndsAtTheFirstZeroByte)
+TEST(UriQuery, walk_ends_at_the_first_zero_byte)
 {
     const char text[] = "a=1\0b=2";
     skht_t table = 0;
@@ -282,7 +282,7 @@ TEST(UriQuery, WalkEndsAtTheFirstZeroByte)
     skht_destroy(table, free);
 }
 
-TEST(UriQuery, EmptyTextLeavesTheHandle)
+TEST(UriQuery, empty_text_leaves_the_handle)
 {
     skht_t table = 77;
     EXPECT_EQ(parse_query("", &table), 0);
@@ -290,7 +290,7 @@ TEST(UriQuery, EmptyTextLeavesTheHandle)
     EXPECT_EQ(parse_query("", nullptr), 0);
 }
 
-TEST(UriQuery, PairsWithoutKeyOrMarkFailSilently)
+TEST(UriQuery, pairs_without_key_or_mark_fail_silently)
 {
     LogCapture log;
     for (const char* query : {"=1", "a", "a=1&b", "&", "a=1&=2", "=", "a=1&&"}) {
@@ -302,7 +302,7 @@ TEST(UriQuery, PairsWithoutKeyOrMarkFailSilently)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(UriQuery, KeyLimits)
+TEST(UriQuery, keys_have_limits)
 {
     LogCapture log;
     const std::string key31(31, 'k');
@@ -313,7 +313,7 @@ TEST(UriQuery, KeyLimits)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(UriQuery, ValueLimits)
+TEST(UriQuery, values_have_limits)
 {
     const std::string value31(31, 'v');
     EXPECT_EQ(pairs("a=" + value31), (Pairs{{"a", value31}}));
@@ -325,7 +325,7 @@ TEST(UriQuery, ValueLimits)
               (Lines{"(ERR)  uri_query_parse: argument for query parameter [a] is too long [33]"}));
 }
 
-TEST(UriQuery, kept_ValueOf32CharactersLosesItsLastInDecoding)
+TEST(UriQuery, kept_value_of_32_characters_loses_its_last_in_decoding)
 {
     LogCapture log;
     EXPECT_EQ(pairs("a=" + std::string(32, 'v')), (Pairs{{"a", std::string(31, 'v')}}));
@@ -335,7 +335,7 @@ TEST(UriQuery, kept_ValueOf32CharactersLosesItsLastInDecoding)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(UriQuery, DuplicateKeyEndsWith16)
+TEST(UriQuery, duplicate_key_ends_with_16)
 {
     for (const char* query : {"a=1&b=2&a=3&c=4", "a=&a=3", "a=1&a=", "a=1&%61=0&a=2"}) {
         SCOPED_TRACE(query);
@@ -347,7 +347,7 @@ TEST(UriQuery, DuplicateKeyEndsWith16)
     }
 }
 
-TEST(UriQuery, DuplicateMayAriseFromDecoding)
+TEST(UriQuery, duplicate_may_arise_from_decoding)
 {
     LogCapture log;
     skht_t table = 77;
@@ -356,7 +356,7 @@ TEST(UriQuery, DuplicateMayAriseFromDecoding)
     EXPECT_EQ(parse_query("A=1&%41=2", nullptr), 0); // what is only judged is not decoded
 }
 
-TEST(UriQuery, At129PairsTheCountIsShown)
+TEST(UriQuery, at_129_pairs_the_count_is_shown)
 {
     std::string query;
     for (int i = 0; i < 128; ++i) {
@@ -377,7 +377,7 @@ TEST(UriQuery, At129PairsTheCountIsShown)
     }
 }
 
-TEST(UriQuery, JudgedAlone)
+TEST(UriQuery, pairs_are_judged_alone)
 {
     LogCapture log;
     EXPECT_EQ(parse_query("a=1&b=2", nullptr), 0);
@@ -385,7 +385,7 @@ TEST(UriQuery, JudgedAlone)
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST(UriQuery, EachFailedAllocationGives12AndLeavesNothing)
+TEST(UriQuery, each_failed_allocation_gives_12_and_leaves_nothing)
 {
     // Table, slots, then a value and a record for each of the two pairs.
     for (size_t n = 1; n <= 6; ++n) {
@@ -409,7 +409,7 @@ TEST(UriQuery, EachFailedAllocationGives12AndLeavesNothing)
     }
 }
 
-TEST(UriQuery, RandomQueriesAgreeWithAModel)
+TEST(UriQuery, random_queries_agree_with_a_model)
 {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));

@@ -52,7 +52,7 @@ std::vector<std::string> segments(const char* text)
 
 } // namespace
 
-TEST(UriXseg, EmptyTextGivesNullAndStoresNothing)
+TEST(UriXseg, empty_text_gives_null_and_stores_nothing)
 {
     const char* seg = "before";
     size_t length = 77;
@@ -61,7 +61,7 @@ TEST(UriXseg, EmptyTextGivesNullAndStoresNothing)
     EXPECT_EQ(length, 77U);
 }
 
-TEST(UriXseg, LengthCountsTheClosingDelimiter)
+TEST(UriXseg, length_counts_the_closing_delimiter)
 {
     const char* text = "/ab/c";
     const char* seg = nullptr;
@@ -73,7 +73,7 @@ TEST(UriXseg, LengthCountsTheClosingDelimiter)
     EXPECT_EQ(length, 1U);
 }
 
-TEST(UriXseg, OpeningDelimiterAloneIsASegmentOfNothing)
+TEST(UriXseg, opening_delimiter_alone_is_a_segment_of_nothing)
 {
     const char* text = "/";
     const char* seg = nullptr;
@@ -82,7 +82,7 @@ TEST(UriXseg, OpeningDelimiterAloneIsASegmentOfNothing)
     EXPECT_EQ(length, 0U);
 }
 
-TEST(UriXseg, DelimitersMayDiffer)
+TEST(UriXseg, delimiters_may_differ)
 {
     const char* seg = nullptr;
     size_t length = 0;
@@ -90,7 +90,7 @@ TEST(UriXseg, DelimitersMayDiffer)
     EXPECT_EQ(std::string(seg, length), "a>");
 }
 
-TEST(UriXseg, WalkCoversTheText)
+TEST(UriXseg, walk_covers_the_text)
 {
     EXPECT_EQ(segments("/src/a/b"), (std::vector<std::string>{"src/", "a/", "b"}));
     EXPECT_EQ(segments("udp://h/x/"), (std::vector<std::string>{"udp:/", "h/", "x/"}));
@@ -98,14 +98,14 @@ TEST(UriXseg, WalkCoversTheText)
     EXPECT_EQ(segments("///"), (std::vector<std::string>{"/", ""}));
 }
 
-TEST(UriEndpoints, AliasWithoutSlashIsTheWholeText)
+TEST(UriEndpoints, alias_without_slash_is_the_whole_text)
 {
     EXPECT_EQ(endpoints("$name"), (Endpoints{0, "$name", "#"}));
     EXPECT_EQ(endpoints("~n"), (Endpoints{0, "~n", "#"}));
     EXPECT_EQ(endpoints("^"), (Endpoints{0, "^", "#"}));
 }
 
-TEST(UriEndpoints, kept_WholeTextAliasThatFillsTheBufferHasNoTerminator)
+TEST(UriEndpoints, kept_whole_text_alias_that_fills_the_buffer_has_no_terminator)
 {
     char src[6] = {'#', '#', '#', '#', '#', '#'};
     char dst[2] = "#";
@@ -116,7 +116,7 @@ TEST(UriEndpoints, kept_WholeTextAliasThatFillsTheBufferHasNoTerminator)
     EXPECT_EQ(uri_extract_endpts("$n", src, 0, dst, 0), 0);
 }
 
-TEST(UriEndpoints, AliasInTheFirstSegment)
+TEST(UriEndpoints, alias_in_the_first_segment)
 {
     EXPECT_EQ(endpoints("/$name/more"), (Endpoints{0, "$name", "#"}));
     EXPECT_EQ(endpoints("$name/more"), (Endpoints{0, "$name", "#"}));
@@ -126,39 +126,39 @@ TEST(UriEndpoints, AliasInTheFirstSegment)
     EXPECT_EQ(endpoints("/a/$name").rc, -1);
 }
 
-TEST(UriEndpoints, TextWithoutSlashThatIsNoAlias)
+TEST(UriEndpoints, text_without_slash_that_is_no_alias)
 {
     EXPECT_EQ(endpoints("udp"), (Endpoints{ESRCH, "#", "#"}));
     EXPECT_EQ(endpoints(""), (Endpoints{ESRCH, "#", "#"}));
     EXPECT_EQ(endpoints("a$"), (Endpoints{ESRCH, "#", "#"}));
 }
 
-TEST(UriEndpoints, StreamGivesSourceAndEmptyDestination)
+TEST(UriEndpoints, stream_gives_source_and_empty_destination)
 {
     EXPECT_EQ(endpoints("/udp/224.0.2.1:5056/"), (Endpoints{0, "udp://224.0.2.1:5056", ""}));
     EXPECT_EQ(endpoints("/rtp/h:1"), (Endpoints{0, "rtp://h:1", ""}));
     EXPECT_EQ(endpoints("udp/h:1/rest/of/it"), (Endpoints{0, "udp://h:1", ""}));
 }
 
-TEST(UriEndpoints, StreamWordStaysAsItIsWritten)
+TEST(UriEndpoints, stream_word_stays_as_it_is_written)
 {
     EXPECT_EQ(endpoints("/UdP/h:1/"), (Endpoints{0, "UdP://h:1", ""}));
 }
 
-TEST(UriEndpoints, StreamWithoutAddressGives22)
+TEST(UriEndpoints, stream_without_address_gives_22)
 {
     EXPECT_EQ(endpoints("/udp/"), (Endpoints{EINVAL, "udp://", "#"}));
     EXPECT_EQ(endpoints("/udp"), (Endpoints{EINVAL, "udp://", "#"}));
     EXPECT_EQ(endpoints("rtp/"), (Endpoints{EINVAL, "rtp://", "#"}));
 }
 
-TEST(UriEndpoints, StreamAddressOfDelimitersAloneCountsAsTooBig)
+TEST(UriEndpoints, stream_address_of_delimiters_alone_counts_as_too_big)
 {
     EXPECT_EQ(endpoints("/udp//"), (Endpoints{E2BIG, "udp://", ""}));
     EXPECT_EQ(endpoints("/udp///"), (Endpoints{E2BIG, "udp://", ""}));
 }
 
-TEST(UriEndpoints, StreamThatDoesNotFit)
+TEST(UriEndpoints, stream_that_does_not_fit)
 {
     // "udp://h:1" and its terminator are ten bytes, the word with "://" seven, the word alone four.
     EXPECT_EQ(endpoints("/udp/h:1/", 10), (Endpoints{0, "udp://h:1", ""}));
@@ -171,27 +171,27 @@ TEST(UriEndpoints, StreamThatDoesNotFit)
     EXPECT_EQ(endpoints("/udp/h:1/", kSize, 0), (Endpoints{0, "udp://h:1", ""}));
 }
 
-TEST(UriEndpoints, OtherFirstWordsGiveMinusOne)
+TEST(UriEndpoints, other_first_words_give_minus_one)
 {
     for (const char* path : {"/tcp/x", "/", "//", "//udp/h:1", "/udpx/h", "/ud/h", "/dst/a", "x/y"}) {
         EXPECT_EQ(endpoints(path), (Endpoints{-1, "#", "#"})) << path;
     }
 }
 
-TEST(UriEndpoints, PairGivesSourceAndDestination)
+TEST(UriEndpoints, pair_gives_source_and_destination)
 {
     EXPECT_EQ(endpoints("/src/a/b/dst/c/d/"), (Endpoints{0, "a/b", "c/d/"}));
     EXPECT_EQ(endpoints("SRC/a/DST/c"), (Endpoints{0, "a", "c"}));
 }
 
-TEST(UriEndpoints, PairsNest)
+TEST(UriEndpoints, pairs_nest)
 {
     EXPECT_EQ(endpoints("/src/src/a/dst/b/dst/c"), (Endpoints{0, "src/a/dst/b", "c"}));
     EXPECT_EQ(endpoints("/src/src/src/a/dst/b/dst/c/dst/d"), (Endpoints{0, "src/src/a/dst/b/dst/c", "d"}));
     EXPECT_EQ(endpoints("/src/a/dst/src/b/dst/c"), (Endpoints{0, "a", "src/b/dst/c"}));
 }
 
-TEST(UriEndpoints, SourceWithoutDestinationGivesTheCount)
+TEST(UriEndpoints, source_without_destination_gives_the_count)
 {
     EXPECT_EQ(endpoints("/src/a/"), (Endpoints{1, "#", "#"}));
     EXPECT_EQ(endpoints("/src/"), (Endpoints{1, "#", "#"}));
@@ -200,33 +200,33 @@ TEST(UriEndpoints, SourceWithoutDestinationGivesTheCount)
     EXPECT_EQ(endpoints("/src/src/src/a"), (Endpoints{3, "#", "#"}));
 }
 
-TEST(UriEndpoints, UrlsInAPairMayHaveTheirSlashes)
+TEST(UriEndpoints, urls_in_a_pair_may_have_their_slashes)
 {
     EXPECT_EQ(endpoints("/src/udp://h:1/dst/file:///tmp/a"), (Endpoints{0, "udp://h:1", "file:///tmp/a"}));
     EXPECT_EQ(endpoints("/src/udp://h:1/dst//tmp/a"), (Endpoints{0, "udp://h:1", "/tmp/a"}));
     EXPECT_EQ(endpoints("/src/udp://h:1/dst//"), (Endpoints{0, "udp://h:1", "/"}));
 }
 
-TEST(UriEndpoints, NothingBehindTheDestinationWordLeavesIt)
+TEST(UriEndpoints, nothing_behind_the_destination_word_leaves_it)
 {
     EXPECT_EQ(endpoints("/src/a/dst/"), (Endpoints{0, "a", "#"}));
     EXPECT_EQ(endpoints("/src/a/dst"), (Endpoints{0, "a", "#"}));
 }
 
-TEST(UriEndpoints, EmptySourceGivesMinusOne)
+TEST(UriEndpoints, empty_source_gives_minus_one)
 {
     EXPECT_EQ(endpoints("/src/dst/b"), (Endpoints{-1, "#", "#"}));
     EXPECT_EQ(endpoints("/src//dst/b"), (Endpoints{-1, "#", "#"}));
 }
 
-TEST(UriEndpoints, PairThatDoesNotFit)
+TEST(UriEndpoints, pair_that_does_not_fit)
 {
     EXPECT_EQ(endpoints("/src/abc/dst/de", 4, 3), (Endpoints{0, "abc", "de"}));
     EXPECT_EQ(endpoints("/src/abc/dst/de", 3, 3), (Endpoints{-1, "#", "#"}));
     EXPECT_EQ(endpoints("/src/abc/dst/de", 0, 0).rc, -1);
 }
 
-TEST(UriEndpoints, kept_DestinationThatFillsTheBufferHasNoTerminator)
+TEST(UriEndpoints, kept_destination_that_fills_the_buffer_has_no_terminator)
 {
     char src[8];
     char dst[4] = {'#', '#', '#', '#'};
@@ -236,7 +236,7 @@ TEST(UriEndpoints, kept_DestinationThatFillsTheBufferHasNoTerminator)
     EXPECT_EQ(std::string(dst, 4), "bcd#");
 }
 
-TEST(UriSplitAlias, CopiesUpToTheMark)
+TEST(UriSplitAlias, copies_up_to_the_mark)
 {
     char alias[32] = {};
     const char* query = "before";
@@ -247,7 +247,7 @@ TEST(UriSplitAlias, CopiesUpToTheMark)
     EXPECT_STREQ(query, "a=1");
 }
 
-TEST(UriSplitAlias, WithoutMarkThereIsNoQuery)
+TEST(UriSplitAlias, without_mark_there_is_no_query)
 {
     char alias[32] = {};
     const char* query = "before";
@@ -256,7 +256,7 @@ TEST(UriSplitAlias, WithoutMarkThereIsNoQuery)
     EXPECT_EQ(query, nullptr);
 }
 
-TEST(UriSplitAlias, EmptyQueryIsThere)
+TEST(UriSplitAlias, empty_query_is_there)
 {
     char alias[32] = {};
     const char* query = nullptr;
@@ -264,7 +264,7 @@ TEST(UriSplitAlias, EmptyQueryIsThere)
     EXPECT_STREQ(query, "");
 }
 
-TEST(UriSplitAlias, kept_TerminatorStandsAtTwiceTheLength)
+TEST(UriSplitAlias, kept_terminator_stands_at_twice_the_length)
 {
     char alias[16];
     memset(alias, '#', sizeof alias);
@@ -273,7 +273,7 @@ TEST(UriSplitAlias, kept_TerminatorStandsAtTwiceTheLength)
     EXPECT_EQ(std::string(alias, sizeof alias), std::string("abc###\0#########", 16));
 }
 
-TEST(UriSplitAlias, TerminatorBeyondTheBufferIsNotWritten)
+TEST(UriSplitAlias, terminator_beyond_the_buffer_is_not_written)
 {
     char alias[7];
     memset(alias, '#', sizeof alias);
@@ -285,7 +285,7 @@ TEST(UriSplitAlias, TerminatorBeyondTheBufferIsNotWritten)
     EXPECT_EQ(std::string(alias, sizeof alias), std::string("abc###\0", 7));
 }
 
-TEST(UriSplitAlias, kept_QueryBehindAnAliasThatFilledTheBufferIsLost)
+TEST(UriSplitAlias, kept_query_behind_an_alias_that_filled_the_buffer_is_lost)
 {
     char alias[8] = {};
     const char* query = "before";
@@ -299,7 +299,7 @@ TEST(UriSplitAlias, kept_QueryBehindAnAliasThatFilledTheBufferIsLost)
     EXPECT_EQ(query, nullptr);
 }
 
-TEST(UriSplitAlias, BuffersOfNothing)
+TEST(UriSplitAlias, buffers_of_nothing_are_refused)
 {
     char alias[2] = "#";
     const char* query = "before";

@@ -77,7 +77,7 @@ const std::vector<std::string> kNoLines;
 
 } // namespace
 
-TEST(UriKind, WordsOfTheTableInAnyCase)
+TEST(UriKind, words_of_the_table_in_any_case)
 {
     EXPECT_EQ(uri_scheme_kind("file"), URI_FILE);
     EXPECT_EQ(uri_scheme_kind("TCP"), URI_TCP);
@@ -86,14 +86,14 @@ TEST(UriKind, WordsOfTheTableInAnyCase)
     EXPECT_EQ(uri_scheme_kind("Http"), URI_HTTP);
 }
 
-TEST(UriKind, OtherWordsAreBad)
+TEST(UriKind, other_words_are_bad)
 {
     for (const char* word : {"", "f", "fil", "files", "https", "udp ", "rtsp"}) {
         EXPECT_EQ(uri_scheme_kind(word), URI_BAD) << word;
     }
 }
 
-TEST(UriKind, TableIsIndexedByKindAndEnds)
+TEST(UriKind, table_is_indexed_by_kind_and_ends)
 {
     EXPECT_STREQ(URI_KIND_STR[URI_FILE], "file");
     EXPECT_STREQ(URI_KIND_STR[URI_TCP], "tcp");
@@ -103,7 +103,7 @@ TEST(UriKind, TableIsIndexedByKindAndEnds)
     EXPECT_EQ(URI_KIND_STR[URI_HTTP + 1], nullptr);
 }
 
-TEST(UriParse, BlanksAloneGiveAnEmptyLayoutAndExtractFailsAtTheScheme)
+TEST(UriParse, blanks_alone_give_an_empty_layout_and_extract_fails_at_the_scheme)
 {
     for (const char* text : {"", " ", " \t \t"}) {
         EXPECT_EQ(parsed(text), (Segments{"-", "-", "-", "-"}));
@@ -115,14 +115,14 @@ TEST(UriParse, BlanksAloneGiveAnEmptyLayoutAndExtractFailsAtTheScheme)
     }
 }
 
-TEST(UriParse, LeadingBlanksAndTabsAreSkipped)
+TEST(UriParse, leading_blanks_and_tabs_are_skipped)
 {
     EXPECT_EQ(parsed(" \tudp://h"), (Segments{"udp", "-", "h", "-"}));
     EXPECT_EQ(parsed(" \t/a"), (Segments{"-", "-", "a", "-"}));
     EXPECT_EQ(parsed("\nudp://h"), (Segments{"\nudp", "-", "h", "-"}));
 }
 
-TEST(UriParse, kept_FilePathLosesItsFirstSlashAndExtractRefusesIt)
+TEST(UriParse, kept_file_path_loses_its_first_slash_and_extract_refuses_it)
 {
     EXPECT_EQ(parsed("/tmp/a"), (Segments{"-", "-", "tmp/a", "-"}));
     EXPECT_EQ(parsed("//tmp/a"), (Segments{"-", "-", "/tmp/a", "-"}));
@@ -133,19 +133,19 @@ TEST(UriParse, kept_FilePathLosesItsFirstSlashAndExtractRefusesIt)
                                                      "(ERR)  uri_extract: error parsing URI: [/tmp/a]"}));
 }
 
-TEST(UriParse, SlashTextHasNoSchemeAndNoAuthority)
+TEST(UriParse, slash_text_has_no_scheme_and_no_authority)
 {
     EXPECT_EQ(parsed("/udp://a@b?c"), (Segments{"-", "-", "udp://a@b", "c"}));
 }
 
-TEST(UriParse, kept_OneLetterIsNoScheme)
+TEST(UriParse, kept_one_letter_is_no_scheme)
 {
     EXPECT_EQ(parsed("x://host"), (Segments{"-", "-", "x://host", "-"}));
     EXPECT_EQ(parsed("://host"), (Segments{"-", "-", "://host", "-"}));
     EXPECT_EQ(parsed("xy://host"), (Segments{"xy", "-", "host", "-"}));
 }
 
-TEST(UriParse, SchemeNeedsBothSlashes)
+TEST(UriParse, scheme_needs_both_slashes)
 {
     EXPECT_EQ(parsed("udp"), (Segments{"-", "-", "udp", "-"}));
     EXPECT_EQ(parsed("udp:"), (Segments{"-", "-", "udp:", "-"}));
@@ -155,7 +155,7 @@ TEST(UriParse, SchemeNeedsBothSlashes)
     EXPECT_EQ(parsed("host:80/a@b?c"), (Segments{"-", "-", "host:80/a@b", "c"}));
 }
 
-TEST(UriParse, TextThatEndsBehindTheSchemeOrTheAtSignIsRefused)
+TEST(UriParse, text_that_ends_behind_the_scheme_or_the_at_sign_is_refused)
 {
     for (const char* text : {"udp://", "udp://@", "udp://user@", " udp://", "http://a/b@"}) {
         EXPECT_EQ(uri_parse(text, nullptr), -1) << text;
@@ -163,7 +163,7 @@ TEST(UriParse, TextThatEndsBehindTheSchemeOrTheAtSignIsRefused)
     EXPECT_EQ(uri_parse("udp://h", nullptr), 0);
 }
 
-TEST(UriParse, RefusalLeavesTheLayout)
+TEST(UriParse, refusal_leaves_the_layout)
 {
     struct uri_layout layout;
     memset(&layout, 0x55, sizeof layout);
@@ -172,25 +172,25 @@ TEST(UriParse, RefusalLeavesTheLayout)
     EXPECT_EQ(memcmp(&layout, &before, sizeof layout), 0);
 }
 
-TEST(UriParse, AtSignRightBehindTheSchemeGivesNoAuthority)
+TEST(UriParse, at_sign_right_behind_the_scheme_gives_no_authority)
 {
     EXPECT_EQ(parsed("udp://@224.0.2.1:5056"), (Segments{"udp", "-", "224.0.2.1:5056", "-"}));
 }
 
-TEST(UriParse, AuthorityStandsInFrontOfTheFirstAtSign)
+TEST(UriParse, authority_stands_in_front_of_the_first_at_sign)
 {
     EXPECT_EQ(parsed("udp://10.0.0.1@232.0.2.1:5056"), (Segments{"udp", "10.0.0.1", "232.0.2.1:5056", "-"}));
     EXPECT_EQ(parsed("udp://a@b@c"), (Segments{"udp", "a", "b@c", "-"}));
     EXPECT_EQ(parsed("udp://@@c"), (Segments{"udp", "-", "@c", "-"}));
 }
 
-TEST(UriParse, kept_AtSignInPathOrQueryDividesToo)
+TEST(UriParse, kept_at_sign_in_path_or_query_divides_too)
 {
     EXPECT_EQ(parsed("http://a/b@c"), (Segments{"http", "a/b", "c", "-"}));
     EXPECT_EQ(parsed("http://a/b?x=1@c?d"), (Segments{"http", "a/b?x=1", "c", "d"}));
 }
 
-TEST(UriParse, QueryBeginsAtTheLastMark)
+TEST(UriParse, query_begins_at_the_last_mark)
 {
     EXPECT_EQ(parsed("http://a/b?x=1"), (Segments{"http", "-", "a/b", "x=1"}));
     EXPECT_EQ(parsed("http://a/b?c?d"), (Segments{"http", "-", "a/b?c", "d"}));
@@ -198,30 +198,30 @@ TEST(UriParse, QueryBeginsAtTheLastMark)
     EXPECT_EQ(parsed("http://?x"), (Segments{"http", "-", "-", "x"}));
 }
 
-TEST(UriParse, MarkWithNothingBehindGivesNoQuery)
+TEST(UriParse, mark_with_nothing_behind_gives_no_query)
 {
     EXPECT_EQ(parsed("http://a/b?"), (Segments{"http", "-", "a/b", "-"}));
     EXPECT_EQ(parsed("?"), (Segments{"-", "-", "-", "-"}));
     EXPECT_EQ(parsed("a??"), (Segments{"-", "-", "a?", "-"}));
 }
 
-TEST(UriParse, kept_TextThatEndsInASlashHasNoQuery)
+TEST(UriParse, kept_text_that_ends_in_a_slash_has_no_query)
 {
     EXPECT_EQ(parsed("http://a/b?x=1/"), (Segments{"http", "-", "a/b?x=1/", "-"}));
     EXPECT_EQ(parsed("/a?b/"), (Segments{"-", "-", "a?b/", "-"}));
 }
 
-TEST(UriParse, HashIsAnOrdinaryCharacter)
+TEST(UriParse, hash_is_an_ordinary_character)
 {
     EXPECT_EQ(parsed("http://a/b#c?d#e"), (Segments{"http", "-", "a/b#c", "d#e"}));
 }
 
-TEST(UriParse, FileUrlKeepsTheSlashOfItsPath)
+TEST(UriParse, file_url_keeps_the_slash_of_its_path)
 {
     EXPECT_EQ(parsed("file:///tmp/a"), (Segments{"file", "-", "/tmp/a", "-"}));
 }
 
-TEST(UriParse, PointersGoIntoTheText)
+TEST(UriParse, pointers_go_into_the_text)
 {
     const char* text = "http://u@h:1/p?q";
     struct uri_layout layout;
@@ -264,7 +264,7 @@ Segments model(std::string text)
     return s;
 }
 
-TEST(UriParse, RandomTextsAgreeWithAModel)
+TEST(UriParse, random_texts_agree_with_a_model)
 {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -280,7 +280,7 @@ TEST(UriParse, RandomTextsAgreeWithAModel)
     }
 }
 
-TEST(UriGet, CopiesASegment)
+TEST(UriGet, copies_a_segment)
 {
     struct uri_layout layout;
     ASSERT_EQ(uri_parse("http://u@h/p?q=1", &layout), 0);
@@ -295,7 +295,7 @@ TEST(UriGet, CopiesASegment)
     EXPECT_STREQ(buf, "q=1");
 }
 
-TEST(UriGet, AbsentSegmentEmptiesTheBuffer)
+TEST(UriGet, absent_segment_empties_the_buffer)
 {
     struct uri_layout layout;
     ASSERT_EQ(uri_parse("", &layout), 0);
@@ -309,7 +309,7 @@ TEST(UriGet, AbsentSegmentEmptiesTheBuffer)
     }
 }
 
-TEST(UriGet, SegmentThatDoesNotFitLeavesTheBuffer)
+TEST(UriGet, segment_that_does_not_fit_leaves_the_buffer)
 {
     struct uri_layout layout;
     ASSERT_EQ(uri_parse("http://h", &layout), 0);
@@ -321,7 +321,7 @@ TEST(UriGet, SegmentThatDoesNotFitLeavesTheBuffer)
     EXPECT_STREQ(buf, "http");
 }
 
-TEST(UriGet, SchemeOfSevenCharactersPassesAndOneOfEightDoesNot)
+TEST(UriGet, scheme_of_seven_characters_passes_and_one_of_eight_does_not)
 {
     struct uri_layout layout;
     char buf[URI_SCHEME_MAX];
@@ -341,7 +341,7 @@ TEST(UriGet, SchemeOfSevenCharactersPassesAndOneOfEightDoesNot)
                                         "(ERR)  uri_extract: error parsing URI: [eight888://h]"}));
 }
 
-TEST(UriExtract, GivesKindAndSegments)
+TEST(UriExtract, gives_kind_and_segments)
 {
     LogCapture log;
     const Extracted e("RTP://10.0.0.1@232.0.2.1:5056/x?ttl=3");
@@ -353,7 +353,7 @@ TEST(UriExtract, GivesKindAndSegments)
     EXPECT_EQ(log.lines(), kNoLines);
 }
 
-TEST(UriExtract, AbsentAuthorityAndQueryLeaveTheirBuffers)
+TEST(UriExtract, absent_authority_and_query_leave_their_buffers)
 {
     const Extracted e("file:///tmp/a");
     EXPECT_EQ(e.kind, URI_FILE);
@@ -362,7 +362,7 @@ TEST(UriExtract, AbsentAuthorityAndQueryLeaveTheirBuffers)
     EXPECT_STREQ(e.query, "#");
 }
 
-TEST(UriExtract, AnyBufferMayBeNull)
+TEST(UriExtract, any_buffer_may_be_null)
 {
     LogCapture log;
     EXPECT_EQ(uri_extract("udp://a@h?q", nullptr, nullptr, nullptr, nullptr), URI_UDP);
@@ -375,7 +375,7 @@ TEST(UriExtract, AnyBufferMayBeNull)
     EXPECT_EQ(log.lines(), kNoLines);
 }
 
-TEST(UriExtract, RefusedTextIsLoggedTwice)
+TEST(UriExtract, refused_text_is_logged_twice)
 {
     LogCapture log;
     EXPECT_EQ(Extracted("udp://").kind, -1);
@@ -383,7 +383,7 @@ TEST(UriExtract, RefusedTextIsLoggedTwice)
                                                      "(ERR)  uri_extract: error parsing URI: [udp://]"}));
 }
 
-TEST(UriExtract, AbsentPathFailsIfItIsWanted)
+TEST(UriExtract, absent_path_fails_if_it_is_wanted)
 {
     LogCapture log;
     EXPECT_EQ(Extracted("udp://?q").kind, -1);
@@ -391,7 +391,7 @@ TEST(UriExtract, AbsentPathFailsIfItIsWanted)
                                                      "(ERR)  uri_extract: error parsing URI: [udp://?q]"}));
 }
 
-TEST(UriExtract, EachSegmentPassesUpToItsLimit)
+TEST(UriExtract, each_segment_passes_up_to_its_limit)
 {
     struct Case {
         const char* name;
@@ -418,7 +418,7 @@ TEST(UriExtract, EachSegmentPassesUpToItsLimit)
     }
 }
 
-TEST(UriExtract, LongestSegmentsArriveWhole)
+TEST(UriExtract, longest_segments_arrive_whole)
 {
     const std::string a(URI_AUTH_MAX - 1, 'a');
     const std::string p(URI_PATH_MAX - 1, 'p');
@@ -430,7 +430,7 @@ TEST(UriExtract, LongestSegmentsArriveWhole)
     EXPECT_EQ(e.query, q);
 }
 
-TEST(UriAddrPort, SplitsNameAndPort)
+TEST(UriAddrPort, splits_name_and_port)
 {
     const AddrPort a("host.example:5056/x?y");
     EXPECT_STREQ(a.addr, "host.example");
@@ -438,14 +438,14 @@ TEST(UriAddrPort, SplitsNameAndPort)
     EXPECT_EQ(a.tail, "/x?y");
 }
 
-TEST(UriAddrPort, QuestionMarkEndsThePort)
+TEST(UriAddrPort, question_mark_ends_the_port)
 {
     const AddrPort a("h:80?x/y");
     EXPECT_STREQ(a.port, "80");
     EXPECT_EQ(a.tail, "?x/y");
 }
 
-TEST(UriAddrPort, LeadingBlanksAndSlashesAreSkipped)
+TEST(UriAddrPort, leading_blanks_and_slashes_are_skipped)
 {
     const AddrPort a(" \t//h:1");
     EXPECT_STREQ(a.addr, "h");
@@ -453,7 +453,7 @@ TEST(UriAddrPort, LeadingBlanksAndSlashesAreSkipped)
     EXPECT_EQ(a.tail, "");
 }
 
-TEST(UriAddrPort, WithoutPortItsBufferStays)
+TEST(UriAddrPort, without_port_its_buffer_stays)
 {
     for (const char* path : {"h", "h/x", "h?x"}) {
         const AddrPort a(path);
@@ -463,7 +463,7 @@ TEST(UriAddrPort, WithoutPortItsBufferStays)
     }
 }
 
-TEST(UriAddrPort, ColonWithoutPort)
+TEST(UriAddrPort, colon_without_port)
 {
     const AddrPort a("host:");
     EXPECT_STREQ(a.addr, "host");
@@ -474,7 +474,7 @@ TEST(UriAddrPort, ColonWithoutPort)
     EXPECT_EQ(b.tail, "/x");
 }
 
-TEST(UriAddrPort, EmptyAddressLeavesItsBuffer)
+TEST(UriAddrPort, empty_address_leaves_its_buffer)
 {
     const AddrPort a(":80/x");
     EXPECT_STREQ(a.addr, "#");
@@ -485,7 +485,7 @@ TEST(UriAddrPort, EmptyAddressLeavesItsBuffer)
     EXPECT_STREQ(b.port, "80");
 }
 
-TEST(UriAddrPort, BracketedAddressWithPort)
+TEST(UriAddrPort, bracketed_address_with_port)
 {
     const AddrPort a("[::1]:8080/x");
     EXPECT_STREQ(a.addr, "::1");
@@ -493,7 +493,7 @@ TEST(UriAddrPort, BracketedAddressWithPort)
     EXPECT_EQ(a.tail, "/x");
 }
 
-TEST(UriAddrPort, kept_TailOfABracketedAddressWithoutPortBeginsWithTheBracket)
+TEST(UriAddrPort, kept_tail_of_a_bracketed_address_without_port_begins_with_the_bracket)
 {
     const AddrPort a("[::1]/a");
     EXPECT_STREQ(a.addr, "::1");
@@ -502,7 +502,7 @@ TEST(UriAddrPort, kept_TailOfABracketedAddressWithoutPortBeginsWithTheBracket)
     EXPECT_EQ(AddrPort("[::1]").tail, "]");
 }
 
-TEST(UriAddrPort, OpenBracketIsRefused)
+TEST(UriAddrPort, open_bracket_is_refused)
 {
     for (const char* path : {"[::1/x", "[::1", "[", "[?]", "[/]"}) {
         LogCapture log;
@@ -512,7 +512,7 @@ TEST(UriAddrPort, OpenBracketIsRefused)
     }
 }
 
-TEST(UriAddrPort, NothingButSlashesUpToTheBoundIsRefused)
+TEST(UriAddrPort, nothing_but_slashes_up_to_the_bound_is_refused)
 {
     LogCapture log;
     EXPECT_EQ(AddrPort("///", 3).tail, std::nullopt);
@@ -523,7 +523,7 @@ TEST(UriAddrPort, NothingButSlashesUpToTheBoundIsRefused)
     EXPECT_EQ(AddrPort("").tail, ""); // the bound lies behind the text
 }
 
-TEST(UriAddrPort, EndsBeyondTheBoundAreRefused)
+TEST(UriAddrPort, ends_beyond_the_bound_are_refused)
 {
     LogCapture log;
     EXPECT_EQ(AddrPort("host", 4).tail, "");
@@ -535,7 +535,7 @@ TEST(UriAddrPort, EndsBeyondTheBoundAreRefused)
     EXPECT_EQ(log.lines().size(), 3U);
 }
 
-TEST(UriAddrPort, PartsThatDoNotFitAreRefused)
+TEST(UriAddrPort, parts_that_do_not_fit_are_refused)
 {
     char addr[5] = "#";
     char port[3] = "#";
@@ -547,12 +547,12 @@ TEST(UriAddrPort, PartsThatDoNotFitAreRefused)
     EXPECT_EQ(uri_path_addrport("host:80", URI_PATH_MAX, addr, 0, port, 0), nullptr);
 }
 
-TEST(UriAddrPort, BuffersMayBeNull)
+TEST(UriAddrPort, buffers_may_be_null)
 {
     EXPECT_STREQ(uri_path_addrport("host:80/x", URI_PATH_MAX, nullptr, 0, nullptr, 0), "/x");
 }
 
-TEST(UriSchema, TextThatHasThePrefixIsGivenBack)
+TEST(UriSchema, text_that_has_the_prefix_is_given_back)
 {
     char buf[32] = "#";
     const char* text = "UDP://h";
@@ -561,7 +561,7 @@ TEST(UriSchema, TextThatHasThePrefixIsGivenBack)
     EXPECT_STREQ(buf, "#");
 }
 
-TEST(UriSchema, PrefixIsPutInFront)
+TEST(UriSchema, prefix_is_put_in_front)
 {
     char buf[32];
     EXPECT_EQ(uri_ensure_schema("udp://", "h:1", buf, sizeof buf), buf);
@@ -570,7 +570,7 @@ TEST(UriSchema, PrefixIsPutInFront)
     EXPECT_STREQ(buf, "udp://ud");
 }
 
-TEST(UriSchema, NoRoomGivesE2BIG)
+TEST(UriSchema, no_room_gives_e2big)
 {
     char buf[10] = "#";
     EXPECT_EQ(uri_ensure_schema("udp://", "h:1", buf, 10), buf);

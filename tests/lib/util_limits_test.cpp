@@ -99,7 +99,7 @@ int __wrap_prctl(int option, ...)
 }
 }
 
-TEST_F(UtilLimits, SetVmemLimitChangesTheSoftLimitAlone)
+TEST_F(UtilLimits, set_vmem_limit_changes_the_soft_limit_alone)
 {
     LogCapture log(INFO_level);
     g_kernel.limit = {RLIM_INFINITY, 1000};
@@ -110,7 +110,7 @@ TEST_F(UtilLimits, SetVmemLimitChangesTheSoftLimitAlone)
     EXPECT_EQ(log.text(), "(INF)  set_limit(vmem/9): 500 bytes\n");
 }
 
-TEST_F(UtilLimits, kept_SetRssLimitSetsTheSameResource)
+TEST_F(UtilLimits, kept_set_rss_limit_sets_the_same_resource)
 {
     LogCapture log(INFO_level);
     EXPECT_EQ(MEM_LIMIT, RLIMIT_AS);
@@ -120,7 +120,7 @@ TEST_F(UtilLimits, kept_SetRssLimitSetsTheSameResource)
     EXPECT_EQ(log.text(), "(INF)  set_limit(rss/9): 700 bytes\n");
 }
 
-TEST_F(UtilLimits, SetMemLimitsSetsOnlyTheFirstValue)
+TEST_F(UtilLimits, set_mem_limits_sets_only_the_first_value)
 {
     LogCapture log(INFO_level);
     EXPECT_EQ(set_mem_limits(1, 2), 0);
@@ -129,7 +129,7 @@ TEST_F(UtilLimits, SetMemLimitsSetsOnlyTheFirstValue)
     EXPECT_EQ(log.text(), "(INF)  set_limit(rss/9): 1 bytes\n");
 }
 
-TEST_F(UtilLimits, SetMemLimitsTakesTheSecondWhereTheFirstIsZero)
+TEST_F(UtilLimits, set_mem_limits_takes_the_second_where_the_first_is_zero)
 {
     LogCapture log(INFO_level);
     EXPECT_EQ(set_mem_limits(0, 2), 0);
@@ -140,7 +140,7 @@ TEST_F(UtilLimits, SetMemLimitsTakesTheSecondWhereTheFirstIsZero)
     EXPECT_EQ(g_kernel.set_calls, 1);
 }
 
-TEST_F(UtilLimits, FailuresAreLogged)
+TEST_F(UtilLimits, failures_are_logged)
 {
     LogCapture log(INFO_level);
     g_kernel.fail_get = EINVAL;
@@ -154,7 +154,7 @@ TEST_F(UtilLimits, FailuresAreLogged)
                           "(ERR)  set_limit: setrlimit(9, 6) ERROR(1): Operation not permitted\n");
 }
 
-TEST_F(UtilLimits, ALimitedProcessGetsNoMoreMemory)
+TEST_F(UtilLimits, a_limited_process_gets_no_more_memory)
 {
     g_kernel.fake = false;
     const ChildResult result = run_in_child([] {
@@ -169,7 +169,7 @@ TEST_F(UtilLimits, ALimitedProcessGetsNoMoreMemory)
     EXPECT_EQ(result.exit_code, 0);
 }
 
-TEST_F(UtilLimits, SetUnlimitedCoreLiftsBothLimits)
+TEST_F(UtilLimits, set_unlimited_core_lifts_both_limits)
 {
     LogCapture log(DEBUG_level);
     g_kernel.limit = {0, 4096};
@@ -183,7 +183,7 @@ TEST_F(UtilLimits, SetUnlimitedCoreLiftsBothLimits)
     EXPECT_EQ(log.text(), "(DBG)  set_unlimited_core: current=0/4096\n(DBG)  set_unlimited_core: OK\n");
 }
 
-TEST_F(UtilLimits, SetUnlimitedCoreLeavesWhatIsUnlimited)
+TEST_F(UtilLimits, set_unlimited_core_leaves_what_is_unlimited)
 {
     LogCapture log(DEBUG_level);
     g_kernel.limit = {RLIM_INFINITY, RLIM_INFINITY};
@@ -192,7 +192,7 @@ TEST_F(UtilLimits, SetUnlimitedCoreLeavesWhatIsUnlimited)
     EXPECT_EQ(log.text(), "(DBG)  set_unlimited_core: already set\n");
 }
 
-TEST_F(UtilLimits, SetUnlimitedCoreMakesTheProcessDumpable)
+TEST_F(UtilLimits, set_unlimited_core_makes_the_process_dumpable)
 {
     LogCapture log(INFO_level);
     g_kernel.dumpable = 0;
@@ -202,7 +202,7 @@ TEST_F(UtilLimits, SetUnlimitedCoreMakesTheProcessDumpable)
               "(INF)  set_unlimited_core: process is currently NOT core-dumpable; will enforce\n");
 }
 
-TEST_F(UtilLimits, SetUnlimitedCoreTellsWhatFailed)
+TEST_F(UtilLimits, set_unlimited_core_tells_what_failed)
 {
     LogCapture log(NORM_level);
     g_kernel.fail_set = EPERM;
@@ -221,7 +221,7 @@ TEST_F(UtilLimits, SetUnlimitedCoreTellsWhatFailed)
               "(ERR)  set_unlimited_core: prctl(PR_SET_DUMPABLE, 1) ERROR(1): Operation not permitted\n");
 }
 
-TEST_F(UtilLimits, ARealProcessBecomesDumpableWithoutALimit)
+TEST_F(UtilLimits, a_real_process_becomes_dumpable_without_a_limit)
 {
     g_kernel.fake = false;
     const ChildResult result = run_in_child([] {

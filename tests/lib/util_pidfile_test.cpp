@@ -98,7 +98,7 @@ int __wrap_fstat(int fd, struct stat* st)
 }
 }
 
-TEST(UtilPidfile, HoldsThePidInDecimalWithoutALineEnd)
+TEST(UtilPidfile, holds_the_pid_in_decimal_without_a_line_end)
 {
     TempDir dir;
     const std::string path = dir.path("p.pid");
@@ -111,7 +111,7 @@ TEST(UtilPidfile, HoldsThePidInDecimalWithoutALineEnd)
     EXPECT_EQ(st.st_mode & 07777, 0644 & ~mask);
 }
 
-TEST(UtilPidfile, AnOldFileIsReplacedAsAWhole)
+TEST(UtilPidfile, an_old_file_is_replaced_as_a_whole)
 {
     TempDir dir;
     dir.write("p.pid", "1234567890");
@@ -119,7 +119,7 @@ TEST(UtilPidfile, AnOldFileIsReplacedAsAWhole)
     EXPECT_EQ(dir.read("p.pid"), "42");
 }
 
-TEST(UtilPidfile, TellsTheInode)
+TEST(UtilPidfile, tells_the_inode)
 {
     TempDir dir;
     FdGuard guard;
@@ -138,7 +138,7 @@ TEST(UtilPidfile, TellsTheInode)
     EXPECT_EQ(inode, st.st_ino);
 }
 
-TEST(UtilPidfile, ASecondInstanceFailsAtTheLockAndLeavesTheFile)
+TEST(UtilPidfile, a_second_instance_fails_at_the_lock_and_leaves_the_file)
 {
     FdGuard guard;
     TempDir dir;
@@ -152,7 +152,7 @@ TEST(UtilPidfile, ASecondInstanceFailsAtTheLockAndLeavesTheFile)
     EXPECT_EQ(dir.read("p.pid"), "4242");
 }
 
-TEST(UtilPidfile, HushedTheLockMessageIsShort)
+TEST(UtilPidfile, hushed_the_lock_message_is_short)
 {
     FdGuard guard;
     TempDir dir;
@@ -161,7 +161,7 @@ TEST(UtilPidfile, HushedTheLockMessageIsShort)
               "-1;11;0;(ERR)  Another instance is already running\n");
 }
 
-TEST(UtilPidfile, TheLockEndsWithItsProcess)
+TEST(UtilPidfile, the_lock_ends_with_its_process)
 {
     TempDir dir;
     const std::string path = dir.path("p.pid");
@@ -173,7 +173,7 @@ TEST(UtilPidfile, TheLockEndsWithItsProcess)
     EXPECT_EQ(dir.read("p.pid"), "8");
 }
 
-TEST(UtilPidfile, AnotherLockErrorIsToldAsItIs)
+TEST(UtilPidfile, another_lock_error_is_told_as_it_is)
 {
     TempDir dir;
     dir.write("p.pid", "old");
@@ -184,7 +184,7 @@ TEST(UtilPidfile, AnotherLockErrorIsToldAsItIs)
     EXPECT_EQ(dir.read("p.pid"), "old");
 }
 
-TEST(UtilPidfile, BothErrorsOfALockedFileMeanAnotherInstance)
+TEST(UtilPidfile, both_errors_of_a_locked_file_mean_another_instance)
 {
     TempDir dir;
     dir.write("p.pid", "old");
@@ -197,7 +197,7 @@ TEST(UtilPidfile, BothErrorsOfALockedFileMeanAnotherInstance)
     EXPECT_EQ(dir.read("p.pid"), "old");
 }
 
-TEST(UtilPidfile, AnEmptyPathFailsWithoutTouchingAFile)
+TEST(UtilPidfile, an_empty_path_fails_without_touching_a_file)
 {
     TempDir dir;
     const std::string seen = run_in_child([&] {
@@ -212,14 +212,14 @@ TEST(UtilPidfile, AnEmptyPathFailsWithoutTouchingAFile)
     EXPECT_EQ(outcome("", 7, CPFX_HUSH), "-1;0;0;(ERR)  create_pidfile_extra: no path specified\n");
 }
 
-TEST(UtilPidfile, APathThatCannotBeOpenedIsLoggedByTheOpen)
+TEST(UtilPidfile, a_path_that_cannot_be_opened_is_logged_by_the_open)
 {
     EXPECT_EQ(outcome("/nonexistent/p.pid", 7, 0),
               "-1;2;0;(ERR)  create_pidfile_extra: open('/nonexistent/p.pid', 321, 0x1a4) ERROR(2): "
               "No such file or directory\n");
 }
 
-TEST(UtilPidfile, AFileThatCannotBeEmptiedFails)
+TEST(UtilPidfile, a_file_that_cannot_be_emptied_fails)
 {
     const std::string seen = outcome("/dev/null", 7, 0);
     EXPECT_EQ(seen.substr(0, 7), "-1;22;0") << seen;
@@ -227,7 +227,7 @@ TEST(UtilPidfile, AFileThatCannotBeEmptiedFails)
     EXPECT_NE(seen.find("failed to create pidfile [/dev/null] with pid=7.\n"), std::string::npos) << seen;
 }
 
-TEST(UtilPidfile, AFailedOrShortWriteFails)
+TEST(UtilPidfile, a_failed_or_short_write_fails)
 {
     TempDir dir;
     const std::string path = dir.path("p.pid");
@@ -247,7 +247,7 @@ TEST(UtilPidfile, AFailedOrShortWriteFails)
     EXPECT_EQ(dir.read("p.pid"), "12");
 }
 
-TEST(UtilPidfile, AFailedFstatIsLoggedAndFails)
+TEST(UtilPidfile, a_failed_fstat_is_logged_and_fails)
 {
     TempDir dir;
     ino_t inode = 0;
@@ -259,7 +259,7 @@ TEST(UtilPidfile, AFailedFstatIsLoggedAndFails)
     EXPECT_NE(seen.find(",..) ERROR(5): Input/output error\n"), std::string::npos) << seen;
 }
 
-TEST(UtilPidfile, NoPathOrNoPidIsAnAssertion)
+TEST(UtilPidfile, no_path_or_no_pid_is_an_assertion)
 {
     for (const pid_t pid : {0, -1, 1}) {
         const ChildResult result = run_in_child([&] {
@@ -272,7 +272,7 @@ TEST(UtilPidfile, NoPathOrNoPidIsAnAssertion)
     }
 }
 
-TEST(UtilPidfileName, TheFormDependsOnTheId)
+TEST(UtilPidfileName, the_form_depends_on_the_id)
 {
     char buf[128];
     EXPECT_EQ(mk_pidfile_name("/tmp", "app", "eth0", -1, buf, sizeof buf), buf);
@@ -285,7 +285,7 @@ TEST(UtilPidfileName, TheFormDependsOnTheId)
     EXPECT_STREQ(buf, "/tmp/app--1.pid");
 }
 
-TEST(UtilPidfileName, FitsWithItsTerminatorOrGivesNull)
+TEST(UtilPidfileName, fits_with_its_terminator_or_gives_null)
 {
     LogCapture log;
     char buf[18];
@@ -298,7 +298,7 @@ TEST(UtilPidfileName, FitsWithItsTerminatorOrGivesNull)
                      "(ERR)  mk_pidfile_name: 17 bytes needed for filename, only 0 available."}));
 }
 
-TEST(UtilPidfileName, ADirectoryThatIsNotWritableGivesNull)
+TEST(UtilPidfileName, a_directory_that_is_not_writable_gives_null)
 {
     LogCapture log;
     char buf[64];

@@ -151,7 +151,7 @@ int __wrap_setgid(gid_t gid)
 }
 }
 
-TEST(UtilDaemon, LivesInASessionOfItsOwnThatItDoesNotLead)
+TEST(UtilDaemon, lives_in_a_session_of_its_own_that_it_does_not_lead)
 {
     const pid_t session = getsid(0);
     ChildResult direct;
@@ -168,7 +168,7 @@ TEST(UtilDaemon, LivesInASessionOfItsOwnThatItDoesNotLead)
     EXPECT_EQ(direct.exit_code, 0); // the parent ends well, and does not come back
 }
 
-TEST(UtilDaemon, kept_WorksInTheRootWithACleanUmaskAndWithoutStdinAndStdout)
+TEST(UtilDaemon, kept_works_in_the_root_with_a_clean_umask_and_without_stdin_and_stdout)
 {
     const std::string report = report_of([](int fd) {
         umask(077);
@@ -180,7 +180,7 @@ TEST(UtilDaemon, kept_WorksInTheRootWithACleanUmaskAndWithoutStdinAndStdout)
     EXPECT_EQ(report, "/;0;-1;-1;0");
 }
 
-TEST(UtilDaemon, ALogOnStdoutMovesToStderr)
+TEST(UtilDaemon, a_log_on_stdout_moves_to_stderr)
 {
     const std::string report = report_of([](int fd) {
         log_default(&g_log, stdout);
@@ -191,7 +191,7 @@ TEST(UtilDaemon, ALogOnStdoutMovesToStderr)
     EXPECT_EQ(report, "1");
 }
 
-TEST(UtilDaemon, ALogOnAnyStreamOfDescriptor2MovesToStderr)
+TEST(UtilDaemon, a_log_on_any_stream_of_descriptor_2_moves_to_stderr)
 {
     const std::string report = report_of([](int fd) {
         log_default(&g_log, fdopen(STDERR_FILENO, "w"));
@@ -202,7 +202,7 @@ TEST(UtilDaemon, ALogOnAnyStreamOfDescriptor2MovesToStderr)
     EXPECT_EQ(report, "1");
 }
 
-TEST(UtilDaemon, ALogOnAFileStays)
+TEST(UtilDaemon, a_log_on_a_file_stays)
 {
     TempDir dir;
     const std::string report = report_of([&](int fd) {
@@ -216,7 +216,7 @@ TEST(UtilDaemon, ALogOnAFileStays)
     EXPECT_EQ(report, "0;1");
 }
 
-TEST(UtilDaemon, AClosedLogAndALogWithoutDescriptorStay)
+TEST(UtilDaemon, a_closed_log_and_a_log_without_descriptor_stay)
 {
     EXPECT_EQ(report_of([](int fd) {
                   g_log.fp = nullptr;
@@ -235,7 +235,7 @@ TEST(UtilDaemon, AClosedLogAndALogWithoutDescriptorStay)
               "0;1");
 }
 
-TEST(UtilDaemon, AFailedForkIsTheResult)
+TEST(UtilDaemon, a_failed_fork_is_the_result)
 {
     ChildResult direct;
     const std::string report = report_of(
@@ -259,7 +259,7 @@ TEST(UtilDaemon, AFailedForkIsTheResult)
               "-1;0");
 }
 
-TEST(UtilDaemon, AFailedSessionOrDirectoryIsLoggedWithItsStep)
+TEST(UtilDaemon, a_failed_session_or_directory_is_logged_with_its_step)
 {
     EXPECT_EQ(report_of([](int fd) {
                   LogCapture log;
@@ -280,7 +280,7 @@ TEST(UtilDaemon, AFailedSessionOrDirectoryIsLoggedWithItsStep)
               "-1;2;(ERR)  daemonize: failed at chdir, ERROR(2): No such file or directory\n");
 }
 
-TEST(UtilDaemon, ADaemonHoldsItsPidFileToItsEnd)
+TEST(UtilDaemon, a_daemon_holds_its_pid_file_to_its_end)
 {
     TempDir dir;
     const std::string path = dir.path("pid");
@@ -319,7 +319,7 @@ TEST(UtilDaemon, ADaemonHoldsItsPidFileToItsEnd)
     EXPECT_EQ(dir.read("pid"), "1234");
 }
 
-TEST(UtilUser, RunAsUserBecomesTheUserAndHisGroup)
+TEST(UtilUser, run_as_user_becomes_the_user_and_his_group)
 {
     if (!is_root()) {
         GTEST_SKIP() << "skipped: needs root";
@@ -342,7 +342,7 @@ TEST(UtilUser, RunAsUserBecomesTheUserAndHisGroup)
     EXPECT_EQ(result.out, "0;1;1;");
 }
 
-TEST(UtilUser, kept_RunAsUserLeavesSupplementaryGroups)
+TEST(UtilUser, kept_run_as_user_leaves_supplementary_groups)
 {
     if (!is_root()) {
         GTEST_SKIP() << "skipped: needs root";
@@ -359,14 +359,14 @@ TEST(UtilUser, kept_RunAsUserLeavesSupplementaryGroups)
     EXPECT_EQ(result.out, "0;2;11;22");
 }
 
-TEST(UtilUser, AnUnknownUserIsLogged)
+TEST(UtilUser, an_unknown_user_is_logged)
 {
     LogCapture log;
     EXPECT_EQ(run_as_user("no-such-user-here"), -1);
     EXPECT_EQ(log.lines(), Lines{"(ERR)  run_as_user: getpwnam: user no-such-user-here not found"});
 }
 
-TEST(UtilUser, AnErrorFromBeforeIsNotTakenForOneOfTheLookUp)
+TEST(UtilUser, an_error_from_before_is_not_taken_for_one_of_the_look_up)
 {
     LogCapture log;
     g_no_user = true;
@@ -376,7 +376,7 @@ TEST(UtilUser, AnErrorFromBeforeIsNotTakenForOneOfTheLookUp)
     EXPECT_EQ(log.text(), "(ERR)  run_as_user: getpwnam: user somebody not found\n");
 }
 
-TEST(UtilUser, AFailedLookUpIsLoggedWithItsError)
+TEST(UtilUser, a_failed_look_up_is_logged_with_its_error)
 {
     LogCapture log;
     g_fail_getpwnam = true;
@@ -385,7 +385,7 @@ TEST(UtilUser, AFailedLookUpIsLoggedWithItsError)
     EXPECT_EQ(log.lines(), Lines{"(ERR)  run_as_user: getpwnam(somebody): Input/output error"});
 }
 
-TEST(UtilUser, RunAsUserIdFailsWithoutALine)
+TEST(UtilUser, run_as_user_id_fails_without_a_line)
 {
     if (!is_root()) {
         GTEST_SKIP() << "skipped: needs root";
@@ -402,7 +402,7 @@ TEST(UtilUser, RunAsUserIdFailsWithoutALine)
     EXPECT_EQ(result.out, "0;-1;1;-1;3;");
 }
 
-TEST(UtilDir, GotoRuntimeDirTakesTheSavedDirectory)
+TEST(UtilDir, goto_runtime_dir_takes_the_saved_directory)
 {
     TempDir dir;
     const ChildResult result = run_in_child([&] {
@@ -413,7 +413,7 @@ TEST(UtilDir, GotoRuntimeDirTakesTheSavedDirectory)
     EXPECT_EQ(result.out, "0;" + dir.path());
 }
 
-TEST(UtilDir, WithoutASavedDirectoryTheHomeServes)
+TEST(UtilDir, without_a_saved_directory_the_home_serves)
 {
     TempDir dir;
     const std::string home = dir.path();
@@ -428,7 +428,7 @@ TEST(UtilDir, WithoutASavedDirectoryTheHomeServes)
     EXPECT_EQ(result.out, "0;" + home);
 }
 
-TEST(UtilDir, kept_OnlyEpermFallsBackToTheHome)
+TEST(UtilDir, kept_only_eperm_falls_back_to_the_home)
 {
     TempDir dir;
     const std::string home = dir.path();
@@ -451,7 +451,7 @@ TEST(UtilDir, kept_OnlyEpermFallsBackToTheHome)
     }
 }
 
-TEST(UtilDir, ADirectoryThatMayNotBeEnteredIsNoFallBack)
+TEST(UtilDir, a_directory_that_may_not_be_entered_is_no_fall_back)
 {
     if (!is_root()) {
         GTEST_SKIP() << "skipped: needs root";
@@ -470,7 +470,7 @@ TEST(UtilDir, ADirectoryThatMayNotBeEnteredIsNoFallBack)
     EXPECT_EQ(result.out, "-1;(ERR)  chdir(" + dir.path("closed") + ") ERROR(13): Permission denied\n");
 }
 
-TEST(UtilDir, AnUnknownUserHasNoHome)
+TEST(UtilDir, an_unknown_user_has_no_home)
 {
     if (!is_root()) {
         GTEST_SKIP() << "skipped: needs root";
@@ -487,7 +487,7 @@ TEST(UtilDir, AnUnknownUserHasNoHome)
     EXPECT_EQ(result.out, "-1;(ERR)  getpwuid(54321) ERROR(0): Success\n");
 }
 
-TEST(UtilDir, AHomeThatIsMissingIsLogged)
+TEST(UtilDir, a_home_that_is_missing_is_logged)
 {
     const ChildResult result = run_in_child([] {
         LogCapture log;
@@ -502,7 +502,7 @@ TEST(UtilDir, AHomeThatIsMissingIsLogged)
     EXPECT_EQ(result.out, "-1;(ERR)  chdir(/nonexistent/home) ERROR(2): No such file or directory\n");
 }
 
-TEST(UtilPriority, kept_ANewNiceValueIsLoggedAsAnError)
+TEST(UtilPriority, kept_a_new_nice_value_is_logged_as_an_error)
 {
     const ChildResult result = run_in_child([] {
         LogCapture log(INFO_level);
@@ -521,7 +521,7 @@ TEST(UtilPriority, kept_ANewNiceValueIsLoggedAsAnError)
     EXPECT_EQ(result.out, "0;5;5;0;(INF)  nice value adjusted by 0.\n(ERR)  nice(5) ERROR(0): Success\n");
 }
 
-TEST(UtilPriority, ARefusedNiceValueKeepsErrno)
+TEST(UtilPriority, a_refused_nice_value_keeps_errno)
 {
     if (!is_root()) {
         GTEST_SKIP() << "skipped: needs root";
@@ -536,7 +536,7 @@ TEST(UtilPriority, ARefusedNiceValueKeepsErrno)
     EXPECT_EQ(result.out, "-1;1;(ERR)  nice(-1) ERROR(1): Operation not permitted\n");
 }
 
-TEST(UtilPriority, Pin2cpuBindsToOneCpu)
+TEST(UtilPriority, pin2cpu_binds_to_one_cpu)
 {
     const ChildResult result = run_in_child([] {
         cpu_set_t allowed;
@@ -554,7 +554,7 @@ TEST(UtilPriority, Pin2cpuBindsToOneCpu)
     EXPECT_EQ(result.out, "0;1;1");
 }
 
-TEST(UtilPriority, Pin2cpuOfANumberOutsideTheSetIsRefused)
+TEST(UtilPriority, pin2cpu_of_a_number_outside_the_set_is_refused)
 {
     const ChildResult result = run_in_child([] {
         for (const int number : {1024, 1023, -1, INT_MAX}) {
@@ -567,7 +567,7 @@ TEST(UtilPriority, Pin2cpuOfANumberOutsideTheSetIsRefused)
     EXPECT_EQ(result.out, "-1;22 -1;22 -1;22 -1;22 ");
 }
 
-TEST(UtilSignal, HandleQuitSignalsInstallsForAllThree)
+TEST(UtilSignal, handle_quit_signals_installs_for_all_three)
 {
     const ChildResult result = run_in_child([] {
         LogCapture log;
@@ -585,7 +585,7 @@ TEST(UtilSignal, HandleQuitSignalsInstallsForAllThree)
     EXPECT_EQ(result.out, "0;1,0,1;1,0,1;1,0,1;");
 }
 
-TEST(UtilSignal, HandleQuitSignalsStopsAtTheFirstFailure)
+TEST(UtilSignal, handle_quit_signals_stops_at_the_first_failure)
 {
     const ChildResult result = run_in_child([] {
         LogCapture log;
@@ -605,7 +605,7 @@ TEST(UtilSignal, HandleQuitSignalsStopsAtTheFirstFailure)
               "-1;22;1;0;(ERR)  handle_quit_signals: sigaction (quit) ERROR(22): Invalid argument\n");
 }
 
-TEST(UtilSignal, HandleSigInstallsOneOrLogs)
+TEST(UtilSignal, handle_sig_installs_one_or_logs)
 {
     const ChildResult result = run_in_child([] {
         LogCapture log;
@@ -618,7 +618,7 @@ TEST(UtilSignal, HandleSigInstallsOneOrLogs)
     EXPECT_EQ(result.out, "0;1;-1;22;(ERR)  handle_sig: sigaction (signo=9) ERROR(22): Invalid argument\n");
 }
 
-TEST(UtilSignal, IgnoreSigpipeTurnsTheSignalIntoAnError)
+TEST(UtilSignal, ignore_sigpipe_turns_the_signal_into_an_error)
 {
     const ChildResult result = run_in_child([] {
         LogCapture log;
@@ -640,7 +640,7 @@ TEST(UtilSignal, IgnoreSigpipeTurnsTheSignalIntoAnError)
               "0;-1;32;-1;(ERR)  ignore_sigpipe: sigaction (SIGPIPE) ERROR(22): Invalid argument\n");
 }
 
-TEST(UtilSignal, kept_TheHandlersSetTheirFlagsAndLog)
+TEST(UtilSignal, kept_the_handlers_set_their_flags_and_log)
 {
     const ChildResult result = run_in_child([] {
         LogCapture log;
@@ -667,7 +667,7 @@ TEST(UtilSignal, kept_TheHandlersSetTheirFlagsAndLog)
                           "(NRM)  QUIT-SIG(15)\n(NRM)  QUIT-SIG(2)\n");
 }
 
-TEST(UtilSignal, TheHandlersLogInSignalContextAndKeepErrno)
+TEST(UtilSignal, the_handlers_log_in_signal_context_and_keep_errno)
 {
     const ChildResult result = run_in_child([] {
         static std::string contexts;
@@ -692,7 +692,7 @@ TEST(UtilSignal, TheHandlersLogInSignalContextAndKeepErrno)
     EXPECT_EQ(result.out, "101 101 101 ");
 }
 
-TEST(UtilGetopt, ResetLetsGetoptStartAnew)
+TEST(UtilGetopt, reset_lets_getopt_start_anew)
 {
     char program[] = "p";
     char first[] = "-a";

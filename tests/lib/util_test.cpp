@@ -110,7 +110,7 @@ ssize_t __wrap_sendto(int fd, const void* buf, size_t len, int flags, const sock
 }
 }
 
-TEST(UtilPath, GetBaseIsTheTextBehindTheLastSlash)
+TEST(UtilPath, get_base_is_the_text_behind_the_last_slash)
 {
     EXPECT_STREQ(get_base("a/b/"), "");
     EXPECT_STREQ(get_base("/x"), "x");
@@ -119,7 +119,7 @@ TEST(UtilPath, GetBaseIsTheTextBehindTheLastSlash)
     EXPECT_STREQ(get_base("/usr//local/bin/zent"), "zent");
 }
 
-TEST(UtilPath, ReplaceDirPutsTheBaseNameUnderTheDirectory)
+TEST(UtilPath, replace_dir_puts_the_base_name_under_the_directory)
 {
     bool ok = false;
     EXPECT_EQ(replaced("/etc/a.conf", "/run/x", 64, ok), "/run/x/a.conf");
@@ -128,7 +128,7 @@ TEST(UtilPath, ReplaceDirPutsTheBaseNameUnderTheDirectory)
     EXPECT_EQ(replaced("a.conf", "d/", 64, ok), "d//a.conf");
 }
 
-TEST(UtilPath, ReplaceDirFitsWithItsTerminatorOrGivesNull)
+TEST(UtilPath, replace_dir_fits_with_its_terminator_or_gives_null)
 {
     LogCapture log;
     bool ok = false;
@@ -142,7 +142,7 @@ TEST(UtilPath, ReplaceDirFitsWithItsTerminatorOrGivesNull)
                                   "(ERR)  replace_dir: 1 characters required, 0 afforded"}));
 }
 
-TEST(UtilPath, FmodeStrNamesEachType)
+TEST(UtilPath, fmode_str_names_each_type)
 {
     EXPECT_STREQ(fmode_str(S_IFREG | 0644), "FILE");
     EXPECT_STREQ(fmode_str(S_IFSOCK), "SOCK");
@@ -154,7 +154,7 @@ TEST(UtilPath, FmodeStrNamesEachType)
     EXPECT_STREQ(fmode_str(0777), "{???}");
 }
 
-TEST(UtilPath, GetStatModeTellsTheTypeOfADescriptor)
+TEST(UtilPath, get_stat_mode_tells_the_type_of_a_descriptor)
 {
     FdGuard guard;
     int ends[2];
@@ -166,7 +166,7 @@ TEST(UtilPath, GetStatModeTellsTheTypeOfADescriptor)
     close(ends[1]);
 }
 
-TEST(UtilPath, GetStatModeOfABadDescriptorEndsTheProcess)
+TEST(UtilPath, get_stat_mode_of_a_bad_descriptor_ends_the_process)
 {
     const ChildResult result = run_in_child([] {
         log_default(&g_log, stderr);
@@ -179,7 +179,7 @@ TEST(UtilPath, GetStatModeOfABadDescriptorEndsTheProcess)
     EXPECT_EQ(result.err, "(ERR)  get_stat_mode: FAILED to retrieve mode for fd=-1: Bad file descriptor\n");
 }
 
-TEST(UtilPath, FopenAnyOpensInTheFirstDirectoryThatHasTheFile)
+TEST(UtilPath, fopen_any_opens_in_the_first_directory_that_has_the_file)
 {
     FdGuard guard;
     TempDir dir;
@@ -203,7 +203,7 @@ TEST(UtilPath, FopenAnyOpensInTheFirstDirectoryThatHasTheFile)
                                   "(DBG)  fopen_any: opened [" + two + "f]"}));
 }
 
-TEST(UtilPath, FopenAnyEmptiesThePathWhereNothingOpens)
+TEST(UtilPath, fopen_any_empties_the_path_where_nothing_opens)
 {
     TempDir dir;
     const char* dirs[] = {dir.path().c_str(), nullptr, "/"};
@@ -213,7 +213,7 @@ TEST(UtilPath, FopenAnyEmptiesThePathWhereNothingOpens)
     EXPECT_STREQ(path, "");
 }
 
-TEST(UtilPath, FopenAnyOfNoDirectoriesEmptiesThePath)
+TEST(UtilPath, fopen_any_of_no_directories_empties_the_path)
 {
     const char* dirs[] = {"/"};
     char path[8] = "old";
@@ -222,7 +222,7 @@ TEST(UtilPath, FopenAnyOfNoDirectoriesEmptiesThePath)
     EXPECT_EQ(fopen_any("f", "r", 0, dirs, path, 0), nullptr);
 }
 
-TEST(UtilPath, FopenAnyGivesUpAtAPathThatDoesNotFit)
+TEST(UtilPath, fopen_any_gives_up_at_a_path_that_does_not_fit)
 {
     FdGuard guard;
     TempDir dir;
@@ -234,7 +234,7 @@ TEST(UtilPath, FopenAnyGivesUpAtAPathThatDoesNotFit)
     EXPECT_STREQ(path, "");
 }
 
-TEST(UtilPath, FopenAnyUsesTheWholeBuffer)
+TEST(UtilPath, fopen_any_uses_the_whole_buffer)
 {
     FdGuard guard;
     TempDir dir;
@@ -248,7 +248,7 @@ TEST(UtilPath, FopenAnyUsesTheWholeBuffer)
     fclose(fp);
 }
 
-TEST(UtilPath, PickFirstFileTakesTheFirstThatExists)
+TEST(UtilPath, pick_first_file_takes_the_first_that_exists)
 {
     const char* paths[] = {"/nonexistent/a", "/proc/self/status", "/"};
     EXPECT_EQ(pick_first_file(paths, 3), paths[1]);
@@ -256,7 +256,7 @@ TEST(UtilPath, PickFirstFileTakesTheFirstThatExists)
     EXPECT_EQ(pick_first_file(paths, 0), nullptr);
 }
 
-TEST(UtilFile, ReadFileBufReadsTheWholeFile)
+TEST(UtilFile, read_file_buf_reads_the_whole_file)
 {
     FdGuard guard;
     TempDir dir;
@@ -268,7 +268,7 @@ TEST(UtilFile, ReadFileBufReadsTheWholeFile)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(UtilFile, ReadFileBufOfAnEmptyFileIsZero)
+TEST(UtilFile, read_file_buf_of_an_empty_file_is_zero)
 {
     TempDir dir;
     dir.write("f", "");
@@ -276,7 +276,7 @@ TEST(UtilFile, ReadFileBufOfAnEmptyFileIsZero)
     EXPECT_EQ(read_file_buf(dir.path("f").c_str(), buf, 0), 0);
 }
 
-TEST(UtilFile, ReadFileBufRefusesAFileAboveTheBuffer)
+TEST(UtilFile, read_file_buf_refuses_a_file_above_the_buffer)
 {
     FdGuard guard;
     TempDir dir;
@@ -289,7 +289,7 @@ TEST(UtilFile, ReadFileBufRefusesAFileAboveTheBuffer)
               Lines{"(ERR)  read_file_buf: file size (5 bytes) is too big for buffer (4 bytes)"});
 }
 
-TEST(UtilFile, ReadFileBufOfAMissingFileLogsTheOpen)
+TEST(UtilFile, read_file_buf_of_a_missing_file_logs_the_open)
 {
     LogCapture log;
     char buf[4];
@@ -299,7 +299,7 @@ TEST(UtilFile, ReadFileBufOfAMissingFileLogsTheOpen)
                                  "file or directory"});
 }
 
-TEST(UtilFile, ReadFileBufOfADirectoryLogsTheRead)
+TEST(UtilFile, read_file_buf_of_a_directory_logs_the_read)
 {
     FdGuard guard;
     LogCapture log;
@@ -310,7 +310,7 @@ TEST(UtilFile, ReadFileBufOfADirectoryLogsTheRead)
     EXPECT_NE(log.text().find("ERROR(21): Is a directory"), std::string::npos) << log.text();
 }
 
-TEST(UtilFile, ReadFileBufTellsOfFewerBytesThanTheSize)
+TEST(UtilFile, read_file_buf_tells_of_fewer_bytes_than_the_size)
 {
     const char* path = "/sys/kernel/uevent_seqnum"; // such a file claims a page
     if (access(path, R_OK) != 0) {
@@ -325,7 +325,7 @@ TEST(UtilFile, ReadFileBufTellsOfFewerBytesThanTheSize)
     EXPECT_NE(log.text().find("/4096\n"), std::string::npos) << log.text();
 }
 
-TEST(UtilFile, FileToDestSendsTheFileAsOneDatagram)
+TEST(UtilFile, file_to_dest_sends_the_file_as_one_datagram)
 {
     FdGuard guard;
     TempDir dir;
@@ -338,7 +338,7 @@ TEST(UtilFile, FileToDestSendsTheFileAsOneDatagram)
     }
 }
 
-TEST(UtilFile, FileToDestRefusesEmptyAndTooLongFiles)
+TEST(UtilFile, file_to_dest_refuses_empty_and_too_long_files)
 {
     FdGuard guard;
     TempDir dir;
@@ -354,7 +354,7 @@ TEST(UtilFile, FileToDestRefusesEmptyAndTooLongFiles)
     EXPECT_EQ(file_to_dest("127.0.0.1", receiver.port(), dir.path("none").c_str()), -1);
 }
 
-TEST(UtilFile, FileToDestFailsWhereNoSocketOpens)
+TEST(UtilFile, file_to_dest_fails_where_no_socket_opens)
 {
     FdGuard guard;
     TempDir dir;
@@ -365,7 +365,7 @@ TEST(UtilFile, FileToDestFailsWhereNoSocketOpens)
     EXPECT_EQ(log.lines().size(), 2U) << log.text();
 }
 
-TEST(UtilFile, FileToDestFailsWhereTheDatagramIsRefused)
+TEST(UtilFile, file_to_dest_fails_where_the_datagram_is_refused)
 {
     FdGuard guard;
     TempDir dir;
@@ -376,7 +376,7 @@ TEST(UtilFile, FileToDestFailsWhereTheDatagramIsRefused)
     EXPECT_NE(log.text().find("file_to_dest: sendto("), std::string::npos) << log.text();
 }
 
-TEST(UtilOutput, RedirectOutputTakesStdoutAndStderr)
+TEST(UtilOutput, redirect_output_takes_stdout_and_stderr)
 {
     TempDir dir;
     dir.write("out", "");
@@ -394,7 +394,7 @@ TEST(UtilOutput, RedirectOutputTakesStdoutAndStderr)
     EXPECT_EQ(dir.read("out"), "to stdout;to stderr;");
 }
 
-TEST(UtilOutput, RedirectOutputServesADaemonWithoutStdinAndStdout)
+TEST(UtilOutput, redirect_output_serves_a_daemon_without_stdin_and_stdout)
 {
     TempDir dir;
     dir.write("out", "");
@@ -410,7 +410,7 @@ TEST(UtilOutput, RedirectOutputServesADaemonWithoutStdinAndStdout)
     EXPECT_EQ(dir.read("out"), "0;-1;");
 }
 
-TEST(UtilOutput, RedirectOutputKeepsAFileThatOpensAsStdout)
+TEST(UtilOutput, redirect_output_keeps_a_file_that_opens_as_stdout)
 {
     TempDir dir;
     dir.write("out", "");
@@ -425,7 +425,7 @@ TEST(UtilOutput, RedirectOutputKeepsAFileThatOpensAsStdout)
     EXPECT_EQ(dir.read("out"), "0;x;");
 }
 
-TEST(UtilOutput, RedirectOutputDoesNotCreateThePath)
+TEST(UtilOutput, redirect_output_does_not_create_the_path)
 {
     FdGuard guard;
     TempDir dir;
@@ -435,7 +435,7 @@ TEST(UtilOutput, RedirectOutputDoesNotCreateThePath)
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST(UtilOutput, RedirectOutputTellsWhichDuplicationFailed)
+TEST(UtilOutput, redirect_output_tells_which_duplication_failed)
 {
     FdGuard guard;
     LogCapture log(NORM_level);
@@ -452,7 +452,7 @@ TEST(UtilOutput, RedirectOutputTellsWhichDuplicationFailed)
     EXPECT_EQ(log.lines().size(), 2U) << log.text();
 }
 
-TEST(UtilText, TagIndexIgnoresCase)
+TEST(UtilText, tag_index_ignores_case)
 {
     const char* tags[] = {"alpha", "Beta", "GAMMA", nullptr};
     EXPECT_EQ(tag_index("alpha", tags), 0);
@@ -464,7 +464,7 @@ TEST(UtilText, TagIndexIgnoresCase)
     EXPECT_EQ(tag_index("alpha", none), -1);
 }
 
-TEST(UtilText, CpyTillStopsAtTheFirstDelimiter)
+TEST(UtilText, cpy_till_stops_at_the_first_delimiter)
 {
     EXPECT_EQ(cut("key=value;x", "=;", 32), "key");
     EXPECT_EQ(cut("key=value;x", ";", 32), "key=value");
@@ -474,7 +474,7 @@ TEST(UtilText, CpyTillStopsAtTheFirstDelimiter)
     EXPECT_EQ(cut("", "=", 32), "");
 }
 
-TEST(UtilText, CpyTillNeverLeavesTheBuffer)
+TEST(UtilText, cpy_till_never_leaves_the_buffer)
 {
     EXPECT_EQ(cut("abcdef", "", 7), "abcdef");
     EXPECT_EQ(cut("abcdef", "", 6), "abcde");
@@ -483,7 +483,7 @@ TEST(UtilText, CpyTillNeverLeavesTheBuffer)
     cut("abcdef", "", 0); // writes nothing at all
 }
 
-TEST(UtilText, ClosePipeClosesWhatIsOpen)
+TEST(UtilText, close_pipe_closes_what_is_open)
 {
     FdGuard guard;
     LogCapture log;
@@ -499,7 +499,7 @@ TEST(UtilText, ClosePipeClosesWhatIsOpen)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(UtilText, ClosePipeClosesDescriptor0)
+TEST(UtilText, close_pipe_closes_descriptor_0)
 {
     const auto result = run_in_child([] {
         int ends[2] = {STDIN_FILENO, -1};
@@ -508,7 +508,7 @@ TEST(UtilText, ClosePipeClosesDescriptor0)
     EXPECT_EQ(result.exit_code, 0);
 }
 
-TEST(UtilText, ClosePipeStopsAtTheFirstFailure)
+TEST(UtilText, close_pipe_stops_at_the_first_failure)
 {
     FdGuard guard;
     LogCapture log;

@@ -148,7 +148,7 @@ ssize_t __wrap_read(int fd, void* buf, size_t count)
 }
 }
 
-TEST(WebSend, RequestWordForWord)
+TEST(WebSend, request_word_for_word)
 {
     const FdGuard fds;
     LogCapture log;
@@ -157,7 +157,7 @@ TEST(WebSend, RequestWordForWord)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(WebSend, FlagsChooseVersionAndConnection)
+TEST(WebSend, flags_choose_version_and_connection)
 {
     EXPECT_EQ(sent_by({RQTYPE_GET, RQFLAG_HTTP10_GET, "/", "t", "h", nullptr}),
               request_text("/ HTTP/1.0", "h", "close", "t"));
@@ -167,7 +167,7 @@ TEST(WebSend, FlagsChooseVersionAndConnection)
               request_text("/ HTTP/1.0", "h", "keep-alive", "t"));
 }
 
-TEST(WebSend, LeadingSlashIsAddedWhereThereIsNone)
+TEST(WebSend, leading_slash_is_added_where_there_is_none)
 {
     EXPECT_EQ(sent_by({RQTYPE_GET, 0, "a", "t", "h", nullptr}),
               request_text("/a HTTP/1.1", "h", "close", "t"));
@@ -176,7 +176,7 @@ TEST(WebSend, LeadingSlashIsAddedWhereThereIsNone)
               request_text("//a HTTP/1.1", "h", "close", "t"));
 }
 
-TEST(WebSend, HostWithoutNameIsLocalhost)
+TEST(WebSend, host_without_name_is_localhost)
 {
     EXPECT_EQ(sent_by({RQTYPE_GET, 0, "/", "t", nullptr, nullptr}),
               request_text("/ HTTP/1.1", "localhost", "close", "t"));
@@ -184,7 +184,7 @@ TEST(WebSend, HostWithoutNameIsLocalhost)
               request_text("/ HTTP/1.1", "localhost:81", "close", "t"));
 }
 
-TEST(WebSend, BlankPortIsNoPort)
+TEST(WebSend, blank_port_is_no_port)
 {
     for (const char* port : {"", " ", "\t80", "\r", "\n"}) {
         EXPECT_EQ(sent_by({RQTYPE_GET, 0, "/", "t", "h", port}),
@@ -192,7 +192,7 @@ TEST(WebSend, BlankPortIsNoPort)
     }
 }
 
-TEST(WebSend, OnlyGetIsSent)
+TEST(WebSend, only_get_is_sent)
 {
     const FdGuard fds;
     Wire wire;
@@ -203,7 +203,7 @@ TEST(WebSend, OnlyGetIsSent)
     EXPECT_EQ(wire.heard(), "");
 }
 
-TEST(WebSend, HostLimit)
+TEST(WebSend, host_has_a_limit)
 {
     LogCapture log;
     const std::string host126(126, 'h');
@@ -223,7 +223,7 @@ TEST(WebSend, HostLimit)
     EXPECT_EQ(wire.heard(), "");
 }
 
-TEST(WebSend, kept_HostOfExactly127CharactersLosesItsLast)
+TEST(WebSend, kept_host_of_exactly_127_characters_loses_its_last)
 {
     LogCapture log;
     const std::string host(127, 'h');
@@ -233,7 +233,7 @@ TEST(WebSend, kept_HostOfExactly127CharactersLosesItsLast)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(WebSend, RequestLimit)
+TEST(WebSend, request_has_a_limit)
 {
     const size_t frame = request_text("/ HTTP/1.1", "h", "close", "t").size() - 1;
     LogCapture log;
@@ -249,7 +249,7 @@ TEST(WebSend, RequestLimit)
     EXPECT_EQ(wire.heard(), "");
 }
 
-TEST(WebSend, kept_RequestOfExactly2047CharactersGoesOutWithAZeroByteAtItsEnd)
+TEST(WebSend, kept_request_of_exactly_2047_characters_goes_out_with_a_zero_byte_at_its_end)
 {
     const size_t frame = request_text("/ HTTP/1.1", "h", "close", "t").size() - 1;
     const std::string path = "/" + std::string(2047 - frame - 1, 'x');
@@ -259,7 +259,7 @@ TEST(WebSend, kept_RequestOfExactly2047CharactersGoesOutWithAZeroByteAtItsEnd)
     EXPECT_EQ(sent_by({RQTYPE_GET, 0, path.c_str(), "t", "h", nullptr}), expected);
 }
 
-TEST(WebSend, FailedWrites)
+TEST(WebSend, failed_writes_are_told)
 {
     const FdGuard fds;
     LogCapture log;
@@ -288,7 +288,7 @@ TEST(WebSend, FailedWrites)
               "(ERR)  send_http_request: error sending HTTP request to fd=" + std::to_string(pipe_fds[1]));
 }
 
-TEST(WebSend, ShortWriteIsAWarningAndAFailure)
+TEST(WebSend, short_write_is_a_warning_and_a_failure)
 {
     const FdGuard fds;
     // A regular file that may not grow beyond a limit takes a part of a write.
@@ -312,7 +312,7 @@ TEST(WebSend, ShortWriteIsAWarningAndAFailure)
     close(fd);
 }
 
-TEST(WebSend, FullWriteIsShownAtDebugLevel)
+TEST(WebSend, full_write_is_shown_at_debug_level)
 {
     Wire wire;
     LogCapture log(DEBUG_level);
@@ -323,7 +323,7 @@ TEST(WebSend, FullWriteIsShownAtDebugLevel)
                               " bytes to fd=" + std::to_string(wire.ours) + ":\n" + text);
 }
 
-TEST(WebGet, UrlBecomesARequest)
+TEST(WebGet, url_becomes_a_request)
 {
     const FdGuard fds;
 
@@ -350,14 +350,14 @@ TEST(WebGet, UrlBecomesARequest)
     }
 }
 
-TEST(WebGet, kept_BracketedHostWithoutPortAsksForItsBracket)
+TEST(WebGet, kept_bracketed_host_without_port_asks_for_its_bracket)
 {
     Wire wire;
     EXPECT_EQ(send_http_get(wire.ours, "http://[::1]/x", "tag", false), 0);
     EXPECT_EQ(wire.heard(), request_text("/]/x HTTP/1.1", "::1", "close", "tag"));
 }
 
-TEST(WebGet, Version10OnDemand)
+TEST(WebGet, version_1_0_on_demand)
 {
     Wire wire;
     LogCapture log(DEBUG_level);
@@ -366,7 +366,7 @@ TEST(WebGet, Version10OnDemand)
     EXPECT_EQ(log.lines()[0], "(DBG)  send_http_get: Using HTTP/1.0 request");
 }
 
-TEST(WebGet, LongestQueryArrivesWhole)
+TEST(WebGet, longest_query_arrives_whole)
 {
     Wire wire;
     const std::string query(URI_QUERY_MAX - 1, 'q');
@@ -374,7 +374,7 @@ TEST(WebGet, LongestQueryArrivesWhole)
     EXPECT_EQ(wire.heard(), request_text(("/a?" + query + " HTTP/1.1").c_str(), "h", "close", "tag"));
 }
 
-TEST(WebGet, RefusedUrlsSendNothing)
+TEST(WebGet, refused_urls_send_nothing)
 {
     const FdGuard fds;
     Wire wire;
@@ -387,7 +387,7 @@ TEST(WebGet, RefusedUrlsSendNothing)
     EXPECT_EQ(wire.heard(), "");
 }
 
-TEST(WebRead, OkWithBodyBytesBehindTheHead)
+TEST(WebRead, ok_with_body_bytes_behind_the_head)
 {
     const FdGuard fds;
     Wire wire;
@@ -403,7 +403,7 @@ TEST(WebRead, OkWithBodyBytesBehindTheHead)
     EXPECT_EQ(std::string(reading.buf.data()), kPlain.substr(0, kPlain.size() - 1));
 }
 
-TEST(WebRead, VersionsAreServedAlike)
+TEST(WebRead, versions_are_served_alike)
 {
     for (const char* head : {"HTTP/1.0 200 OK\r\n\r\n", "HTTP/1.1 200 OK\r\n\r\n", "HTTP/2.0 200 OK\r\n\r\n",
                              "HTTP/1.1 200 OK\n\n"}) {
@@ -412,7 +412,7 @@ TEST(WebRead, VersionsAreServedAlike)
     }
 }
 
-TEST(WebRead, StatusLinesThatAreRefused)
+TEST(WebRead, status_lines_that_are_refused)
 {
     struct Case {
         const char* line;
@@ -436,14 +436,14 @@ TEST(WebRead, StatusLinesThatAreRefused)
     }
 }
 
-TEST(WebRead, ReasonMayBeLong)
+TEST(WebRead, reason_may_be_long)
 {
     LogCapture log(DEBUG_level);
     EXPECT_EQ(answer_to("HTTP/1.1 404 " + std::string(70, 'r') + "\r\n\r\n").code, 404);
     EXPECT_NE(log.text().find("received: HTTP/1.1 404 [" + std::string(63, 'r') + "]\n"), std::string::npos);
 }
 
-TEST(WebRead, HeadSplitAtEveryByte)
+TEST(WebRead, head_split_at_every_byte)
 {
     const FdGuard fds;
     const std::string head = "HTTP/1.1 302 Moved\r\nLocation: http://h/x\r\nContent-Type: a/b\r\n"
@@ -471,7 +471,7 @@ TEST(WebRead, HeadSplitAtEveryByte)
     }
 }
 
-TEST(WebRead, HeadByteByByte)
+TEST(WebRead, head_byte_by_byte)
 {
     Wire wire(SOCK_NONBLOCK);
     Reading reading;
@@ -483,7 +483,7 @@ TEST(WebRead, HeadByteByByte)
     EXPECT_EQ(reading.ctx.code, 200);
 }
 
-TEST(WebRead, MarkersThatEndAHead)
+TEST(WebRead, markers_that_end_a_head)
 {
     struct Case {
         const char* text;
@@ -516,7 +516,7 @@ TEST(WebRead, MarkersThatEndAHead)
     }
 }
 
-TEST(WebRead, CrNearTheEndHidesAMarkerUntilMoreComes)
+TEST(WebRead, cr_near_the_end_hides_a_marker_until_more_comes)
 {
     Wire wire;
     char buf[64];
@@ -529,7 +529,7 @@ TEST(WebRead, CrNearTheEndHidesAMarkerUntilMoreComes)
     EXPECT_EQ(tail, 4);
 }
 
-TEST(WebRead, ReadHttpLinesAndBounds)
+TEST(WebRead, read_http_lines_and_bounds)
 {
     const FdGuard fds;
     Wire wire;
@@ -559,7 +559,7 @@ TEST(WebRead, ReadHttpLinesAndBounds)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(WebRead, HeadThatJustFitsAndOneThatDoesNot)
+TEST(WebRead, head_that_just_fits_and_one_that_does_not)
 {
     const FdGuard fds;
     for (const bool fits : {true, false}) {
@@ -576,7 +576,7 @@ TEST(WebRead, HeadThatJustFitsAndOneThatDoesNot)
     }
 }
 
-TEST(WebRead, BufferOfOneByteIsFull)
+TEST(WebRead, buffer_of_one_byte_is_full)
 {
     Wire wire;
     Reading reading(1);
@@ -585,7 +585,7 @@ TEST(WebRead, BufferOfOneByteIsFull)
     EXPECT_EQ(log.lines(), (Lines{"(WRN)  recv_http_response: buffer already full, yet no HTTP EOD"}));
 }
 
-TEST(WebRead, ContextOfALargerBufferIsRefused)
+TEST(WebRead, context_of_a_larger_buffer_is_refused)
 {
     Wire wire;
     Reading reading(8);
@@ -599,7 +599,7 @@ TEST(WebRead, ContextOfALargerBufferIsRefused)
     EXPECT_EQ(reading.buf, std::vector<char>(8, '\x55'));
 }
 
-TEST(WebRead, NoBufferEndsTheProcess)
+TEST(WebRead, no_buffer_ends_the_process)
 {
     for (const bool null : {true, false}) {
         const auto result = support::run_in_child([null] {
@@ -613,7 +613,7 @@ TEST(WebRead, NoBufferEndsTheProcess)
     }
 }
 
-TEST(WebRead, PeerThatClosesBeforeTheMarker)
+TEST(WebRead, peer_that_closes_before_the_marker)
 {
     const FdGuard fds;
     for (const char* text : {"", "HTTP/1.1 200 OK\r\n"}) {
@@ -628,7 +628,7 @@ TEST(WebRead, PeerThatClosesBeforeTheMarker)
     }
 }
 
-TEST(WebRead, PeerThatResets)
+TEST(WebRead, peer_that_resets)
 {
     const FdGuard fds;
     Wire wire;
@@ -642,7 +642,7 @@ TEST(WebRead, PeerThatResets)
                                   "] connection broken"}));
 }
 
-TEST(WebRead, ConnectionThatIsAborted)
+TEST(WebRead, connection_that_is_aborted)
 {
     Wire wire;
     Reading reading;
@@ -657,7 +657,7 @@ TEST(WebRead, ConnectionThatIsAborted)
               "(ERR)  recv_http_response: client [fd=" + std::to_string(wire.ours) + "] connection broken");
 }
 
-TEST(WebRead, OtherErrorsHaveNoLineOfThisLayer)
+TEST(WebRead, other_errors_have_no_line_of_this_layer)
 {
     Reading reading;
     LogCapture log;
@@ -667,7 +667,7 @@ TEST(WebRead, OtherErrorsHaveNoLineOfThisLayer)
     EXPECT_EQ(log.text().find("recv_http_response"), std::string::npos) << log.text();
 }
 
-TEST(WebRead, MoreToComeIsToldAtDebugLevel)
+TEST(WebRead, more_to_come_is_told_at_debug_level)
 {
     Wire wire(SOCK_NONBLOCK);
     Reading reading;
@@ -678,7 +678,7 @@ TEST(WebRead, MoreToComeIsToldAtDebugLevel)
               (Lines{"(DBG)  recv_http_response: expecting more data from fd=" + std::to_string(wire.ours)}));
 }
 
-TEST(WebRead, DebugLinesOfAWholeHead)
+TEST(WebRead, debug_lines_of_a_whole_head)
 {
     Wire wire;
     wire.say("HTTP/1.1 ");
@@ -699,7 +699,7 @@ TEST(WebRead, DebugLinesOfAWholeHead)
                               fd + " received: HTTP/1.1 200 [OK]\n");
 }
 
-TEST(WebRead, kept_HeadersAreLookedAtForRedirectsAlone)
+TEST(WebRead, kept_headers_are_looked_at_for_redirects_alone)
 {
     for (const int code : {200, 204, 300, 303, 307, 404}) {
         const Answer a = answer_to("HTTP/1.1 " + std::to_string(code) +
@@ -713,7 +713,7 @@ TEST(WebRead, kept_HeadersAreLookedAtForRedirectsAlone)
     EXPECT_EQ(answer_to("HTTP/1.1 200 OK\r\nLocation:x\r\n\r\n").rc, 0);
 }
 
-TEST(WebRead, RedirectsGiveTheirHeaders)
+TEST(WebRead, redirects_give_their_headers)
 {
     for (const int code : {301, 302}) {
         LogCapture log;
@@ -730,7 +730,7 @@ TEST(WebRead, RedirectsGiveTheirHeaders)
     }
 }
 
-TEST(WebRead, RedirectWithoutLengthStoresTheLocationAndSucceeds)
+TEST(WebRead, redirect_without_length_stores_the_location_and_succeeds)
 {
     LogCapture log;
     const Answer a = answer_to("HTTP/1.1 302 Moved\r\nLocation: http://h/x\r\n\r\n");
@@ -740,7 +740,7 @@ TEST(WebRead, RedirectWithoutLengthStoresTheLocationAndSucceeds)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  parse_resp_headers: invalid Content-Length value: "}));
 }
 
-TEST(WebRead, RedirectWithoutLocation)
+TEST(WebRead, redirect_without_location)
 {
     const Answer a = answer_to("HTTP/1.1 301 Moved\r\nContent-Length: 0\r\n\r\n");
     EXPECT_EQ(a.rc, 0);
@@ -748,7 +748,7 @@ TEST(WebRead, RedirectWithoutLocation)
     EXPECT_EQ(a.length, 0);
 }
 
-TEST(WebRead, kept_RedirectWithoutAnyCrIsRefused)
+TEST(WebRead, kept_redirect_without_any_cr_is_refused)
 {
     LogCapture log;
     EXPECT_EQ(answer_to("HTTP/1.1 302 Moved\nLocation: http://h/x\n\n").rc, -1);
@@ -756,7 +756,7 @@ TEST(WebRead, kept_RedirectWithoutAnyCrIsRefused)
                           "HTTP/1.1 302 Moved\nLocation: http://h/x\n\n");
 }
 
-TEST(WebRead, OtherByteBehindTheFirstCrIsAWarning)
+TEST(WebRead, other_byte_behind_the_first_cr_is_a_warning)
 {
     LogCapture log;
     const Answer a = answer_to("HTTP/1.1 302 Moved\rLocation: http://h/x\r\nContent-Length: 1\r\n\r\n");
@@ -768,7 +768,7 @@ TEST(WebRead, OtherByteBehindTheFirstCrIsAWarning)
     EXPECT_EQ(log.lines()[0], "(WRN)  recv_http_response: got 0xff in place of CR(0x0a)");
 }
 
-TEST(WebRead, LocationLimit)
+TEST(WebRead, location_has_a_limit)
 {
     for (const size_t length : {2047U, 2048U}) {
         LogCapture log;
@@ -790,7 +790,7 @@ TEST(WebRead, LocationLimit)
     }
 }
 
-TEST(WebRead, SecondLocationEndsTheProcess)
+TEST(WebRead, second_location_ends_the_process)
 {
     const auto result = support::run_in_child([] {
         log_default(&g_log, stderr);
@@ -806,7 +806,7 @@ TEST(WebRead, SecondLocationEndsTheProcess)
     EXPECT_TRUE(support::asserted_in(result.err, "store_location")) << result.err;
 }
 
-TEST(WebRead, LocationWithoutMemoryIsPassedOver)
+TEST(WebRead, location_without_memory_is_passed_over)
 {
     Wire wire;
     wire.say("HTTP/1.1 302 M\r\nLocation: a\r\nContent-Length: 9\r\n\r\n");
@@ -823,7 +823,7 @@ TEST(WebRead, LocationWithoutMemoryIsPassedOver)
     EXPECT_EQ(reading.ctx.content_length, 9);
 }
 
-TEST(WebRead, ContentTypeIsCutTo63Characters)
+TEST(WebRead, content_type_is_cut_to_63_characters)
 {
     for (const size_t length : {63U, 64U}) {
         LogCapture log;
@@ -838,7 +838,7 @@ TEST(WebRead, ContentTypeIsCutTo63Characters)
     }
 }
 
-TEST(WebRead, ContentLengthValues)
+TEST(WebRead, content_length_values)
 {
     struct Case {
         const char* value;
@@ -864,7 +864,7 @@ TEST(WebRead, ContentLengthValues)
     }
 }
 
-TEST(WebHeader, FindsAValue)
+TEST(WebHeader, finds_a_value)
 {
     const char* text = "Host: h\r\nUser-Agent:  a b \r\nX:y\r\nEnd: z\n";
     size_t length = 77;
@@ -875,7 +875,7 @@ TEST(WebHeader, FindsAValue)
     EXPECT_STREQ(find_http_header("End:", text, nullptr), "z\n");
 }
 
-TEST(WebHeader, AbsentOrBrokenHeadersGiveNull)
+TEST(WebHeader, absent_or_broken_headers_give_null)
 {
     for (const char* text :
          {"", "Hos: x\n", "Host:x\n", "Host", "Host: x", "Host: x\ty\n", "Host: ", "ost: x\n"}) {
@@ -885,7 +885,7 @@ TEST(WebHeader, AbsentOrBrokenHeadersGiveNull)
     }
 }
 
-TEST(WebHeader, kept_TitleMatchesAnywhere)
+TEST(WebHeader, kept_title_matches_anywhere)
 {
     size_t length = 0;
     const char* text = "X-Host: a\r\nHost: b\r\n";
@@ -894,7 +894,7 @@ TEST(WebHeader, kept_TitleMatchesAnywhere)
     EXPECT_EQ(find_http_header("Host:", inside, &length), inside + 13);
 }
 
-TEST(WebHeader, kept_EmptyValueGivesTheNextLine)
+TEST(WebHeader, kept_empty_value_gives_the_next_line)
 {
     size_t length = 0;
     const char* text = "Location: \r\nServer: x\r\n";
@@ -902,13 +902,13 @@ TEST(WebHeader, kept_EmptyValueGivesTheNextLine)
     EXPECT_EQ(length, 9U);
 }
 
-TEST(WebHeader, FirstMatchDecidesEvenIfItIsBroken)
+TEST(WebHeader, first_match_decides_even_if_it_is_broken)
 {
     size_t length = 0;
     EXPECT_EQ(find_http_header("Host:", "Host:x\r\nHost: y\r\n", &length), nullptr);
 }
 
-TEST(WebHeader, TitlesOfAnyFormAreFound)
+TEST(WebHeader, titles_of_any_form_are_found)
 {
     size_t length = 0;
     const char* text = "a:b:: v\n";
@@ -917,7 +917,7 @@ TEST(WebHeader, TitlesOfAnyFormAreFound)
     EXPECT_EQ(find_http_header("", " v\n", &length) != nullptr, true);
 }
 
-TEST(WebHeader, NumbersOfAHeader)
+TEST(WebHeader, numbers_of_a_header)
 {
     EXPECT_EQ(extract_num_hdr("N:", "N: 42\r\n", 0), 42);
     EXPECT_EQ(extract_num_hdr("N", "N: -7x\r\n", 99), -7);
@@ -931,7 +931,7 @@ TEST(WebHeader, NumbersOfAHeader)
     EXPECT_EQ(extract_num_hdr("N:", ("N: " + std::string(31, '9') + "\r\n").c_str(), 0), LONG_MAX);
 }
 
-TEST(WebReset, ReleasesAndZeroes)
+TEST(WebReset, releases_and_zeroes)
 {
     struct http_resp_ctx ctx = {302, 10, 5, "type", 7, strdup("loc")};
     LogCapture log(DEBUG_level);
@@ -950,7 +950,7 @@ TEST(WebReset, ReleasesAndZeroes)
     EXPECT_NE(log.text().find(" [-]\n"), std::string::npos);
 }
 
-TEST(WebStatus, RangesOfCodes)
+TEST(WebStatus, ranges_of_codes)
 {
     EXPECT_FALSE(is_HTTP_OK(199));
     EXPECT_TRUE(is_HTTP_OK(200));
@@ -991,7 +991,7 @@ static int connect_to(int port)
     return fd;
 }
 
-TEST(WebPeer, NginxServesAFileAndARedirect)
+TEST(WebPeer, nginx_serves_a_file_and_a_redirect)
 {
     if (access("/usr/sbin/nginx", X_OK) != 0) {
         GTEST_SKIP() << "skipped: no nginx here";

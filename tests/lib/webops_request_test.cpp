@@ -105,7 +105,7 @@ const std::string kEnd = " HTTP/1.1\r\nHost: h\r\n\r\n";
 
 } // namespace
 
-TEST(WebRequest, BrowserHeadInReadOnlyMemory)
+TEST(WebRequest, browser_head_in_read_only_memory)
 {
     LogCapture log;
     const Parsed p = parsed("GET /udp/224.0.2.1:5056/?a=1 HTTP/1.1\r\nHost: box:8080\r\nUser-Agent: "
@@ -119,7 +119,7 @@ TEST(WebRequest, BrowserHeadInReadOnlyMemory)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(WebRequest, SegmentsPointIntoTheRequest)
+TEST(WebRequest, segments_point_into_the_request)
 {
     static const char request[] = "GET /a?b HTTP/1.1\r\n\r\n";
     struct http_header hdr;
@@ -128,7 +128,7 @@ TEST(WebRequest, SegmentsPointIntoTheRequest)
     EXPECT_EQ(hdr.uri.query, request + 7);
 }
 
-TEST(WebRequest, HeadParsesLikeGet)
+TEST(WebRequest, head_parses_like_get)
 {
     for (const char* word : {"HEAD", "head", "GET", "gEt"}) {
         const Parsed p = parsed(std::string(word) + " /udp/224.0.2.1:5056/ HTTP/1.0\r\n\r\n");
@@ -138,7 +138,7 @@ TEST(WebRequest, HeadParsesLikeGet)
     }
 }
 
-TEST(WebRequest, MethodsThatAreNotServed)
+TEST(WebRequest, methods_that_are_not_served)
 {
     for (const char* word : {"POST", "PUT", "GETS", "OPTIONS", "HEA"}) {
         LogCapture log;
@@ -147,7 +147,7 @@ TEST(WebRequest, MethodsThatAreNotServed)
     }
 }
 
-TEST(WebRequest, MethodOfTheWrongLengthGivesMinusOne)
+TEST(WebRequest, method_of_the_wrong_length_gives_minus_one)
 {
     for (const char* text : {"", "GE /", " GET /", "PROPFIND /", "GETGETGET"}) {
         LogCapture log;
@@ -159,7 +159,7 @@ TEST(WebRequest, MethodOfTheWrongLengthGivesMinusOne)
     }
 }
 
-TEST(WebRequest, PingWithNothingElse)
+TEST(WebRequest, ping_with_nothing_else)
 {
     LogCapture log;
     const Parsed p = parsed("GET /ping");
@@ -171,7 +171,7 @@ TEST(WebRequest, PingWithNothingElse)
     EXPECT_EQ(endpoints("GET /ping").rc, RC_PING);
 }
 
-TEST(WebRequest, RequestLineAlone)
+TEST(WebRequest, request_line_alone_is_served)
 {
     for (const char* text : {"GET /a HTTP/1.1", "GET /a HTTP/1.1\r\n", "GET /a HTTP/1.", "GET\t/a", "GET"}) {
         LogCapture log;
@@ -182,7 +182,7 @@ TEST(WebRequest, RequestLineAlone)
     }
 }
 
-TEST(WebRequest, OtherVersionsAreRefused)
+TEST(WebRequest, other_versions_are_refused)
 {
     for (const char* version : {"HTTP/2.0", "http/1.1", "HTTP/1", "x"}) {
         LogCapture log;
@@ -194,26 +194,26 @@ TEST(WebRequest, OtherVersionsAreRefused)
     EXPECT_EQ(parsed("GET /a HTTP/1.x\r\n\r\n").rc, 0); // the rest is not looked at
 }
 
-TEST(WebRequest, TargetThatIsNoUri)
+TEST(WebRequest, target_that_is_no_uri)
 {
     LogCapture log;
     EXPECT_EQ(parsed("GET http:// HTTP/1.1\r\n\r\n").rc, -1);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  parse_http_header: failed to parse URL"}));
 }
 
-TEST(WebRequest, AbsoluteTargetKeepsItsHostInThePath)
+TEST(WebRequest, absolute_target_keeps_its_host_in_the_path)
 {
     EXPECT_EQ(parsed("GET http://h:1/a HTTP/1.1\r\n\r\n").path, "h:1/a");
 }
 
-TEST(WebRequest, ZeroByteEndsTheTarget)
+TEST(WebRequest, zero_byte_ends_the_target)
 {
     const Parsed p = parsed(std::string("GET /ab\0cd HTTP/1.1\r\n\r\n", 24));
     EXPECT_EQ(p.rc, 0);
     EXPECT_EQ(p.path, "ab");
 }
 
-TEST(WebRequest, TargetGoesToTheBufferIfItFits)
+TEST(WebRequest, target_goes_to_the_buffer_if_it_fits)
 {
     char url[8];
     memset(url, '#', sizeof url);
@@ -227,7 +227,7 @@ TEST(WebRequest, TargetGoesToTheBufferIfItFits)
     EXPECT_STREQ(url, "/xy");
 }
 
-TEST(WebRequest, HostLimits)
+TEST(WebRequest, host_has_limits)
 {
     LogCapture log;
     EXPECT_EQ(with_header("Host: " + std::string(62, 'h') + "\r\n").hdr.host, std::string(62, 'h'));
@@ -239,14 +239,14 @@ TEST(WebRequest, HostLimits)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  parse_http_header: Host length is too long: 64"}));
 }
 
-TEST(WebRequest, kept_HostOf63CharactersIsCutTo62)
+TEST(WebRequest, kept_host_of_63_characters_is_cut_to_62)
 {
     LogCapture log;
     EXPECT_EQ(with_header("Host: " + std::string(63, 'h') + "\r\n").hdr.host, std::string(62, 'h'));
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(WebRequest, UserAgentLimits)
+TEST(WebRequest, user_agent_has_limits)
 {
     LogCapture log;
     EXPECT_EQ(with_header("User-Agent: " + std::string(126, 'u') + "\r\n").hdr.user_agent,
@@ -260,7 +260,7 @@ TEST(WebRequest, UserAgentLimits)
     EXPECT_EQ(log.lines(), (Lines{"(WRN)  parse_http_header: User-Agent length is too long: 128"}));
 }
 
-TEST(WebRequest, UserAgentIsEncodedAndCut)
+TEST(WebRequest, user_agent_is_encoded_and_cut)
 {
     LogCapture log;
     EXPECT_STREQ(with_header("User-Agent: a b c\r\n").hdr.user_agent, "a%20b%20c");
@@ -274,7 +274,7 @@ TEST(WebRequest, UserAgentIsEncodedAndCut)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(WebRequest, EncodedUserAgentHas126Characters)
+TEST(WebRequest, encoded_user_agent_has_126_characters)
 {
     std::string escapes;
     for (int i = 0; i < 42; ++i) {
@@ -286,7 +286,7 @@ TEST(WebRequest, EncodedUserAgentHas126Characters)
     EXPECT_EQ(log.lines().back(), "(DBG)  parse_http_header: User-Agent: " + std::string(126, 'u'));
 }
 
-TEST(WebRequest, DebugLines)
+TEST(WebRequest, debug_lines_show_the_request)
 {
     LogCapture log(DEBUG_level);
     const std::string request = "HEAD /a?b HTTP/1.1\r\nHost: h\r\nUser-Agent: u v\r\n\r\n";
@@ -304,7 +304,7 @@ TEST(WebRequest, DebugLines)
                               "(DBG)  parse_http_header: User-Agent: u v\n");
 }
 
-TEST(WebFullUrl, HostAndPath)
+TEST(WebFullUrl, host_and_path)
 {
     Parsed p = with_header("Host: h:1\r\n");
     static const char path[] = "a/bXX";
@@ -322,7 +322,7 @@ TEST(WebFullUrl, HostAndPath)
     EXPECT_EQ(mk_full_url(&p.hdr, buf, 0), EINVAL);
 }
 
-TEST(WebFullUrl, MissingPartsGive22)
+TEST(WebFullUrl, missing_parts_give_22)
 {
     struct http_header hdr = {};
     char buf[16] = "#";
@@ -336,7 +336,7 @@ TEST(WebFullUrl, MissingPartsGive22)
     EXPECT_STREQ(buf, "#");
 }
 
-TEST(WebPathQuery, CopiesBoth)
+TEST(WebPathQuery, copies_both)
 {
     char path[4];
     char query[4];
@@ -349,7 +349,7 @@ TEST(WebPathQuery, CopiesBoth)
     EXPECT_STREQ(query, "");
 }
 
-TEST(WebPathQuery, Failures)
+TEST(WebPathQuery, failures_are_told)
 {
     char path[4] = "#";
     char query[4] = "#";
@@ -382,7 +382,7 @@ TEST(WebPathQuery, Failures)
                   std::string(76, ' ') + "defg...");
 }
 
-TEST(WebUrq, SourceAndDestination)
+TEST(WebUrq, source_and_destination)
 {
     LogCapture log;
     EXPECT_EQ(endpoints("GET /udp/224.0.2.1:5056/" + kEnd), (Endpoints{0, "udp://224.0.2.1:5056", ""}));
@@ -391,30 +391,30 @@ TEST(WebUrq, SourceAndDestination)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(WebUrq, PartsAreDecodedAfterTheSplit)
+TEST(WebUrq, parts_are_decoded_after_the_split)
 {
     EXPECT_EQ(endpoints("GET /src/a%2Fb+c/dst/d%20e" + kEnd), (Endpoints{0, "a/b c", "d e"}));
 }
 
-TEST(WebUrq, QueryGoesToTheSource)
+TEST(WebUrq, query_goes_to_the_source)
 {
     EXPECT_EQ(endpoints("GET /udp/224.0.2.1:5056/?a=1" + kEnd),
               (Endpoints{0, "udp://224.0.2.1:5056?a=1", ""}));
     EXPECT_EQ(endpoints("GET /src/s/dst/d?a=%41" + kEnd), (Endpoints{0, "s?a=%41", "d"}));
 }
 
-TEST(WebUrq, SourceThatEndsInASlashHasNoQuery)
+TEST(WebUrq, source_that_ends_in_a_slash_has_no_query)
 {
     EXPECT_EQ(endpoints("GET /udp/a:1/?x=/" + kEnd), (Endpoints{0, "udp://a:1", ""}));
 }
 
-TEST(WebUrq, kept_BytesThatDecodingLeavesStandInFrontOfTheQuery)
+TEST(WebUrq, kept_bytes_that_decoding_leaves_stand_in_front_of_the_query)
 {
     // "a%20b" shrinks to "a b", and "b" of the old text stays behind its terminator.
     EXPECT_EQ(endpoints("GET /src/a%20b/dst/d?q=1" + kEnd), (Endpoints{0, "a b?bq=1", "d"}));
 }
 
-TEST(WebUrq, UserHeaderIsFilledWhateverFollows)
+TEST(WebUrq, user_header_is_filled_whatever_follows)
 {
     struct http_header hdr = {};
     EXPECT_EQ(endpoints("HEAD /tcp/x HTTP/1.1\r\nHost: box\r\n\r\n", 64, &hdr).rc, -1);
@@ -425,7 +425,7 @@ TEST(WebUrq, UserHeaderIsFilledWhateverFollows)
     EXPECT_STREQ(hdr.host, "");
 }
 
-TEST(WebUrq, RootIsRefused)
+TEST(WebUrq, root_is_refused)
 {
     LogCapture log;
     EXPECT_EQ(endpoints("GET / HTTP/1.1\n\n").rc, -1);
@@ -433,7 +433,7 @@ TEST(WebUrq, RootIsRefused)
     EXPECT_EQ(endpoints("GET /?x=1" + kEnd).rc, -1);
 }
 
-TEST(WebUrq, FaviconDropsItsQuery)
+TEST(WebUrq, favicon_drops_its_query)
 {
     LogCapture log(DEBUG_level);
     EXPECT_EQ(endpoints("GET /favicon.ico?x=1" + kEnd).rc, RC_FAVICON);
@@ -442,14 +442,14 @@ TEST(WebUrq, FaviconDropsItsQuery)
     EXPECT_EQ(endpoints("GET /favicon.icon" + kEnd).rc, -1);
 }
 
-TEST(WebUrq, PingIsToldAndLeaksNoQuery)
+TEST(WebUrq, ping_is_told_and_leaks_no_query)
 {
     LogCapture log(INFO_level);
     EXPECT_EQ(endpoints("GET /ping?x=1" + kEnd), (Endpoints{RC_PING, "", ""}));
     EXPECT_EQ(log.lines(), (Lines{"(INF)  Handling user-side PING request"}));
 }
 
-TEST(WebUrq, QueryLimits)
+TEST(WebUrq, query_has_limits)
 {
     LogCapture log;
     const std::string query(255, 'q');
@@ -460,7 +460,7 @@ TEST(WebUrq, QueryLimits)
               (Lines{"(ERR)  web_parse_urq: URI query length (256 bytes) is beyond the limit: 256"}));
 }
 
-TEST(WebUrq, RoomForTheQuery)
+TEST(WebUrq, room_for_the_query)
 {
     // "udp://a:1" is 9, the mark and the query 4, the terminator 1.
     LogCapture log;
@@ -475,7 +475,7 @@ TEST(WebUrq, RoomForTheQuery)
                      "discarding request"}));
 }
 
-TEST(WebUrq, OldBytesUpToTheEndOfTheBufferLeaveNoRoomForAQuery)
+TEST(WebUrq, old_bytes_up_to_the_end_of_the_buffer_leave_no_room_for_a_query)
 {
     // The alias fills the buffer without a terminator; decoding shortens it, and no zero byte is left behind.
     LogCapture log;
@@ -483,7 +483,7 @@ TEST(WebUrq, OldBytesUpToTheEndOfTheBufferLeaveNoRoomForAQuery)
     EXPECT_EQ(endpoints("GET /$%41bcdefgh" + kEnd, 11).rc, 0);
 }
 
-TEST(WebUrq, PathsWithoutEndpointsAreRefused)
+TEST(WebUrq, paths_without_endpoints_are_refused)
 {
     struct Case {
         const char* path;
@@ -498,7 +498,7 @@ TEST(WebUrq, PathsWithoutEndpointsAreRefused)
     }
 }
 
-TEST(WebUrq, DecodingThatFails)
+TEST(WebUrq, decoding_that_fails)
 {
     LogCapture log;
     EXPECT_EQ(endpoints("GET /$abc%" + kEnd, 5).rc, -1); // the bare '%' is the last byte of the buffer
@@ -508,7 +508,7 @@ TEST(WebUrq, DecodingThatFails)
                                   "(ERR)  web_parse_urq: error URI-decoding"}));
 }
 
-TEST(WebUrq, BuffersOfNothing)
+TEST(WebUrq, buffers_of_nothing_are_refused)
 {
     LogCapture log;
     char http[] = "GET /udp/a:1/?q=1 HTTP/1.1\r\n\r\n";
@@ -520,7 +520,7 @@ TEST(WebUrq, BuffersOfNothing)
     EXPECT_EQ(src[0], '#');
 }
 
-TEST(WebUrq, WithoutMemoryForTheQuery)
+TEST(WebUrq, without_memory_for_the_query)
 {
     LogCapture log;
     char http[] = "GET /udp/a:1/?q=1";
@@ -536,7 +536,7 @@ TEST(WebUrq, WithoutMemoryForTheQuery)
     EXPECT_EQ(log.lines().size(), 2U); // of the missing headers, and of the allocation
 }
 
-TEST(WebUrq, TheTerminatorBehindThePathStays)
+TEST(WebUrq, the_terminator_behind_the_path_stays)
 {
     char http[] = "GET /udp/a:1/?q=1 HTTP/1.1\r\n\r\n";
     const std::string before(http, sizeof http);
@@ -551,7 +551,7 @@ TEST(WebUrq, TheTerminatorBehindThePathStays)
     EXPECT_STREQ(bad, "GET http:// HTTP/1.1\r\n\r\n");
 }
 
-TEST(WebPing, PathsOfAPing)
+TEST(WebPing, paths_of_a_ping)
 {
     for (const char* path : {"ping", "/ping", "ping/", "/ping/", "PING", "/Ping/"}) {
         EXPECT_TRUE(is_ping_request(path)) << path;

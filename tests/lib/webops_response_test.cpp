@@ -108,7 +108,7 @@ Item item_url(const char* m3u, const char* path, size_t size = 64)
 
 } // namespace
 
-TEST(WebResponse, AllHeadersInTheirOrder)
+TEST(WebResponse, all_headers_in_their_order)
 {
     const struct http_response r = {200,     "video/mp2t",       12,         "OK", "srv",
                                     "close", "X-A: 1\r\nX-B: 2", "http://h/"};
@@ -117,7 +117,7 @@ TEST(WebResponse, AllHeadersInTheirOrder)
               "Connection: close\r\nLocation: http://h/\r\nX-A: 1\r\nX-B: 2\r\n\r\n");
 }
 
-TEST(WebResponse, AbsentAndEmptyFieldsLeaveTheirHeadersOut)
+TEST(WebResponse, absent_and_empty_fields_leave_their_headers_out)
 {
     struct http_response r = plain(404);
     EXPECT_EQ(composed(r), "HTTP/1.1 404 Reason\r\nServer: srv\r\n\r\n");
@@ -134,7 +134,7 @@ TEST(WebResponse, AbsentAndEmptyFieldsLeaveTheirHeadersOut)
     EXPECT_EQ(composed(r), "HTTP/1.1 -5 \r\nServer: \r\n\r\n");
 }
 
-TEST(WebResponse, SuffixGoesWithCode200Alone)
+TEST(WebResponse, suffix_goes_with_code_200_alone)
 {
     struct http_response r = plain(200);
     r.ok_suffix = "X-A: 1";
@@ -145,7 +145,7 @@ TEST(WebResponse, SuffixGoesWithCode200Alone)
     }
 }
 
-TEST(WebResponse, HeadNeedsTwoBytesMoreThanItsLength)
+TEST(WebResponse, head_needs_two_bytes_more_than_its_length)
 {
     struct http_response r = {200, "t/t", 12, "OK", "srv", "close", "X-A: 1", "http://h/"};
     for (const char* suffix : {"X-A: 1", static_cast<const char*>(nullptr)}) {
@@ -158,7 +158,7 @@ TEST(WebResponse, HeadNeedsTwoBytesMoreThanItsLength)
     }
 }
 
-TEST(WebResponse, kept_LineOf128CharactersIsLeftOut)
+TEST(WebResponse, kept_line_of_128_characters_is_left_out)
 {
     struct http_response r = plain(200);
     const std::string type(127 - strlen("Content-Type: \r\n"), 't');
@@ -174,7 +174,7 @@ TEST(WebResponse, kept_LineOf128CharactersIsLeftOut)
     EXPECT_LT(rest.size() + 2, 34U + 128);
 }
 
-TEST(WebResponse, ServerAndReasonMayBeLong)
+TEST(WebResponse, server_and_reason_may_be_long)
 {
     struct http_response r = plain(200);
     const std::string text(500, 's');
@@ -182,7 +182,7 @@ TEST(WebResponse, ServerAndReasonMayBeLong)
     EXPECT_EQ(composed(r), "HTTP/1.1 200 " + text + "\r\nServer: " + text + "\r\n\r\n");
 }
 
-TEST(WebResponse, MissingFieldsEndTheProcess)
+TEST(WebResponse, missing_fields_end_the_process)
 {
     for (int missing = 0; missing < 3; ++missing) {
         const auto result = support::run_in_child([missing] {
@@ -198,7 +198,7 @@ TEST(WebResponse, MissingFieldsEndTheProcess)
     }
 }
 
-TEST(WebCanned, RecordsAndTheirCodes)
+TEST(WebCanned, records_and_their_codes)
 {
     for (const Canned& c : kCanned) {
         SCOPED_TRACE(c.code);
@@ -217,7 +217,7 @@ TEST(WebCanned, RecordsAndTheirCodes)
     }
 }
 
-TEST(WebCanned, WhatAUserWritesStays)
+TEST(WebCanned, what_a_user_writes_stays)
 {
     match_http_response(302)->location = "http://h/";
     EXPECT_STREQ(match_http_response(302)->location, "http://h/");
@@ -232,13 +232,13 @@ TEST(WebCanned, a_code_that_a_user_writes_does_not_change_which_record_is_matche
     g_resp_err.code = 500;
 }
 
-TEST(WebCanned, WithoutServerTheProcessEnds)
+TEST(WebCanned, without_server_the_process_ends)
 {
     const auto result = support::run_in_child([] { return send_http_response(1, &g_resp_ok); });
     EXPECT_EQ(result.signal, SIGABRT);
 }
 
-TEST(WebCanned, EachIsSentAsComposed)
+TEST(WebCanned, each_is_sent_as_composed)
 {
     const FdGuard fds;
     for (const Canned& c : kCanned) {
@@ -257,7 +257,7 @@ TEST(WebCanned, EachIsSentAsComposed)
     }
 }
 
-TEST(WebCanned, CurlUnderstandsEach)
+TEST(WebCanned, curl_understands_each)
 {
     if (access("/usr/bin/curl", X_OK) != 0) {
         GTEST_SKIP() << "skipped: no curl here";
@@ -300,7 +300,7 @@ TEST(WebCanned, CurlUnderstandsEach)
     close(listener);
 }
 
-TEST(WebSendResponse, HeadThatDoesNotFit)
+TEST(WebSendResponse, head_that_does_not_fit)
 {
     const std::string text(4096, 's');
     struct http_response r = plain(200);
@@ -310,7 +310,7 @@ TEST(WebSendResponse, HeadThatDoesNotFit)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  send_http_response: error compiling HTTP response for fd=1"}));
 }
 
-TEST(WebSendResponse, kept_FailedWriteLogsTheLineOfAShortOneToo)
+TEST(WebSendResponse, kept_failed_write_logs_the_line_of_a_short_one_too)
 {
     const struct http_response r = plain(200);
     const std::string length = std::to_string(composed(r).size());
@@ -323,7 +323,7 @@ TEST(WebSendResponse, kept_FailedWriteLogsTheLineOfAShortOneToo)
     EXPECT_EQ(log.lines()[3], "(ERR)  send_http_response: error compiling HTTP response for fd=-1");
 }
 
-TEST(WebSendResponse, kept_ShortWriteIsASuccess)
+TEST(WebSendResponse, kept_short_write_is_a_success)
 {
     const FdGuard fds;
     char name[] = "/tmp/webops_short_XXXXXX";
@@ -346,7 +346,7 @@ TEST(WebSendResponse, kept_ShortWriteIsASuccess)
     close(fd);
 }
 
-TEST(WebSendResponse, SuccessIsShownAtDebugLevel)
+TEST(WebSendResponse, success_is_shown_at_debug_level)
 {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
@@ -360,7 +360,7 @@ TEST(WebSendResponse, SuccessIsShownAtDebugLevel)
     close(pair[1]);
 }
 
-TEST(WebEscape, CountsStretches)
+TEST(WebEscape, counts_stretches)
 {
     EXPECT_EQ(escaped("a&b"), (Escaped{2, "a&amp;b"}));
     EXPECT_EQ(escaped("a&"), (Escaped{1, "a&amp;"}));
@@ -368,20 +368,20 @@ TEST(WebEscape, CountsStretches)
     EXPECT_EQ(escaped("<a href='x'>\""), (Escaped{5, "&lt;a href=&apos;x&apos;&gt;&quot;"}));
 }
 
-TEST(WebEscape, NothingToEscapeLeavesTheBuffer)
+TEST(WebEscape, nothing_to_escape_leaves_the_buffer)
 {
     EXPECT_EQ(escaped("ab").count, 0);
     EXPECT_EQ(escaped("ab").text, std::string(64, '#'));
     EXPECT_EQ(escaped("").count, 0);
 }
 
-TEST(WebEscape, WithoutBufferItOnlyCounts)
+TEST(WebEscape, without_buffer_it_only_counts)
 {
     EXPECT_EQ(web_escape("a&b<c", nullptr, 0), 3);
     EXPECT_EQ(web_escape("abc", nullptr, 0), 0);
 }
 
-TEST(WebEscape, RestOfTheBufferBecomesZero)
+TEST(WebEscape, rest_of_the_buffer_becomes_zero)
 {
     char dst[16];
     memset(dst, '#', sizeof dst);
@@ -389,7 +389,7 @@ TEST(WebEscape, RestOfTheBufferBecomesZero)
     EXPECT_EQ(std::string(dst, sizeof dst), "a&amp;b" + std::string(9, '\0'));
 }
 
-TEST(WebEscape, TextMustFitAndBehindASequenceATerminatorToo)
+TEST(WebEscape, text_must_fit_and_behind_a_sequence_a_terminator_too)
 {
     for (const char* text : {"a&b", "a&", "&", "<<<>>>", "abc&defghij", "a&b&c"}) {
         const Escaped whole = escaped(text);
@@ -403,7 +403,7 @@ TEST(WebEscape, TextMustFitAndBehindASequenceATerminatorToo)
     }
 }
 
-TEST(WebEscape, kept_LastStretchThatFillsTheBufferHasNoTerminator)
+TEST(WebEscape, kept_last_stretch_that_fills_the_buffer_has_no_terminator)
 {
     char dst[8];
     memset(dst, '#', sizeof dst);
@@ -412,7 +412,7 @@ TEST(WebEscape, kept_LastStretchThatFillsTheBufferHasNoTerminator)
     EXPECT_EQ(web_escape("a&bc", dst, 7), -ERANGE);
 }
 
-TEST(WebEscape, RandomTextsAgreeWithAModel)
+TEST(WebEscape, random_texts_agree_with_a_model)
 {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -439,20 +439,20 @@ TEST(WebEscape, RandomTextsAgreeWithAModel)
     }
 }
 
-TEST(WebEscape, TableOfSequences)
+TEST(WebEscape, table_of_sequences)
 {
     EXPECT_EQ(strlen(web_ESC) + 1, static_cast<size_t>(web_SEQ_COUNT));
     EXPECT_EQ(web_SEQ[web_SEQ_COUNT - 1], nullptr);
 }
 
-TEST(WebHls, RelativeItems)
+TEST(WebHls, relative_items_are_joined)
 {
     EXPECT_EQ(item_url("http://h/a/l.m3u8", "s1.ts"), (Item{0, "http://h/a/s1.ts"}));
     EXPECT_EQ(item_url("HTTP://h/l.m3u8", "b/s1.ts"), (Item{0, "HTTP://h/b/s1.ts"}));
     EXPECT_EQ(item_url("http://h/", ""), (Item{0, "http://h/"}));
 }
 
-TEST(WebHls, RestOfTheBufferBecomesZero)
+TEST(WebHls, rest_of_the_buffer_becomes_zero)
 {
     char buf[16];
     memset(buf, '#', sizeof buf);
@@ -460,13 +460,13 @@ TEST(WebHls, RestOfTheBufferBecomesZero)
     EXPECT_EQ(std::string(buf, sizeof buf), "http://h/s" + std::string(6, '\0'));
 }
 
-TEST(WebHls, kept_RootPathAndOtherSchemesAreJoinedLikeAnyOther)
+TEST(WebHls, kept_root_path_and_other_schemes_are_joined_like_any_other)
 {
     EXPECT_EQ(item_url("http://h/a/l.m3u8", "/s1.ts"), (Item{0, "http://h/a//s1.ts"}));
     EXPECT_EQ(item_url("http://h/a/l.m3u8", "https://x/y"), (Item{0, "http://h/a/https://x/y"}));
 }
 
-TEST(WebHls, kept_AbsoluteItemThatFillsTheBufferHasNoTerminator)
+TEST(WebHls, kept_absolute_item_that_fills_the_buffer_has_no_terminator)
 {
     EXPECT_EQ(item_url("anything", "Http://x/y"), (Item{0, "Http://x/y"}));
     EXPECT_EQ(item_url("anything", "http://x/y", 10).url, "http://x/y"); // fills the buffer: no terminator
@@ -474,7 +474,7 @@ TEST(WebHls, kept_AbsoluteItemThatFillsTheBufferHasNoTerminator)
     EXPECT_EQ(item_url("anything", "http://x/y", 0), (Item{0, "#"}));
 }
 
-TEST(WebHls, PlaylistsThatAreNone)
+TEST(WebHls, playlists_that_are_none)
 {
     LogCapture log;
     EXPECT_EQ(item_url("https://h/a", "s").rc, EINVAL);
@@ -487,7 +487,7 @@ TEST(WebHls, PlaylistsThatAreNone)
                                   "(ERR)  mk_hls_item_url: pfx-len=7 bad m3u URL: http:///x"}));
 }
 
-TEST(WebHls, RoomForTheUrl)
+TEST(WebHls, room_for_the_url)
 {
     LogCapture log;
     EXPECT_EQ(item_url("http://h/l", "s", 11), (Item{0, "http://h/s"}));

@@ -1,5 +1,5 @@
 // The pair of namespaces that other tests stand on.
-#include "netops_support.h"
+#include "../lib/netops_support.h"
 
 #include <net/if.h>
 #include <poll.h>
