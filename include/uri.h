@@ -109,8 +109,8 @@ const char* uri_xseg(const char* s, const char* dlm, const char** pbuf, size_t* 
  *   -1              another first word, or a SOURCE that is empty or does not fit
  *   above 0         so many src without dst
  *
- * The last two meanings share the numbers 3, 7 and 22. An alias that is the whole text, and a DESTINATION,
- * are cut to the buffer, and a cut one has no terminator.
+ * A count may be one of the numbers above. An alias that is the whole text, and a DESTINATION, are cut to the
+ * buffer, and a cut one has no terminator.
  */
 int uri_extract_endpts(const char* s, char* src, size_t slength, char* dst, size_t dlength);
 

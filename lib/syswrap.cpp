@@ -123,8 +123,9 @@ int W_ftruncate(const char* caller, int fd, off_t length)
 
 int W_connect(const char* caller, int sockfd, const struct sockaddr* addr, socklen_t addrlen)
 {
+    const char* const self = __func__;
     return checked([&] { return connect(sockfd, addr, addrlen); }, is_nonzero,
-                   [&, self = __func__](const KeptErrno& e) {
+                   [&](const KeptErrno& e) {
                        if (e.number() == EINPROGRESS) {
                            // Kept: this line names the wrapper, whoever called it.
                            log_info("%s: non-blocking connect in progress for fd%d\n", self, sockfd);
