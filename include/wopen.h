@@ -6,8 +6,9 @@
  * the record fit for another open. Everything is logged in the slot MLL_COMMON.
  *
  * Length and type of an HTTP body: usock_open consumes the head and keeps neither. To learn them, open with
- * skip_http, send usock_http_get, and read the head with usock_http_get_response: its context then has
- * content_length and content_type (webops.h).
+ * skip_http, send usock_http_get, and read the head with usock_http_get_response: it stands as a text in
+ * resp->buf, where extract_num_hdr finds "Content-Length:" and find_http_header "Content-Type:" (webops.h).
+ * The context has them for a redirection alone.
  *
  * State: g_apptag and g_usock_flags.
  */

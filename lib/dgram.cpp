@@ -327,6 +327,8 @@ ssize_t dgram_find_seq(struct dgram_idx* di, ssize_t dseq, off_t offset)
 
 struct timespec dgram_calc_time(struct dgram_idx* di, ssize_t dseq, off_t offset)
 {
+    // Between two arrivals the time is reckoned from the packet that the offset lies in: a store has no other
+    // clock.
     const ssize_t index = dseq >= 1 ? dseq : dgram_find_seq(di, dseq, offset);
     ASSERT(index >= 0);
     const struct dgram_seq* seq = asked_seq(di, index);

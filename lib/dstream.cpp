@@ -90,7 +90,7 @@ ssize_t pes_find_stream_id(Bytes bytes, size_t eod, uint8_t id)
 }
 
 // The type of the picture that follows a sequence header within eod bytes: 'I', 'P', 'B', 'D', 'x' for a type
-// that is none of these, or -1 if there is none.
+// that is none of these, or -1 if there is none. Apart: few packets begin a sequence.
 __attribute__((noinline)) int picture_type(Bytes payload, size_t eod)
 {
     const ssize_t sequence = pes_find_stream_id(payload, eod, kSequenceHeader);
@@ -204,7 +204,8 @@ __attribute__((always_inline)) inline unsigned answer(const uint8_t* b, Bytes re
     return open;
 }
 
-// The same for a packet whose head the end of the buffer may cut.
+// The same for a packet whose head the end of the buffer may cut. Apart: it needs room for a copy, and
+// happens once a buffer.
 __attribute__((noinline)) unsigned answer_at_end(Bytes rest, uint32_t number, unsigned open,
                                                  struct sseg_ctx* sseg)
 {
@@ -229,6 +230,7 @@ void find_marks(Bytes bytes, size_t size, unsigned open, struct sseg_ctx* sseg)
     }
 }
 
+// Apart and cold: a probe that says nothing, as nearly all do, keeps its registers.
 __attribute__((noinline, cold)) void log_marks(const char* caller, Bytes bytes, size_t size,
                                                const struct sseg_ctx& found)
 {
@@ -279,7 +281,8 @@ void store(size_t* where, size_t value)
     }
 }
 
-// Probes a segment of which type or size is not known; the size of its packets goes to *size.
+// Probes a segment of which type or size is not known; the size of its packets goes to *size. Apart:
+// a stream is probed at its start, and known from then on.
 __attribute__((noinline)) int32_t probe_type(const uint8_t* buf, size_t buflen, size_t* plen, size_t* pcount,
                                              size_t* size)
 {
@@ -345,6 +348,7 @@ int32_t probe_segment(const uint8_t* buf, size_t buflen, int32_t stype_id, size_
     if (open == 0) {
         return type;
     }
+    // Results stand where the requests stood: 0 is not found, and a packet counts from 1.
     sseg->pat_idx = sseg->pcr_idx = sseg->iframe_idx = 0;
     if (type != STY_MPEGTS.num) {
         say_unsupported(__func__, type);

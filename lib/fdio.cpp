@@ -406,7 +406,7 @@ ssize_t nsendfile(int out_fd, int in_fd, off_t* offset, size_t count, int bsd_fl
 
 short int poll_on_socket(int sockfd, short int events, int tmout)
 {
-    struct pollfd pfd = {sockfd, events, 0};
+    struct pollfd pfd = {sockfd, events, 0}; // one descriptor: who waits for more has the loop
     psensor_start(PRF_EVIDLE);
     const int rc = Poll(&pfd, 1, tmout);
     psensor_stop(PRF_EVIDLE);
@@ -546,6 +546,7 @@ int set_trf_bufsize(size_t newsize)
                 static_cast<long>(MIN_TRF_BUFSIZE));
         return -1;
     }
+    // A page more, so that the I/O can begin at a page boundary wherever the block starts.
     const size_t with_page = newsize <= SIZE_MAX - kPage ? newsize + kPage : SIZE_MAX;
     // Kept: without memory the old block is lost, and buflen still tells its size.
     g_trf.buf = static_cast<char*>(mv::shown_realloc(__func__, g_trf.buf, with_page, newsize));
@@ -577,7 +578,7 @@ struct transfer_spec* new_transfer_spec(int in_fd, int out_fd, off_t* offset, ui
 
 int transfer(struct transfer_spec* tsp, size_t count, ssize_t* tbytes)
 {
-    *tsp->flags &= kOptionBits;
+    *tsp->flags &= kOptionBits; // what the last step reported must not be taken for this one's
     errno = 0;
     Step step;
     const size_t portion = count == 0 || count > g_trf.buflen ? g_trf.buflen : count;

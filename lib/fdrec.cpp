@@ -25,6 +25,7 @@ constexpr size_t kTagMax = 64;
 
 constexpr char kShmPrefix[] = "/shm.";
 
+// Both ways in which a record says that it has none: never mapped, and a mapping that failed.
 bool has_mapping(const struct fdrec* r)
 {
     return r->mmbuf != nullptr && r->mmbuf != MAP_FAILED;
@@ -45,6 +46,7 @@ void mk_dbg_tag(struct fdrec* r)
     if (r->dbg_tag == nullptr) {
         log_panic("%s: failed to allocate memory.\n", __func__);
     }
+    // A record of memory alone is known by its address; any other by its descriptor and what kind that is.
     if (r->fd == -1 && has_mapping(r)) {
         snprintf(r->dbg_tag, kTagMax - 1, "r(%p).M(%p)", static_cast<void*>(r), r->mmbuf);
     } else {
@@ -52,6 +54,7 @@ void mk_dbg_tag(struct fdrec* r)
     }
 }
 
+// Of the steps of free_fdrec none stops the ones behind it: whatever fails, the record goes.
 void unmap(struct fdrec* r)
 {
     if (munmap(r->mmbuf, r->mmbuf_size) != 0) {
@@ -94,6 +97,8 @@ void init_fdrec(struct fdrec* r)
 void free_fdrec(struct fdrec* r)
 {
     ASSERT(r != nullptr);
+    // In this order: the mapping before its descriptor, the name of the memory last, when nobody has it open
+    // here; the tag behind the lines that show it.
     if (has_mapping(r)) {
         unmap(r);
     }

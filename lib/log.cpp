@@ -168,6 +168,7 @@ bool put_time(const struct log_ctx* log, Line& line)
     return true;
 }
 
+// By hand, as put_number: a conversion of printf costs more than the rest of the header.
 bool put_pid(const struct log_ctx* log, Line& line)
 {
     if (log->pid <= 0) {
@@ -232,7 +233,7 @@ struct Text {
 
     bool put_number(unsigned long magnitude, bool is_negative)
     {
-        char digits[24];
+        char digits[24]; // 20 for 64 bits, and a sign
         char* const end = std::end(digits);
         char* first = end;
         do {
@@ -259,6 +260,7 @@ struct Text {
 
 // What most messages are made of: plain text, %s, %d, %u, %ld and %lu. Length of the message, or -1 if it
 // holds something else or does not fit: vsnprintf, which takes three times as long, then makes it or tells.
+// To be added to only where the result is the same to the byte: no widths, no precisions, no locale.
 MV_PRINTF(2, 0) int put_simple(const Line& line, const char* fmt, va_list args)
 {
     Text text{line.at, line.room};
@@ -333,6 +335,8 @@ bool must_rotate(const struct log_ctx* log)
 int do_open(struct log_ctx* log, const char* filecmd)
 {
     assert(g_logmod.is_ready);
+    // The old stream is not closed: it may be stderr, or gone with a rotation, and log_close is the caller's
+    // to call.
     if (filecmd == nullptr) {
         log->fp = stderr;
         log->is_dead = 0;
@@ -342,6 +346,8 @@ int do_open(struct log_ctx* log, const char* filecmd)
                     static_cast<long>(LOG_PATHNAME_MAX));
             return -1;
         }
+        // Stored at once: where it fails the log is closed, and lines are dropped without a look at anything
+        // else.
         log->fp = log->is_pipe != 0 ? popen(filecmd, "w") : fopen(filecmd, "a+");
         log->is_dead = 0;
         if (log->fp == nullptr) {
@@ -356,9 +362,10 @@ int do_open(struct log_ctx* log, const char* filecmd)
             strncpy(log->name, filecmd, LOG_PATHNAME_MAX - 1);
             log->name[LOG_PATHNAME_MAX - 1] = 0;
         }
+        // No line may be lost with a process that crashes, and a line is written by one call all the same.
         setvbuf(log->fp, nullptr, log->is_pipe != 0 ? _IOLBF : _IONBF, 0);
     }
-    log->total_out = 0;
+    log->total_out = 0; // of a pipe nothing is known, and nothing rotates
     if (log->is_pipe == 0 && log->fp != stderr && log->fp != stdout) {
         struct stat st;
         if (fstat(fileno(log->fp), &st) == 0) {
@@ -374,6 +381,7 @@ int do_open(struct log_ctx* log, const char* filecmd)
 // Renames a regular file of some length out of the way, after its modification time.
 int move_if_present(const char* fpath)
 {
+    // What is no regular file (/dev/null, a terminal) or empty stays where it is and is used.
     struct stat st;
     if (stat(fpath, &st) != 0) {
         const KeptErrno e;
@@ -477,11 +485,13 @@ int rotate(struct log_ctx* log)
     if (!can_rotate(log, rc)) {
         return rc;
     }
+    // One reading for name, ring and line: the second may change in between.
     const time_t now = time(nullptr);
     char new_name[kRotatedNameMax];
     if (!rotated_name(log, kLogRotate, now, new_name) || !close_for_rotation(log)) {
         return -1;
     }
+    // A failed rename is kept as a text until the log is open again and can take it.
     char errmsg[LOG_ERRMSG_MAX] = "";
     const bool renamed = rename(log->name, new_name) == 0;
     if (!renamed) {
@@ -542,7 +552,7 @@ void log_write(struct log_ctx* log, int level, const char* fmt, ...)
     if (log->fp == nullptr || log->is_dead != 0) {
         return;
     }
-    const bool in_handler = g_sigctx != 0;
+    const bool in_handler = g_sigctx != 0; // read once: a handler may come and go while the line is made
     Line line(in_handler ? g_sigbuf : g_outbuf);
     va_list args;
     va_start(args, fmt);
@@ -553,11 +563,11 @@ void log_write(struct log_ctx* log, int level, const char* fmt, ...)
     }
     output(log, line);
     if (in_handler) {
-        return;
+        return; // syslog takes a lock, a hook may do anything, a rotation closes what is being written
     }
     if (level < 0 && log->use_syslog != 0) {
         const mv::SyslogMark mark; // libc stamps the message with local time
-        va_start(args, fmt);
+        va_start(args, fmt);       // anew: the list was used up by the line
         vsyslog(get_syslog_pri(level) | LOG_LOCAL0, fmt, args);
         va_end(args);
     }

@@ -185,6 +185,7 @@ int numeric_addr(const char* caller, const char* text, struct sockaddr_storage* 
     return error;
 }
 
+// The interface that has the address, among all that are up or not.
 const char* owner_of(const struct ifaddrs* list, const struct sockaddr* sa)
 {
     for (const struct ifaddrs* ifa = list; ifa != nullptr; ifa = ifa->ifa_next) {
@@ -214,6 +215,7 @@ const struct sockaddr* pick_addr(const struct ifaddrs* list, int family, const c
     return remembered;
 }
 
+// The record of no particular interface: index 0, an empty name, the any-address of the family.
 struct ifc_info* any_ifc_info(int af)
 {
     auto* info = static_cast<struct ifc_info*>(Calloc(1, sizeof(struct ifc_info)));
@@ -223,6 +225,7 @@ struct ifc_info* any_ifc_info(int af)
     return info;
 }
 
+// What the kernel says of the descriptor, not what we made of it: others may have changed it.
 int get_socket_flags(int sockfd)
 {
     const int flags = fcntl(sockfd, F_GETFL, 0);
@@ -495,6 +498,7 @@ bool is_decimal(const char* str)
     return *str != 0 && *end == 0;
 }
 
+// A datagram socket is never connected: a writer sends to addr_ss, and a reader takes what comes.
 bool should_connect(int is_server, const struct socket_spec* spec)
 {
     switch (spec->socktype) {
@@ -513,11 +517,13 @@ struct CheckedClose {
 
 using OwnedSocket = mv::DescriptorOwner<CheckedClose>;
 
+// Whether a particular interface was asked for and found.
 bool is_named(const struct ifc_info* mifc)
 {
     return mifc != nullptr && is_anyaddr(mifc->name) == 0;
 }
 
+// The one line of both kinds of group sockets.
 void report_mcast_setup(const char* caller, int sockfd, const struct ifc_info* mifc)
 {
     log_dbg("%s: fd=%d, ifc=[%s]:%p\n", caller, sockfd, mifc != nullptr ? mifc->name : "<any>",
@@ -613,6 +619,8 @@ struct Attempt {
     IfcOwner mifc;
 };
 
+// "0" asks the kernel for a port; any other text that counts as 0 is a mistake. What follows digits is left
+// to the look-up.
 bool accept_port(const char* port)
 {
     ASSERT(port != nullptr);
@@ -765,6 +773,7 @@ int open_socket(const char* addr, const char* port, const char* auth, struct soc
         log_err("%s: cannot accept plain number [%s] as IP address\n", __func__, addr);
         return -1;
     }
+    // Refused in this order, each before anything is made: port, plain number, source. Then the look-up.
     spec->is_ssm = auth != nullptr && spec->socktype == SOCK_DGRAM;
     if (spec->is_ssm && !accept_source(auth, spec)) {
         return -1;
@@ -773,7 +782,7 @@ int open_socket(const char* addr, const char* port, const char* auth, struct soc
     if (entries == nullptr) {
         return -1;
     }
-    errno = 0;
+    errno = 0; // a look-up that worked may leave anything there, and a failed entry is judged by it
     Attempt attempt;
     for (struct addrinfo* ai = entries.get(); ai != nullptr; ai = ai->ai_next) {
         if (try_entry(ai, spec, ifc_tag, attempt)) {
@@ -804,6 +813,8 @@ int mk_sockaddr(const char* addr_port, int stype, int proto, struct sockaddr_sto
         return -1;
     }
     const AddrinfoList list(results);
+    // An address counts only if a socket of its kind can be made here: a machine without IPv6 still resolves
+    // it.
     errno = 0;
     int status = 0;
     int probe = -1;
@@ -841,6 +852,7 @@ bool ends_with_port(const char* addr)
 
 int reuse_and_bind(int sock, struct sockaddr* addr, socklen_t addrlen)
 {
+    // Several readers of one group on one machine, and a daemon that starts again at once, both want it.
     const int on = 1;
     if (Setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
         return errno;
@@ -1104,6 +1116,7 @@ int bound_socket(const char* caller, const struct sockaddr_storage* ss, int sock
     return is_bound ? fd.release() : -1;
 }
 
+// Cut to the room that there is, with its terminator: a longer path binds under another name.
 struct sockaddr_un domain_addr(const char* path)
 {
     struct sockaddr_un un = {};
@@ -1112,6 +1125,7 @@ struct sockaddr_un domain_addr(const char* path)
     return un;
 }
 
+// A path that an earlier run left behind would refuse the bind; what stands there is not looked at.
 bool remove_old_socket(const char* caller, const char* path)
 {
     if (unlink(path) != 0 && errno != ENOENT) {
@@ -1290,6 +1304,7 @@ int set_send_timeout(int sockfd, int ms)
 
 int socket_error(int sockfd)
 {
+    // Reading clears it in the kernel: who asks twice hears of it once.
     int value = 0;
     socklen_t length = sizeof value;
     if (getsockopt(sockfd, SOL_SOCKET, SO_ERROR, &value, &length) != 0) {

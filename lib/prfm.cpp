@@ -10,12 +10,14 @@
 
 namespace {
 
+// A stopwatch without a clock would tell wrong times for good, and its callers look at no result: the end.
 [[noreturn]] void give_up(const char* call)
 {
     perror(call);
     abort();
 }
 
+// Reads what the flags ask for and nothing else: getrusage() costs several times what the clock does.
 void capture(const struct prfm* r, struct prfm_metrics* m)
 {
     if ((r->flags & prfm_TIME) != 0 && clock_gettime(CLOCK_MONOTONIC, &m->tm) != 0) {
@@ -26,6 +28,7 @@ void capture(const struct prfm* r, struct prfm_metrics* m)
     }
 }
 
+// By the flags too: of a metric that is not measured the caller's record stays as it was.
 void clear(const struct prfm* r, struct prfm_metrics* m)
 {
     if ((r->flags & prfm_TIME) != 0) {
@@ -36,6 +39,7 @@ void clear(const struct prfm* r, struct prfm_metrics* m)
     }
 }
 
+// All fields that struct rusage has, those that Linux leaves at 0 included: scripts read the lines by place.
 void dump_rusage(FILE* fp, const struct rusage& ru)
 {
     fputs("== resource usage:\n", fp);
@@ -55,7 +59,7 @@ void dump_rusage(FILE* fp, const struct rusage& ru)
 
 void prfm_xinit(struct prfm* r, int32_t flags, int rusage_who)
 {
-    r->flags = flags;
+    r->flags = flags; // before the clearing, which goes by them
     clear(r, &r->start);
     clear(r, &r->accum);
     r->who = rusage_who;
@@ -65,7 +69,7 @@ void prfm_destroy(struct prfm* r)
 {
     clear(r, &r->start);
     clear(r, &r->accum);
-    r->flags = 0;
+    r->flags = 0; // from here on a start or a stop measures nothing
 }
 
 void prfm_start(struct prfm* r)
@@ -76,7 +80,7 @@ void prfm_start(struct prfm* r)
 void prfm_stop(struct prfm* r)
 {
     struct prfm_metrics now;
-    capture(r, &now);
+    capture(r, &now); // first of all: what follows is not to be part of the span
     if ((r->flags & prfm_TIME) != 0) {
         timespecsub(&now.tm, &r->start.tm);
         timespecadd(&r->accum.tm, &now.tm);
@@ -89,6 +93,7 @@ void prfm_stop(struct prfm* r)
 
 void prfm_probe(struct prfm* r)
 {
+    // A probe shows resources as they are since the process began; a time since then would be the clock's.
     capture(r, &r->accum);
     timespecclear(&r->accum.tm);
 }

@@ -27,6 +27,7 @@ size_t name_slots(size_t first, size_t limit, const char** tags, bool enable)
     return named;
 }
 
+// The library's own slots, named or not, with the application's behind them: only the latter have a count.
 size_t slots_in_use()
 {
     return USENSOR_FIRST + g_app_psensor.ucount;
@@ -36,6 +37,7 @@ size_t slots_in_use()
 
 int psensors_init(const char** utag, int enable_all)
 {
+    // A second set-up starts from nothing: slots beyond the new names must not keep an old one.
     memset(g_psensor, 0, sizeof g_psensor);
     const bool enable = enable_all != 0;
     name_slots(0, USENSOR_FIRST, g_libsensor_tag, enable);
@@ -54,6 +56,7 @@ void psensors_dump(FILE* fp)
 {
     for (size_t i = 0; i < slots_in_use(); ++i) {
         const struct psensor& ps = g_psensor[i];
+        // A sensor that never ran has nothing to say, and there are many of them.
         if (ps.enabled != 0 && timespecisset(&ps.sensor.accum.tm)) {
             prfm_dump(fp, &ps.sensor, "P-Sensor [%s]\n", ps.nametag);
         }

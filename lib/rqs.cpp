@@ -60,7 +60,7 @@ constexpr const char* kLoopName = "rqs_event_loop";
 struct rqs_context {
     int loopfd;            // epoll's
     struct xvec events;    // of epoll_event: the kernel's result array; len is the count of the last wait
-    struct xvec changes;   // unused
+    struct xvec changes;   // Kept: unused, and reset with the others
     size_t poll_fds;       // descriptors registered with epoll
     struct xvlst nopoll;   // of nopoll_ref; a slot is an event's number
     struct xvec nopoll_rm; // of ssize_t: slots that go at the next purge
@@ -79,7 +79,7 @@ struct nopoll_ref {
 struct inotify_ctx {
     union n32_tag tag;
     int fd;
-    unsigned int in_epoll : 1;
+    unsigned int in_epoll : 1; // Kept: never set, see watch_inotify_fd
     alignas(struct inotify_event) char buf[INOTIFY_BUFLEN];
     nkht_t wfd_ht; // watch to udata
     ssize_t wfd_count;
@@ -110,6 +110,7 @@ int change_fd(int operation, int fd, uint32_t mask, void* udata)
     } else {
         ev.data.fd = fd;
     }
+    // The kernel keeps the word and nothing else: what it points to must live as long as the registration.
     if (epoll_ctl(g_rqs.loopfd, operation, fd, &ev) != 0) {
         const KeptErrno e;
         log_err("%s: epoll_ctl(%d, %s, %d, {0x%lx, %p}) ERROR(%d): %s\n", __func__, g_rqs.loopfd,
@@ -238,12 +239,15 @@ void process_record(const char* caller, const struct inotify_event* iev)
     }
 }
 
+// Not inlined: the events of descriptors come far more often, and the walk over records would crowd their
+// path.
 [[gnu::noinline]] int process_inotify_records(int fd_err, void* udata)
 {
     ASSERT(udata == &g_ino);
     if (fd_err != 0) {
         log_panic("%s: error condition on inotify fd=%d\n", __func__, g_ino.fd);
     }
+    // Asked first, for a read of just that much: what comes meanwhile makes the next event.
     int avail = 0;
     const int rc = ioctl(g_ino.fd, FIONREAD, &avail);
     if (rc != 0) {
@@ -417,7 +421,7 @@ int wait4events()
     }
     const int limit = wait_limit(__func__);
     // Kept: without any descriptor so far there is no room, and the call refuses with EINVAL.
-    psensor_start(PRF_EVIDLE);
+    psensor_start(PRF_EVIDLE); // idle is what the sensors call the time that the loop waits
     const int count = epoll_wait(g_rqs.loopfd, static_cast<struct epoll_event*>(g_rqs.events.data),
                                  static_cast<int>(g_rqs.events.max_len), limit);
     const KeptErrno e;
@@ -430,12 +434,14 @@ int wait4events()
             log_warn("%s: all event slots populated, might need more\n", __func__);
         }
     }
-    set_clk_now(&mv::g_loop_now, FAST_MONOTONIC_CLOCK);
+    set_clk_now(&mv::g_loop_now, FAST_MONOTONIC_CLOCK); // once a cycle: all that follows shares this time
     return count;
 }
 
 // ---- dispatch -----------------------------------------------------------------------------------
 
+// Apart and cold, as the next one: an ASSERT lays 512 bytes on the stack of whatever function it stands in,
+// and on_event runs for each event.
 [[gnu::noinline, gnu::cold]] void assert_event_space()
 {
     ASSERT(g_rqs.events.max_len != 0);
@@ -523,6 +529,7 @@ bool is_awake()
 
 bool wait_stage(Run& run)
 {
+    // A stale count would dispatch the events of the last wait again.
     g_rqs.events.len = 0;
     if (g_rqs.poll_fds == 0 && g_rqs.nopoll.len > 0) {
         return true;
@@ -627,7 +634,7 @@ bool run_cycle(Run& run)
 int rqs_init(const struct rqs_config* cfg)
 {
     ASSERT(cfg != nullptr);
-    g_config = *cfg;
+    g_config = *cfg; // a copy: the caller's may go
     g_rqs = {};
     mv::g_loop_now = {};
     g_rqs.loopfd = epoll_create(128);
@@ -654,7 +661,7 @@ int rqs_event_loop(void)
     Run run;
     while (run.rc == 0 && g_quit == 0 && run_cycle(run)) {
     }
-    psensor_stop(PRF_EVLOOP);
+    psensor_stop(PRF_EVLOOP); // a cycle that was left in the middle has not done it
     if (run.rc == EINTR && g_quit != 0) {
         run.rc = 0;
     }

@@ -51,7 +51,7 @@ const Unit* find_unit(const char* name)
 
 int parse_double(const char* text, double& value)
 {
-    errno = 0;
+    errno = 0; // strtod() tells a range that it left by errno alone
     value = strtod(text, nullptr);
     return errno != 0 ? kNoNumber : kOk;
 }
@@ -76,6 +76,7 @@ int a2double(const char* str, double* pval)
         if (unit == nullptr) {
             return kBadUnit;
         }
+        // A copy that ends where the unit begins: strtod() would take an "e" or "x" of a unit for its own.
         const size_t length = static_cast<size_t>(suffix - str);
         char number[MAX_SZLEN] = {};
         if (length > sizeof number - 1) {

@@ -26,6 +26,7 @@ using mv::is_eagain;
 using mv::KeptErrno;
 using mv::shown;
 
+// What Open() without a mode creates files with: mode 0 would make one that nobody may open again.
 constexpr mode_t kDefaultMode = 0644;
 
 constexpr auto is_minus_one = [](auto result) { return result == -1; };
@@ -35,6 +36,7 @@ constexpr auto is_null = [](const void* result) { return result == nullptr; };
 // in W_write_f and W_read_f.
 constexpr auto is_not_positive = [](ssize_t result) { return result <= 0; };
 
+// A length for %ld where the call takes a null pointer: it is read after the call, as the kernel left it.
 long length_shown(const socklen_t* length)
 {
     return length != nullptr ? static_cast<long>(*length) : 0L;
@@ -54,6 +56,7 @@ void* mv::shown_realloc(const char* caller, void* ptr, size_t size, size_t shown
 
 int no_fault(int err, u_int32_t guilty)
 {
+    // Before the number is looked at: a caller that wants to hear of everything hears of EAGAIN too.
     if (guilty != 0) {
         return 0;
     }
@@ -75,6 +78,7 @@ int W_close(const char* caller, int fd)
                            [&](const KeptErrno& e) {
                                log_err("%s: close(fd%d) ERROR(%d): %s\n", caller, fd, e.number(), e.text());
                            });
+    // Told, as each opening of a socket is: the two lines are how a lost descriptor is found in a debug log.
     if (rc == 0) {
         log_dbg("%s: CLOSED(fd%d)\n", caller, fd);
     }
@@ -90,6 +94,7 @@ void* W_calloc(const char* caller, size_t nmemb, size_t size)
                    });
 }
 
+// The plain form of it; who adds room of its own calls the other one.
 void* W_realloc(const char* caller, void* ptr, size_t size)
 {
     return mv::shown_realloc(caller, ptr, size, size);
@@ -251,6 +256,8 @@ int W_select(const char* caller, int nfds, fd_set* readfds, fd_set* writefds, fd
 {
     return checked([&] { return select(nfds, readfds, writefds, exceptfds, timeout); }, is_minus_one,
                    [&](const KeptErrno& e) {
+                       // A signal that ends a wait is how loops are told to stop: no error, but in a debug
+                       // log.
                        if (e.number() == EINTR && !loglevel_is(DEBUG_level)) {
                            return;
                        }
@@ -265,6 +272,7 @@ int W_accept(const char* caller, int sockfd, struct sockaddr* addr, socklen_t* a
 {
     return checked([&] { return accept(sockfd, addr, addrlen); }, is_minus_one,
                    [&](const KeptErrno& e) {
+                       // A non-blocking listener is asked until nobody waits any more.
                        if (!is_eagain(e.number())) {
                            log_err("%s: accept(%d, %p, %ld) ERROR(%d): %s\n", caller, sockfd,
                                    static_cast<void*>(addr), length_shown(addrlen), e.number(), e.text());
@@ -280,6 +288,7 @@ int W_poll(const char* caller, struct pollfd* fds, nfds_t nfds, int timeout)
                     log_err("%s: poll(%p, %ld, %d) ERROR(%d): %s\n", caller, static_cast<void*>(fds),
                             static_cast<long>(nfds), timeout, e.number(), e.text());
                 });
+    // Callers poll with a limit that they do not mean to reach.
     if (rc == 0) {
         log_warn("%s: poll() has timed out after %d ms\n", caller, timeout);
     }

@@ -233,6 +233,7 @@ int timed_out_as(const struct timespec* last_tm, const struct timespec* tmout, b
     return now.tv_sec == sec ? now.tv_nsec > nsec : now.tv_sec > sec;
 }
 
+// Unlike time, at the limit and not behind it: a tick is the span itself, not a point within.
 bool ticks_run_out(uint32_t last, uint32_t tmout, uint32_t ticks_now)
 {
     if (last == 0) {
@@ -313,6 +314,8 @@ ssize_t mk_timestr(const struct timespec* tms, const uint32_t flags, char* buf, 
 
 int scan_log_time(const char* s, struct timespec* tms, uint32_t flags)
 {
+    // Zeros where the text has none, tm_isdst among them: 0 there takes the time as one without daylight
+    // saving.
     struct tm parts = {};
     long seconds = 0;
     long microseconds = 0;

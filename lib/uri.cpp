@@ -276,6 +276,7 @@ bool is_safe(char c)
 
 char* uri_decode_opt(char* s, size_t len, unsigned options)
 {
+    // In place: a decoded text is never longer, so the write stays at or behind the read.
     size_t in = 0;
     size_t out = 0;
     while (in < len) {
@@ -323,6 +324,7 @@ constexpr char kQueryParse[] = "uri_query_parse"; // whose steps the helpers bel
 // looked for in front of the key.
 int add_pair(const char* query, skht_t tbl, bool decode, const char*& end)
 {
+    // Bounds before copies: a query comes from a stranger, and the key has a fixed room.
     const char* mark = strchr(query, '=');
     if (mark == nullptr || mark == query || mark - query >= static_cast<ptrdiff_t>(kKeySize)) {
         return -1;

@@ -57,9 +57,10 @@ int leave_terminal()
         log_err("%s: failed at %s, ERROR(%d): %s\n", kDaemonize, step, e.number(), e.text());
         return -1;
     }
-    umask(0);
+    umask(0); // each file of the daemon says its own mode
     FILE* fp = log_fp(&g_log);
     const int log_fd = fp != nullptr ? fileno(fp) : -1;
+    // A log on one of the three is a log on what the lines below close, or on a terminal that is left.
     if (log_fd >= 0 && log_fd <= STDERR_FILENO) {
         log_default(&g_log, stderr);
     }
@@ -69,7 +70,8 @@ int leave_terminal()
     return 0;
 }
 
-// Forks; the parent ends here. 0 in the child, -1 if there is none.
+// Forks; the parent ends here, by exit(), not _exit(): what it has in its streams is written, and its
+// handlers run. 0 in the child, -1 if there is none.
 int continue_in_child()
 {
     const pid_t pid = fork();
@@ -79,6 +81,7 @@ int continue_in_child()
     return pid == 0 ? 0 : -1;
 }
 
+// Without SA_RESTART: the loops of the family wait in calls that a signal has to end.
 int set_handler(int signum, void (*handler)(int))
 {
     struct sigaction action;
@@ -102,6 +105,7 @@ class SignalContext {
     KeptErrno kept_;
 };
 
+// Of the whole file, on the descriptor that stays open: the lock goes with the process, however it ends.
 int write_lock(int fd, const char* fpath, uint32_t flags)
 {
     struct flock lock;
@@ -135,6 +139,7 @@ int write_pid(int fd, pid_t pid)
     return W_write_f(kPidfile, fd, text, static_cast<size_t>(n), 1) == n ? 0 : -1;
 }
 
+// By which the caller knows, at its end, whether the file at the path is still its own.
 int get_inode(int fd, ino_t* inode)
 {
     struct stat st;
@@ -163,6 +168,7 @@ int fill_pidfile(int fd, const char* fpath, pid_t pid, ino_t* inode, uint32_t fl
     return rc;
 }
 
+// The soft limit alone: the hard one is the administrator's, and once lowered does not come back.
 int set_limit(int lid, u_long new_lim, const char* tag)
 {
     const auto resource = static_cast<__rlimit_resource>(lid);
@@ -182,6 +188,7 @@ int set_limit(int lid, u_long new_lim, const char* tag)
     return 0;
 }
 
+// A process that changed its user is not dumpable any more, and a core limit alone would bring no core.
 int ensure_dumpable()
 {
     if (prctl(PR_GET_DUMPABLE) != 0) {
@@ -206,6 +213,8 @@ bool fits(int n, size_t size)
 
 int daemonize(void)
 {
+    // Twice: the first child leads a session, and as its leader could still get a terminal; the second
+    // cannot.
     if (continue_in_child() != 0) {
         return -1;
     }
@@ -215,7 +224,7 @@ int daemonize(void)
 
 int run_as_user(const char* user)
 {
-    errno = 0;
+    errno = 0; // tells a user that is not there from a look-up that failed
     const struct passwd* pw = getpwnam(user);
     if (pw == nullptr) {
         const KeptErrno e;
@@ -276,6 +285,7 @@ int set_nice(int niceval)
 
 int pin2cpu(int cpunum)
 {
+    // A number that is none leaves the set empty, which the kernel refuses: CPU_SET would write beside it.
     cpu_set_t set;
     CPU_ZERO(&set);
     if (cpunum >= 0 && cpunum < CPU_SETSIZE) {
@@ -319,7 +329,7 @@ int ignore_sigpipe(void)
 void on_sighup(int signo)
 {
     const SignalContext context;
-    g_hup = 1;
+    g_hup = 1;                      // before the line, which may take its time
     log_norm("SIGHUP(%d) ", signo); // Kept: no line end, the next line continues it
 }
 
@@ -352,6 +362,7 @@ int create_pidfile_extra(const char* fpath, pid_t pid, ino_t* inode, uint32_t fl
         log_err("%s: no path specified\n", __func__);
         return -1;
     }
+    // Not truncated here: the file may hold the pid of an instance that runs.
     mv::OwnedFd fd{Open3(fpath, O_WRONLY | O_CREAT | O_NOCTTY, kPidfileMode)};
     if (!fd) {
         return -1;
@@ -496,6 +507,7 @@ FILE* fopen_any(const char* base, const char* mode, size_t ndirs, const char** d
         const int n = std::string_view(dirs[i]).ends_with('/')
                           ? snprintf(path, pathlen, "%s%s", dirs[i], base)
                           : snprintf(path, pathlen, "%s/%s", dirs[i], base);
+        // The places behind it are not tried: a later one might be opened under a name that was not meant.
         if (!fits(n, pathlen)) {
             errno = E2BIG;
             break;
@@ -548,6 +560,7 @@ ssize_t read_file_buf(const char* fpath, char* buf, size_t buflen)
     if (!fd || fstat(fd.get(), &st) != 0) {
         return -1;
     }
+    // By the size first: a file is read whole or not at all, and never in part.
     const auto size = static_cast<size_t>(st.st_size);
     if (size > buflen) {
         log_err("%s: file size (%ld bytes) is too big for buffer (%ld bytes)\n", __func__,
@@ -565,7 +578,7 @@ ssize_t read_file_buf(const char* fpath, char* buf, size_t buflen)
 
 int file_to_dest(const char* addr, const char* port, const char* fpath)
 {
-    char buf[kDatagramMax];
+    char buf[kDatagramMax]; // what goes through an Ethernet in one piece
     const ssize_t size = read_file_buf(fpath, buf, sizeof buf);
     if (size < 1) {
         return -1;
@@ -608,6 +621,7 @@ const char* cpy_till(const char* s, const char* delim, char* buf, size_t buflen)
 
 int close_pipe(int* pipefd)
 {
+    // A failure leaves the other end open for the caller to see to.
     for (int i = 0; i < 2; ++i) {
         const int rc = pipefd[i] >= 0 ? Close(pipefd[i]) : 0;
         if (rc != 0) {

@@ -101,11 +101,13 @@ class LogText {
 
 // ---- client ----------------------------------------------------------------------------------------
 
+// Whether a text of the user says nothing: not there, empty, or a blank first.
 bool is_blank_null(const char* s)
 {
     return s == nullptr || *s == '\0' || strchr("\t\r\n ", *s) != nullptr;
 }
 
+// The peer is gone, and the descriptor good for nothing but closing.
 bool is_aborted(int err)
 {
     return err == ECONNRESET || err == ECONNABORTED;
@@ -153,6 +155,7 @@ void store_content_type(std::string_view value, struct http_resp_ctx* resp, cons
     log_dbg("%s: Content-Type: %s\n", caller, resp->content_type);
 }
 
+// -1 unless the value is a whole length: who trusts a wrong one reads the next response as a body.
 bool store_content_length(std::string_view value, struct http_resp_ctx* resp, const char* caller)
 {
     resp->content_length = -1;
@@ -316,6 +319,7 @@ void parse_user_agent(const char* headers, struct http_header* hdr)
     uri_encode(hdr->user_agent, MAX_UAG_LEN - 1);
 }
 
+// Whether a path is that word, in any case, with or without a slash behind it.
 bool slash_match(const char* haystack, const char* needle)
 {
     const size_t length = strlen(needle);
@@ -396,6 +400,7 @@ bool append_query(const char* query, char* uri_src, size_t ulen)
     return true;
 }
 
+// The two lines that every response has, whole or not at all: their length is known before a byte is written.
 bool status_lines(const struct http_response* r, ResponseHead& head)
 {
     const Digits<int> code(r->code);
@@ -419,6 +424,7 @@ bool content_length_line(const struct http_response* r, ResponseHead& head)
     return r->content_length < 0 || head.line("Content-Length: ", Digits<long>(r->content_length).text());
 }
 
+// Further headers of the user, only with 200: the canned failures are sent from the same records.
 bool suffix_line(const struct http_response* r, ResponseHead& head)
 {
     if (r->code != HTTP_OK_CODE || r->ok_suffix == nullptr || *r->ok_suffix == '\0') {
@@ -441,6 +447,7 @@ const char* get_web_seq(char c)
 
 // ---- URLs as records of descriptors ------------------------------------------------------------------
 
+// A destination must not exist yet: a URL from a request must not overwrite.
 int open_file_uri(struct fdrec* r, int inbound)
 {
     return inbound == INBOUND_URI ? open_src_file(r->path) : open_dst_file(r->path, 0);
@@ -586,6 +593,7 @@ const char* mv::wanted_source(const char* caller, const char* authority, bool is
 
 int send_http_request(int sockfd, struct http_request* r)
 {
+    // Static: the loop's one thread sends one request at a time, and the stack need not hold it.
     static char host[kHostSize];
     static char buf[kRequestSize];
     if (r->type != RQTYPE_GET) {
@@ -614,6 +622,7 @@ int send_http_request(int sockfd, struct http_request* r)
         log_err("%s: buffer is too small, %d bytes required.\n", __func__, length);
         return -1;
     }
+    // One write: a request of this size fits any socket's buffer, and a short count is a peer in trouble.
     const ssize_t sent = nwrite(sockfd, buf, static_cast<size_t>(length), FDIO_VERBOSE);
     if (sent <= 0) {
         const KeptErrno kept;
@@ -653,12 +662,15 @@ int recv_http_response(int sockfd, char* buf, size_t buflen, struct http_resp_ct
     if (rc != 0) {
         return rc;
     }
+    // On the last byte of the marker: the head becomes a text, and the body behind it stays whole.
     buf[resp->tail - 1] = '\0';
     log_dbg("%s: total=%lu, tail=%lu; buf=[%s]\n", __func__, static_cast<unsigned long>(resp->total),
             static_cast<unsigned long>(resp->tail), buf);
     if (!parse_status_line(sockfd, buf, resp)) {
         return -1;
     }
+    // Of a redirection alone, which says there where to go; whoever wants a header of another code finds it
+    // in buf.
     if (!need_resp_headers(resp->code)) {
         return 0;
     }
@@ -760,9 +772,11 @@ void reset_resp_ctx(struct http_resp_ctx* r)
 int parse_http_header(const char* http_rq, size_t rqlen, struct http_header* hdr, char* urlbuf, size_t urlen)
 {
     log_dbg("%s: %lu bytes [%s]\n", __func__, static_cast<unsigned long>(rqlen), http_rq);
+    // Cleared first: a head that is refused in the middle leaves no field of an earlier one.
     hdr->uri = {};
     hdr->host[0] = '\0';
     hdr->user_agent[0] = '\0';
+    // The four walks stop at rqlen as well as at the text's own end: the data comes from a stranger.
     size_t at = 0;
     int rc = parse_method(http_rq, hdr, at);
     if (rc != 0) {
@@ -814,6 +828,7 @@ int mk_full_url(const struct http_header* hdr, char* buf, size_t buflen)
 int extract_http_request_path_query(const char* http_rq, size_t hlen, char* path, size_t plen, char* query,
                                     size_t qlen)
 {
+    // Copied into a record of its own: the segments point into http_rq, which may go before the copies do.
     struct http_header hdr = {};
     const int rc = parse_http_header(http_rq, hlen, &hdr, nullptr, 0);
     if (rc != 0) {

@@ -266,6 +266,7 @@ int usock_open(const char* url, struct usock_ctx* uc)
 void usock_close(int fd, struct usock_ctx* uc)
 {
     if (uc != nullptr) {
+        // While the descriptor is open: a group is left through the socket that joined it.
         if (uc->sspec.multicast != 0 && uc->sspec.writer == 0) {
             mcast_leave(fd, &uc->sspec.addr_ss, uc->mifc);
         }
@@ -301,6 +302,7 @@ int usock_http_get_response(int sockfd, struct http_resp_buf* resp)
     assert(resp->buf && resp->len > 0);
     struct http_resp_ctx* const ctx = &resp->ctx;
     log_dbg("%s: reading HTTP response from fd=%d\n", __func__, sockfd);
+    // Tested before the read: a full buffer would otherwise look like a peer that sends nothing.
     const size_t total = static_cast<size_t>(ctx->total);
     if (total >= resp->len) {
         log_err("%s: buffer is full, size=%ld\n", __func__, static_cast<long>(resp->len));

@@ -34,6 +34,8 @@ struct Lowered {
     ssize_t next;
 };
 
+// initial-exec: an add or a delete would else call the dynamic linker for the address of its own note. The
+// price, a few bytes of the static block of each thread, is there for a library that is loaded later, too.
 __attribute__((tls_model("initial-exec"))) thread_local constinit Lowered g_lowered = {};
 
 // Clean-ups of this thread that are running: while one runs, the map shows one slot less than len counts.
@@ -109,6 +111,7 @@ bool whole_blocks(size_t new_max, size_t blksz, size_t growblk, size_t* count, s
            !__builtin_mul_overflow(*count, blksz, bytes) && *bytes <= kSizeMax;
 }
 
+// Apart, so that an add with room left is short enough to be inlined where it is called.
 [[gnu::noinline]] ssize_t add_slowly(struct xvec* v, size_t blksz, size_t growblk)
 {
     if ((v->flags & XV_FIXED_SIZE) != 0 ? v->len >= v->max_len : xvec_expand(v, 1, blksz, growblk) != 0) {
@@ -250,7 +253,7 @@ void make_avail(List* list, size_t index)
     }
 }
 
-// The slot's map byte is clear; the clean-up may do with the list what it likes.
+// The slot's map byte is clear; the clean-up may do with the list what it likes. Apart: most lists have none.
 template <class List>
 [[gnu::noinline]] void clean_up(List* list, size_t index, void (*cleanup)(void* data, size_t index))
 {
@@ -450,12 +453,13 @@ int xvlst_reserve(struct xvlst* l, size_t new_max, size_t blksz, size_t growblk)
     if (l->max_len != 0 && l->taken == nullptr) {
         return -1; // the map is lost: which slots are taken cannot be told any more
     }
+    // The elements grow as a vector's do; the map follows, and the list is whole only with both.
     struct xvec v = {l->data, l->len, l->max_len, l->flags};
     const int rc = xvec_reserve(&v, new_max, blksz, growblk);
     if (rc != 0) {
         return rc;
     }
-    forget_lowered();
+    forget_lowered(); // the note speaks of a map that may move
     const size_t old_max = l->max_len;
     l->data = v.data;
     l->max_len = v.max_len;

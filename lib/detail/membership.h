@@ -49,6 +49,7 @@ struct MembershipOption {
     }
 };
 
+// Join or leave, by the option that knows both families.
 inline MembershipOption generic_group(uint32_t ifc_idx, const struct sockaddr_storage* grp, int join)
 {
     struct group_req request = {};
@@ -57,6 +58,7 @@ inline MembershipOption generic_group(uint32_t ifc_idx, const struct sockaddr_st
     return {af_level(grp->ss_family), join != 0 ? MCAST_JOIN_GROUP : MCAST_LEAVE_GROUP, request};
 }
 
+// By the older ones, of which each knows one family: IPv4 names an interface by an address of it.
 inline MembershipOption ipv4_group(const struct sockaddr_storage* grp, const struct sockaddr_storage* ifc,
                                    int join)
 {
@@ -74,6 +76,7 @@ inline MembershipOption ipv6_group(uint32_t ifc_idx, const struct sockaddr_stora
     return {IPPROTO_IPV6, join != 0 ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP, request};
 }
 
+// The same of one source of a group.
 inline MembershipOption generic_source(uint32_t ifc_idx, const struct sockaddr_storage* grp,
                                        const struct sockaddr_storage* src, int join)
 {

@@ -43,6 +43,7 @@ class DescriptorOwner {
 
     explicit operator bool() const { return fd_ >= 0; }
 
+    // Hands the descriptor out: from here on it is somebody else's to close.
     int release() { return std::exchange(fd_, -1); }
 
     void reset(int fd = -1)

@@ -612,6 +612,21 @@ TEST(WopenHttp, get_response_tells_a_tail_at_debug_level)
     EXPECT_TRUE(has_line(log, "(DBG)  usock_http_get_response: got HTTP tail of 4 bytes from fd" + fd));
 }
 
+TEST(WopenHttp, get_response_leaves_the_head_as_a_text_from_which_length_and_type_are_read)
+{
+    LogCapture log;
+    const Pair pair;
+    Response response(512);
+    pair.feed("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 4\r\n\r\ntail");
+    ASSERT_EQ(usock_http_get_response(pair.fd[0], &response.resp), 0);
+    EXPECT_EQ(extract_num_hdr("Content-Length:", response.resp.buf, 0), 4);
+    size_t length = 0;
+    const char* type = find_http_header("Content-Type:", response.resp.buf, &length);
+    ASSERT_NE(type, nullptr);
+    EXPECT_EQ(std::string(type, length), "text/plain");
+    EXPECT_EQ(response.resp.ctx.content_length, -1) << "of a redirection alone";
+}
+
 TEST(WopenHttp, get_response_without_data_gives_11)
 {
     LogCapture log(DEBUG_level);
