@@ -624,7 +624,7 @@ TEST(WopenHttp, get_response_leaves_the_head_as_a_text_from_which_length_and_typ
     const char* type = find_http_header("Content-Type:", response.resp.buf, &length);
     ASSERT_NE(type, nullptr);
     EXPECT_EQ(std::string(type, length), "text/plain");
-    EXPECT_EQ(response.resp.ctx.content_length, -1) << "of a redirection alone";
+    EXPECT_EQ(response.resp.ctx.content_length, 0) << "which the context has of a redirection alone";
 }
 
 TEST(WopenHttp, get_response_without_data_gives_11)
