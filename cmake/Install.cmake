@@ -52,3 +52,5 @@ if(MORVANE_MONITOR)
   install(FILES packaging/nginx/zentmon.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/nginx)
   install(FILES packaging/prometheus/zentmon.rules.yml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/prometheus)
 endif()
+
+include(cmake/Completions.cmake)

@@ -211,6 +211,7 @@ std::optional<std::string> output_of(std::vector<std::string> words)
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) {
         argv.push_back(word.data());
     }
@@ -237,10 +238,9 @@ using Properties = std::map<std::string, std::string>;
 
 std::optional<Properties> unit_properties(const std::string& unit)
 {
-    const auto text =
-        output_of({"systemctl", "show", unit, "-p",
-                   "LoadState,UnitFileState,ActiveState,Result,ExecMainStatus,ExecMainPID,Environment,"
-                   "EnvironmentFiles,ExecStart"});
+    const char* wanted =
+        "LoadState,UnitFileState,ActiveState,ExecMainStatus,Environment,EnvironmentFiles,ExecStart";
+    const auto text = output_of({"systemctl", "show", unit, "-p", wanted});
     if (!text) {
         return {};
     }
@@ -411,6 +411,7 @@ AgentSetup setup_of_words(const std::vector<std::string>& words)
     AgentSetup setup;
     std::vector<std::string> copies = words;
     std::vector<char*> argv;
+    argv.reserve(copies.size() + 1);
     for (std::string& word : copies) {
         argv.push_back(word.data());
     }

@@ -26,7 +26,7 @@ class WatchTest : public testing::Test {
   protected:
     void SetUp() override
     {
-        if (std::string(TEST_ZENTMON_PATH).empty()) {
+        if (access(build_path("zentmon").c_str(), X_OK) != 0) {
             GTEST_SKIP() << "skipped: zentmon is not built here";
         }
         lines_ = free_port(SOCK_DGRAM);
@@ -37,8 +37,8 @@ class WatchTest : public testing::Test {
 
     void start_zentmon()
     {
-        zentmon_ = Process({TEST_ZENTMON_PATH, "--listen", "127.0.0.1:" + std::to_string(lines_), "--http",
-                            "127.0.0.1:" + std::to_string(http_)});
+        zentmon_ = Process({build_path("zentmon"), "--listen", "127.0.0.1:" + std::to_string(lines_),
+                            "--http", "127.0.0.1:" + std::to_string(http_)});
         EXPECT_TRUE(wait_until([&] { return zentctl({"groups", url()}).exit_code == 0; }));
     }
 
