@@ -13,7 +13,7 @@ namespace zentmon {
 
 namespace {
 
-constexpr size_t kPieceBytes = 64 * 1024;
+constexpr size_t kPieceBytes = size_t{64} * 1024;
 constexpr size_t kWalkBudget = 20'000; // places of the order that one piece looks at
 constexpr size_t kLimitMax = 10'000'000;
 constexpr size_t kHistoryPending = 8; // questions to the history at once

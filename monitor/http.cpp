@@ -24,10 +24,10 @@ namespace zentmon {
 namespace {
 
 constexpr int kSweepMs = 250;
-constexpr int kPauseMs = 1000;           // without descriptors, before accepting again
-constexpr int kSendBuffer = 256 * 1024;  // the kernel's, a client
-constexpr size_t kSendMost = 256 * 1024; // in one turn
-constexpr size_t kDiscardMost = 64 * 1024;
+constexpr int kPauseMs = 1000;                   // without descriptors, before accepting again
+constexpr int kSendBuffer = 256 * 1024;          // the kernel's, a client
+constexpr size_t kSendMost = size_t{256} * 1024; // in one turn
+constexpr size_t kDiscardMost = size_t{64} * 1024;
 constexpr int kBacklog = 512;
 constexpr int kAcceptMost = 64; // in one turn
 constexpr size_t kChunkOverhead = 24;
