@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <sys/resource.h>
 
 #include <nlohmann/json.hpp>
 
@@ -180,7 +181,7 @@ TEST(MonHttp, a_head_of_8192_bytes_is_served_and_one_more_is_not)
 TEST(MonHttp, a_silent_client_is_closed_when_its_time_is_over)
 {
     SiteOptions options;
-    options.http.head_ms = 300;
+    options.http.head_ms = 2'000;
     const HttpSite site(options);
     RawClient silent(site.port());
     RawClient half(site.port());
@@ -195,6 +196,10 @@ TEST(MonHttp, a_silent_client_is_closed_when_its_time_is_over)
 
 TEST(MonHttp, a_thousand_silent_clients_keep_nobody_out)
 {
+    struct rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max; // a thousand sockets on this side too
+    setrlimit(RLIMIT_NOFILE, &limit);
     const HttpSite site;
     std::vector<std::unique_ptr<RawClient>> silent;
     for (int i = 0; i < 1000; ++i) {
@@ -251,7 +256,7 @@ TEST(MonHttp, where_all_are_served_the_next_is_told_503)
 TEST(MonHttp, who_does_not_read_costs_the_others_nothing_and_is_closed)
 {
     SiteOptions options;
-    options.http.stall_ms = 700;
+    options.http.stall_ms = 3'000;
     HttpSite site(options);
     site.tell("MANY 60000 10.0.0.1");
     std::vector<std::unique_ptr<RawClient>> slow;
