@@ -76,7 +76,7 @@ struct Model {
                 return;
             }
             const uint32_t sources = big(frame, at + 2, 2);
-            const size_t next = at + 8 + 4 * sources + 4 * big(frame, at + 1, 1);
+            const size_t next = at + 8 + 4 * (size_t{sources} + big(frame, at + 1, 1));
             if (next > end) {
                 return;
             }
@@ -90,7 +90,7 @@ struct Model {
         if (frame.size() < kEther + 20) {
             return;
         }
-        const size_t message = kEther + big(frame, kEther, 1) % 16 * 4;
+        const size_t message = kEther + 4 * size_t{big(frame, kEther, 1) % 16};
         const uint32_t type = big(frame, message, 1);
         const uint32_t group = big(frame, message + 4, 4);
         if (type == 18 || type == 22) {

@@ -88,7 +88,7 @@ int __wrap_setitimer(__itimer_which_t which, const struct itimerval* value, stru
 
 pcap_t* __wrap_pcap_create(const char* device, char* errbuf)
 {
-    strcpy(errbuf, "not today");
+    snprintf(errbuf, PCAP_ERRBUF_SIZE, "not today");
     return called(std::string("pcap_create ") + device, "pcap_create") == 0 ? kCapture : nullptr;
 }
 
@@ -416,7 +416,7 @@ TEST_F(CaptureFeatures, set_up_with_exact_makes_room_for_the_list_or_4096_groups
         g_cfg.features.any = g_cfg.features.exact = exact;
         g_cfg.non_daemon = true;
         g_cfg.grp_list_file = list;
-        strcpy(g_cfg.mifc, "eth7");
+        snprintf(g_cfg.mifc, sizeof g_cfg.mifc, "eth7");
         LogCapture log;
         EXPECT_EQ(app_setup(), 0) << log.text();
         const size_t slots = reinterpret_cast<const size_t*>(g_ctx.wgrp_ht)[2];

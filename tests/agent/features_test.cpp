@@ -104,7 +104,8 @@ TEST(Features, unknown_words_are_named)
 {
     for (const std::string word :
          {"Exact", "exactly", "exact=1", "igmp", "expires=260", "exact immediate", "-"}) {
-        EXPECT_EQ(parsed(("immediate," + word).c_str()), "this word is unknown: \"" + word + '"');
+        const std::string words = std::string("immediate,").append(word);
+        EXPECT_EQ(parsed(words.c_str()), std::string("this word is unknown: \"").append(word).append("\""));
     }
 }
 
@@ -118,7 +119,8 @@ TEST(Features, empty_words_are_refused)
 TEST(Features, words_that_stand_twice_are_named)
 {
     for (const std::string word : {"exact", "immediate", "igmpv3"}) {
-        EXPECT_EQ(parsed((word + "," + word).c_str()), "this word stands twice: \"" + word + '"');
+        const std::string twice = std::string(word).append(",").append(word);
+        EXPECT_EQ(parsed(twice.c_str()), std::string("this word stands twice: \"").append(word).append("\""));
     }
     EXPECT_EQ(parsed("expire=10,expire=11"), "this word stands twice: \"expire=11\"");
 }
