@@ -76,7 +76,7 @@ void encode_pairs(benchmark::State& state)
     char text[2 * kSize + 1];
     for (auto _ : state) {
         for (size_t i = 0; i < kSize; ++i) {
-            memcpy(text + 2 * i, &g_pairs[2U * g_bytes[i]], 2);
+            memcpy(text + 2 * i, &g_pairs[size_t{2} * g_bytes[i]], 2);
         }
         text[2 * kSize] = 0;
         benchmark::DoNotOptimize(text);
