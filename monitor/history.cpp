@@ -23,6 +23,8 @@ constexpr size_t kSyncPiece = 2000;      // groups of a piece of a synchronisati
 constexpr size_t kSyncWaiting = 200'000; // that wait at most
 constexpr int64_t kSyncPauseMs = 10;     // between two of them
 constexpr int64_t kSyncLaterMs = 1000;   // until there is room for one
+constexpr int64_t kMarkPauseMs = 5000;   // between looks for groups that are stale or linger
+constexpr size_t kMarkPiece = 50'000;    // groups of an agent that are looked at
 constexpr int64_t kFirstRetryMs = 1000;
 constexpr int64_t kLongestRetryMs = 30'000;
 constexpr int64_t kSliceMs = 50;         // of a question, then the writing has its turn
@@ -349,6 +351,7 @@ History::History(HistoryOptions options, std::shared_ptr<Notices> notices, State
     : shared_(std::make_shared<Shared>(std::move(options))),
       notices_(std::move(notices)),
       state_(state),
+      mark_timer_([this] { mark(); }),
       sync_timer_([this] { sync_piece(); })
 {
 }
@@ -383,6 +386,7 @@ int History::start()
     if (watch_.start(shared_->to_loop.fd(), this) != 0) {
         return -1;
     }
+    mark_timer_.start_ms(kMarkPauseMs);
     worker_.start("zentmon-history",
                   [shared = shared_, notices = notices_] { Keeper(*shared, *notices).run(); });
     return 0;
@@ -491,6 +495,40 @@ void History::take_late_rows(const std::vector<RestoredRow>& rows)
     log_info("history: %s: %zu joined groups restored late\n", shared_->options.path.c_str(), restored);
 }
 
+void History::push_row(const GroupRow& row)
+{
+    const EventKind kind = row.state == GroupState::joined ? EventKind::join : EventKind::expire;
+    push(StoreItem::row, {0, row.since_ms, kind, row.group, std::make_shared<AgentName>(*row.who)});
+}
+
+// A group that is stale or lingers must not come back as a joined one: nobody may ever say that it is left.
+void History::mark()
+{
+    mark_timer_.start_ms(kMarkPauseMs);
+    std::map<std::string, std::set<uint32_t>> before;
+    before.swap(fading_);
+    std::vector<std::string> agents;
+    state_.each_agent([&](const AgentRow& row) {
+        if (row.stale + row.linger > 0 || before.count(row.who->agent) != 0) {
+            agents.push_back(row.who->agent);
+        }
+    });
+    for (const std::string& agent : agents) {
+        const std::set<uint32_t>& known = before[agent];
+        GroupCursor at;
+        state_.walk_groups_of(agent, at, kMarkPiece, [&](const GroupRow& row) {
+            const bool is_fading = row.state != GroupState::joined;
+            if (is_fading) {
+                fading_[agent].insert(row.group);
+            }
+            if (is_fading != (known.count(row.group) != 0)) {
+                push_row(row);
+            }
+            return true;
+        });
+    }
+}
+
 void History::begin_sync()
 {
     sync_wanted_ = true;
@@ -515,8 +553,7 @@ void History::sync_piece()
         push(StoreItem::sync_begin, {});
     }
     const bool more = state_.walk_groups(sync_at_, kSyncPiece, [this](const GroupRow& row) {
-        push(StoreItem::row,
-             {0, row.since_ms, EventKind::join, row.group, std::make_shared<AgentName>(*row.who)});
+        push_row(row);
         return true;
     });
     if (more) {
@@ -529,6 +566,11 @@ void History::sync_piece()
 void History::stop(int64_t limit_ms)
 {
     watch_.stop();
+    if (mark_timer_.runs()) {
+        mark();
+        mark_timer_.stop();
+    }
+    sync_timer_.stop();
     {
         const std::lock_guard lock(shared_->mutex);
         shared_->stopping = true;

@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "counters.h"
@@ -60,6 +61,8 @@ class History : public Sink, public HistoryReader, public Handler {
 
     void push(StoreItem::Kind kind, const Event& event);
     void take_late_rows(const std::vector<RestoredRow>& rows);
+    void push_row(const GroupRow& row);
+    void mark();
     void begin_sync();
     void sync_piece();
 
@@ -71,6 +74,10 @@ class History : public Sink, public HistoryReader, public Handler {
     std::map<uint64_t, Answered> questions_;
     uint64_t last_question_ = 0;
     bool overflowed_ = false;
+
+    // what `joined` says of groups that are stale or linger: no event tells of that
+    Timer mark_timer_;
+    std::map<std::string, std::set<uint32_t>> fading_; // by the agent's name
 
     // `joined` made equal to the state, a piece at a time
     Timer sync_timer_;

@@ -85,6 +85,7 @@ class State::Impl {
     void apply(int agent, uint16_t port, LineKind kind, uint32_t group, Now now);
     void end_of_stream(int agent, Now now);
     bool restore(const RestoredRow& row, Now now);
+    int restored_flow(Agent& a, bool fading, Now now);
 
     // time
     int64_t tick(Now now);
@@ -659,6 +660,31 @@ void State::Impl::end_of_stream(int number, Now now)
     a.last_flow = kNoFlow;
 }
 
+// The flow of what is restored: whoever speaks first is it. What was fading belongs to a life that is over.
+int State::Impl::restored_flow(Agent& a, bool fading, Now now)
+{
+    int number = kNoFlow;
+    each_bit(fading ? a.used & a.stale : a.used & ~a.stale, [&](int n) {
+        if (flow(a, n).restored || flow(a, n).ended) {
+            number = n;
+        }
+    });
+    if (number == kNoFlow) {
+        number = a.free_flow(opt_.limits.flows);
+        if (number == kNoFlow) {
+            return std::countr_zero(a.used);
+        }
+        flow(a, number) = {};
+        flow(a, number).order = ++a.next_order;
+        a.used |= Agent::bit(number);
+        (fading ? flow(a, number).ended : flow(a, number).restored) = true;
+        if (fading) {
+            make_stale(a, Agent::bit(number), 0, now);
+        }
+    }
+    return number;
+}
+
 bool State::Impl::restore(const RestoredRow& row, Now now)
 {
     const int number = find_agent(row.listener, row.address, row.agent, now);
@@ -670,23 +696,20 @@ bool State::Impl::restore(const RestoredRow& row, Now now)
         return false;
     }
     Agent& a = agent(number);
-    if (a.used == 0) {
-        a.used = Agent::bit(0);
-        a.flows[0].restored = true;
-        a.flows[0].order = ++a.next_order;
-    }
     const auto place = static_cast<uint32_t>(found);
     Entry& entry = entries_[place];
     if (entry.state != EntryState::left) {
         return true; // a line was faster
     }
+    const int holder = restored_flow(a, row.fading, now);
     entries_.unlink_left(place);
     entry.since_ms = row.since_ms;
     entry.last_ms = row.since_ms;
     entry.restored = true;
     a.first_ms = std::min(a.first_ms, row.since_ms);
     a.last_ms = std::max(a.last_ms, row.since_ms);
-    hold(a, entry, std::countr_zero(a.used));
+    hold(a, entry, holder);
+    a.recount = true;
     show(a, entry, EntryState::held);
     return true;
 }

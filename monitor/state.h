@@ -63,6 +63,7 @@ struct RestoredRow {
     std::string address;
     std::string listener;
     int64_t since_ms;
+    bool fading = false; // it was stale, or lingered: expires unless it is reported again
 };
 
 struct StateLimits {

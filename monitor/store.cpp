@@ -21,7 +21,7 @@ constexpr const char* kSchema =
     "CREATE TABLE event(n INTEGER PRIMARY KEY, time INTEGER NOT NULL, event TEXT NOT NULL, agent TEXT NOT NULL,"
     " address TEXT NOT NULL, listener TEXT NOT NULL, \"group\" TEXT NOT NULL);"
     "CREATE TABLE joined(k INTEGER PRIMARY KEY, \"group\" TEXT NOT NULL, agent TEXT NOT NULL,"
-    " address TEXT NOT NULL, listener TEXT NOT NULL, since INTEGER NOT NULL);"
+    " address TEXT NOT NULL, listener TEXT NOT NULL, since INTEGER NOT NULL, fading INTEGER NOT NULL);"
     "CREATE TABLE boot(first INTEGER PRIMARY KEY, boot TEXT NOT NULL, seq0 INTEGER NOT NULL);"
     "CREATE TABLE block(b INTEGER PRIMARY KEY, first INTEGER NOT NULL, last INTEGER NOT NULL);"
     "CREATE VIEW history AS SELECT (SELECT boot || '-' || (seq0 + event.n - first) FROM boot"
@@ -281,7 +281,7 @@ bool Store::prepare_all()
         {insert_boot_, "INSERT INTO boot VALUES(?1, ?2, ?3)"},
         {put_block_, "INSERT INTO block VALUES(?1, ?2, ?3) ON CONFLICT(b) DO UPDATE SET"
                      " first = min(first, excluded.first), last = max(last, excluded.last)"},
-        {put_joined_, "INSERT OR REPLACE INTO joined VALUES(?1, ?2, ?3, ?4, ?5, ?6)"},
+        {put_joined_, "INSERT OR REPLACE INTO joined VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)"},
         {delete_joined_, "DELETE FROM joined WHERE k = ?1"},
         {old_block_, "SELECT b, last FROM block WHERE first < ?1 ORDER BY b LIMIT 1"},
         {delete_events_, "DELETE FROM event WHERE n >= ?1 AND n < ?2 AND time < ?3"},
@@ -348,7 +348,8 @@ bool Store::load_sources()
 bool Store::read_joined(const std::function<void(const RestoredRow&)>& visit)
 {
     Statement ask;
-    if (ask.prepare(db_, "SELECT k, agent, address, listener, since FROM joined ORDER BY k") != SQLITE_OK) {
+    if (ask.prepare(db_, "SELECT k, agent, address, listener, since, fading FROM joined ORDER BY k") !=
+        SQLITE_OK) {
         return fail("cannot be read");
     }
     RestoredRow row = {};
@@ -359,6 +360,7 @@ bool Store::read_joined(const std::function<void(const RestoredRow&)>& visit)
         row.address = ask.text(2);
         row.listener = ask.text(3);
         row.since_ms = ask.number(4);
+        row.fading = ask.number(5) != 0;
         if (row.group >> 28 == 0xe) {
             visit(row);
         }
@@ -488,7 +490,8 @@ bool Store::put_joined(int64_t key, const Event& event)
     key_text_.clear();
     append_group(key_text_, event.group);
     put_joined_.bind(1, key).bind(2, key_text_).bind(3, event.who->agent).bind(4, event.who->address);
-    return put_joined_.bind(5, event.who->listener).bind(6, event.time_ms).run();
+    put_joined_.bind(5, event.who->listener).bind(6, event.time_ms);
+    return put_joined_.bind(7, event.kind == EventKind::join ? 0 : 1).run();
 }
 
 bool Store::drop_unseen()

@@ -48,7 +48,7 @@ struct HistoryQuery {
 struct StoreItem {
     enum Kind : uint8_t {
         happened,   // an event
-        row,        // a joined group as the state has it: since is event.time_ms
+        row,        // a joined group as the state has it: since is event.time_ms, fading one that is no join
         sync_begin, // from here on each joined group comes as a row, or as an event
         sync_end    // that was all of them: `joined` holds no others
     };

@@ -122,6 +122,39 @@ TEST_F(MonHistory, what_was_joined_is_joined_again_after_a_restart_without_an_ev
     });
 }
 
+TEST_F(MonHistory, what_was_stale_is_stale_after_a_restart_and_what_lingered_is_not_joined_for_ever)
+{
+    begin();
+    for (const uint32_t number : {1, 2, 3}) {
+        line(LineKind::join, group(number), "10.0.0.1", 4000);
+    }
+    line(LineKind::join, group(1), "10.0.0.1", 5000); // its process was started anew
+    history->stop();
+    EXPECT_EQ(sql(path, "SELECT \"group\", fading FROM joined ORDER BY k"),
+              "239.0.0.1|0\n239.0.0.2|1\n239.0.0.3|1\n");
+
+    State next({}, counters);
+    History again({path}, notices, next);
+    ASSERT_TRUE(again.restore());
+    const auto states = [&next] {
+        std::string text;
+        GroupCursor at;
+        next.walk_groups(at, 10, [&text](const GroupRow& row) {
+            text += std::string(group_state_name(row.state)) + ' ';
+            return true;
+        });
+        return text;
+    };
+    EXPECT_EQ(states(), "joined stale stale ");
+    next.apply("lan", "10.0.0.1", 5000, LineKind::join, group(4), now()); // it speaks on
+    next.apply("lan", "10.0.0.1", 5000, LineKind::join, group(2), now());
+    EXPECT_EQ(states(), "joined joined stale joined ");
+    Now later = now();
+    later.mono_ms += 261'000;
+    next.tick(later);
+    EXPECT_EQ(states(), "joined joined joined ");
+}
+
 TEST_F(MonHistory, the_end_writes_what_waits)
 {
     begin();
@@ -454,6 +487,7 @@ TEST_F(MonHistory, what_the_queue_cannot_hold_is_lost_counted_told_and_joined_is
     ASSERT_TRUE(run_until([&] { return sql(options.path, "SELECT count(*) FROM joined") == "300\n"; }));
     EXPECT_EQ(sql(options.path, "SELECT count(*) FROM event"), "100\n");
     EXPECT_TRUE(run_until_logged("works again, 200 events were lost meanwhile"));
+    history->stop(); // before its state ends
 }
 
 TEST_F(MonHistory, a_file_that_comes_late_restores_the_agents_that_have_not_spoken)
@@ -478,6 +512,7 @@ TEST_F(MonHistory, a_file_that_comes_late_restores_the_agents_that_have_not_spok
     ASSERT_TRUE(run_until([&] {
         return sql(path, "SELECT \"group\" FROM joined ORDER BY \"group\"") == "239.0.0.2\n239.0.0.3\n";
     }));
+    history->stop();
 }
 
 // Faults of a file system need one of their own, which ends with this process: each test has one to itself.
