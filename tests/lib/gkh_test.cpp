@@ -21,6 +21,8 @@
 #include "oom.h"
 #include "wrap.h"
 
+using support::expect_abort;
+
 namespace {
 time_t g_now = 0; // what time() says; 0: the real time
 }
@@ -150,16 +152,6 @@ std::vector<std::string> keys_of(skht_t h)
         },
         &keys);
     return keys;
-}
-
-void expect_abort(const std::function<void()>& body, const std::string& text)
-{
-    const support::ChildResult child = support::run_in_child([&] {
-        body();
-        return 0;
-    });
-    EXPECT_EQ(child.signal, SIGABRT);
-    EXPECT_NE(child.err.find(text), std::string::npos) << child.err;
 }
 
 } // namespace

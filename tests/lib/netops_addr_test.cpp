@@ -309,7 +309,7 @@ TEST(NetopsText, refused_family_is_logged)
     EXPECT_EQ(saddr_str(raw(ss), sizeof ss, buf, sizeof buf), nullptr);
     sockaddr_storage cut = addr("192.0.2.1");
     EXPECT_EQ(saddr_str(raw(cut), 7, buf, sizeof buf), nullptr);
-    const std::string line = text("(ERR)  saddr_str: getnameinfo error (-6): %s", gai_strerror(EAI_FAMILY));
+    const std::string line = format("(ERR)  saddr_str: getnameinfo error (-6): %s", gai_strerror(EAI_FAMILY));
     EXPECT_EQ(log.lines(), (Lines{line, line}));
 }
 
@@ -333,7 +333,7 @@ TEST(NetopsText, domain_address_is_bounded_by_its_length)
     // What the C library cannot hold is its error.
     EXPECT_EQ(domain_text(domain_bytes(std::string(108, 'x'))), "(none)");
     EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  saddr_str: getnameinfo error (-12): %s", gai_strerror(EAI_OVERFLOW))}));
+              (Lines{format("(ERR)  saddr_str: getnameinfo error (-12): %s", gai_strerror(EAI_OVERFLOW))}));
 }
 
 TEST(NetopsText, domain_path_serves_where_no_name_is_had)
@@ -375,7 +375,7 @@ TEST(NetopsDump, address_that_cannot_be_shown_is_told_on_the_stream)
     addrinfo ai{};
     ai.ai_addr = raw(ss);
     ai.ai_addrlen = sizeof ss;
-    const std::string reason = text("getnameinfo error (-6): %s\n", gai_strerror(EAI_FAMILY));
+    const std::string reason = format("getnameinfo error (-6): %s\n", gai_strerror(EAI_FAMILY));
     EXPECT_EQ(dumped([&](FILE* out) { dump_sa_info(out, "x", raw(ss), sizeof ss); }),
               "dump_sa_info: " + reason);
     EXPECT_EQ(dumped([&](FILE* out) { dump_ai(out, &ai); }), "dump_ai: " + reason);
@@ -426,7 +426,7 @@ TEST(NetopsIndex, address_gives_the_index_and_the_address)
     EXPECT_EQ(lines[0], "(DBG)  af=IPv4 (2), proto = 6");
     EXPECT_EQ(lines[1].find("(DBG)  ifaddr_index opened socket fd="), 0U) << lines[1];
     EXPECT_EQ(lines[2].find("(DBG)  ifaddr_index: CLOSED(fd"), 0U) << lines[2];
-    EXPECT_EQ(lines[3], text("(DBG)  ifaddr_index: 127.0.0.1 matched to interface [lo], idx=%u", lo));
+    EXPECT_EQ(lines[3], format("(DBG)  ifaddr_index: 127.0.0.1 matched to interface [lo], idx=%u", lo));
     EXPECT_EQ(ifaddr_index("127.0.0.1", nullptr), lo);
 }
 
@@ -568,7 +568,7 @@ TEST(NetopsLookup, list_that_cannot_be_had_gives_the_error)
     EXPECT_EQ(ifc_addr_lookup(AF_INET6, "lo", raw(ss), sizeof ss), ENOBUFS);
     g_getifaddrs_errno = 0;
     EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  ifc_addr_lookup: getifaddrs [lo] (family=10): %s", strerror(ENOBUFS))}));
+              (Lines{format("(ERR)  ifc_addr_lookup: getifaddrs [lo] (family=10): %s", strerror(ENOBUFS))}));
 }
 
 TEST(NetopsLookup, missing_arguments_and_short_space_end_by_assertion)
@@ -620,8 +620,8 @@ TEST(NetopsRecord, failed_name_of_an_address_is_refused)
     g_if_indextoname_errno = ENXIO;
     EXPECT_EQ(get_ifc_info(AF_INET, "127.0.0.1"), nullptr);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  get_ifc_info: if_indextoname(%d, buf): No such device or address",
-                          static_cast<int>(if_nametoindex("lo")))}));
+              (Lines{format("(ERR)  get_ifc_info: if_indextoname(%d, buf): No such device or address",
+                            static_cast<int>(if_nametoindex("lo")))}));
     // Where the tag is a name, the look-up of its empty name decides.
     log.clear();
     EXPECT_EQ(get_ifc_info(AF_INET, "lo"), nullptr);
@@ -648,8 +648,8 @@ TEST(NetopsMode, descriptor_modes_are_read_and_changed)
     EXPECT_EQ(is_non_blocking(fd), O_NONBLOCK);
     EXPECT_EQ(set_blocking(fd), 0);
     EXPECT_EQ(is_non_blocking(fd), 0);
-    EXPECT_EQ(log.lines(), (Lines{text("(DBG)  set_nblock: fd%d set as non-blocking", int{fd}),
-                                  text("(DBG)  set_nblock: fd%d set as blocking", int{fd})}));
+    EXPECT_EQ(log.lines(), (Lines{format("(DBG)  set_nblock: fd%d set as non-blocking", int{fd}),
+                                  format("(DBG)  set_nblock: fd%d set as blocking", int{fd})}));
 }
 
 TEST(NetopsMode, mode_that_stands_is_not_written_again)
@@ -677,7 +677,7 @@ TEST(NetopsMode, kept_any_other_number_clears_the_bit_and_is_called_non_blocking
     EXPECT_FALSE(is_nonblocking(fd));
     EXPECT_EQ(set_nblock(fd, -1), 0);
     EXPECT_EQ(g_fcntl_setfl_calls, 2);
-    const std::string line = text("(DBG)  set_nblock: fd%d set as non-blocking", int{fd});
+    const std::string line = format("(DBG)  set_nblock: fd%d set as non-blocking", int{fd});
     EXPECT_EQ(log.lines(), (Lines{line, line}));
 }
 
@@ -695,8 +695,8 @@ TEST(NetopsMode, kept_bad_descriptor_counts_as_non_blocking)
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(
         log.lines(),
-        (Lines{read_line, text("(ERR)  set_nblock: fcntl(999, F_SETFL, %d) ERROR(9): Bad file descriptor",
-                               -1 & ~O_NONBLOCK)}));
+        (Lines{read_line, format("(ERR)  set_nblock: fcntl(999, F_SETFL, %d) ERROR(9): Bad file descriptor",
+                                 -1 & ~O_NONBLOCK)}));
 }
 
 TEST(NetopsV6Only, kept_change_to_off_warns_although_it_works)
@@ -721,8 +721,8 @@ TEST(NetopsV6Only, option_that_stands_is_told_at_info)
     set_ipv6only(fd, 1);
     set_ipv6only(fd, 1);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(INF)  set_ipv6only: IPV6_V6ONLY for fd=%d is already OFF", int{fd}),
-                     text("(INF)  set_ipv6only: IPV6_V6ONLY for fd=%d is already ON", int{fd})}));
+              (Lines{format("(INF)  set_ipv6only: IPV6_V6ONLY for fd=%d is already OFF", int{fd}),
+                     format("(INF)  set_ipv6only: IPV6_V6ONLY for fd=%d is already ON", int{fd})}));
 }
 
 TEST(NetopsV6Only, option_that_cannot_be_read_is_told_on_stderr_and_warns)
@@ -738,7 +738,7 @@ TEST(NetopsV6Only, option_that_cannot_be_read_is_told_on_stderr_and_warns)
                    : 1;
     });
     EXPECT_EQ(child.exit_code, 0);
-    const std::string line = text("getsockopt IPV6_V6ONLY: %s\n", strerror(EOPNOTSUPP));
+    const std::string line = format("getsockopt IPV6_V6ONLY: %s\n", strerror(EOPNOTSUPP));
     EXPECT_EQ(child.err, line + line);
 }
 
@@ -752,6 +752,6 @@ TEST(NetopsV6Only, option_that_cannot_be_written_is_logged)
     g_setsockopt_errno = 0;
     const Lines lines = log.lines();
     ASSERT_EQ(lines.size(), 2U);
-    EXPECT_EQ(lines[0].find(text("(ERR)  set_ipv6only: setsockopt(%d, 41, 26, ", int{fd})), 0U) << lines[0];
+    EXPECT_EQ(lines[0].find(format("(ERR)  set_ipv6only: setsockopt(%d, 41, 26, ", int{fd})), 0U) << lines[0];
     EXPECT_EQ(lines[1], "(ERR)  set_ipv6only: setsockopt IPV6_V6ONLY: Operation not permitted");
 }

@@ -8,6 +8,7 @@
 #include <sys/time.h>
 
 #include "app_flags.h"
+#include "fixtures.h"
 #include "wrap.h"
 
 using namespace net_test;
@@ -95,10 +96,18 @@ std::string path_of_length(const TempDir& dir, size_t length)
 
 } // namespace
 
-TEST(NetopsListener, tcp_listens_non_blocking_on_the_port)
+class NetopsListener : public support::GuardedTest {};
+
+class NetopsAnyListener : public support::GuardedTest {};
+
+class NetopsDomain : public support::GuardedTest {};
+
+class NetopsOptions : public support::GuardedTest {};
+
+class NetopsError : public support::GuardedTest {};
+
+TEST_F(NetopsListener, tcp_listens_non_blocking_on_the_port)
 {
-    FdGuard guard;
-    LogCapture log;
     for (const char* host : {"127.0.0.1", "::1"}) {
         sockaddr_storage ss = addr(host);
         const Fd probe(open_udp_listener(&ss, nullptr)); // a number that is likely to be free for TCP
@@ -114,19 +123,15 @@ TEST(NetopsListener, tcp_listens_non_blocking_on_the_port)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsListener, kept_record_declared_const_takes_the_port)
+TEST_F(NetopsListener, kept_record_declared_const_takes_the_port)
 {
-    FdGuard guard;
-    LogCapture log;
     sockaddr_storage ss = addr("127.0.0.1", 1);
     const Fd fd(open_udp_listener(&ss, "54321"));
     EXPECT_EQ(port_of(ss), 54321);
 }
 
-TEST(NetopsListener, kept_text_that_is_no_port_lets_the_kernel_choose)
+TEST_F(NetopsListener, kept_text_that_is_no_port_lets_the_kernel_choose)
 {
-    FdGuard guard;
-    LogCapture log;
     sockaddr_storage ss = addr("127.0.0.1", 1);
     const Fd tcp(open_listener(&ss, "abc", 0));
     ASSERT_GE(tcp, 0);
@@ -139,10 +144,8 @@ TEST(NetopsListener, kept_text_that_is_no_port_lets_the_kernel_choose)
                                   "(ERR)  open_udp_listener: invalid port number: 0"}));
 }
 
-TEST(NetopsListener, kept_port_is_cut_to_sixteen_bits)
+TEST_F(NetopsListener, kept_port_is_cut_to_sixteen_bits)
 {
-    FdGuard guard;
-    LogCapture log;
     const std::pair<const char*, uint16_t> cases[] = {{"65536", 0},
                                                       {"115536", 50000},
                                                       {"-15536", 50000},
@@ -160,10 +163,8 @@ TEST(NetopsListener, kept_port_is_cut_to_sixteen_bits)
                                   "(ERR)  open_udp_listener: invalid port number: 99999999999999999999"}));
 }
 
-TEST(NetopsListener, udp_without_a_port_text_keeps_the_one_in_the_record)
+TEST_F(NetopsListener, udp_without_a_port_text_keeps_the_one_in_the_record)
 {
-    FdGuard guard;
-    LogCapture log;
     sockaddr_storage ss = addr("127.0.0.1", 54322);
     const Fd fd(open_udp_listener(&ss, nullptr));
     ASSERT_GE(fd, 0);
@@ -172,10 +173,8 @@ TEST(NetopsListener, udp_without_a_port_text_keeps_the_one_in_the_record)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsListener, deferred_listener_is_bound_and_does_not_listen)
+TEST_F(NetopsListener, deferred_listener_is_bound_and_does_not_listen)
 {
-    FdGuard guard;
-    LogCapture log;
     sockaddr_storage ss = addr("127.0.0.1");
     const Fd probe(open_udp_listener(&ss, nullptr));
     const std::string port = std::to_string(port_of(bound_to(probe)));
@@ -187,10 +186,8 @@ TEST(NetopsListener, deferred_listener_is_bound_and_does_not_listen)
     EXPECT_EQ(g_backlog, -1);
 }
 
-TEST(NetopsListener, other_family_is_told_and_the_system_decides)
+TEST_F(NetopsListener, other_family_is_told_and_the_system_decides)
 {
-    FdGuard guard;
-    LogCapture log;
     sockaddr_storage ss = of_family(AF_UNIX);
     EXPECT_EQ(open_listener(&ss, "80", 0), -1);
     EXPECT_EQ(open_udp_listener(&ss, "80"), -1);
@@ -201,12 +198,10 @@ TEST(NetopsListener, other_family_is_told_and_the_system_decides)
                      "(ERR)  open_udp_listener: socket(1, 2, 17) ERROR(93): Protocol not supported"}));
 }
 
-TEST(NetopsListener, failures_leave_no_descriptor)
+TEST_F(NetopsListener, failures_leave_no_descriptor)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const LoopbackNet net;
-    LogCapture log;
     sockaddr_storage foreign = addr("192.0.2.1");
     EXPECT_EQ(open_listener(&foreign, "4000", 0), -1);
     EXPECT_EQ(errno, EADDRNOTAVAIL);
@@ -222,7 +217,7 @@ TEST(NetopsListener, failures_leave_no_descriptor)
     EXPECT_EQ(g_backlog, -1);
 }
 
-TEST(NetopsListener, missing_port_text_ends_by_assertion)
+TEST_F(NetopsListener, missing_port_text_ends_by_assertion)
 {
     expect_abort([] {
         sockaddr_storage ss = addr("127.0.0.1");
@@ -230,12 +225,10 @@ TEST(NetopsListener, missing_port_text_ends_by_assertion)
     });
 }
 
-TEST(NetopsAnyListener, ipv6_listener_takes_ipv4_clients)
+TEST_F(NetopsAnyListener, ipv6_listener_takes_ipv4_clients)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const LoopbackNet net;
-    LogCapture log;
     const Fd fd(open_anyaddr_listener(AF_INET6, "4100", 0));
     ASSERT_GE(fd, 0);
     EXPECT_TRUE(is_nonblocking(fd));
@@ -251,23 +244,19 @@ TEST(NetopsAnyListener, ipv6_listener_takes_ipv4_clients)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsAnyListener, socket_that_was_ipv6_only_warns)
+TEST_F(NetopsAnyListener, socket_that_was_ipv6_only_warns)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const LoopbackNet net;
     support::must_run("echo 1 > /proc/sys/net/ipv6/bindv6only");
-    LogCapture log;
     const Fd fd(open_anyaddr_listener(AF_INET6, "4101", 0));
     ASSERT_GE(fd, 0);
     EXPECT_EQ(int_option(fd, IPPROTO_IPV6, IPV6_V6ONLY), 0);
     EXPECT_EQ(log.lines(), (Lines{"(WRN)  set_ipv6only: server will not accept IPv4 requests"}));
 }
 
-TEST(NetopsAnyListener, deferred_and_refused)
+TEST_F(NetopsAnyListener, deferred_and_refused)
 {
-    FdGuard guard;
-    LogCapture log;
     const Fd fd(open_anyaddr_listener(AF_INET, "0", 2));
     ASSERT_GE(fd, 0);
     EXPECT_FALSE(is_listening(fd));
@@ -275,18 +264,17 @@ TEST(NetopsAnyListener, deferred_and_refused)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  open_socket: empty or invalid port [abc]"}));
 }
 
-TEST(NetopsDomain, client_and_listener_meet)
+TEST_F(NetopsDomain, client_and_listener_meet)
 {
-    FdGuard guard;
     const TempDir dir;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const std::string path = dir.path("sock");
     const Fd listener(open_domain_listener(path.c_str()));
     ASSERT_GE(listener, 0);
     EXPECT_TRUE(is_nonblocking(listener));
     EXPECT_EQ(g_backlog, 128);
     EXPECT_EQ(log.lines().back(),
-              text("(DBG)  open_domain_listener: fd=%d is listening on [%s]", int{listener}, path.c_str()));
+              format("(DBG)  open_domain_listener: fd=%d is listening on [%s]", int{listener}, path.c_str()));
     log.clear();
     const Fd client(open_domain_client(path.c_str(), 3, 1000));
     ASSERT_GE(client, 0);
@@ -298,17 +286,16 @@ TEST(NetopsDomain, client_and_listener_meet)
     char byte = 0;
     EXPECT_EQ(read(accepted, &byte, 1), 1);
     EXPECT_EQ(byte, 'x');
-    EXPECT_EQ(log.lines(),
-              (Lines{text("(DBG)  open_domain_client opened socket fd=%d (1, 1, 0)", int{client}),
-                     text("(DBG)  open_domain_client: attempt 1 out of 3 to connect to [%s]", path.c_str()),
-                     text("(INF)  open_domain_client: fd=%d connected to [%s]", int{client}, path.c_str())}));
+    EXPECT_EQ(
+        log.lines(),
+        (Lines{format("(DBG)  open_domain_client opened socket fd=%d (1, 1, 0)", int{client}),
+               format("(DBG)  open_domain_client: attempt 1 out of 3 to connect to [%s]", path.c_str()),
+               format("(INF)  open_domain_client: fd=%d connected to [%s]", int{client}, path.c_str())}));
 }
 
-TEST(NetopsDomain, listener_takes_over_a_path_left_behind)
+TEST_F(NetopsDomain, listener_takes_over_a_path_left_behind)
 {
-    FdGuard guard;
     const TempDir dir;
-    LogCapture log;
     const std::string path = dir.path("sock");
     {
         const Fd first(open_domain_listener(path.c_str()));
@@ -322,7 +309,7 @@ TEST(NetopsDomain, listener_takes_over_a_path_left_behind)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsDomain, directory_without_write_permission_fails_with_two_lines)
+TEST_F(NetopsDomain, directory_without_write_permission_fails_with_two_lines)
 {
     if (geteuid() != 0) {
         GTEST_SKIP() << "skipped: needs root, to give a directory to somebody else";
@@ -336,7 +323,6 @@ TEST(NetopsDomain, directory_without_write_permission_fails_with_two_lines)
             return 2;
         }
         FdGuard guard;
-        LogCapture log;
         EXPECT_EQ(open_domain_listener(left.c_str()), -1);
         EXPECT_EQ(log.lines(), (Lines{"(ERR)  open_domain_listener: unlink ERROR(13): Permission denied",
                                       "(ERR)  open_domain_listener: failed for path=[" + left + "]"}));
@@ -350,11 +336,9 @@ TEST(NetopsDomain, directory_without_write_permission_fails_with_two_lines)
     EXPECT_EQ(child.exit_code, 0) << child.out;
 }
 
-TEST(NetopsDomain, listener_that_cannot_leave_blocking_mode_fails)
+TEST_F(NetopsDomain, listener_that_cannot_leave_blocking_mode_fails)
 {
-    FdGuard guard;
     const TempDir dir;
-    LogCapture log;
     g_setfl_errno = EPERM;
     EXPECT_EQ(open_domain_listener(dir.path("sock").c_str()), -1);
     g_setfl_errno = 0;
@@ -364,11 +348,9 @@ TEST(NetopsDomain, listener_that_cannot_leave_blocking_mode_fails)
     EXPECT_NE(access(dir.path("sock").c_str(), F_OK), 0);
 }
 
-TEST(NetopsDomain, long_path_is_cut_by_the_listener_and_refused_by_the_client)
+TEST_F(NetopsDomain, long_path_is_cut_by_the_listener_and_refused_by_the_client)
 {
-    FdGuard guard;
     const TempDir dir;
-    LogCapture log;
     for (const size_t length : {107U, 108U, 200U}) {
         const std::string path = path_of_length(dir, length);
         const Fd fd(open_domain_listener(path.c_str()));
@@ -380,11 +362,9 @@ TEST(NetopsDomain, long_path_is_cut_by_the_listener_and_refused_by_the_client)
     EXPECT_EQ(open_domain_client(path_of_length(dir, 107).c_str(), 1, 0), -1);
 }
 
-TEST(NetopsDomain, listener_removes_what_stands_at_the_whole_of_a_long_path)
+TEST_F(NetopsDomain, listener_removes_what_stands_at_the_whole_of_a_long_path)
 {
-    FdGuard guard;
     const TempDir dir;
-    LogCapture log;
     const std::string path = path_of_length(dir, 110);
     const std::string cut = path.substr(0, 107);
     support::must_run("touch " + path + " " + cut);
@@ -395,11 +375,10 @@ TEST(NetopsDomain, listener_removes_what_stands_at_the_whole_of_a_long_path)
     EXPECT_EQ(log.lines().back(), "(ERR)  open_domain_listener: failed for path=[" + path + "]");
 }
 
-TEST(NetopsDomain, kept_failure_counts_one_attempt_too_many)
+TEST_F(NetopsDomain, kept_failure_counts_one_attempt_too_many)
 {
-    FdGuard guard;
     const TempDir dir;
-    LogCapture log(NORM_level);
+    log.set_level(NORM_level);
     const std::string path = dir.path("nobody");
     EXPECT_EQ(open_domain_client(path.c_str(), 3, 2500), -1);
     EXPECT_EQ(errno, ENOENT);
@@ -413,22 +392,19 @@ TEST(NetopsDomain, kept_failure_counts_one_attempt_too_many)
     EXPECT_EQ(lines[3], "(ERR)  open_domain_client: failed to connect to [" + path + "] after 4 attempt(s)");
 }
 
-TEST(NetopsDomain, no_pause_for_zero_or_less)
+TEST_F(NetopsDomain, no_pause_for_zero_or_less)
 {
-    FdGuard guard;
     const TempDir dir;
-    LogCapture log(PANIC_level);
+    log.set_level(PANIC_level);
     EXPECT_EQ(open_domain_client(dir.path("nobody").c_str(), 2, 0), -1);
     EXPECT_EQ(open_domain_client(dir.path("nobody").c_str(), 2, -1), -1);
     EXPECT_EQ(g_connects, 4);
     EXPECT_EQ(g_sleeps, 0);
 }
 
-TEST(NetopsDomain, no_attempts_fail_at_once)
+TEST_F(NetopsDomain, no_attempts_fail_at_once)
 {
-    FdGuard guard;
     const TempDir dir;
-    LogCapture log;
     const std::string path = dir.path("nobody");
     EXPECT_EQ(open_domain_client(path.c_str(), 0, 1000), -1);
     EXPECT_EQ(g_connects, 0);
@@ -436,11 +412,10 @@ TEST(NetopsDomain, no_attempts_fail_at_once)
               (Lines{"(ERR)  open_domain_client: failed to connect to [" + path + "] after 1 attempt(s)"}));
 }
 
-TEST(NetopsDomain, later_attempt_that_works_ends_the_loop)
+TEST_F(NetopsDomain, later_attempt_that_works_ends_the_loop)
 {
-    FdGuard guard;
     const TempDir dir;
-    LogCapture log(NORM_level);
+    log.set_level(NORM_level);
     g_connect_works_at = 3;
     const Fd fd(open_domain_client(dir.path("late").c_str(), 5, 1));
     EXPECT_GE(fd, 0);
@@ -449,11 +424,9 @@ TEST(NetopsDomain, later_attempt_that_works_ends_the_loop)
     EXPECT_EQ(log.lines().size(), 2U);
 }
 
-TEST(NetopsDomain, signal_in_the_pause_ends_the_loop)
+TEST_F(NetopsDomain, signal_in_the_pause_ends_the_loop)
 {
-    FdGuard guard;
     const TempDir dir;
-    LogCapture log;
     g_sleep_errno_at = 2;
     const std::string path = dir.path("nobody");
     EXPECT_EQ(open_domain_client(path.c_str(), 9, 1), -1);
@@ -462,11 +435,10 @@ TEST(NetopsDomain, signal_in_the_pause_ends_the_loop)
               "(ERR)  open_domain_client: failed to connect to [" + path + "] after 2 attempt(s)");
 }
 
-TEST(NetopsDomain, kept_quit_is_told_as_connected)
+TEST_F(NetopsDomain, kept_quit_is_told_as_connected)
 {
-    FdGuard guard;
     const TempDir dir;
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     const std::string path = dir.path("nobody");
     g_quit = 1;
     EXPECT_EQ(open_domain_client(path.c_str(), 3, 1000), -1);
@@ -485,10 +457,9 @@ TEST(NetopsDomain, kept_quit_is_told_as_connected)
     g_quit = 0;
 }
 
-TEST(NetopsOptions, tcp_switches)
+TEST_F(NetopsOptions, tcp_switches)
 {
-    FdGuard guard;
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     const Fd fd(socket(AF_INET, SOCK_STREAM, 0));
     EXPECT_EQ(set_tcp_nodelay(fd, 1), 0);
     EXPECT_EQ(int_option(fd, IPPROTO_TCP, TCP_NODELAY), 1);
@@ -498,21 +469,20 @@ TEST(NetopsOptions, tcp_switches)
     EXPECT_EQ(int_option(fd, IPPROTO_TCP, TCP_CORK), 1);
     EXPECT_EQ(set_tcp_cork(fd, 0), 0);
     EXPECT_EQ(int_option(fd, IPPROTO_TCP, TCP_CORK), 0);
-    EXPECT_EQ(log.lines(), (Lines{text("(INF)  TCP_NODELAY turned ON for [fd=%d]", int{fd}),
-                                  text("(INF)  TCP_NODELAY turned OFF for [fd=%d]", int{fd}),
-                                  text("(INF)  TCP_CORK turned ON for [fd=%d]", int{fd}),
-                                  text("(INF)  TCP_CORK turned OFF for [fd=%d]", int{fd})}));
+    EXPECT_EQ(log.lines(), (Lines{format("(INF)  TCP_NODELAY turned ON for [fd=%d]", int{fd}),
+                                  format("(INF)  TCP_NODELAY turned OFF for [fd=%d]", int{fd}),
+                                  format("(INF)  TCP_CORK turned ON for [fd=%d]", int{fd}),
+                                  format("(INF)  TCP_CORK turned OFF for [fd=%d]", int{fd})}));
 }
 
-TEST(NetopsOptions, failures_are_logged_once_by_the_checked_call)
+TEST_F(NetopsOptions, failures_are_logged_once_by_the_checked_call)
 {
-    LogCapture log;
     const auto fails = [&](int rc, const char* caller) {
         EXPECT_EQ(rc, -1);
         EXPECT_EQ(errno, EBADF);
         const Lines lines = log.lines();
         ASSERT_EQ(lines.size(), 1U);
-        EXPECT_EQ(lines[0].find(text("(ERR)  %s: setsockopt(999, ", caller)), 0U) << lines[0];
+        EXPECT_EQ(lines[0].find(format("(ERR)  %s: setsockopt(999, ", caller)), 0U) << lines[0];
         log.clear();
     };
     fails(set_tcp_nodelay(999, 1), "set_tcp_nodelay");
@@ -523,10 +493,9 @@ TEST(NetopsOptions, failures_are_logged_once_by_the_checked_call)
     fails(set_send_timeout(999, 1), "set_socket_timeout");
 }
 
-TEST(NetopsOptions, keepalive)
+TEST_F(NetopsOptions, keepalive)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Fd fd(socket(AF_INET, SOCK_STREAM, 0));
     EXPECT_EQ(set_keepalive_on(fd), 0);
     EXPECT_EQ(int_option(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
@@ -535,16 +504,14 @@ TEST(NetopsOptions, keepalive)
     EXPECT_EQ(set_keepalive(999, 7), -1);
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(DBG)  set_keepalive: [ON] for fd%d", int{fd}),
-                     text("(DBG)  set_keepalive: [OFF] for fd%d", int{fd}),
+              (Lines{format("(DBG)  set_keepalive: [ON] for fd%d", int{fd}),
+                     format("(DBG)  set_keepalive: [OFF] for fd%d", int{fd}),
                      "(ERR)  set_keepalive: setsockopt(fd999, SOL_SOCKET, SO_KEEPALIVE, 7,..) ERROR(9): Bad "
                      "file descriptor"}));
 }
 
-TEST(NetopsOptions, kept_buffer_sizes_are_eight_bytes_of_which_four_count)
+TEST_F(NetopsOptions, kept_buffer_sizes_are_eight_bytes_of_which_four_count)
 {
-    FdGuard guard;
-    LogCapture log;
     const Fd fd(socket(AF_INET, SOCK_DGRAM, 0));
     EXPECT_EQ(set_socket_sendbuf(fd, 30000), 0);
     EXPECT_EQ(int_option(fd, SOL_SOCKET, SO_SNDBUF), 60000); // the kernel doubles it
@@ -553,10 +520,8 @@ TEST(NetopsOptions, kept_buffer_sizes_are_eight_bytes_of_which_four_count)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsOptions, timeouts_are_seconds_and_microseconds)
+TEST_F(NetopsOptions, timeouts_are_seconds_and_microseconds)
 {
-    FdGuard guard;
-    LogCapture log;
     const Fd fd(socket(AF_INET, SOCK_DGRAM, 0));
     EXPECT_EQ(set_rcv_timeout(fd, 1500), 0);
     EXPECT_EQ(set_send_timeout(fd, 2040), 0);
@@ -572,9 +537,8 @@ TEST(NetopsOptions, timeouts_are_seconds_and_microseconds)
     EXPECT_EQ(errno, EDOM);
 }
 
-TEST(NetopsOptions, timeouts_really_expire)
+TEST_F(NetopsOptions, timeouts_really_expire)
 {
-    FdGuard guard;
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     const Fd a(ends[0]);
@@ -591,19 +555,16 @@ TEST(NetopsOptions, timeouts_really_expire)
     EXPECT_EQ(errno, EAGAIN);
 }
 
-TEST(NetopsError, healthy_socket_has_none)
+TEST_F(NetopsError, healthy_socket_has_none)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Fd fd(socket(AF_INET, SOCK_STREAM, 0));
     EXPECT_EQ(socket_error(fd), 0);
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsError, pending_error_is_told_once)
+TEST_F(NetopsError, pending_error_is_told_once)
 {
-    FdGuard guard;
-    LogCapture log;
     sockaddr_storage ss = addr("127.0.0.1");
     uint16_t port = 0;
     {
@@ -619,22 +580,20 @@ TEST(NetopsError, pending_error_is_told_once)
     EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_EQ(socket_error(fd), 0);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  socket_error(fd%d) ERROR(111): Connection refused", int{fd})}));
+              (Lines{format("(ERR)  socket_error(fd%d) ERROR(111): Connection refused", int{fd})}));
 }
 
-TEST(NetopsError, failed_query_is_its_own_error)
+TEST_F(NetopsError, failed_query_is_its_own_error)
 {
-    LogCapture log;
     EXPECT_EQ(socket_error(999), EBADF);
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  socket_error(fd999) ERROR(9): Bad file descriptor"}));
 }
 
-TEST(NetopsError, errno_survives_a_log_that_disturbs_it)
+TEST_F(NetopsError, errno_survives_a_log_that_disturbs_it)
 {
-    FdGuard guard;
     const TempDir dir;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     log_set_hook(&g_log, nullptr, [](void*, const char*) { errno = ENOTTY; });
     const Fd fd(socket(AF_INET, SOCK_STREAM, 0));
     sockaddr_storage group = addr("10.0.0.9");
@@ -686,7 +645,7 @@ TEST(NetopsPeer, unconnected_socket_has_none)
     EXPECT_EQ(get_peer_ipaddr(fd, buf, sizeof buf), nullptr);
     EXPECT_EQ(errno, ENOTCONN);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  get_peer_ipaddr: getpeername(fd%d,...) ERROR(107): Transport endpoint is "
-                          "not connected",
-                          int{fd})}));
+              (Lines{format("(ERR)  get_peer_ipaddr: getpeername(fd%d,...) ERROR(107): Transport endpoint is "
+                            "not connected",
+                            int{fd})}));
 }

@@ -1,5 +1,6 @@
 // Membership of groups, by both forms of the options, as the kernel lists it; hop limit, outgoing interface
 // and scope ids.
+#include "fixtures.h"
 #include "netops_support.h"
 #include "wrap.h"
 
@@ -73,12 +74,16 @@ Fd udp(int family)
 
 } // namespace
 
-TEST(NetopsMcast, ipv4_group_is_joined_and_left_by_index)
+class NetopsMcast : public support::GuardedTest {};
+
+class NetopsSsm : public support::GuardedTest {};
+
+class NetopsTtl : public support::GuardedTest {};
+
+TEST_F(NetopsMcast, ipv4_group_is_joined_and_left_by_index)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
-    LogCapture log;
     const Fd fd = udp(AF_INET);
     const Info va = info_of(AF_INET, "va");
     sockaddr_storage group = addr("239.1.2.3");
@@ -92,12 +97,10 @@ TEST(NetopsMcast, ipv4_group_is_joined_and_left_by_index)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsMcast, ipv6_group_is_joined_and_left_by_index)
+TEST_F(NetopsMcast, ipv6_group_is_joined_and_left_by_index)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
-    LogCapture log;
     const Fd fd = udp(AF_INET6);
     const Info va = info_of(AF_INET6, "va");
     sockaddr_storage group = addr("ff15::4321");
@@ -109,12 +112,11 @@ TEST(NetopsMcast, ipv6_group_is_joined_and_left_by_index)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsMcast, without_a_record_the_kernel_chooses)
+TEST_F(NetopsMcast, without_a_record_the_kernel_chooses)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Fd fd = udp(AF_INET);
     sockaddr_storage group = addr("239.1.2.4");
     EXPECT_EQ(mcast_join(fd, &group, nullptr), 0);
@@ -125,29 +127,27 @@ TEST(NetopsMcast, without_a_record_the_kernel_chooses)
                      "(INF)  mcast_group_op: using GENERIC mulitcast API to MCAST_JOIN group 239.1.2.4:0"}));
 }
 
-TEST(NetopsMcast, lines_of_a_leave_and_of_the_older_form)
+TEST_F(NetopsMcast, lines_of_a_leave_and_of_the_older_form)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
     const Fd fd = udp(AF_INET6);
     const Info va = info_of(AF_INET6, "va");
     sockaddr_storage group = addr("ff15:1111:2222:3333:4444:5555:6666:7777", 65535);
     set_legacy_mcast_api(1);
     EXPECT_EQ(mcast_join(fd, &group, va.get()), 0);
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     EXPECT_EQ(mcast_leave(fd, &group, va.get()), 0);
     EXPECT_EQ(
         log.lines(),
-        (Lines{text("(DBG)  mcast_leave: ifc-name=va, idx=%u ifc=%p", va->idx, static_cast<void*>(&va->ss)),
+        (Lines{format("(DBG)  mcast_leave: ifc-name=va, idx=%u ifc=%p", va->idx, static_cast<void*>(&va->ss)),
                "(INF)  mcast_group_op: using protocol-specific mulitcast API to MCAST_LEAVE group "
                "[ff15:1111:2222:3333:4444:5555:6666:7777]:65535"}));
 }
 
-TEST(NetopsMcast, membership_ends_with_the_socket)
+TEST_F(NetopsMcast, membership_ends_with_the_socket)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
     sockaddr_storage group = addr("239.1.2.5");
     {
@@ -158,35 +158,31 @@ TEST(NetopsMcast, membership_ends_with_the_socket)
     EXPECT_FALSE(is_member("va", group));
 }
 
-TEST(NetopsMcast, failed_operations_leave_two_lines_and_errno)
+TEST_F(NetopsMcast, failed_operations_leave_two_lines_and_errno)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
-    LogCapture log;
     const Fd fd = udp(AF_INET);
     sockaddr_storage group = addr("239.1.2.6");
     EXPECT_EQ(mcast_leave(fd, &group, nullptr), -1);
     EXPECT_EQ(errno, EADDRNOTAVAIL);
     const Lines lines = log.lines();
     ASSERT_EQ(lines.size(), 2U);
-    EXPECT_EQ(lines[0].find(text("(ERR)  mcast_group_op: setsockopt(%d, 0, 45, 0x", int{fd})), 0U)
+    EXPECT_EQ(lines[0].find(format("(ERR)  mcast_group_op: setsockopt(%d, 0, 45, 0x", int{fd})), 0U)
         << lines[0];
     EXPECT_NE(lines[0].find(", 136) ERROR(99)"), std::string::npos) << lines[0];
     EXPECT_EQ(lines[1],
-              text("(ERR)  mcast_leave: MCAST_LEAVE fd=%d: Cannot assign requested address", int{fd}));
+              format("(ERR)  mcast_leave: MCAST_LEAVE fd=%d: Cannot assign requested address", int{fd}));
     log.clear();
     sockaddr_storage unicast = addr("10.0.0.9");
     EXPECT_EQ(mcast_join(fd, &unicast, nullptr), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(log.lines().size(), 2U);
-    EXPECT_EQ(log.lines()[1], text("(ERR)  mcast_join: MCAST_JOIN fd=%d: Invalid argument", int{fd}));
+    EXPECT_EQ(log.lines()[1], format("(ERR)  mcast_join: MCAST_JOIN fd=%d: Invalid argument", int{fd}));
 }
 
-TEST(NetopsMcast, unknown_family_fails_in_both_forms)
+TEST_F(NetopsMcast, unknown_family_fails_in_both_forms)
 {
-    FdGuard guard;
-    LogCapture log;
     const Fd fd = udp(AF_INET);
     sockaddr_storage group = of_family(AF_UNIX);
     EXPECT_EQ(mcast_join(fd, &group, nullptr), -1);
@@ -199,15 +195,13 @@ TEST(NetopsMcast, unknown_family_fails_in_both_forms)
     EXPECT_EQ(mcast_join(fd, &group, nullptr), -1);
     EXPECT_EQ(g_setsockopt_calls, 0);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  mcast_group_op: unsupported family 1",
-                                  text("(ERR)  mcast_join: MCAST_JOIN fd=%d: Success", int{fd})}));
+                                  format("(ERR)  mcast_join: MCAST_JOIN fd=%d: Success", int{fd})}));
 }
 
-TEST(NetopsMcast, kept_legacy_switch_is_never_turned_off)
+TEST_F(NetopsMcast, kept_legacy_switch_is_never_turned_off)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
-    LogCapture log;
     const Fd fd = udp(AF_INET6);
     const Info va = info_of(AF_INET6, "va");
     sockaddr_storage group = addr("ff15::2");
@@ -227,12 +221,10 @@ TEST(NetopsMcast, kept_legacy_switch_is_never_turned_off)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsMcast, older_ipv4_form_with_any_interface_uses_the_any_address)
+TEST_F(NetopsMcast, older_ipv4_form_with_any_interface_uses_the_any_address)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
-    LogCapture log;
     const Fd fd = udp(AF_INET);
     set_legacy_mcast_api(1);
     sockaddr_storage group = addr("239.1.2.7");
@@ -250,12 +242,10 @@ TEST(NetopsMcast, older_ipv4_form_with_any_interface_uses_the_any_address)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsMcast, older_ipv4_form_looks_the_address_up_once)
+TEST_F(NetopsMcast, older_ipv4_form_looks_the_address_up_once)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
-    LogCapture log;
     const Fd fd = udp(AF_INET);
     set_legacy_mcast_api(1);
     sockaddr_storage group = addr("239.1.2.8");
@@ -270,13 +260,11 @@ TEST(NetopsMcast, older_ipv4_form_looks_the_address_up_once)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsMcast, older_ipv4_form_without_an_address_makes_no_call)
+TEST_F(NetopsMcast, older_ipv4_form_without_an_address_makes_no_call)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
     support::must_run("ip -4 addr flush dev va");
-    LogCapture log;
     const Fd fd = udp(AF_INET);
     set_legacy_mcast_api(1);
     sockaddr_storage group = addr("239.1.2.9");
@@ -291,7 +279,7 @@ TEST(NetopsMcast, older_ipv4_form_without_an_address_makes_no_call)
     EXPECT_EQ(log.lines(), (Lines{line, line}));
 }
 
-TEST(NetopsMcast, older_ipv4_form_without_a_record_ends_by_assertion)
+TEST_F(NetopsMcast, older_ipv4_form_without_a_record_ends_by_assertion)
 {
     expect_abort([] {
         set_legacy_mcast_api(1);
@@ -300,12 +288,10 @@ TEST(NetopsMcast, older_ipv4_form_without_a_record_ends_by_assertion)
     });
 }
 
-TEST(NetopsSsm, source_is_joined_by_the_protocol_independent_form)
+TEST_F(NetopsSsm, source_is_joined_by_the_protocol_independent_form)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
-    LogCapture log;
     const Fd fd = udp(AF_INET);
     const Info va = info_of(AF_INET, "va");
     sockaddr_storage group = addr("232.1.1.1");
@@ -317,12 +303,10 @@ TEST(NetopsSsm, source_is_joined_by_the_protocol_independent_form)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsSsm, ipv6_source_is_joined_by_the_protocol_independent_form)
+TEST_F(NetopsSsm, ipv6_source_is_joined_by_the_protocol_independent_form)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
-    LogCapture log;
     const Fd fd = udp(AF_INET6);
     const Info va = info_of(AF_INET6, "va");
     sockaddr_storage group = addr("ff35::1");
@@ -337,12 +321,10 @@ TEST(NetopsSsm, ipv6_source_is_joined_by_the_protocol_independent_form)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsSsm, source_is_joined_by_the_older_form)
+TEST_F(NetopsSsm, source_is_joined_by_the_older_form)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
-    LogCapture log;
     const Fd fd = udp(AF_INET);
     set_legacy_mcast_api(1);
     ifc_info info{};
@@ -356,12 +338,10 @@ TEST(NetopsSsm, source_is_joined_by_the_older_form)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsSsm, failed_join_of_the_older_form_leaves_two_lines_and_errno)
+TEST_F(NetopsSsm, failed_join_of_the_older_form_leaves_two_lines_and_errno)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
-    LogCapture log;
     const Fd fd = udp(AF_INET);
     set_legacy_mcast_api(1);
     const Info va = info_of(AF_INET, "va");
@@ -376,16 +356,15 @@ TEST(NetopsSsm, failed_join_of_the_older_form_leaves_two_lines_and_errno)
     EXPECT_EQ(record.imr_sourceaddr.s_addr, inet_addr("10.0.0.2"));
     const Lines lines = log.lines();
     ASSERT_EQ(lines.size(), 2U);
-    EXPECT_EQ(lines[0].find(text("(ERR)  ssm_proto_op: setsockopt(%d, 0, 39, 0x", int{fd})), 0U) << lines[0];
+    EXPECT_EQ(lines[0].find(format("(ERR)  ssm_proto_op: setsockopt(%d, 0, 39, 0x", int{fd})), 0U)
+        << lines[0];
     EXPECT_NE(lines[0].find(", 12) ERROR(22)"), std::string::npos) << lines[0];
-    EXPECT_EQ(lines[1], text("(ERR)  ssm_join: (ssm_proto_op) SSM_JOIN ifc=va/%u fd%d: Invalid argument",
-                             va->idx, int{fd}));
+    EXPECT_EQ(lines[1], format("(ERR)  ssm_join: (ssm_proto_op) SSM_JOIN ifc=va/%u fd%d: Invalid argument",
+                               va->idx, int{fd}));
 }
 
-TEST(NetopsSsm, older_form_has_no_ipv6_source)
+TEST_F(NetopsSsm, older_form_has_no_ipv6_source)
 {
-    FdGuard guard;
-    LogCapture log;
     const Fd fd = udp(AF_INET6);
     set_legacy_mcast_api(1);
     sockaddr_storage group = addr("ff35::1");
@@ -396,13 +375,13 @@ TEST(NetopsSsm, older_form_has_no_ipv6_source)
     EXPECT_EQ(g_setsockopt_calls, 0);
     EXPECT_EQ(log.lines(),
               (Lines{"(ERR)  ssm_join: (ssm_proto_op) IPv6-specific SSM not supported",
-                     text("(ERR)  ssm_join: (ssm_proto_op) SSM_JOIN ifc=(null)/0 fd%d: Invalid argument",
-                          int{fd})}));
+                     format("(ERR)  ssm_join: (ssm_proto_op) SSM_JOIN ifc=(null)/0 fd%d: Invalid argument",
+                            int{fd})}));
 }
 
-TEST(NetopsSsm, older_form_ignores_other_families)
+TEST_F(NetopsSsm, older_form_ignores_other_families)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     set_legacy_mcast_api(1);
     sockaddr_storage group = of_family(AF_UNIX);
     sockaddr_storage source = of_family(AF_UNIX);
@@ -412,7 +391,7 @@ TEST(NetopsSsm, older_form_ignores_other_families)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsSsm, families_that_differ_end_by_assertion)
+TEST_F(NetopsSsm, families_that_differ_end_by_assertion)
 {
     expect_abort([] {
         sockaddr_storage group = addr("232.1.1.1");
@@ -421,12 +400,10 @@ TEST(NetopsSsm, families_that_differ_end_by_assertion)
     });
 }
 
-TEST(NetopsSsm, kept_leave_issues_the_join)
+TEST_F(NetopsSsm, kept_leave_issues_the_join)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
-    LogCapture log;
     const Fd fd = udp(AF_INET);
     const Info va = info_of(AF_INET, "va");
     sockaddr_storage group = addr("232.1.1.3");
@@ -440,20 +417,19 @@ TEST(NetopsSsm, kept_leave_issues_the_join)
     EXPECT_EQ(errno, EADDRNOTAVAIL);
     const Lines lines = log.lines();
     ASSERT_EQ(lines.size(), 2U);
-    EXPECT_EQ(lines[0].find(text("(ERR)  ssm_generic_op: setsockopt(%d, 0, 46, 0x", int{fd})), 0U)
+    EXPECT_EQ(lines[0].find(format("(ERR)  ssm_generic_op: setsockopt(%d, 0, 46, 0x", int{fd})), 0U)
         << lines[0];
     EXPECT_NE(lines[0].find(", 264) ERROR(99)"), std::string::npos) << lines[0];
     EXPECT_EQ(
         lines[1],
-        text("(ERR)  ssm_leave: (ssm_generic_op) SSM_JOIN ifc=va/%u fd%d: Cannot assign requested address",
-             va->idx, int{fd}));
+        format("(ERR)  ssm_leave: (ssm_generic_op) SSM_JOIN ifc=va/%u fd%d: Cannot assign requested address",
+               va->idx, int{fd}));
     EXPECT_TRUE(has_source_filter("va", "232.1.1.3", "10.0.0.2"));
 }
 
-TEST(NetopsTtl, is_set_for_both_families)
+TEST_F(NetopsTtl, is_set_for_both_families)
 {
-    FdGuard guard;
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     const Fd v4 = udp(AF_INET);
     const Fd v6 = udp(AF_INET6);
     EXPECT_EQ(set_mcast_ttl(AF_INET, v4, 17), 0);
@@ -461,28 +437,27 @@ TEST(NetopsTtl, is_set_for_both_families)
     EXPECT_EQ(int_option(v4, IPPROTO_IP, IP_MULTICAST_TTL), 17);
     EXPECT_EQ(int_option(v6, IPPROTO_IPV6, IPV6_MULTICAST_HOPS), 255);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(INF)  set_mcast_ttl: IP mcast fd=%d, op=MULTICAST_TTL(17): OK", int{v4}),
-                     text("(INF)  set_mcast_ttl: IPv6 mcast fd=%d, op=MULTICAST_HOPS(255): OK", int{v6})}));
+              (Lines{format("(INF)  set_mcast_ttl: IP mcast fd=%d, op=MULTICAST_TTL(17): OK", int{v4}),
+                     format("(INF)  set_mcast_ttl: IPv6 mcast fd=%d, op=MULTICAST_HOPS(255): OK", int{v6})}));
 }
 
-TEST(NetopsTtl, value_beyond_the_limit_gives_the_error)
+TEST_F(NetopsTtl, value_beyond_the_limit_gives_the_error)
 {
-    FdGuard guard;
-    LogCapture log;
     const Fd v4 = udp(AF_INET);
     const Fd v6 = udp(AF_INET6);
     EXPECT_EQ(set_mcast_ttl(AF_INET, v4, 256), EINVAL);
     EXPECT_EQ(set_mcast_ttl(AF_INET6, v6, 256), EINVAL);
     const Lines lines = log.lines();
     ASSERT_EQ(lines.size(), 4U);
-    EXPECT_EQ(lines[1],
-              text("(ERR)  set_mcast_ttl: IP mcast fd=%d, op=MULTICAST_TTL(256): Invalid argument", int{v4}));
+    EXPECT_EQ(
+        lines[1],
+        format("(ERR)  set_mcast_ttl: IP mcast fd=%d, op=MULTICAST_TTL(256): Invalid argument", int{v4}));
     EXPECT_EQ(
         lines[3],
-        text("(ERR)  set_mcast_ttl: IPv6 mcast fd=%d, op=MULTICAST_HOPS(256): Invalid argument", int{v6}));
+        format("(ERR)  set_mcast_ttl: IPv6 mcast fd=%d, op=MULTICAST_HOPS(256): Invalid argument", int{v6}));
 }
 
-TEST(NetopsTtl, other_family_ends_by_assertion)
+TEST_F(NetopsTtl, other_family_ends_by_assertion)
 {
     expect_abort([] { set_mcast_ttl(AF_UNIX, -1, 1); });
 }
@@ -576,7 +551,7 @@ TEST(NetopsScope, kept_record_declared_const_is_completed)
     EXPECT_EQ(ifc.ss_family, AF_INET6);
     EXPECT_EQ(scope_of(ifc), va);
     EXPECT_EQ(scope_of(ss), va);
-    EXPECT_EQ(log.lines(), (Lines{text("(ERR)  updated IPv6 address scope ID to %u", va)}));
+    EXPECT_EQ(log.lines(), (Lines{format("(ERR)  updated IPv6 address scope ID to %u", va)}));
 }
 
 TEST(NetopsScope, failed_look_up_leaves_the_address)

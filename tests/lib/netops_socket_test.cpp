@@ -1,5 +1,6 @@
 // Sockets from one description: what is refused and in which order, what each kind comes back as, and
 // datagrams that really travel between two namespaces.
+#include "fixtures.h"
 #include "netops_support.h"
 #include "wrap.h"
 
@@ -202,10 +203,22 @@ constexpr char kGroupPort[] = "5004";
 
 } // namespace
 
-TEST(NetopsPort, zero_asks_the_kernel_for_a_port)
+class NetopsPort : public support::GuardedTest {};
+
+class NetopsOpen : public support::GuardedTest {};
+
+class NetopsClient : public support::GuardedTest {};
+
+class NetopsListen : public support::GuardedTest {};
+
+class NetopsSource : public support::GuardedTest {};
+
+class NetopsGroup : public support::GuardedTest {};
+
+class NetopsMkSockaddr : public support::GuardedTest {};
+
+TEST_F(NetopsPort, zero_asks_the_kernel_for_a_port)
 {
-    FdGuard guard;
-    LogCapture log;
     Opened opened;
     opened.spec.socktype = SOCK_DGRAM;
     ASSERT_GE(opened.open("127.0.0.1", "0"), 0);
@@ -214,27 +227,24 @@ TEST(NetopsPort, zero_asks_the_kernel_for_a_port)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsPort, texts_that_are_no_port_are_refused)
+TEST_F(NetopsPort, texts_that_are_no_port_are_refused)
 {
-    FdGuard guard;
-    LogCapture log;
     for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
         for (const char* port : {"", "00", "abc", "http", " 0", "+0", "4294967296"}) {
             Opened opened;
             opened.spec.socktype = type;
             log.clear();
             EXPECT_EQ(opened.open("127.0.0.1", port), -1) << port;
-            EXPECT_EQ(log.lines(), (Lines{text("(ERR)  open_socket: empty or invalid port [%s]", port)}));
+            EXPECT_EQ(log.lines(), (Lines{format("(ERR)  open_socket: empty or invalid port [%s]", port)}));
         }
     }
 }
 
-TEST(NetopsPort, digits_with_a_tail_fail_in_the_look_up_without_a_line)
+TEST_F(NetopsPort, digits_with_a_tail_fail_in_the_look_up_without_a_line)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const LoopbackNet net;
-    LogCapture log(NORM_level);
+    log.set_level(NORM_level);
     Opened opened;
     opened.spec.socktype = SOCK_DGRAM;
     g_socket_calls = 0;
@@ -242,10 +252,8 @@ TEST(NetopsPort, digits_with_a_tail_fail_in_the_look_up_without_a_line)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsPort, negative_number_is_left_to_the_look_up)
+TEST_F(NetopsPort, negative_number_is_left_to_the_look_up)
 {
-    FdGuard guard;
-    LogCapture log;
     Opened opened;
     opened.spec.socktype = SOCK_DGRAM;
     opened.spec.writer = 1;
@@ -253,7 +261,7 @@ TEST(NetopsPort, negative_number_is_left_to_the_look_up)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsPort, missing_port_ends_by_assertion_but_for_other_types)
+TEST_F(NetopsPort, missing_port_ends_by_assertion_but_for_other_types)
 {
     for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
         expect_abort([type] {
@@ -262,34 +270,28 @@ TEST(NetopsPort, missing_port_ends_by_assertion_but_for_other_types)
             opened.open("127.0.0.1", nullptr);
         });
     }
-    FdGuard guard;
-    LogCapture log;
     Opened raw_socket;
     raw_socket.spec.socktype = SOCK_RAW;
     EXPECT_EQ(raw_socket.open("127.0.0.1", nullptr), -1);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  open_socket: socket(2, 3, 0) ERROR(93): Protocol not supported"}));
 }
 
-TEST(NetopsOpen, plain_number_is_no_address)
+TEST_F(NetopsOpen, plain_number_is_no_address)
 {
-    FdGuard guard;
-    LogCapture log;
     for (const char* host : {"1234", "-1", " 7", "0"}) {
         Opened opened;
         opened.spec.socktype = SOCK_DGRAM;
         log.clear();
         EXPECT_EQ(opened.open(host, "80"), -1);
         EXPECT_EQ(log.lines(),
-                  (Lines{text("(ERR)  open_socket: cannot accept plain number [%s] as IP address", host)}));
+                  (Lines{format("(ERR)  open_socket: cannot accept plain number [%s] as IP address", host)}));
     }
 }
 
-TEST(NetopsOpen, refusals_stand_in_a_fixed_order)
+TEST_F(NetopsOpen, refusals_stand_in_a_fixed_order)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const LoopbackNet net;
-    LogCapture log;
     g_socket_calls = 0;
     const auto first_line = [&](const char* host, const char* port, const char* auth) {
         Opened opened;
@@ -311,10 +313,8 @@ TEST(NetopsOpen, refusals_stand_in_a_fixed_order)
     EXPECT_EQ(g_socket_calls, before_resolution);
 }
 
-TEST(NetopsOpen, names_resolve_from_the_hosts_file)
+TEST_F(NetopsOpen, names_resolve_from_the_hosts_file)
 {
-    FdGuard guard;
-    LogCapture log;
     Opened opened;
     opened.spec.socktype = SOCK_DGRAM;
     opened.spec.family = AF_INET;
@@ -323,12 +323,10 @@ TEST(NetopsOpen, names_resolve_from_the_hosts_file)
     EXPECT_EQ(str(opened.spec.addr_ss), "127.0.0.1:99");
 }
 
-TEST(NetopsOpen, no_address_is_the_any_address_of_the_family)
+TEST_F(NetopsOpen, no_address_is_the_any_address_of_the_family)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const LoopbackNet net;
-    LogCapture log;
     for (const int family : {0, AF_INET}) {
         Opened v4;
         v4.spec.socktype = SOCK_STREAM;
@@ -348,10 +346,9 @@ TEST(NetopsOpen, no_address_is_the_any_address_of_the_family)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsOpen, lines_of_an_opening)
+TEST_F(NetopsOpen, lines_of_an_opening)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     Opened opened;
     opened.spec.socktype = SOCK_DGRAM;
     opened.spec.writer = 1;
@@ -359,17 +356,16 @@ TEST(NetopsOpen, lines_of_an_opening)
     EXPECT_EQ(log.lines(),
               (Lines{"(DBG)  open_socket: UDP CLIENT [UNSPEC (0)] socket for [127.0.0.1:9], ifc=none",
                      "(DBG)  af=IPv4 (2), proto = 17",
-                     text("(DBG)  open_socket opened socket fd=%d (2, 2, 17)", opened.fd),
+                     format("(DBG)  open_socket opened socket fd=%d (2, 2, 17)", opened.fd),
                      "PF_INET = 2, PF_INET6 = 10, SOCK_STREAM = 1, SOCK_DGRAM = 2", "ai_flags    =\t0x00",
                      "ai_family   =\t2", "ai_socktype =\t2", "ai_protocol =\t17", "ai_addrlen  =\t16",
                      "ai_addr     =\t127.0.0.1:9", "ai_canonname=\tNULL",
-                     text("(DBG)  open_socket: CLIENT unicast socket fd=[%d]", opened.fd)}));
+                     format("(DBG)  open_socket: CLIENT unicast socket fd=[%d]", opened.fd)}));
 }
 
-TEST(NetopsOpen, lines_of_a_listener)
+TEST_F(NetopsOpen, lines_of_a_listener)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     Opened opened;
     opened.spec.socktype = SOCK_STREAM;
     opened.spec.passive = 1;
@@ -377,25 +373,22 @@ TEST(NetopsOpen, lines_of_a_listener)
     ASSERT_GE(opened.open(nullptr, "0", "not read", "eth9"), 0);
     EXPECT_FALSE(opened.spec.is_ssm);
     EXPECT_EQ(log.lines()[0], "(DBG)  open_socket: TCP LISTENER [IPv4 (2)] socket for [all:0], ifc=eth9");
-    EXPECT_TRUE(has_line(log, text("(DBG)  reuse_and_bind: fd=%d 0.0.0.0:0 OK", opened.fd)));
+    EXPECT_TRUE(has_line(log, format("(DBG)  reuse_and_bind: fd=%d 0.0.0.0:0 OK", opened.fd)));
     EXPECT_TRUE(has_line(log, "reuse_and_bind IPv4 0.0.0.0:0"));
-    EXPECT_TRUE(has_line(log, text("(DBG)  open_socket: SERVER unicast socket fd=[%d]", opened.fd)));
+    EXPECT_TRUE(has_line(log, format("(DBG)  open_socket: SERVER unicast socket fd=[%d]", opened.fd)));
 }
 
-TEST(NetopsOpen, closed_log_at_debug_level_is_no_harm)
+TEST_F(NetopsOpen, closed_log_at_debug_level_is_no_harm)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     log_default(&g_log, nullptr);
     Opened opened;
     opened.spec.socktype = SOCK_DGRAM;
     EXPECT_GE(opened.open("127.0.0.1", "0"), 0);
 }
 
-TEST(NetopsClient, datagram_writer_is_neither_bound_nor_connected)
+TEST_F(NetopsClient, datagram_writer_is_neither_bound_nor_connected)
 {
-    FdGuard guard;
-    LogCapture log;
     Opened opened;
     opened.spec.socktype = SOCK_DGRAM;
     opened.spec.writer = 1;
@@ -415,12 +408,10 @@ TEST(NetopsClient, datagram_writer_is_neither_bound_nor_connected)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsClient, datagram_reader_is_bound_and_hears_the_writer)
+TEST_F(NetopsClient, datagram_reader_is_bound_and_hears_the_writer)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const NetnsPair pair;
-    LogCapture log;
     for (const char* host : {"10.0.0.2", "fd00::2"}) {
         Opened reader;
         reader.spec.socktype = SOCK_DGRAM;
@@ -435,44 +426,40 @@ TEST(NetopsClient, datagram_reader_is_bound_and_hears_the_writer)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsClient, blocking_stream_connects_at_once)
+TEST_F(NetopsClient, blocking_stream_connects_at_once)
 {
-    FdGuard guard;
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     const TcpServer server;
     Opened opened;
     opened.spec.socktype = SOCK_STREAM;
     ASSERT_GE(opened.open("127.0.0.1", server.port.c_str()), 0);
     EXPECT_EQ(opened.spec.async_connect, 0U);
     EXPECT_FALSE(is_nonblocking(opened.fd));
-    EXPECT_EQ(log.lines(), (Lines{text("(INF)  setup_client: IMMEDIATE CONNECT [fd%d]", opened.fd)}));
+    EXPECT_EQ(log.lines(), (Lines{format("(INF)  setup_client: IMMEDIATE CONNECT [fd%d]", opened.fd)}));
 }
 
-TEST(NetopsClient, non_blocking_stream_is_in_progress_and_then_works)
+TEST_F(NetopsClient, non_blocking_stream_is_in_progress_and_then_works)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const TcpServer server;
     Opened opened;
     opened.spec.socktype = SOCK_STREAM;
     opened.spec.non_blocking = 1;
     ASSERT_GE(opened.open("127.0.0.1", server.port.c_str()), 0);
     EXPECT_EQ(opened.spec.async_connect, 1U);
-    EXPECT_TRUE(has_line(log, text("(DBG)  setup_client: non-blocking CONNECT on fd%d", opened.fd)));
-    EXPECT_TRUE(has_line(log, text("(INF)  setup_client: ASYNC CONNECT [fd%d]", opened.fd)));
+    EXPECT_TRUE(has_line(log, format("(DBG)  setup_client: non-blocking CONNECT on fd%d", opened.fd)));
+    EXPECT_TRUE(has_line(log, format("(INF)  setup_client: ASYNC CONNECT [fd%d]", opened.fd)));
     pollfd wait{opened.fd, POLLOUT, 0};
     ASSERT_EQ(poll(&wait, 1, 20000), 1);
     EXPECT_EQ(socket_error(opened.fd), 0);
 }
 
-TEST(NetopsClient, non_blocking_stream_that_fails_later_tells_by_socket_error)
+TEST_F(NetopsClient, non_blocking_stream_that_fails_later_tells_by_socket_error)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const LoopbackNet net;
     support::must_run("ip addr add 10.9.9.9/24 dev lo");
     support::must_run("ip route add default dev lo");
-    LogCapture log;
     Opened opened;
     opened.spec.socktype = SOCK_STREAM;
     opened.spec.non_blocking = 1;
@@ -483,26 +470,23 @@ TEST(NetopsClient, non_blocking_stream_that_fails_later_tells_by_socket_error)
     EXPECT_EQ(socket_error(opened.fd), ECONNREFUSED);
     EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  socket_error(fd%d) ERROR(111): Connection refused", opened.fd)}));
+              (Lines{format("(ERR)  socket_error(fd%d) ERROR(111): Connection refused", opened.fd)}));
 }
 
-TEST(NetopsClient, non_blocking_stream_that_connects_at_once_is_immediate)
+TEST_F(NetopsClient, non_blocking_stream_that_connects_at_once_is_immediate)
 {
-    FdGuard guard;
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     g_connect_works = true;
     Opened opened;
     opened.spec.socktype = SOCK_STREAM;
     opened.spec.non_blocking = 1;
     ASSERT_GE(opened.open("127.0.0.1", "9"), 0);
     EXPECT_EQ(opened.spec.async_connect, 0U);
-    EXPECT_EQ(log.lines(), (Lines{text("(INF)  setup_client: IMMEDIATE CONNECT [fd%d]", opened.fd)}));
+    EXPECT_EQ(log.lines(), (Lines{format("(INF)  setup_client: IMMEDIATE CONNECT [fd%d]", opened.fd)}));
 }
 
-TEST(NetopsClient, refused_stream_leaves_no_descriptor)
+TEST_F(NetopsClient, refused_stream_leaves_no_descriptor)
 {
-    FdGuard guard;
-    LogCapture log;
     Opened opened;
     opened.spec.socktype = SOCK_STREAM;
     EXPECT_EQ(opened.open("127.0.0.1", closed_port().c_str()), -1);
@@ -560,10 +544,8 @@ TEST(NetopsWalk, failure_to_leave_blocking_mode_ends_the_walk)
     EXPECT_NE(lines[1].find("non-blocking ERROR(1): Operation not permitted"), std::string::npos) << lines[1];
 }
 
-TEST(NetopsListen, stream_listens_unless_it_is_deferred)
+TEST_F(NetopsListen, stream_listens_unless_it_is_deferred)
 {
-    FdGuard guard;
-    LogCapture log;
     for (const unsigned int defer : {0U, 1U}) {
         Opened opened;
         opened.spec.socktype = SOCK_STREAM;
@@ -581,12 +563,10 @@ TEST(NetopsListen, stream_listens_unless_it_is_deferred)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsListen, address_that_is_not_here_fails)
+TEST_F(NetopsListen, address_that_is_not_here_fails)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const LoopbackNet net;
-    LogCapture log;
     Opened opened;
     opened.spec.socktype = SOCK_STREAM;
     opened.spec.passive = 1;
@@ -595,23 +575,21 @@ TEST(NetopsListen, address_that_is_not_here_fails)
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST(NetopsListen, other_socket_types_connect)
+TEST_F(NetopsListen, other_socket_types_connect)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     g_plain_tcp = true;
     g_connect_works = true;
     Opened opened;
     opened.spec.socktype = SOCK_SEQPACKET;
     opened.spec.passive = 1;
     ASSERT_GE(opened.open("127.0.0.1", "0"), 0);
-    EXPECT_TRUE(has_line(log, text("(DBG)  setup_listener: CONNECT [%d]", opened.fd)));
+    EXPECT_TRUE(has_line(log, format("(DBG)  setup_listener: CONNECT [%d]", opened.fd)));
 }
 
-TEST(NetopsListen, kept_connect_in_progress_of_a_listener_is_a_failure)
+TEST_F(NetopsListen, kept_connect_in_progress_of_a_listener_is_a_failure)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     g_plain_tcp = true;
     g_connect_errno = EINPROGRESS;
     Opened opened;
@@ -627,9 +605,8 @@ TEST(NetopsListen, kept_connect_in_progress_of_a_listener_is_a_failure)
     EXPECT_EQ(opened.error, EINPROGRESS);
 }
 
-TEST(NetopsListen, errno_of_a_failed_open_is_not_that_of_freeing_the_results)
+TEST_F(NetopsListen, errno_of_a_failed_open_is_not_that_of_freeing_the_results)
 {
-    LogCapture log;
     g_plain_tcp = true;
     g_connect_errno = EINPROGRESS;
     g_freeaddrinfo_errno = ENOTTY;
@@ -643,7 +620,7 @@ TEST(NetopsListen, errno_of_a_failed_open_is_not_that_of_freeing_the_results)
     EXPECT_EQ(opened.error, ECONNREFUSED);
 }
 
-TEST(NetopsGroup, passive_group_ends_by_assertion)
+TEST_F(NetopsGroup, passive_group_ends_by_assertion)
 {
     expect_abort([] {
         Opened opened;
@@ -686,48 +663,46 @@ void exchange(const char* group, const char* auth, const char* reader_ifc, const
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsGroup, datagrams_travel_by_ipv4_and_named_interfaces)
+TEST_F(NetopsGroup, datagrams_travel_by_ipv4_and_named_interfaces)
 {
     NEEDS_NAMESPACES();
     exchange("239.1.1.1", nullptr, "vb", "va");
 }
 
-TEST(NetopsGroup, datagrams_travel_by_ipv4_and_interface_addresses)
+TEST_F(NetopsGroup, datagrams_travel_by_ipv4_and_interface_addresses)
 {
     NEEDS_NAMESPACES();
     exchange("239.1.1.2", nullptr, "10.0.0.2", "10.0.0.1");
 }
 
-TEST(NetopsGroup, datagrams_travel_by_ipv4_without_an_interface)
+TEST_F(NetopsGroup, datagrams_travel_by_ipv4_without_an_interface)
 {
     NEEDS_NAMESPACES();
     exchange("239.1.1.3", nullptr, nullptr, "any");
 }
 
-TEST(NetopsGroup, datagrams_travel_by_ipv6)
+TEST_F(NetopsGroup, datagrams_travel_by_ipv6)
 {
     NEEDS_NAMESPACES();
     exchange("ff15::77", nullptr, "vb", "va");
 }
 
-TEST(NetopsGroup, datagrams_travel_from_one_ipv4_source)
+TEST_F(NetopsGroup, datagrams_travel_from_one_ipv4_source)
 {
     NEEDS_NAMESPACES();
     exchange("232.1.1.4", "10.0.0.1", "vb", "va");
 }
 
-TEST(NetopsGroup, datagrams_travel_from_one_ipv6_source)
+TEST_F(NetopsGroup, datagrams_travel_from_one_ipv6_source)
 {
     NEEDS_NAMESPACES();
     exchange("ff35::78", "fd00::1:111", "vb", "va");
 }
 
-TEST(NetopsGroup, datagrams_of_another_source_do_not_arrive)
+TEST_F(NetopsGroup, datagrams_of_another_source_do_not_arrive)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const NetnsPair pair;
-    LogCapture log;
     Opened strict;
     strict.spec.socktype = SOCK_DGRAM;
     Opened open_to_all; // on a port of its own, so that the kernel shares nothing out between the two
@@ -760,12 +735,10 @@ TEST(NetopsGroup, datagrams_of_another_source_do_not_arrive)
     EXPECT_EQ(errno, EAGAIN);
 }
 
-TEST(NetopsGroup, kept_unknown_interface_leaves_the_reader_on_the_default_one)
+TEST_F(NetopsGroup, kept_unknown_interface_leaves_the_reader_on_the_default_one)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const NetnsPair pair;
-    LogCapture log;
     Opened reader;
     reader.spec.socktype = SOCK_DGRAM;
     Opened writer;
@@ -782,12 +755,10 @@ TEST(NetopsGroup, kept_unknown_interface_leaves_the_reader_on_the_default_one)
     EXPECT_EQ(log.lines(), (Lines{line, line}));
 }
 
-TEST(NetopsGroup, link_local_group_takes_the_scope_of_the_interface)
+TEST_F(NetopsGroup, link_local_group_takes_the_scope_of_the_interface)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const NetnsPair pair;
-    LogCapture log;
     Opened reader;
     reader.spec.socktype = SOCK_DGRAM;
     Opened writer;
@@ -799,19 +770,17 @@ TEST(NetopsGroup, link_local_group_takes_the_scope_of_the_interface)
         EXPECT_TRUE(is_member("vb", addr("ff02::7777")));
         EXPECT_EQ(scope_of(reader.spec.addr_ss), if_nametoindex("vb"));
         EXPECT_EQ(log.lines(),
-                  (Lines{text("(ERR)  updated IPv6 address scope ID to %u", if_nametoindex("vb"))}));
+                  (Lines{format("(ERR)  updated IPv6 address scope ID to %u", if_nametoindex("vb"))}));
     });
     inside(pair, &NetnsPair::enter_a,
            [&] { ASSERT_GE(writer.open("ff02::7777", kGroupPort, nullptr, "va"), 0); });
     EXPECT_EQ(deliver(writer, reader, "on the link"), "on the link");
 }
 
-TEST(NetopsGroup, link_local_group_without_an_interface_is_told_and_cannot_be_bound)
+TEST_F(NetopsGroup, link_local_group_without_an_interface_is_told_and_cannot_be_bound)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const NetnsPair pair;
-    LogCapture log;
     Opened reader;
     reader.spec.socktype = SOCK_DGRAM;
     inside(pair, &NetnsPair::enter_a,
@@ -825,12 +794,10 @@ TEST(NetopsGroup, link_local_group_without_an_interface_is_told_and_cannot_be_bo
     EXPECT_EQ(lines[1].find("(ERR)  reuse_and_bind: bind("), 0U) << lines[1];
 }
 
-TEST(NetopsGroup, interface_whose_first_address_is_global_gives_no_scope)
+TEST_F(NetopsGroup, interface_whose_first_address_is_global_gives_no_scope)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const NetnsPair pair;
-    LogCapture log;
     Opened reader;
     reader.spec.socktype = SOCK_DGRAM;
     inside(pair, &NetnsPair::enter_a,
@@ -839,10 +806,8 @@ TEST(NetopsGroup, interface_whose_first_address_is_global_gives_no_scope)
     EXPECT_EQ(log.lines()[0], "(ERR)  IPv6 address scope ID 0 left unchanged");
 }
 
-TEST(NetopsGroup, reader_of_a_forced_unicast_address_fails_to_join)
+TEST_F(NetopsGroup, reader_of_a_forced_unicast_address_fails_to_join)
 {
-    FdGuard guard;
-    LogCapture log;
     Opened opened;
     opened.spec.socktype = SOCK_DGRAM;
     opened.spec.multicast = 1;
@@ -852,10 +817,9 @@ TEST(NetopsGroup, reader_of_a_forced_unicast_address_fails_to_join)
     EXPECT_EQ(log.lines().size(), 2U);
 }
 
-TEST(NetopsGroup, record_may_be_left_to_the_library)
+TEST_F(NetopsGroup, record_may_be_left_to_the_library)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const NetnsPair pair;
     inside(pair, &NetnsPair::enter_a, [&] {
         socket_spec spec{};
@@ -866,7 +830,7 @@ TEST(NetopsGroup, record_may_be_left_to_the_library)
     });
 }
 
-TEST(NetopsGroup, ipv4_writer_on_an_ipv6_address_of_an_interface_ends_by_assertion)
+TEST_F(NetopsGroup, ipv4_writer_on_an_ipv6_address_of_an_interface_ends_by_assertion)
 {
     NEEDS_NAMESPACES();
     const NetnsPair pair;
@@ -880,12 +844,10 @@ TEST(NetopsGroup, ipv4_writer_on_an_ipv6_address_of_an_interface_ends_by_asserti
     });
 }
 
-TEST(NetopsSource, ipv6_literal_loses_its_last_group_to_the_port)
+TEST_F(NetopsSource, ipv6_literal_loses_its_last_group_to_the_port)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const LoopbackNet net;
-    LogCapture log;
     Opened opened;
     opened.spec.socktype = SOCK_DGRAM;
     EXPECT_EQ(opened.open("ff35::1", kGroupPort, "2001:db8::1"), -1);
@@ -893,12 +855,10 @@ TEST(NetopsSource, ipv6_literal_loses_its_last_group_to_the_port)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  open_socket: invalid SSM source: 2001:db8::1"}));
 }
 
-TEST(NetopsSource, long_text_is_cut_to_its_buffer)
+TEST_F(NetopsSource, long_text_is_cut_to_its_buffer)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const LoopbackNet net;
-    LogCapture log;
     Opened opened;
     opened.spec.socktype = SOCK_DGRAM;
     const std::string source(200, 'x');
@@ -907,10 +867,8 @@ TEST(NetopsSource, long_text_is_cut_to_its_buffer)
                                   "(ERR)  open_socket: invalid SSM source: " + source.substr(0, 79)}));
 }
 
-TEST(NetopsSource, other_family_is_refused_before_any_socket_of_ours)
+TEST_F(NetopsSource, other_family_is_refused_before_any_socket_of_ours)
 {
-    FdGuard guard;
-    LogCapture log;
     Opened opened;
     opened.spec.socktype = SOCK_DGRAM;
     opened.spec.family = AF_INET6;
@@ -920,7 +878,7 @@ TEST(NetopsSource, other_family_is_refused_before_any_socket_of_ours)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  open_socket: SMM src/addr family mismatch: 2/10"}));
 }
 
-TEST(NetopsSource, other_family_than_the_group_ends_by_assertion)
+TEST_F(NetopsSource, other_family_than_the_group_ends_by_assertion)
 {
     expect_abort([] {
         Opened opened;
@@ -929,10 +887,8 @@ TEST(NetopsSource, other_family_than_the_group_ends_by_assertion)
     });
 }
 
-TEST(NetopsSource, is_not_read_for_a_stream)
+TEST_F(NetopsSource, is_not_read_for_a_stream)
 {
-    FdGuard guard;
-    LogCapture log;
     const TcpServer server;
     Opened opened;
     opened.spec.socktype = SOCK_STREAM;
@@ -942,10 +898,8 @@ TEST(NetopsSource, is_not_read_for_a_stream)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsMkSockaddr, host_and_port)
+TEST_F(NetopsMkSockaddr, host_and_port)
 {
-    FdGuard guard;
-    LogCapture log;
     sockaddr_storage ss{};
     socklen_t length = 0;
     EXPECT_EQ(mk_sockaddr("1.2.3.4:5000", SOCK_DGRAM, 0, &ss, &length), 0);
@@ -957,9 +911,8 @@ TEST(NetopsMkSockaddr, host_and_port)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsMkSockaddr, protocol_that_is_not_of_the_type_does_not_resolve)
+TEST_F(NetopsMkSockaddr, protocol_that_is_not_of_the_type_does_not_resolve)
 {
-    LogCapture log;
     sockaddr_storage ss{};
     socklen_t length = 0;
     EXPECT_EQ(mk_sockaddr("1.2.3.4:5000", SOCK_DGRAM, IPPROTO_TCP, &ss, &length), -1);
@@ -967,9 +920,9 @@ TEST(NetopsMkSockaddr, protocol_that_is_not_of_the_type_does_not_resolve)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsMkSockaddr, lines_of_a_success)
+TEST_F(NetopsMkSockaddr, lines_of_a_success)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     sockaddr_storage ss{};
     socklen_t length = 0;
     EXPECT_EQ(mk_sockaddr("1.2.3.4:5000", SOCK_DGRAM, 0, &ss, &length), 0);
@@ -980,24 +933,21 @@ TEST(NetopsMkSockaddr, lines_of_a_success)
     EXPECT_EQ(log.lines()[0], "(DBG)  mk_sockaddr: STREAM(1) address for [1.2.3.4:5000]");
 }
 
-TEST(NetopsMkSockaddr, kept_short_hosts_are_called_plain_numbers)
+TEST_F(NetopsMkSockaddr, kept_short_hosts_are_called_plain_numbers)
 {
-    LogCapture log;
     sockaddr_storage ss{};
     socklen_t length = 0;
     for (const char* host : {"::1", "host", "sixsix", "1234", "12345678", ""}) {
         log.clear();
         EXPECT_EQ(mk_sockaddr((std::string(host) + ":5000").c_str(), SOCK_DGRAM, 0, &ss, &length), EINVAL);
         EXPECT_EQ(log.lines(),
-                  (Lines{text("(ERR)  mk_sockaddr: cannot accept plain number [%s] as IP address", host)}));
+                  (Lines{format("(ERR)  mk_sockaddr: cannot accept plain number [%s] as IP address", host)}));
     }
     EXPECT_EQ(ss.ss_family, 0);
 }
 
-TEST(NetopsMkSockaddr, name_of_seven_letters_passes)
+TEST_F(NetopsMkSockaddr, name_of_seven_letters_passes)
 {
-    FdGuard guard;
-    LogCapture log;
     g_answers = {addr("10.0.0.1", 5000)};
     sockaddr_storage ss{};
     socklen_t length = 0;
@@ -1009,9 +959,8 @@ TEST(NetopsMkSockaddr, name_of_seven_letters_passes)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsMkSockaddr, texts_without_colon_or_port_are_refused)
+TEST_F(NetopsMkSockaddr, texts_without_colon_or_port_are_refused)
 {
-    LogCapture log;
     sockaddr_storage ss{};
     socklen_t length = 0;
     EXPECT_EQ(mk_sockaddr("localhost", SOCK_DGRAM, 0, &ss, &length), EINVAL);
@@ -1022,9 +971,8 @@ TEST(NetopsMkSockaddr, texts_without_colon_or_port_are_refused)
                                   "(ERR)  mk_sockaddr: port must be plain decimal number [http]"}));
 }
 
-TEST(NetopsMkSockaddr, text_is_cut_at_127_characters)
+TEST_F(NetopsMkSockaddr, text_is_cut_at_127_characters)
 {
-    LogCapture log;
     sockaddr_storage ss{};
     socklen_t size = 0;
     const std::string long_text = std::string(127, 'h') + ":5000"; // the colon is cut off
@@ -1038,22 +986,19 @@ TEST(NetopsMkSockaddr, text_is_cut_at_127_characters)
     }
 }
 
-TEST(NetopsMkSockaddr, name_that_does_not_resolve_leaves_no_line)
+TEST_F(NetopsMkSockaddr, name_that_does_not_resolve_leaves_no_line)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const LoopbackNet net;
-    LogCapture log;
     sockaddr_storage ss{};
     socklen_t length = 0;
     EXPECT_EQ(mk_sockaddr("no.such.name:5000", SOCK_DGRAM, 0, &ss, &length), -1);
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsMkSockaddr, no_socket_of_the_family_fails)
+TEST_F(NetopsMkSockaddr, no_socket_of_the_family_fails)
 {
-    FdGuard guard;
-    LogCapture log(NORM_level);
+    log.set_level(NORM_level);
     g_no_socket_family = AF_INET;
     sockaddr_storage ss{};
     socklen_t length = 0;
@@ -1064,9 +1009,9 @@ TEST(NetopsMkSockaddr, no_socket_of_the_family_fails)
                "(ERR)  mk_sockaddr: failed for [1.2.3.4:5000]"}));
 }
 
-TEST(NetopsMkSockaddr, kept_entries_after_a_failed_one_are_not_accepted)
+TEST_F(NetopsMkSockaddr, kept_entries_after_a_failed_one_are_not_accepted)
 {
-    LogCapture log(NORM_level);
+    log.set_level(NORM_level);
     g_no_socket_family = AF_INET6;
     g_answers = {addr("::1", 1), addr("10.0.0.1", 2), addr("10.0.0.2", 3)};
     sockaddr_storage ss{};
@@ -1085,7 +1030,7 @@ TEST(NetopsMkSockaddr, kept_entries_after_a_failed_one_are_not_accepted)
     g_answers.clear();
 }
 
-TEST(NetopsMkSockaddr, other_socket_types_end_by_assertion)
+TEST_F(NetopsMkSockaddr, other_socket_types_end_by_assertion)
 {
     expect_abort([] {
         sockaddr_storage ss{};
@@ -1134,6 +1079,6 @@ TEST(NetopsReuse, long_text_is_cut_in_the_debug_line)
     sockaddr_storage ss = addr("fd00:1111:2222:3333:4444:5555:6666:7777", 60000);
     EXPECT_EQ(reuse_and_bind(fd, raw(ss), 28), 0);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(DBG)  reuse_and_bind: fd=%d [fd00:1111:2222:3333:4444:5555: OK", int{fd}),
+              (Lines{format("(DBG)  reuse_and_bind: fd=%d [fd00:1111:2222:3333:4444:5555: OK", int{fd}),
                      "reuse_and_bind IPv6 fd00:1111:2222:3333:4444:5555:6666:7777:60000"}));
 }

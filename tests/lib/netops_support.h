@@ -4,12 +4,10 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
-#include <functional>
 #include <sched.h>
 #include <sstream>
 #include <string>
@@ -25,21 +23,15 @@
 #include "netns.h"
 #include "netops.h"
 #include "tempdir.h"
+#include "text.h"
 
 namespace net_test {
 
+using support::expect_abort;
+using support::Fd;
+using support::format;
+using support::Lines;
 using support::TempDir;
-using Lines = std::vector<std::string>;
-
-MV_PRINTF(1, 2) inline std::string text(const char* fmt, ...)
-{
-    char buf[1024];
-    va_list args;
-    va_start(args, fmt);
-    vsnprintf(buf, sizeof buf, fmt, args);
-    va_end(args);
-    return buf;
-}
 
 inline sockaddr* raw(sockaddr_storage& ss)
 {
@@ -217,38 +209,6 @@ class LoopbackNet {
   private:
     int own_;
 };
-
-// A descriptor that is closed at the end of its scope.
-class Fd {
-  public:
-    explicit Fd(int fd) : fd_(fd) {}
-
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-
-    ~Fd()
-    {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-
-    operator int() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
-// Expects that the body ends the process by an assertion or abort().
-inline void expect_abort(const std::function<void()>& body, const std::string& shown_on_stderr = "Assertion")
-{
-    const support::ChildResult child = support::run_in_child([&] {
-        body();
-        return 0;
-    });
-    EXPECT_EQ(child.signal, SIGABRT) << "exit code " << child.exit_code;
-    EXPECT_NE(child.err.find(shown_on_stderr), std::string::npos) << child.err;
-}
 
 } // namespace net_test
 

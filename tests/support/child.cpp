@@ -10,6 +10,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include <gtest/gtest.h>
+
 namespace support {
 
 namespace {
@@ -119,6 +121,16 @@ ChildResult run_in_child(const std::function<int()>& body, std::chrono::seconds 
     close(out_fd);
     close(err_fd);
     return result;
+}
+
+void expect_abort(const std::function<void()>& body, const std::string& text)
+{
+    const ChildResult child = run_in_child([&] {
+        body();
+        return 0;
+    });
+    EXPECT_EQ(child.signal, SIGABRT) << "exit code " << child.exit_code;
+    EXPECT_NE(child.err.find(text), std::string::npos) << child.err;
 }
 
 ChildResult run_program(const std::vector<std::string>& argv, std::chrono::seconds limit)

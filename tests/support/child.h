@@ -25,6 +25,10 @@ struct ChildResult {
 // Runs a function in a forked child, which then exits with the function's result. Core dumps are off.
 ChildResult run_in_child(const std::function<int()>& body, std::chrono::seconds limit = kLimit);
 
+// Expects that the body ends the process by abort(), as an assertion does, and that its stderr holds the
+// text.
+void expect_abort(const std::function<void()>& body, const std::string& text = "Assertion");
+
 // Runs a program to its end. An element of argv is passed as it is; no shell.
 ChildResult run_program(const std::vector<std::string>& argv, std::chrono::seconds limit = kLimit);
 

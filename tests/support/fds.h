@@ -1,4 +1,5 @@
-// No descriptor may be left over: FdGuard compares the table of open descriptors at both ends of a scope.
+// Descriptors of tests. None may be left over: FdGuard compares the table of open descriptors at both ends of
+// a scope.
 #ifndef TESTS_SUPPORT_FDS_H
 #define TESTS_SUPPORT_FDS_H
 
@@ -37,6 +38,27 @@ class FdGuard {
 
   private:
     std::set<int> before_;
+};
+
+// A descriptor that is closed at the end of its scope.
+class Fd {
+  public:
+    explicit Fd(int fd) : fd_(fd) {}
+
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+
+    ~Fd()
+    {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+
+    operator int() const { return fd_; }
+
+  private:
+    int fd_;
 };
 
 } // namespace support

@@ -19,8 +19,8 @@ class LogCapture {
     {
         for (int i = 0; i < LL_MAX_MODULES; ++i) {
             saved_levels_[i] = g_mod_ll[i];
-            g_mod_ll[i] = level;
         }
+        set_level(level);
         g_log = {};
         g_log.time_format = f_NO_TIME;
         stream_ = open_memstream(&text_, &length_);
@@ -38,6 +38,14 @@ class LogCapture {
         }
         fclose(stream_);
         free(text_);
+    }
+
+    // Sets all modules to a level, till the end.
+    static void set_level(int level)
+    {
+        for (int& one : g_mod_ll) {
+            one = level;
+        }
     }
 
     // Everything written so far.

@@ -3,15 +3,13 @@
 #define TESTS_SUPPORT_TS_PACKETS_H
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <initializer_list>
 #include <string>
 #include <vector>
 
-#include "mvtypes.h"
+#include "text.h"
 
 namespace support {
 
@@ -97,17 +95,6 @@ inline Buffer part(const Buffer& bytes, size_t from, size_t count)
 {
     return {bytes.begin() + static_cast<ptrdiff_t>(from),
             bytes.begin() + static_cast<ptrdiff_t>(from + count)};
-}
-
-// The text that printf would write.
-MV_PRINTF(1, 2) inline std::string format(const char* fmt, ...)
-{
-    char text[512];
-    va_list args;
-    va_start(args, fmt);
-    vsnprintf(text, sizeof(text), fmt, args);
-    va_end(args);
-    return text;
 }
 
 } // namespace support
