@@ -53,6 +53,9 @@ class Sink {
   public:
     virtual ~Sink() = default;
     virtual void on_event(const Event& event) = 0;
+
+    // Agents are shown under other names from now on; there is no event for it.
+    virtual void on_rename() {}
 };
 
 } // namespace zentmon

@@ -14,7 +14,8 @@ constexpr std::string_view kRetry = "retry: 1000\n\n";
 // told once to begin anew.
 class EventStream : public Body {
   public:
-    EventStream(EventRing& ring, std::string_view since) : ring_(ring), seq_(ring.last_seq())
+    EventStream(EventRing& ring, std::string_view since)
+        : ring_(ring), seq_(ring.last_seq()), renames_(ring.renames())
     {
         if (!since.empty()) {
             const std::optional<uint64_t> point = ring.resume_point(since);
@@ -32,6 +33,8 @@ class EventStream : public Body {
             ping(out, at);
         }
         const StreamLimits& limits = ring_.limits();
+        lost_ = lost_ || ring_.renames() != renames_;
+        renames_ = ring_.renames();
         if (lost_ || ring_.last_seq() - seq_ > limits.per_flush || seq_ + 1 < ring_.first_seq()) {
             lost_ = true; // also where it has to be told later: what it missed does not come back
             if (reset_ms_ < 0 || at.mono_ms - reset_ms_ >= limits.reset_ms) {
@@ -71,6 +74,7 @@ class EventStream : public Body {
 
     EventRing& ring_;
     uint64_t seq_;
+    uint64_t renames_;
     bool begun_ = false;
     bool lost_ = false;
     int64_t reset_ms_ = -1;
@@ -118,6 +122,18 @@ void EventRing::on_event(const Event& event)
     count_ = std::min<uint64_t>(count_ + 1, ring_.size());
     ring_[event.seq % ring_.size()] = event;
     activity_.add(event.kind, event.time_ms);
+    expect_flush();
+}
+
+void EventRing::on_rename()
+{
+    ++renames_;
+    count_ = 0;
+    expect_flush();
+}
+
+void EventRing::expect_flush()
+{
     if (news_ && !flush_.runs()) {
         const int64_t due_ms = flushed_ms_ + limits_.flush_ms;
         flush_.start_ms(std::max<int64_t>(0, due_ms - now().mono_ms)); // at once after a pause

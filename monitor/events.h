@@ -52,6 +52,11 @@ class EventRing : public Sink {
 
     void on_event(const Event& event) override;
 
+    // Rows that a client shows have other names: each stream is reset, and none resumes from before.
+    void on_rename() override;
+
+    uint64_t renames() const { return renames_; }
+
     // Called when events have come, at most once in flush_ms.
     void on_news(std::function<void()> call) { news_ = std::move(call); }
 
@@ -73,12 +78,14 @@ class EventRing : public Sink {
     const std::string& batch(uint64_t from);
 
   private:
+    void expect_flush();
     void tell_news();
 
     StreamLimits limits_;
     std::vector<Event> ring_;
     uint64_t last_seq_ = 0;
     uint64_t count_ = 0;
+    uint64_t renames_ = 0;
     Activity activity_;
     std::function<void()> news_;
     int64_t flushed_ms_ = 0;

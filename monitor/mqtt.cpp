@@ -483,6 +483,14 @@ int Mqtt::start()
     return 0;
 }
 
+void Mqtt::on_rename()
+{
+    if (phase_ != Phase::away) {
+        behind_ = true;
+        timer_.start_ms(kPauseMs);
+    }
+}
+
 void Mqtt::on_event(const Event& event)
 {
     const std::lock_guard lock(shared_->mutex);

@@ -258,6 +258,7 @@ void State::Impl::rename(const std::map<std::string, std::string>& names)
     for (const uint16_t number : by_rank_) {
         skht_rm(by_name_, agent(number).name->agent.c_str(), nullptr);
     }
+    bool changed = false;
     // Names that were given come first, so that no default stands in their way.
     const auto name_all = [&](bool given) {
         for (const uint16_t number : by_rank_) {
@@ -267,6 +268,7 @@ void State::Impl::rename(const std::map<std::string, std::string>& names)
                          free_name(base_name(old->address), old->listener,
                                    [this](const std::string& n) { return is_taken(n); }),
                          *old);
+                changed = changed || agent(number).name->agent != old->agent;
             }
         }
     };
@@ -276,6 +278,11 @@ void State::Impl::rename(const std::map<std::string, std::string>& names)
               [this](int a, int b) { return agent(a).name->agent < agent(b).name->agent; });
     number_ranks();
     order_.put_all(std::move(keys));
+    for (Sink* sink : sinks_) {
+        if (changed) {
+            sink->on_rename();
+        }
+    }
 }
 
 void State::Impl::count_stale(const Agent& a) const

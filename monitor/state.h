@@ -108,7 +108,8 @@ class State {
     // until it wants to be called again: 0 where work is left.
     int64_t tick(Now now);
 
-    // New names (SIGHUP): agents are shown under them from now on; no event is made.
+    // New names (SIGHUP): agents are shown under them from now on; sinks are told by
+    // on_rename where that changes anything, and no event is made.
     void rename(const std::map<std::string, std::string>& names);
 
     // Puts a stored row back without an event. False where a limit refuses it (counted).

@@ -17,6 +17,9 @@ constexpr uint32_t C = 0xef010103;
 
 struct Recorder : Sink {
     std::vector<std::string> lines;
+    int renames = 0;
+
+    void on_rename() override { ++renames; }
 
     void on_event(const Event& event) override
     {
@@ -373,6 +376,8 @@ TEST_F(MonState, names_are_given_by_address_and_given_again)
     join(1, A, "10.0.0.2");
     EXPECT_EQ(events.lines[0], "join hall 239.1.1.1");
     s().rename({{"10.0.0.1", "zulu"}, {"10.0.0.2", "alpha"}});
+    s().rename({{"10.0.0.1", "zulu"}, {"10.0.0.2", "alpha"}, {"10.0.0.9", "not heard"}});
+    EXPECT_EQ(events.renames, 1); // the second one changes nothing that is shown
     GroupCursor cursor;
     std::vector<std::string> names;
     s().walk_groups(cursor, 10, [&](const GroupRow& row) { return names.push_back(row.who->agent), true; });
