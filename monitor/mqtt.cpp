@@ -74,13 +74,6 @@ bool read_suffix(const std::string& suffix, std::string& agent, uint32_t& group)
 
 } // namespace
 
-bool is_topic_prefix(std::string_view text)
-{
-    return !text.empty() && text.size() <= 200 && text.front() != '$' &&
-           std::none_of(text.begin(), text.end(),
-                        [](unsigned char c) { return c < 0x20 || c == '+' || c == '#' || c >= 0x7f; });
-}
-
 struct Mqtt::Shared {
     explicit Shared(MqttOptions o)
         : options(std::move(o)), base(options.prefix + '/' + options.instance + '/')

@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <unordered_set>
 
 #include "counters.h"
@@ -41,9 +40,6 @@ struct MqttOptions {
     int64_t quiet_ms = 1000;       // without a retained message: the broker has told all
     int64_t first_retry_ms = 1000; // doubled up to 30 times that
 };
-
-// What a broker accepts as part of a topic: not empty, no wildcard, no control character.
-bool is_topic_prefix(std::string_view text);
 
 class Mqtt : public Sink, public Handler {
   public:

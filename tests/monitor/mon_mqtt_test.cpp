@@ -376,12 +376,3 @@ TEST_F(MonMqtt, an_end_while_the_broker_is_away_is_quick_and_quiet)
     EXPECT_EQ(times_logged("Connection refused"), 1u) << "one line for one reason";
     mqtt->stop(20'000);
 }
-
-TEST_F(MonMqtt, a_prefix_is_a_topic_without_wildcards)
-{
-    EXPECT_TRUE(is_topic_prefix("zent"));
-    EXPECT_TRUE(is_topic_prefix("site/a/zent"));
-    for (const char* bad : {"", "a+b", "a/#", "$SYS", "a\nb", "\x80"}) {
-        EXPECT_FALSE(is_topic_prefix(bad)) << bad;
-    }
-}
