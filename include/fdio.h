@@ -48,7 +48,7 @@ ssize_t nwrite(int fd, const char* buf, size_t count, u_int32_t flags);
 
 /*
  * npread, nsendfile: the same over pread(2) at offset, and over sendfile(2) from *offset on, which the system
- * moves. Unlike the two above they answer a failure with 0 and errno; of flags FDIO_VERBOSE alone counts.
+ * advances. Unlike the two above they answer a failure with 0 and errno; of flags FDIO_VERBOSE alone counts.
  * bsd_flags is not used. REQUIRES: offset of nsendfile.
  */
 ssize_t npread(int fd, char* buf, size_t count, off_t offset, u_int32_t flags);

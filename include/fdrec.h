@@ -25,7 +25,7 @@ struct socket_spec;
 /* FDR_PATH_MAX: bytes of a record's path. */
 enum { FDR_PATH_MAX = 384 };
 
-/* fdrec: an open descriptor. The fields marked "user" are for the record's holder: nothing here reads them.
+/* fdrec: an open descriptor. The fields marked "user" are for the record's holder: no call here reads them.
  */
 struct fdrec {
     char type[4];       /* user: tag of the kind of record */

@@ -249,8 +249,8 @@ void log_default(struct log_ctx* log, FILE* fp);
 void log_set_sections(struct log_ctx* log, int level);
 void log_set_modules(struct log_ctx* log, int level);
 
-/* log_mirror: a second stream for every line (borrowed, made line-buffered). One on the descriptor of fp gets
- * no copy. */
+/* log_mirror: a second stream for every line (borrowed, made line-buffered). A stream on the same descriptor
+ * as fp gets no copy. */
 void log_mirror(struct log_ctx* log, FILE* fp);
 
 /* log_mirror_fp, log_fp: the streams, or NULL; log_fp also gives NULL for a stream that a rotation failed to
@@ -274,7 +274,7 @@ void log_timefmt(struct log_ctx* log, uint32_t flags);
  * INFO_level; NULL for no hook. It may log. */
 void log_set_hook(struct log_ctx* log, void* udata, loghook_cb_t hook_func);
 
-/* log_level_str: name of a level ("error", "info", ...), "??" for a number that is none. Static text. */
+/* log_level_str: name of a level ("error", "info", ...), "??" for a number that is no level. Static text. */
 const char* log_level_str(int level);
 
 /* get_syslog_pri: the priority under which a level goes to syslog (syslog.h). */
@@ -283,8 +283,8 @@ int get_syslog_pri(int level);
 /* match_log_level: reads the name of a level, ignoring case. 0, or -1 with *level as it was. */
 int match_log_level(const char* str, int* level);
 
-/* read_level_env: a level given as a number in environment variable varname; the default if unset or no
- * number. */
+/* read_level_env: a level given as a number in environment variable varname; default_level if it is unset or
+ * holds no number. */
 int read_level_env(const char* varname, int default_level);
 
 /* btrace_to_buf: up to 16 frames of the call stack as "#0: ...\n", innermost first, cut to the buffer. 0 or
@@ -325,8 +325,8 @@ size_t log_rota_maxsize(struct log_ctx* log);
  * log_rotate: renames the log's file to "name.NOW", seconds since the epoch, opens a new one and deletes the
  * oldest of the ring. 0, also where there is nothing to rotate or the rename failed (the log then goes on in
  * the same file); -1 for streams and pipes, or if the file cannot be closed or opened again: then the log
- * stays closed. Two rotations within one second have one name: the second takes the place of the first's
- * file, whose lines are lost.
+ * stays closed. Two rotations within one second use the same name: the file of the second replaces that of
+ * the first, whose lines are lost.
  */
 int log_rotate(struct log_ctx* log);
 

@@ -84,7 +84,7 @@ int is_multicast(struct sockaddr* sa);
 int is_unspecified(struct sockaddr* sa);
 
 /* is_ipv6_mc_local: 1 for an IPv6 group of interface-local or link-local scope (RFC 4291, 2.7), else 0. A
- * unicast link-local address is none. */
+ * unicast link-local address gives 0. */
 int is_ipv6_mc_local(struct sockaddr* sa);
 
 /* saddr_size: bytes of the address structure of the family, 16 or 28; (socklen_t)-1, logged, for another
@@ -95,8 +95,8 @@ socklen_t saddr_size(const struct sockaddr* sa);
  * saddr_str: writes the address as text into buf, at most len bytes with the terminator, and returns buf.
  * IPv4 is "HOST:PORT", IPv6 "[HOST]:PORT" with the scope behind "%" where there is one, a domain socket
  * "DOMAIN PATH:SERVICE". salen bounds what is read of sa. No name is looked up. A text that is too long is
- * cut. A len of 0 writes nothing. NULL if the address cannot be shown; logged, unless it is the family that
- * has no form here.
+ * cut. A len of 0 writes nothing. NULL if the address cannot be shown; logged, unless the reason is a family
+ * that has no form here.
  */
 char* saddr_str(struct sockaddr* sa, socklen_t salen, char* buf, size_t len);
 
@@ -110,16 +110,16 @@ void dump_sa_info(FILE* fp, const char* msg, const struct sockaddr* sa, socklen_
 
 /*
  * ifaddr_index: the index of the interface that has this name or this numeric address. 0 if there is none; a
- * text that is neither leaves no line in the log. For an address, *ss becomes it (ss may be NULL); for a
- * name, *ss is left alone. If the list of interfaces cannot be had the result is the errno value of that
- * failure, which nothing tells from an index. REQUIRES: ifc.
+ * text that is neither leaves no line in the log. An address is stored in *ss (ss may be NULL); for a name,
+ * *ss is left alone. If the list of interfaces cannot be had, the result is the errno value of that failure,
+ * which cannot be told from an index. REQUIRES: ifc.
  */
 unsigned int ifaddr_index(const char* ifc, struct sockaddr_storage* ss);
 
 /*
- * ifc_addr_lookup: copies the first address of the family that the named interface has to sa, which has room
- * for len bytes. 0; -1, logged, if it has none; an errno value, logged, if the list of interfaces cannot be
- * had. REQUIRES: ifc and sa; len for an address of the family.
+ * ifc_addr_lookup: copies the named interface's first address of the family to sa, which has room for len
+ * bytes. 0; -1, logged, if the interface has none; an errno value, logged, if the list of interfaces cannot
+ * be had. REQUIRES: ifc and sa; len for an address of the family.
  */
 int ifc_addr_lookup(int family, const char* ifc, struct sockaddr* sa, socklen_t len);
 
@@ -134,11 +134,11 @@ struct ifc_info* get_ifc_info(int af, const char* tag);
  * they cannot be read. */
 int is_non_blocking(int sockfd);
 
-/* set_nblock: makes the descriptor non-blocking for an nblock of 1, blocking for 0 (and, with a call of the
- * system in every case, for any other number). 0; -1 with errno, logged. */
+/* set_nblock: makes the descriptor non-blocking for an nblock of 1, blocking for 0 and for any other number;
+ * for the latter the system is called in every case. 0; -1 with errno, logged. */
 int set_nblock(int sockfd, int nblock);
 
-/* set_blocking, set_non_blocking: set_nblock with the 0 and the 1. */
+/* set_blocking, set_non_blocking: set_nblock with 0 and with 1. */
 #define set_blocking(a) set_nblock((a), 0)
 #define set_non_blocking(a) set_nblock((a), 1)
 
@@ -160,9 +160,11 @@ void set_ipv6only(int fd, int on);
  * ifc_tag: interface of a group, by name or by address; a word of is_anyaddr for any. An interface that does
  * not exist is logged and leaves the socket on the default one.
  *
- *   a descriptor       the socket, which the caller owns; a stream's connect may be in progress
- * (async_connect) -1, EINPROGRESS    a connect in progress of a passive socket of another type than stream
- * and datagram -1, other errno    the reason is in the log; errno is what the last step left
+ *   a descriptor        the socket, which the caller owns; a stream's connect may be in
+ *                       progress (async_connect)
+ *   -1, EINPROGRESS     a connect in progress of a passive socket of another type than
+ *                       stream and datagram
+ *   -1, other errno     the reason is in the log; errno is what the last step left
  *
  * After -1 the out fields may be partly written. On success *ifi, if ifi is not NULL, becomes the interface
  * record of a multicast socket, which the caller owns and needs to leave the group, or NULL. Blocks while a
@@ -268,7 +270,7 @@ int set_tcp_cork(int sockfd, int is_on);
 /* set_keepalive: SO_KEEPALIVE, on for anything but 0. 0; -1, logged. */
 int set_keepalive(int sockfd, int optval);
 
-/* set_keepalive_on, set_keepalive_off: set_keepalive with the 1 and the 0. */
+/* set_keepalive_on, set_keepalive_off: set_keepalive with 1 and with 0. */
 #define set_keepalive_on(s) set_keepalive((s), 1)
 #define set_keepalive_off(s) set_keepalive((s), 0)
 
@@ -283,7 +285,7 @@ int set_rcv_timeout(int sockfd, int ms);
 int set_send_timeout(int sockfd, int ms);
 
 /* socket_error: the socket's pending error, which this clears; 0 for none. Any other value is logged and also
- * put in errno. The errno value of the query, if that fails. */
+ * put in errno. If the query itself fails, the result is its errno value. */
 int socket_error(int sockfd);
 
 /* get_peer_ipaddr: the text of saddr_str for the peer's address and port in buf; NULL, logged, with errno, if

@@ -55,7 +55,7 @@ void prfm_start(struct prfm* r);
  * again; without any start it measures from zero. */
 void prfm_stop(struct prfm* r);
 
-/* prfm_probe: accum becomes the totals that getrusage reports, no span, with a time of zero. */
+/* prfm_probe: accum becomes the totals that getrusage reports, not a span, with a time of zero. */
 void prfm_probe(struct prfm* r);
 
 /* prfm_dump: prints a heading (none for a NULL fmt) and the accumulator to fp. Results of output calls are

@@ -25,7 +25,7 @@
  * without a limit of the wait uses sigsafe.h, whose handler wakes the loop for certain.
  *
  * Timers: update_tmout says how long the next wait may be, time_out is called when it has ended, and rqs_now
- * tells the time by then. tmr.h keeps any number of timers behind these two.
+ * tells when that was. tmr.h keeps any number of timers behind these two.
  *
  * What a callback may do: register, change and remove descriptors and file watches, add no-poll events, and
  * queue the removal of no-poll events (rqs_pprm_nopoll). A removal that is queued by a no-poll callback, a
@@ -173,7 +173,7 @@ int rqs_add_nopoll_reader(int fd, ssize_t* pindex, void* udata);
 int rqs_add_nopoll_writer(int fd, ssize_t* pindex, void* udata);
 
 /* rqs_rm_nopoll: removes a no-poll event at once; the owner's index variable is left alone. 0. A number that
- * is none ends the process. */
+ * is no event's ends the process. */
 int rqs_rm_nopoll(ssize_t index);
 
 /* rqs_pprm_nopoll: queues a no-poll event, one that was added with pindex, for removal at the next purge: the

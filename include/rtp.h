@@ -34,8 +34,8 @@ enum {
 enum { P_MPGA = 14, P_MPGV = 32, P_MPGTS = 33 };
 
 /*
- * Accessors on the first byte of a packet. The caller answers for the bytes that they read: 2, those of
- * rtp_u16 at i, and l for rtp_pad_length. Flags are zero or non-zero.
+ * Accessors on the first byte of a packet. The caller answers for the bytes that they read: the 2 at i for
+ * rtp_u16, l for rtp_pad_length, the first 2 for the others. Flags are zero or non-zero.
  */
 
 /* rtp_version: the protocol version, 0 to 3. */

@@ -1,8 +1,9 @@
 /*
  * sigsafe.h: a wake-up for the event loop (rqs.h) that signal handlers may call. The loop looks at g_quit and
  * the like between two waits; a signal that arrives after that look and before the wait would be seen only
- * when the wait ends by itself, with no limit never. A handler that sets its flag and then calls
- * sigsafe_wake() ends the wait, whether it has begun or not: nothing is lost, and no wait has to be short.
+ * when the wait ends by itself, which a wait without a limit never does. A handler that sets its flag and
+ * then calls sigsafe_wake() ends the wait, whether it has begun or not: nothing is lost, and no wait has to
+ * be short.
  *
  *     static void on_signal(int signo) { g_quit = 1; sigsafe_wake(); }
  *

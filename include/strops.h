@@ -37,7 +37,7 @@ int a2int64(const char* str, int64_t* pval);
  * morvane_chomp: libite has a function of that name. */
 void chomp(char* s) __asm__("morvane_chomp");
 
-/* marker_count: how often marker stands in s, one behind the other. A marker that ends in ":" counts with the
+/* marker_count: how often marker stands in s, without overlap. A marker that ends in ":" counts with the
  * decimal number that follows it directly, or 0 without one; the sum wraps. An empty marker counts 0. */
 size_t marker_count(const char* s, const char* marker);
 

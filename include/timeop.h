@@ -79,7 +79,7 @@ int mk_gmt_date(time_t ut, char* buf, size_t buflen);
 
 /* mk_timespan: a duration in seconds as "01d 02h:03m:04s"; below one day the part of the days is left out. A
  * negative duration loses its days, and its other fields are negative. 0, or -1 if the buffer is shorter than
- * a part of the text; one that ends with a part loses its last character. */
+ * a part of the text; a part that ends where the buffer ends loses its last character. */
 int mk_timespan(long int total_sec, char* buf, size_t buflen);
 
 /*

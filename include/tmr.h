@@ -82,7 +82,7 @@ size_t tmr_count(void);
 
 /*
  * tmr_update_tmout: writes the time to the earliest timer into *tmout, in whole milliseconds rounded up,
- * since the wait cuts what is below; {-1, 0}, no limit, if there is none. It reads the clock: what callbacks
+ * since the wait drops fractions; {-1, 0}, no limit, if there is none. It reads the clock: what callbacks
  * took since the last wait shortens the next one. A clock that fails ends the process.
  */
 void tmr_update_tmout(struct timespec* tmout);

@@ -43,7 +43,7 @@ struct uri_layout {
     size_t q_len;
 };
 
-/* uri_scheme_kind: the kind of a scheme word, case ignored; -1 for a word that is none. */
+/* uri_scheme_kind: the kind of a scheme word, case ignored; -1 for any other word. */
 int uri_scheme_kind(const char* scheme);
 
 /*
@@ -69,7 +69,7 @@ const char* uri_get_query(struct uri_layout* layout, char* dest, size_t len);
  * uri_extract: parses and copies the segments into buffers of URI_SCHEME_MAX, URI_AUTH_MAX, URI_PATH_MAX and
  * URI_QUERY_MAX bytes; each may be NULL for a segment that is not wanted. Result: the kind, or -1 with one or
  * two lines logged: no or too long a scheme, a wanted path that is absent, a wanted segment that is too long,
- * a scheme of no kind. An authority or query that the text has not leaves its buffer as it was.
+ * a scheme of no kind. Where the text has no authority or no query, that buffer stays as it was.
  */
 int uri_extract(const char* uri, char* scheme, char* authority, char* path, char* query);
 
@@ -116,9 +116,10 @@ int uri_extract_endpts(const char* s, char* src, size_t slength, char* dst, size
 
 /*
  * uri_decode: percent decoding in place, up to a terminator or len bytes. '+' becomes a blank, an escape
- * whose character is not printable becomes '?', three characters from a '%' without two digits are dropped.
- * Result: s, always terminated inside len; NULL for a '%' with fewer than two bytes behind it inside len: the
- * text is then partly rewritten and not terminated. Lower-case digits a to f count as 42 to 47.
+ * whose character is not printable becomes '?', a '%' without two digits behind it is dropped with the two
+ * characters that follow it. Result: s, always terminated inside len; NULL for a '%' with fewer than two
+ * bytes behind it inside len: the text is then partly rewritten and not terminated. Lower-case digits a to f
+ * count as 42 to 47.
  */
 char* uri_decode(char* s, size_t len);
 

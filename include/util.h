@@ -52,7 +52,7 @@ int run_as_user_id(uid_t uid, gid_t gid);
 int goto_runtime_dir(const char* saved);
 
 /* set_nice: adds niceval to the nice value by nice(3) and returns its result, the new nice value. A result
- * other than 0 is logged as an error though it may be none, and 0 as success. errno is kept. */
+ * other than 0 is logged as an error, although it need not be one, and 0 as success. errno is kept. */
 int set_nice(int niceval);
 
 /* pin2cpu: binds the process to one CPU, counted from 0; a number from 1024 on, or below 0, gives an empty

@@ -101,8 +101,8 @@ struct http_body_buf {
 
 /*
  * send_http_request: sends a GET in one write. 0 or -1: another type, a Host above 127 characters, a request
- * above 2047, a failed or short write. A text of exactly 127 or 2047 characters goes out although its last
- * character is lost. REQUIRES: request, server.
+ * above 2047, a failed or short write. A Host of exactly 127 and a request of exactly 2047 characters go out
+ * with the last character cut. REQUIRES: request, server.
  */
 int send_http_request(int sockfd, struct http_request* r);
 
@@ -116,9 +116,9 @@ int send_http_get(int sockfd, const char* uri, const char* srvtag, bool use_http
  * recv_http_response: reads the head of a response into buf and judges its status line. 0: the head is read,
  * resp->code is set, and for 301 and 302 the headers too (an invalid one shows in its field alone); the text
  * in buf ends where the marker's last byte was. 11 (EAGAIN): call again with the same arguments. -1: the peer
- * closed or failed, the head does not fit in buflen - 1 bytes, no status line with a reason. Before resp is
- * used for another response: reset_resp_ctx. REQUIRES: buf; buflen above 0; no location in resp when another
- * one comes.
+ * closed or failed, the head does not fit in buflen - 1 bytes, or there is no status line with a reason.
+ * Before resp is used for another response: reset_resp_ctx. REQUIRES: buf; buflen above 0; no location in
+ * resp when the response brings one.
  */
 int recv_http_response(int sockfd, char* buf, size_t buflen, struct http_resp_ctx* resp);
 
@@ -253,8 +253,8 @@ int web_read_field(const char** at, const char* end, struct web_field* field);
 
 /*
  * mk_http_response: composes the head of a response, with the empty line. Result: its length, or -1 (not
- * logged) if buf has less than two bytes more. A header line of 128 characters or more is left out. REQUIRES:
- * code, reason, server.
+ * logged) if buf has less than two bytes more than that. A header line of 128 characters or more is left out.
+ * REQUIRES: code, reason, server.
  */
 ssize_t mk_http_response(const struct http_response* r, char* buf, size_t buflen);
 
@@ -268,9 +268,9 @@ struct http_response* match_http_response(int http_code);
 /*
  * web_escape: a text for HTML, into dst of dstlen bytes; dst may be NULL to count only. Result: 0 if there is
  * nothing to escape, and dst is then not written; the number of stretches that end in an escaped character,
- * and one for text behind the last; -34 (-ERANGE) if the text does not fit in dst, or a terminator behind an
- * escaped character does not. Text behind the last escaped character that fills dst has no terminator.
- * Nothing is logged.
+ * plus one if text follows the last of them; -34 (-ERANGE) if the text does not fit in dst, or a terminator
+ * behind an escaped character does not. Text behind the last escaped character that fills dst has no
+ * terminator. Nothing is logged.
  */
 int web_escape(const char* src, char* dst, size_t dstlen);
 
@@ -284,9 +284,9 @@ int mk_hls_item_url(const char* m3u_url, const char* path, char* buf, size_t buf
 /*
  * open_uri_src, open_uri_dst: open a URL into a new record (fdrec.h), for reading and for writing; the caller
  * releases it with free_fdrec. A file is opened, or for writing made anew (it must not exist); a socket does
- * not block (a connect may be in progress), needs a port also for http, and gets no request. A source reads
- * udp and rtp groups on the interface ifc_tag (NULL: any), and takes what stands before an '@' as the one
- * source of the group. The record has path, mode and descriptor, and of a socket its specification and
+ * not block (a connect may be in progress), needs a port even for http, and is sent no request. A source
+ * reads udp and rtp groups on the interface ifc_tag (NULL: any), and takes what stands before an '@' as the
+ * one source of the group. The record has path, mode and descriptor, and of a socket its specification and
  * interface. *uri_kind, if given, becomes the kind of the URL (uri.h). NULL, logged, on any failure.
  */
 struct fdrec* open_uri_src(const char* uri, const char* ifc_tag, int* uri_kind);

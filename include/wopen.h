@@ -86,9 +86,9 @@ int usock_http_get(int sockfd, const char* uri, uint32_t flags);
 /*
  * usock_http_get_response: reads the head of a response on a non-blocking socket that has become readable. 0:
  * the head is there, its code from 200 to 299; resp->ctx.tail is where the body begins in resp->buf. 11
- * (EAGAIN): call again; a head that comes in pieces is not put together in one place, see the notes on
- * quirks. 7 (E2BIG): the buffer is full. 13 (EACCES): another code. -1: an error. All but 0 are logged.
- * REQUIRES: resp->buf; resp->len above 0.
+ * (EAGAIN): call again; a head that comes in pieces is not put together in one place (docs/kept-quirks.md). 7
+ * (E2BIG): the buffer is full. 13 (EACCES): another code. -1: an error. All but 0 are logged. REQUIRES:
+ * resp->buf; resp->len above 0.
  */
 int usock_http_get_response(int sockfd, struct http_resp_buf* resp);
 

@@ -14,8 +14,8 @@
  * vector or list whose storage a callback has reset ends there.
  *
  * State: xvdat_flags; and, in each thread, a note of the last xvlst_del that lets the next xvlst_add do
- * without a search. A container belongs to one thread for life: a lock does not make a list fit for two,
- * whose notes know nothing of each other. Nothing is logged.
+ * without a search. A container belongs to one thread for life: a lock does not make a list fit for two
+ * threads, whose notes know nothing of each other. Nothing is logged.
  */
 #ifndef MORVANE_XVDAT_H
 #define MORVANE_XVDAT_H
