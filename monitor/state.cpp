@@ -21,6 +21,7 @@ constexpr size_t kSweep = 20'000;         // records that one tick looks at
 constexpr int64_t kLongestPauseMs = 1000; // between two ticks
 constexpr int64_t kWarningPauseMs = 60'000;
 constexpr int64_t kMergePauseMs = 1000;
+constexpr size_t kHeldLeavesSpare = 4096; // void records among those of the groups that linger
 
 // A LEAVE that is held back. Void where the group was joined again: its entry has another last_ms or state.
 struct HeldLeave {
@@ -152,6 +153,8 @@ class State::Impl {
     // time
     int64_t end_lingering(Now now, size_t& budget);
     int64_t expire(Agent& a, Now now, size_t& budget);
+    bool is_held_back(const HeldLeave& held) const;
+    void drop_void_leaves();
     int64_t forget(int number, Now now, size_t& budget);
     uint64_t due_flows(const Agent& a, Now now, int64_t& pause) const;
     bool sweep(Agent& a, size_t& budget, const std::function<void(uint32_t)>& visit);
@@ -170,6 +173,7 @@ class State::Impl {
     GroupOrder order_;
     std::deque<HeldLeave> held_leaves_;
     size_t shown_ = 0;
+    size_t lingering_ = 0;
     uint64_t seq_ = 0;
     uint64_t generation_ = 0;
     PerKind<Limit> warned_at_{};
@@ -550,6 +554,7 @@ void State::Impl::show(Agent& a, Entry& entry, EntryState state)
     const uint32_t before = entry.state == EntryState::linger ? 1 : 0;
     a.lingering += (state == EntryState::linger ? 1 : 0) - before;
     a.shown += (is ? 1u : 0u) - (was ? 1u : 0u);
+    lingering_ += (state == EntryState::linger ? size_t{1} : 0) - before;
     shown_ += (is ? size_t{1} : 0) - (was ? size_t{1} : 0);
     entry.state = state;
 }
@@ -628,6 +633,9 @@ void State::Impl::leave_entry(Agent& a, uint32_t place, Now now)
     held_leaves_.push_back(
         {now.mono_ms + opt_.linger_s * 1000, entry.last_ms, place, entry.group, entry.agent});
 }
+    if (held_leaves_.size() > 2 * lingering_ + kHeldLeavesSpare) {
+        drop_void_leaves();
+    }
 
 void State::Impl::end_entry(Agent& a, uint32_t place, EventKind kind, Now now)
 {
@@ -747,18 +755,34 @@ int64_t State::Impl::end_lingering(Now now, size_t& budget)
             return std::min(kLongestPauseMs, held.due_mono_ms - now.mono_ms);
         }
         held_leaves_.pop_front();
-        const int64_t place = agents_[held.agent] != nullptr ? find_entry(held.agent, held.group) : -1;
-        if (place == held.place) {
-            const Entry& entry = entries_[held.place];
-            if (entry.state == EntryState::linger && entry.last_ms == held.last_ms) {
-                end_entry(agent(held.agent), held.place, EventKind::leave, now);
-            }
+        if (is_held_back(held)) {
+            end_entry(agent(held.agent), held.place, EventKind::leave, now);
         }
     }
     return kLongestPauseMs;
 }
 
 // The stale flows whose time is over; pause is lowered to the time of the next one.
+// Whether the LEAVE still stands. A place may have been used anew since; one that is free is never lingering.
+bool State::Impl::is_held_back(const HeldLeave& held) const
+{
+    const Entry& entry = entries_[held.place];
+    return entry.state == EntryState::linger && entry.agent == held.agent && entry.group == held.group &&
+           entry.last_ms == held.last_ms;
+}
+
+// Whoever leaves and joins in turns must not fill the memory with records that mean nothing any more. Each
+// group that lingers keeps its first one.
+void State::Impl::drop_void_leaves()
+{
+    std::vector<bool> seen(GroupOrder::kPlaces);
+    std::erase_if(held_leaves_, [&](const HeldLeave& held) {
+        const bool keeps = is_held_back(held) && !seen[held.place];
+        seen[held.place] = seen[held.place] || keeps;
+        return !keeps;
+    });
+}
+
 uint64_t State::Impl::due_flows(const Agent& a, Now now, int64_t& pause) const
 {
     uint64_t due = 0;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
 #include <map>
 #include <random>
 #include <set>
@@ -285,6 +286,31 @@ TEST_F(MonState, lingering_ends_with_the_leave)
     EXPECT_EQ(groups(), "");
     EXPECT_EQ(events.lines.back(), "leave 10.0.0.1 239.1.1.1");
     EXPECT_EQ(agent().linger, 0u);
+}
+
+TEST_F(MonState, lingering_costs_no_memory_where_a_group_goes_and_comes_back_again_and_again)
+{
+    options.linger_s = 3600;
+    join(1, A);
+    join(1, B);
+    leave(1, B);
+    const size_t before = mallinfo2().uordblks; // 0 under a sanitizer's allocator
+    for (int i = 0; i < 200'000; ++i) {
+        leave(1, A);
+        join(1, A);
+        at.mono_ms += i % 10 == 0 ? 1 : 0;
+        at.wall_ms += i % 10 == 0 ? 1 : 0;
+    }
+    leave(1, A);
+    EXPECT_LT(mallinfo2().uordblks, before + 2'000'000) << "a record of each LEAVE is kept";
+    EXPECT_EQ(groups(), "239.1.1.1 linger 239.1.1.2 linger");
+    pass(3581); // B's time is over, A was left 20 s later
+    EXPECT_EQ(groups(), "239.1.1.1 linger");
+    pass(20);
+    EXPECT_EQ(groups(), "");
+    EXPECT_EQ(events.lines,
+              (std::vector<std::string>{"join 10.0.0.1 239.1.1.1", "join 10.0.0.1 239.1.1.2",
+                                        "leave 10.0.0.1 239.1.1.2", "leave 10.0.0.1 239.1.1.1"}));
 }
 
 TEST_F(MonState, lingering_counts_from_the_last_leave)
