@@ -569,16 +569,12 @@ void Mqtt::on_retained(const std::string& suffix, const std::string& payload)
 
 bool Mqtt::find_row(const std::string& agent, uint32_t group, std::string& payload) const
 {
-    bool found = false;
-    GroupCursor at{group - 1, agent};
-    state_.walk_groups_of(agent, at, 1, [&](const GroupRow& row) {
-        found = row.group == group;
-        if (found) {
-            payload = payload_of(row.since_ms, *row.who);
-        }
+    GroupRow row;
+    if (!state_.find_group(agent, group, row)) {
         return false;
-    });
-    return found;
+    }
+    payload = payload_of(row.since_ms, *row.who);
+    return true;
 }
 
 void Mqtt::on_timer()

@@ -95,6 +95,7 @@ class State::Impl {
     bool walk(GroupCursor& at, size_t budget, const std::function<bool(const GroupRow&)>& visit) const;
     bool walk_of(const std::string& agent, GroupCursor& at, size_t budget,
                  const std::function<bool(const GroupRow&)>& visit) const;
+    bool find_group(const std::string& agent, uint32_t group, GroupRow& row) const;
 
     size_t group_count() const { return shown_; }
 
@@ -152,9 +153,9 @@ class State::Impl {
 
     // time
     int64_t end_lingering(Now now, size_t& budget);
-    int64_t expire(Agent& a, Now now, size_t& budget);
     bool is_held_back(const HeldLeave& held) const;
     void drop_void_leaves();
+    int64_t expire(Agent& a, Now now, size_t& budget);
     int64_t forget(int number, Now now, size_t& budget);
     uint64_t due_flows(const Agent& a, Now now, int64_t& pause) const;
     bool sweep(Agent& a, size_t& budget, const std::function<void(uint32_t)>& visit);
@@ -172,8 +173,8 @@ class State::Impl {
     Entries entries_;
     GroupOrder order_;
     std::deque<HeldLeave> held_leaves_;
-    size_t shown_ = 0;
     size_t lingering_ = 0;
+    size_t shown_ = 0;
     uint64_t seq_ = 0;
     uint64_t generation_ = 0;
     PerKind<Limit> warned_at_{};
@@ -553,8 +554,8 @@ void State::Impl::show(Agent& a, Entry& entry, EntryState state)
     const bool is = state != EntryState::left;
     const uint32_t before = entry.state == EntryState::linger ? 1 : 0;
     a.lingering += (state == EntryState::linger ? 1 : 0) - before;
-    a.shown += (is ? 1u : 0u) - (was ? 1u : 0u);
     lingering_ += (state == EntryState::linger ? size_t{1} : 0) - before;
+    a.shown += (is ? 1u : 0u) - (was ? 1u : 0u);
     shown_ += (is ? size_t{1} : 0) - (was ? size_t{1} : 0);
     entry.state = state;
 }
@@ -632,10 +633,10 @@ void State::Impl::leave_entry(Agent& a, uint32_t place, Now now)
     show(a, entry, EntryState::linger);
     held_leaves_.push_back(
         {now.mono_ms + opt_.linger_s * 1000, entry.last_ms, place, entry.group, entry.agent});
-}
     if (held_leaves_.size() > 2 * lingering_ + kHeldLeavesSpare) {
         drop_void_leaves();
     }
+}
 
 void State::Impl::end_entry(Agent& a, uint32_t place, EventKind kind, Now now)
 {
@@ -762,7 +763,6 @@ int64_t State::Impl::end_lingering(Now now, size_t& budget)
     return kLongestPauseMs;
 }
 
-// The stale flows whose time is over; pause is lowered to the time of the next one.
 // Whether the LEAVE still stands. A place may have been used anew since; one that is free is never lingering.
 bool State::Impl::is_held_back(const HeldLeave& held) const
 {
@@ -783,6 +783,7 @@ void State::Impl::drop_void_leaves()
     });
 }
 
+// The stale flows whose time is over; pause is lowered to the time of the next one.
 uint64_t State::Impl::due_flows(const Agent& a, Now now, int64_t& pause) const
 {
     uint64_t due = 0;
@@ -944,6 +945,13 @@ bool State::Impl::walk_of(const std::string& name, GroupCursor& at, size_t budge
     return count < places.size();
 }
 
+bool State::Impl::find_group(const std::string& name, uint32_t group, GroupRow& row) const
+{
+    const int number = agent_named(name);
+    const int64_t place = number >= 0 ? find_entry(number, group) : -1;
+    return place >= 0 && row_of(static_cast<uint32_t>(place), row);
+}
+
 // ---- the public face --------------------------------------------------------------------------
 
 State::State(StateOptions options, Counters& counters)
@@ -1010,6 +1018,11 @@ bool State::walk_groups_of(const std::string& agent, GroupCursor& at, size_t bud
                            const std::function<bool(const GroupRow&)>& visit) const
 {
     return impl_->walk_of(agent, at, budget, visit);
+}
+
+bool State::find_group(const std::string& agent, uint32_t group, GroupRow& row) const
+{
+    return impl_->find_group(agent, group, row);
 }
 
 void State::each_agent(const std::function<void(const AgentRow&)>& visit) const

@@ -124,6 +124,9 @@ class State {
     bool walk_groups_of(const std::string& agent, GroupCursor& at, size_t budget,
                         const std::function<bool(const GroupRow&)>& visit) const;
 
+    // One group of an agent. False where it is not shown.
+    bool find_group(const std::string& agent, uint32_t group, GroupRow& row) const;
+
     // Each agent, in the order of the names.
     void each_agent(const std::function<void(const AgentRow&)>& visit) const;
 

@@ -313,6 +313,24 @@ TEST_F(MonState, lingering_costs_no_memory_where_a_group_goes_and_comes_back_aga
                                         "leave 10.0.0.1 239.1.1.2", "leave 10.0.0.1 239.1.1.1"}));
 }
 
+TEST_F(MonState, a_group_is_found_among_those_of_large_agents)
+{
+    for (uint32_t i = 0; i < 25'000; ++i) { // more than a walk looks at
+        join(1, A + i, "10.0.0.1");
+        join(1, A + i, "10.0.0.2");
+    }
+    leave(1, B, "10.0.0.2");
+    GroupRow row;
+    for (const char* name : {"10.0.0.1", "10.0.0.2"}) {
+        ASSERT_TRUE(s().find_group(name, A + 24'999, row)) << name;
+        EXPECT_EQ(row.group, A + 24'999);
+        EXPECT_EQ(row.who->agent, name);
+    }
+    EXPECT_FALSE(s().find_group("10.0.0.2", B, row)) << "it was left";
+    EXPECT_FALSE(s().find_group("10.0.0.2", A + 25'000, row));
+    EXPECT_FALSE(s().find_group("10.0.0.3", A, row));
+}
+
 TEST_F(MonState, lingering_counts_from_the_last_leave)
 {
     options.linger_s = 8;
