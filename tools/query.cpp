@@ -141,7 +141,7 @@ class QueryCommand {
     uint64_t general_ = 0;
     uint64_t specific_ = 0;
     uint64_t failed_ = 0;
-    int64_t armed_ms_ = INT64_MAX; // when the earliest timer runs
+    std::set<int64_t> armed_ms_; // when timers run that are set
 };
 
 void QueryCommand::take_answer(const Message& message)
@@ -216,13 +216,13 @@ void QueryCommand::turn(Querier& querier)
 void QueryCommand::arm(Querier& querier)
 {
     const int64_t now = Loop::now_ms();
-    const int64_t next = querier.next_ms();
-    if (next >= armed_ms_ && armed_ms_ > now) {
-        return; // the timer that is set looks again
+    const int64_t next = std::max(querier.next_ms(), now + 1);
+    if (!armed_ms_.empty() && *armed_ms_.begin() <= next) {
+        return; // the timer that is set looks again; one more for each leave would be one too many for ever
     }
-    armed_ms_ = next;
-    loop_.after(milliseconds(std::max<int64_t>(next - now, 1)), [this, &querier] {
-        armed_ms_ = INT64_MAX;
+    armed_ms_.insert(next);
+    loop_.after(milliseconds(next - now), [this, &querier, next] {
+        armed_ms_.erase(next);
         turn(querier);
     });
 }
