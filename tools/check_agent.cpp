@@ -12,6 +12,7 @@
 #include <set>
 #include <spawn.h>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -169,7 +170,15 @@ void tell_agents(const std::string& name, const std::vector<AgentProcess>& agent
 // The process that holds the write lock; 0: nobody, or the file cannot be opened.
 int lock_holder(const std::string& path)
 {
-    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    // The path is another process's word: it may name a device, which does something when it is opened.
+    struct stat st = {};
+    const int place = open(path.c_str(), O_PATH | O_CLOEXEC | O_NOFOLLOW);
+    const int fd = place >= 0 && fstat(place, &st) == 0 && S_ISREG(st.st_mode)
+                       ? open(("/proc/self/fd/" + std::to_string(place)).c_str(), O_RDONLY | O_CLOEXEC)
+                       : -1;
+    if (place >= 0) {
+        close(place);
+    }
     if (fd < 0) {
         return 0;
     }
