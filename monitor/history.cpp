@@ -505,6 +505,12 @@ void History::push_row(const GroupRow& row)
 void History::mark()
 {
     mark_timer_.start_ms(kMarkPauseMs);
+    {
+        const std::lock_guard lock(shared_->mutex);
+        if (shared_->rows >= kSyncWaiting) {
+            return; // the file is away or slow: what it knows stays known until it has caught up
+        }
+    }
     std::map<std::string, std::set<uint32_t>> before;
     before.swap(fading_);
     std::vector<std::string> agents;
