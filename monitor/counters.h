@@ -92,7 +92,7 @@ struct Counters {
     bool mqtt_configured = false;
     bool mqtt_connected = false;
 
-    PerKind<Output> output_dropped; // but for Output::log, see LogSink
+    PerKind<Output> output_dropped;
 };
 
 } // namespace zentmon

@@ -252,6 +252,7 @@ void Daemon::read_drops()
     for (const std::unique_ptr<Listener>& listener : listeners_) {
         listener->read_drops();
     }
+    counters_.output_dropped[Output::log] = log_->dropped();
     drops_.start_ms(kDropsPauseMs);
 }
 
