@@ -16,6 +16,7 @@
 
 #include "child.h"
 #include "tempdir.h"
+#include "udp.h"
 
 using namespace sinks;
 using nlohmann::json;
@@ -23,19 +24,6 @@ using nlohmann::json;
 namespace {
 
 const char* const kBroker = "/usr/sbin/mosquitto";
-
-uint16_t free_port()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in at = {};
-    at.sin_family = AF_INET;
-    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof at;
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
-    EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&at), &length), 0);
-    close(fd);
-    return ntohs(at.sin_port);
-}
 
 } // namespace
 
@@ -46,7 +34,7 @@ class MonMqtt : public SinkTest {
         if (access(kBroker, X_OK) != 0 || access("/usr/bin/mosquitto_sub", X_OK) != 0) {
             GTEST_SKIP() << "mosquitto and mosquitto-clients are not installed";
         }
-        port = free_port();
+        port = support::free_port(SOCK_STREAM);
         dir.make_dir("data");
         start_broker();
     }

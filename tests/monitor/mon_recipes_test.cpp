@@ -12,7 +12,9 @@
 #include "child.h"
 #include "paths.h"
 #include "tempdir.h"
+#include "udp.h"
 
+using support::free_port;
 using support::Process;
 
 namespace {
@@ -20,19 +22,6 @@ namespace {
 std::string recipe(const std::string& name)
 {
     return support::source_path("examples/receivers/" + name);
-}
-
-uint16_t free_port(int type)
-{
-    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
-    sockaddr_in at = {};
-    at.sin_family = AF_INET;
-    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof at;
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
-    EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&at), &length), 0);
-    close(fd);
-    return ntohs(at.sin_port);
 }
 
 void send_line(uint16_t port, const std::string& text)

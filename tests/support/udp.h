@@ -19,16 +19,32 @@ inline sockaddr_in loopback(int port)
     return addr;
 }
 
-// A port that nothing uses at the moment, for sockets of a type.
-inline int free_port(int type)
+// Whether nothing is bound to a port of loopback now.
+inline bool is_free_port(int port, int type)
 {
-    const int fd = socket(AF_INET, type, 0);
-    sockaddr_in addr = loopback(0);
-    socklen_t length = sizeof addr;
-    const bool ok = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-                    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length) == 0;
+    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    const sockaddr_in addr = loopback(port);
+    const bool is_free = bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
     close(fd);
-    return ok ? ntohs(addr.sin_port) : 0;
+    return is_free;
+}
+
+// A port that nothing uses at the moment, for sockets of a type. Each process has ports of its own to choose
+// from, below those that the system gives out: a port of the system's choice could be another test's before
+// it is used.
+inline uint16_t free_port(int type)
+{
+    constexpr int first = 10'000;
+    constexpr int owners = 2'500;
+    constexpr int each = 8;
+    static int turn = 0;
+    for (int i = 0; i < each; ++i) {
+        const int port = first + getpid() % owners * each + turn++ % each;
+        if (is_free_port(port, type)) {
+            return static_cast<uint16_t>(port);
+        }
+    }
+    return 0;
 }
 
 // Sends datagrams to a port on loopback.
