@@ -1,4 +1,4 @@
-"""A model of the agent: frames in, lines out. Written from the documents (README.md, man/zent.8, docs/formats.md,
+"""A model of the agent: frames in, lines and complaints of the log out. Written from the documents (README.md, man/zent.8, docs/formats.md,
 docs/kept-quirks.md, docs/decisions.md) by someone who had not read the sources, and to stay so: where model and agent
 differ the documents decide. scripts/model runs the two side by side."""
 import socket
@@ -24,8 +24,8 @@ class Settings:
         return ",".join(words + ([f"expire={self.expire}"] if self.expire else []))
 
 
-class Aborted(Exception):
-    """The process ended by abort."""
+class Ended(Exception):
+    """The process ended: with an exit code, or by "abort"."""
 
 
 def dotted(group):
@@ -76,7 +76,7 @@ class Table:
     def add(self, key, value):
         """The record that is there already, or None for a new one."""
         if key == 0:
-            raise Aborted
+            raise Ended("abort")
         chain, place, found = self.find(key)
         if found:
             return chain[place]
@@ -99,21 +99,26 @@ class Agent:
     def __init__(self, settings, now=1000):
         self.settings = settings
         self.lines = []
+        self.log = []  # its lines from the level warn up, without time and process
         self.now = self.checked = now  # seconds
         self.snaplen = 2048 if settings.immediate else 8192
-        self.scope = self.read_list()
+        self.scope = None
         self.joined = Table(max(4096, len(settings.listed or [])) if settings.exact else 512)
         self.asked = None    # time of the last general query
         self.resumed = None  # time of the query that ended the last silence
 
     def read_list(self):
-        listed = self.settings.listed
+        """The list, which is refused where a group that can be found stands there already."""
+        listed, exact = self.settings.listed, self.settings.exact
         if listed is None:
-            return None
-        scope = Table(max(len(listed), 1) if self.settings.exact else 512)
-        for group in listed:
-            scope.add(group if self.settings.exact else socket.ntohl(group), None)  # zero-extended
-        return scope
+            return
+        scope = Table(max(len(listed), 1) if exact else 512)
+        for number, group in enumerate(listed, 1):
+            raw = socket.ntohl(group)  # zero-extended
+            if scope.add(group if exact else raw, None):
+                self.log.append(f"(ERR)  load_group_list: [LIST] duplicate at line {number}: ({raw}) {dotted(group)}\n")
+                raise Ended(2)
+        self.scope = scope
 
     def key(self, group):
         """Of a group that was heard: its address in network byte order, sign-extended."""
@@ -140,8 +145,14 @@ class Agent:
 
     def frame(self, frame):
         frame = frame[:self.snaplen]
-        if len(frame) < LEAST or frame[12:14] != b"\x08\x00" or frame[14] >> 4 != 4 or frame[23] != 2:
-            return
+        if len(frame) < LEAST:
+            return self.complain("ERR", f"packet is too small: {len(frame)} bytes")
+        if frame[12:14] != b"\x08\x00":
+            return self.complain("ERR", f"got non-IP packet: type={struct.unpack_from('<H', frame, 12)[0]:02x}")
+        if frame[14] >> 4 != 4:
+            return self.complain("ERR", f"non-IPv4: {frame[14] >> 4:x}")
+        if frame[23] != 2:
+            return self.complain("ERR", f"proto={frame[23]} - non-IGMP packet")
         start = ETHER + 4 * (frame[14] & 15)
         kind, group = struct.unpack(">B3xI", frame[start:start + 8].ljust(8, b"\0"))  # not captured: zero
         total, fragment = struct.unpack_from(">H2xH", frame, ETHER + 2)
@@ -155,6 +166,9 @@ class Agent:
         elif not self.settings.exact or is_multicast(group):
             if self.in_scope(group):
                 self.message(kind, group)
+
+    def complain(self, level, text):
+        self.log.append(f"({level})  on_pcap_pkt: {text}\n")
 
     def message(self, kind, group):
         if kind in (REPORT_V1, REPORT_V2):
@@ -175,15 +189,16 @@ class Agent:
 
     def report_v3(self, frame, start, end):
         if end - start < 8:
-            return
+            return self.complain("WRN", f"IGMPv3 report of {max(end - start, 0)} bytes is too small")
         place = start + 8
-        for _ in range(struct.unpack_from(">H", frame, start + 6)[0]):
+        count = struct.unpack_from(">H", frame, start + 6)[0]
+        for number in range(1, count + 1):
             if end - place < 8:
-                return
+                return self.complain("WRN", f"IGMPv3 report ends within record {number} of {count}")
             kind, words, sources, group = struct.unpack_from(">BBHI", frame, place)
             place += 8 + 4 * (sources + words)
             if place > end:
-                return
+                return self.complain("WRN", f"IGMPv3 report ends within record {number} of {count}")
             self.record(kind, sources, group)
 
     def record(self, kind, sources, group):
@@ -216,12 +231,13 @@ class Agent:
             self.leave(self.group_of(key))
 
 
-def run(settings, script):
-    """The lines of a script, a list of (seconds, frames), and how the process ends: 0, or "abort"."""
-    agent = Agent(settings)
+def run(settings, script, agent_class=Agent):
+    """The lines of a script, a list of (seconds, frames), those of the log, and the end: an exit code, or "abort"."""
+    agent = agent_class(settings)
     try:
+        agent.read_list()
         for seconds, frames in script:
             agent.wait(seconds, frames)
-    except Aborted:
-        return agent.lines, "abort"
-    return agent.lines, 0
+    except Ended as ended:
+        return agent.lines, agent.log, ended.args[0]
+    return agent.lines, agent.log, 0

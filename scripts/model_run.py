@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """model_run.py PROGRAM [FRAMES] [SEED]: random frames through the agent (PROGRAM is zent_replay) and through its model
-(model_agent.py). The lines, their order and the end of the process must be the same; a difference is shown with the
-shortest input that was found for it. model_run.py PROGRAM --self-test: models with a fault are told from the agent."""
+(model_agent.py). The lines, the log from the level warn up, each in its order, and the end of the process must be the
+same; a difference is shown with the shortest input that was found for it. model_run.py PROGRAM --self-test: models with a fault are told from the agent."""
 import os
 import random
 import resource
@@ -25,23 +25,31 @@ class Pair:
     def __init__(self, program, model=model_agent.run):
         self.program, self.model = program, model
         self.folder = tempfile.mkdtemp(prefix="zent-model-")
+        self.log = os.path.join(self.folder, "log")
+        self.list = os.path.join(self.folder, "list")
 
     def close(self):
         shutil.rmtree(self.folder)
 
     def command(self, settings):
-        words = [self.program, "-T", "-i", "replay", "-l", "/dev/null", "-L", "err"]
+        words = [self.program, "-T", "-i", "replay", "-l", self.log, "-L", "warn"]
         words += ["-g", dotted(settings.low)] if settings.low else []
         words += ["-G", dotted(settings.high)] if settings.high else []
         if settings.listed is not None:
-            path = os.path.join(self.folder, "groups")
-            with open(path, "w", encoding="ascii") as out:
+            with open(self.list, "w", encoding="ascii") as out:
                 out.writelines(dotted(group) + "\n" for group in settings.listed)
-            words += ["-F", path]
+            words += ["-F", self.list]
         return words
 
+    def taken_log(self):
+        """The lines of the log without time and process; the file is gone."""
+        with open(self.log, encoding="ascii", errors="replace") as got:
+            lines = [line[max(line.find("("), 0):].replace(f"[{self.list}]", "[LIST]") for line in got]
+        os.unlink(self.log)
+        return lines
+
     def compare(self, settings, script):
-        """None, or what differs; and the model's lines and end."""
+        """None, or what differs; and the model's lines, log and end."""
         with tempfile.TemporaryFile(dir=self.folder) as given, tempfile.TemporaryFile(dir=self.folder) as got:
             for seconds, frames in script:
                 given.write(b"W" + struct.pack("<I", 1000 * seconds))
@@ -50,17 +58,23 @@ class Pair:
             given.seek(0)
             with subprocess.Popen(self.command(settings), stdin=given, stdout=got, stderr=subprocess.PIPE, text=True,
                                   errors="replace", env={**os.environ, "ZENT_FEATURES": settings.features()}) as child:
-                lines, end = self.model(settings, script)
+                lines, log, end = self.model(settings, script)
                 complaint = child.communicate(timeout=600)[1]
             got.seek(0)
             theirs = got.read().decode("ascii", "replace").splitlines(keepends=True)
         status = "abort" if child.returncode == -signal.SIGABRT else child.returncode
-        if theirs == lines and status == end:
-            return None, lines, end
-        at = next((n for n, (a, b) in enumerate(zip(theirs, lines)) if a != b), min(len(theirs), len(lines)))
-        said = [(of[at].strip() if at < len(of) else "nothing more") for of in (theirs, lines)]
-        text = f"line {at + 1}: the agent has {said[0]}, the model {said[1]}; ends: agent {status}, model {end}"
-        return text + ("\n" + complaint if status not in (0, end) else ""), lines, end
+        found = first_difference("line", theirs, lines) or first_difference("log line", self.taken_log(), log)
+        if status != end:
+            found = f"{found or 'same lines'}; the agent ends with {status}, the model with {end}\n{complaint}"
+        return found, lines, log, end
+
+
+def first_difference(what, theirs, ours):
+    if theirs == ours:
+        return None
+    at = next((n for n, (a, b) in enumerate(zip(theirs, ours)) if a != b), min(len(theirs), len(ours)))
+    said = [repr(of[at]) if at < len(of) else "nothing more" for of in (theirs, ours)]
+    return f"{what} {at + 1}: the agent has {said[0]}, the model {said[1]}"
 
 
 class Maker:
@@ -73,6 +87,9 @@ class Maker:
         self.settings = self.make_settings()
         self.hostile = rng.random() < 0.04  # reports of group 0.0.0.0, which may end the process
         self.cuts = rng.choice([0, 0.02, 0.3])
+        listed = self.settings.listed or []
+        if self.hostile or len(set(listed)) < len(listed):
+            self.size = min(self.size, 300)  # what follows the end is not read
 
     def make_pool(self, count):
         rng = self.rng
@@ -101,13 +118,16 @@ class Maker:
         settings.high = bounds[1] if way & 2 else 0
         if way & 4:
             share = rng.random()
-            settings.listed = self.plain_list([group for group in self.pool if rng.random() < share])
+            settings.listed = self.make_list(rng.random())
         return settings
 
-    @staticmethod
-    def plain_list(groups):
-        """Each once, in an order in which none hides another: the load would not see a second one either way."""
-        return sorted(set(groups))
+    def make_list(self, share):
+        """Each group once, and now and then one twice, in an order of no kind."""
+        listed = sorted({group for group in self.pool if self.rng.random() < share})
+        if listed and self.rng.random() < 0.1:
+            listed.append(self.rng.choice(listed))
+        self.rng.shuffle(listed)
+        return listed
 
     def group(self):
         rng = self.rng
@@ -275,7 +295,7 @@ def show(pair, settings, script):
         print(f"  wait {seconds} s")
         for frame in frames:
             print(f"  frame {frame.hex()}")
-    found, lines, _ = pair.compare(settings, script)
+    found, lines, _, _ = pair.compare(settings, script)
     print(f"  {found}\n  the model's lines: {''.join(lines).split(chr(10))[:-1]}")
 
 
@@ -285,8 +305,6 @@ def batches(frames, seed):
     while frames > 0:
         rng = random.Random(f"{seed}/{number}")
         maker = Maker(rng, min(frames, most, rng.choice([40, 300, 300, 1500, 1500, 8000])))
-        if maker.hostile:
-            maker.size = min(maker.size, 300)  # what follows an abort is not read
         script = maker.script()
         frames -= sum(len(part) for _, part in script)
         yield number, maker.settings, script
@@ -294,23 +312,30 @@ def batches(frames, seed):
 
 
 def compare_all(pair, frames, seed):
-    start, lines, given, aborted, batch = time.monotonic(), 0, 0, 0, 0
+    start, lines, told, given, aborted, refused, batch = time.monotonic(), 0, 0, 0, 0, 0, 0
     for batch, settings, script in batches(frames, seed):
-        found, expected, end = pair.compare(settings, script)
+        found, expected, log, end = pair.compare(settings, script)
         lines += len(expected)
+        told += len(log)
         given += sum(len(part) for _, part in script)
         aborted += end == "abort"
+        refused += end == 2
         if found:
             print(f"model: seed {seed}, batch {batch} differs: {found}\nThe shortest input found:", flush=True)
             show(pair, *shrink(pair, settings, script))
             return False
-    print(f"model: {given} frames in {batch + 1} batches (seed {seed}), {lines} lines, {aborted} batches ended by abort: "
-          f"no difference, {time.monotonic() - start:.1f} s")
+    print(f"model: {given} frames in {batch + 1} batches (seed {seed}), {lines} lines, {told} of the log, {aborted} batches "
+          f"ended by abort, {refused} by a refused list: no difference, {time.monotonic() - start:.1f} s")
     return True
 
 
 class DeafToLeaves(model_agent.Agent):
     def leave(self, group):
+        pass
+
+
+class Uncomplaining(model_agent.Agent):
+    def complain(self, level, text):
         pass
 
 
@@ -339,21 +364,13 @@ class FindsAll(model_agent.Agent):
 
 
 def faulty(agent_class):
-    def run(settings, script):
-        agent = agent_class(settings)
-        try:
-            for seconds, frames in script:
-                agent.wait(seconds, frames)
-        except model_agent.Aborted:
-            return agent.lines, "abort"
-        return agent.lines, 0
-    return run
+    return lambda settings, script: model_agent.run(settings, script, agent_class)
 
 
 def self_test(program):
     """A comparison that finds nothing would be no comparison: each of these has to be found, in so many frames."""
     failed = False
-    for fault, most in ((DeafToLeaves, 2), (HearsVersion3Always, 2), (FindsAll, 8)):
+    for fault, most in ((DeafToLeaves, 2), (Uncomplaining, 1), (HearsVersion3Always, 2), (FindsAll, 8)):
         pair = Pair(program, faulty(fault))
         result = None
         for number in range(200):
