@@ -374,7 +374,7 @@ def self_test(program):
         pair = Pair(program, faulty(fault))
         result = None
         for number in range(200):
-            maker = Maker(random.Random(f"self-test/{number}"), 1500)
+            maker = Maker(random.Random(f"self-test/{number}"), 1200 if fault is FindsAll else 150)
             if fault is FindsAll and len(maker.pool) < 1000:
                 continue
             maker.settings, maker.hostile = Settings(), False
