@@ -16,8 +16,9 @@ namespace {
 constexpr size_t kPieceBytes = size_t{64} * 1024;
 constexpr size_t kWalkBudget = 20'000; // places of the order that one piece looks at
 constexpr size_t kLimitMax = 10'000'000;
-constexpr size_t kHistoryPending = 8; // questions to the history at once
-constexpr size_t kEventsTold = 100;   // with the activity
+constexpr size_t kHistoryPending = 8;                // questions to the history at once
+constexpr size_t kHistoryUnsent = size_t{128} << 20; // bytes of its answers that clients have not taken yet
+constexpr size_t kEventsTold = 100;                  // with the activity
 
 template <typename Number>
 void append_number(std::string& out, Number number)
@@ -276,16 +277,6 @@ Reply page_reply(const PageFile& file)
     return reply;
 }
 
-Reply history_reply(HistoryAnswer answer)
-{
-    if (answer.away) {
-        return error_reply(503, "the database is away");
-    }
-    Reply reply;
-    reply.text = std::move(answer.json);
-    return reply;
-}
-
 } // namespace
 
 Api::Api(ApiSources sources) : sources_(std::move(sources)) {}
@@ -393,7 +384,7 @@ Reply Api::history(const Query& query, ClientId client)
     if (sources_.history == nullptr) {
         return error_reply(404, "no history is kept: zentmon runs without --db");
     }
-    if (history_pending_ >= kHistoryPending) {
+    if (history_pending_ >= kHistoryPending || *history_unsent_ >= kHistoryUnsent) {
         return error_reply(503, "too many questions to the history at once");
     }
 
@@ -423,6 +414,20 @@ Reply Api::history(const Query& query, ClientId client)
     }
     Reply reply;
     reply.deferred = true;
+    return reply;
+}
+
+// The whole answer waits in memory for its client, who may be slow: what all of them wait for is bounded.
+Reply Api::history_reply(HistoryAnswer answer) const
+{
+    if (answer.away) {
+        return error_reply(503, "the database is away");
+    }
+    Reply reply;
+    reply.text = std::move(answer.json);
+    const size_t size = reply.text.size();
+    *history_unsent_ += size;
+    reply.hold = std::shared_ptr<void>(nullptr, [unsent = history_unsent_, size](void*) { *unsent -= size; });
     return reply;
 }
 

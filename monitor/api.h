@@ -4,6 +4,7 @@
 #define ZENTMON_API_H
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -40,11 +41,13 @@ class Api : public HttpHandler {
     Reply activity() const;
     Reply events(const Request& request, const Query& query);
     Reply history(const Query& query, ClientId client);
+    Reply history_reply(HistoryAnswer answer) const;
     Reply metrics() const;
 
     ApiSources sources_;
     HttpServer* server_ = nullptr;
     size_t history_pending_ = 0;
+    std::shared_ptr<size_t> history_unsent_ = std::make_shared<size_t>(0); // bytes of answers under way
 };
 
 } // namespace zentmon

@@ -187,6 +187,7 @@ class HttpServer::Client : public Handler {
     std::string out_;
     size_t sent_ = 0;
     std::unique_ptr<Body> body_;
+    std::shared_ptr<void> hold_;
     std::string_view asset_; // what is left of a static body
     size_t discarded_ = 0;
     bool body_done_ = true;
@@ -273,6 +274,7 @@ void HttpServer::Client::send_reply(Reply reply)
     chunked_ = reply.body != nullptr && !request_.http10;
     body_done_ = reply.body == nullptr || request_.head_only;
     body_.reset();
+    hold_ = std::move(reply.hold);
     asset_ = {};
     if (!request_.head_only) {
         out_ += reply.text;
@@ -375,6 +377,7 @@ void HttpServer::Client::finish_reply()
     out_.shrink_to_fit();
     sent_ = 0;
     body_.reset();
+    hold_.reset();
     if (!keep_alive_) {
         start_linger();
         return;

@@ -41,6 +41,7 @@ struct Reply {
     std::unique_ptr<Body> body; // or one in pieces
     const char* fields = "";    // further lines of the head, each with its line end
     bool stream = false;        // server-sent events: idles, and lasts until the client goes
+    std::shared_ptr<void> hold; // let go when all is sent, or the client has gone
     bool deferred = false;      // answered later, by HttpServer::complete
 };
 

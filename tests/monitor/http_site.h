@@ -35,9 +35,12 @@ struct SiteOptions {
     bool history = false; // with a history that answers as HistoryStub does
 };
 
-// Answers "at once" and "later"; a limit of 0 is a bad parameter, an agent "away" makes the database be away.
+// Answers "at once" and "later"; a limit of 0 is a bad parameter, an agent "away" makes the database be away,
+// an agent "large" an answer of kLargeAnswer bytes.
 class HistoryStub : public zentmon::HistoryReader {
   public:
+    static constexpr size_t kLargeAnswer = size_t{40} << 20;
+
     bool ask(const Parameters& parameters, std::function<void(zentmon::HistoryAnswer)> done) override
     {
         for (const auto& [name, value] : parameters) {
@@ -51,6 +54,10 @@ class HistoryStub : public zentmon::HistoryReader {
             if (name == "agent" && value == "later") {
                 done_ = std::move(done);
                 timer_.start_ms(20);
+                return true;
+            }
+            if (name == "agent" && value == "large") {
+                done({false, std::string(kLargeAnswer, ' ')});
                 return true;
             }
         }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <list>
 #include <sys/resource.h>
 
 #include <nlohmann/json.hpp>
@@ -313,4 +314,30 @@ TEST(MonHttp, the_history_answers_later_or_says_why_not)
         gone.get("/history.json?agent=later"); // and does not wait
     }
     EXPECT_EQ(http_get(site, "/history.json?agent=later").code, 200);
+}
+
+TEST(MonHttp, answers_of_the_history_that_nobody_reads_have_an_end)
+{
+    SiteOptions options;
+    options.history = true;
+    const HttpSite site(options);
+    {
+        std::list<RawClient> slow;
+        for (int i = 0; i < 4; ++i) {
+            slow.emplace_back(site.port(), 4096).get("/history.json?agent=large");
+            ASSERT_TRUE(slow.back().read_until("\r\n\r\n"));
+        }
+        EXPECT_EQ(http_get(site, "/history.json").code, 503);
+        EXPECT_EQ(http_get(site, "/healthz").code, 200) << "all else is served";
+    }
+    int code = 0;
+    for (int i = 0; i < 10'000 && code != 200; ++i) {
+        code = http_get(site, "/history.json").code;
+    }
+    EXPECT_EQ(code, 200) << "they have gone";
+    for (int i = 0; i < 5; ++i) {
+        const HttpAnswer answer = http_get(site, "/history.json?agent=large");
+        EXPECT_EQ(answer.code, 200) << "the answers before were read";
+        EXPECT_EQ(answer.body.size(), HistoryStub::kLargeAnswer);
+    }
 }
