@@ -37,7 +37,7 @@ bool wait_for_text(const TempDir& dir, const std::string& name, const std::strin
 // What stands at the start of the recorded file, which is longer than its data while it is being written.
 bool wait_for_data(const TempDir& dir, const std::string& data)
 {
-    return support::wait_until([&] { return dir.read("rec").compare(0, data.size(), data) == 0; });
+    return support::wait_until([&] { return dir.read("rec", data.size()) == data; });
 }
 
 struct IndexLine {

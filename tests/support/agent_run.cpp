@@ -129,12 +129,6 @@ Process start_in_a(const NetnsPair& pair, const std::vector<std::string>& argv)
     return Process(argv, [&] { pair.enter_a(); });
 }
 
-std::string read_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
 bool wait_for_capture(pid_t pid)
 {
     return wait_until([&] { return has_bound_packet_socket(pid) && is_polling(pid); });

@@ -47,9 +47,6 @@ bool wait_for_capture(pid_t pid);
 // Waits until a file holds a text.
 bool wait_for_file(const std::string& path, const std::string& text);
 
-// The whole of a file, empty if it cannot be read.
-std::string read_file(const std::string& path);
-
 } // namespace support
 
 #endif

@@ -5,9 +5,21 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 namespace support {
+
+// In blocks: byte by byte a recording of many megabytes would take seconds.
+std::string read_file(const std::string& path, size_t most)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::string text;
+    std::vector<char> block(std::min<size_t>(most, 65'536));
+    while (text.size() < most && in) {
+        in.read(block.data(), static_cast<std::streamsize>(std::min(block.size(), most - text.size())));
+        text.append(block.data(), static_cast<size_t>(in.gcount()));
+    }
+    return text;
+}
 
 TempDir::TempDir()
 {
@@ -34,10 +46,9 @@ void TempDir::write(const std::string& name, const std::string& text) const
     std::ofstream(path(name), std::ios::binary) << text;
 }
 
-std::string TempDir::read(const std::string& name) const
+std::string TempDir::read(const std::string& name, size_t most) const
 {
-    std::ifstream in(path(name), std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    return read_file(path(name), most);
 }
 
 std::vector<std::string> TempDir::names() const

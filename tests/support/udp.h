@@ -24,6 +24,8 @@ inline bool is_free_port(int port, int type)
 {
     const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
     const sockaddr_in addr = loopback(port);
+    const int reuse = type == SOCK_STREAM ? 1 : 0; // a connection that is over does not hold its port
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
     const bool is_free = bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
     close(fd);
     return is_free;

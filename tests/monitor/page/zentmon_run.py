@@ -25,13 +25,15 @@ def wait_for(condition, what, limit=60):
     raise AssertionError(f"waited {limit} s for: {what}")
 
 
-PORTS = itertools.cycle(range(30_000 + os.getpid() % 300 * 8, 30_008 + os.getpid() % 300 * 8))
+PORTS = itertools.cycle(range(30_000 + os.getpid() % 40 * 64, 30_064 + os.getpid() % 40 * 64))
 
 
 def free_port(kind):
     """A port of this process's own, below those that the system gives out to anybody."""
-    for port in itertools.islice(PORTS, 8):
+    for port in itertools.islice(PORTS, 64):
         with socket.socket(socket.AF_INET, kind) as probe:
+            if kind == socket.SOCK_STREAM:  # a connection that is over does not hold its port
+                probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
             try:
                 probe.bind(("127.0.0.1", port))
                 return port
