@@ -27,7 +27,9 @@ constexpr const char* kUsualPidFiles[] = {"/run/zent.pid", "/run/zent/zent.pid"}
 std::string read_text(const std::string& path)
 {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream text;
+    text << file.rdbuf(); // does not throw where a process ends between the open and the read
+    return text.str();
 }
 
 std::string link_target(const std::string& path)
