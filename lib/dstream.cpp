@@ -51,16 +51,6 @@ Bytes ts_get_payload(const uint8_t* b, Bytes rest)
     return mv::tail(rest, ts_adaptation(b) < 2 ? 4 : ts_adapt_len(b) + 5);
 }
 
-// match_start at an offset that may lie at or behind the end, where zeros stand.
-bool match_at(Bytes bytes, size_t offset, uint8_t id)
-{
-    const Bytes rest = mv::tail(bytes, offset);
-    if (rest.size() >= 4) {
-        return match_start(rest.data(), id);
-    }
-    return id == 0 && rest.size() == 3 && rest[0] == 0 && rest[1] == 0 && rest[2] == 1;
-}
-
 bool is_pes_video(Bytes payload)
 {
     return payload.size() >= 4 && match_start(payload.data(), PES_STREAM_ID_VIDEO_MPEG);
@@ -71,51 +61,48 @@ bool ts_has_video_iframe(const uint8_t* b, Bytes payload)
     return ts_has_iframe(b) && ts_payload_start(b) != 0 && is_pes_video(payload);
 }
 
-// Offset of the first start code with that id that begins below eod - 4, or -1. eod may lie behind the bytes.
+// Offset of the first start code with that id that stands whole in the bytes and begins below eod - 4, or -1.
+// eod may lie behind the bytes.
 ssize_t pes_find_stream_id(Bytes bytes, size_t eod, uint8_t id)
 {
-    // The third byte of a start code is 1: only ones that stand in the bytes are candidates.
-    const size_t limit = std::min(eod > 2 ? eod - 2 : 0, bytes.size());
+    // The third byte of a start code is 1: only ones that a byte follows are candidates.
+    const size_t limit = std::min(std::max<size_t>(eod, 2) - 2, std::max<size_t>(bytes.size(), 1) - 1);
     for (size_t third = 2; third < limit; ++third) {
         const void* one = memchr(bytes.data() + third, 1, limit - third);
         if (one == nullptr) {
             return -1;
         }
         third = static_cast<size_t>(static_cast<const uint8_t*>(one) - bytes.data());
-        if (match_at(bytes, third - 2, id)) {
+        if (match_start(bytes.data() + (third - 2), id)) {
             return static_cast<ssize_t>(third - 2);
         }
     }
     return -1;
 }
 
-// The type of the picture that follows a sequence header within eod bytes: 'I', 'P', 'B', 'D', 'x' for a type
-// that is none of these, or -1 if there is none. Apart: few packets begin a sequence.
-__attribute__((noinline)) int picture_type(Bytes payload, size_t eod)
+// Whether the picture that follows a sequence header within eod bytes is an I picture (ISO/IEC 13818-2,
+// picture_coding_type 1). Apart: few packets begin a sequence.
+__attribute__((noinline)) bool begins_with_intra(Bytes payload, size_t eod)
 {
     const ssize_t sequence = pes_find_stream_id(payload, eod, kSequenceHeader);
     if (sequence < 0) {
-        return -1;
+        return false;
     }
     const auto skipped = static_cast<size_t>(sequence);
     const Bytes from_sequence = mv::tail(payload, skipped);
     const ssize_t found = pes_find_stream_id(from_sequence, eod - skipped, kPictureHeader);
     if (found < 0) {
-        return -1;
+        return false;
     }
     const auto picture = static_cast<size_t>(found);
-    if (picture + 7 >= eod - skipped) {
-        return -1;
-    }
-    static constexpr char names[] = {'x', 'I', 'P', 'B', 'D', 'x', 'x', 'x'};
-    return names[(mv::byte_at(from_sequence, picture + 5) >> 3) & 7];
+    return picture + 7 < eod - skipped && ((mv::byte_at(from_sequence, picture + 5) >> 3) & 7) == 1;
 }
 
-// The same for the packet with that payload, of which eod bytes belong to the packet itself; -1 also if it
+// The same for the packet with that payload, of which eod bytes belong to the packet itself; false also if it
 // does not begin a video packet.
-int pes_mpeg2_pic(const uint8_t* b, Bytes payload, size_t eod)
+bool pes_mpeg2_intra(const uint8_t* b, Bytes payload, size_t eod)
 {
-    return ts_payload_start(b) != 0 && is_pes_video(payload) ? picture_type(payload, eod) : -1;
+    return ts_payload_start(b) != 0 && is_pes_video(payload) && begins_with_intra(payload, eod);
 }
 
 bool has_iframe(const uint8_t* b, Bytes rest)
@@ -123,7 +110,7 @@ bool has_iframe(const uint8_t* b, Bytes rest)
     const Bytes payload = ts_get_payload(b, rest);
     const size_t before = rest.size() - payload.size();
     const size_t eod = before < TS_MIN_PKTSIZE ? TS_MIN_PKTSIZE - before : 0;
-    return ts_has_video_iframe(b, payload) || pes_mpeg2_pic(b, payload, eod) == 'I';
+    return ts_has_video_iframe(b, payload) || pes_mpeg2_intra(b, payload, eod);
 }
 
 // A mask of the four header bytes, for a word loaded as they stand in memory.

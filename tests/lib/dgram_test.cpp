@@ -542,6 +542,17 @@ TEST_F(Dgram, times_between_are_spread_over_the_slots)
     EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 1900)), 250) << "the last one is exact";
 }
 
+TEST_F(Dgram, a_share_below_a_millisecond_adds_nothing)
+{
+    const Index di = make(500);
+    off_t offset = 0;
+    feed(di, offset, 100, 100);
+    ASSERT_EQ(seq(di, 0).tslot_count[0], 100U);
+    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 100)), 0);
+    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 9 * 100)), 0);
+    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 10 * 100)), 1);
+}
+
 TEST_F(Dgram, times_carry_into_the_next_second)
 {
     loop_time = clock_time = {6000, 999'999'999};

@@ -12,6 +12,8 @@
 namespace {
 
 using loop::expect_abort;
+using loop::make_pipe;
+using loop::Pipe;
 using loop::Record;
 
 using Words = std::vector<std::string>;
@@ -119,6 +121,22 @@ TEST_F(RqsFaults, epoll_refuses)
     EXPECT_EQ(log.lines(), Words{"(ERR)  rqs_init: epoll_create1() ERROR(24): Too many open files"});
     EXPECT_EQ(rqs_rm_fd(0, true, false), 0) << "nothing to remove from";
     EXPECT_EQ(log.lines().size(), 1U);
+}
+
+TEST_F(RqsFaults, a_loop_on_descriptor_0_is_a_loop)
+{
+    const support::ChildResult result = support::run_in_child([this] {
+        const Pipe p = make_pipe();
+        close(STDIN_FILENO);
+        init();
+        Record record;
+        rqs_add_reader(p.in.get(), &record);
+        const int removed = rqs_rm_fd(p.in.get(), true, false);
+        const int again = rqs_rm_fd(p.in.get(), true, false);
+        printf("%d;%d;%d", removed, again, errno);
+        return 0;
+    });
+    EXPECT_EQ(result.out, "0;-1;2") << "what is removed is no longer there";
 }
 
 TEST_F(RqsFaults, inotify_refuses_and_the_epoll_descriptor_stays_for_the_end)

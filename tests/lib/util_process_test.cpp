@@ -92,6 +92,8 @@ std::string own_cwd()
     return getcwd(text, sizeof text) != nullptr ? text : "?";
 }
 
+cpu_set_t* g_asked_cpus = nullptr; // where it stands, takes the set, and the system is not asked
+
 volatile sig_atomic_t g_seen = 0;
 
 void note(int signo)
@@ -108,6 +110,7 @@ WRAPPED(int, sigaction, (int signo, const struct sigaction* act, struct sigactio
 WRAPPED(passwd*, getpwnam, (const char* name));
 WRAPPED(passwd*, getpwuid, (uid_t uid));
 WRAPPED(int, setgid, (gid_t gid));
+WRAPPED(int, sched_setaffinity, (pid_t pid, size_t size, const cpu_set_t* set));
 
 extern "C" {
 pid_t __wrap_fork()
@@ -148,6 +151,16 @@ int __wrap_setgid(gid_t gid)
 {
     ++g_setgid_calls;
     return __real_setgid(gid);
+}
+
+int __wrap_sched_setaffinity(pid_t pid, size_t size, const cpu_set_t* set)
+{
+    if (g_asked_cpus == nullptr) {
+        return __real_sched_setaffinity(pid, size, set);
+    }
+    EXPECT_EQ(size, sizeof *set);
+    *g_asked_cpus = *set;
+    return 0;
 }
 }
 
@@ -552,6 +565,19 @@ TEST(UtilPriority, pin2cpu_binds_to_one_cpu)
         return 0;
     });
     EXPECT_EQ(result.out, "0;1;1");
+}
+
+TEST(UtilPriority, pin2cpu_asks_for_the_first_and_the_last_cpu_that_there_can_be)
+{
+    for (const int number : {0, 1, CPU_SETSIZE - 1}) {
+        cpu_set_t asked;
+        CPU_ZERO(&asked);
+        g_asked_cpus = &asked;
+        EXPECT_EQ(pin2cpu(number), 0);
+        g_asked_cpus = nullptr;
+        EXPECT_EQ(CPU_COUNT(&asked), 1);
+        EXPECT_TRUE(CPU_ISSET(number, &asked)) << number;
+    }
 }
 
 TEST(UtilPriority, pin2cpu_of_a_number_outside_the_set_is_refused)

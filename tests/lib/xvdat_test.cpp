@@ -712,6 +712,19 @@ TEST_F(Xvlst, a_cleanup_may_empty_the_list)
     EXPECT_EQ(xvlst_add(&l, kSize, 1), 0);
 }
 
+TEST_F(Xvlst, a_cleanup_may_leave_a_list_that_ends_before_the_slot)
+{
+    fill(4);
+    seen.act = [this](size_t) {
+        xvlst_reset(&l);
+        fill(2, 2);
+    };
+    EXPECT_EQ(xvlst_del(&l, 2, see_cleanup), 0);
+    ASSERT_EQ(l.max_len, 2U) << "the slot would be the first behind the end";
+    EXPECT_EQ(l.len, 2U);
+    EXPECT_EQ(l.avail, -1);
+}
+
 // ---- list: capacity -------------------------------------------------------------------------------
 
 TEST_F(Xvlst, reserve_is_content_with_exactly_the_capacity)
