@@ -1,4 +1,5 @@
-// Table, clock and entry point in one datagram and in 256 MiB: against the packet accessors of bitstream, the
+// Table, clock and entry point in one datagram (none there, in the first packets, in the middle, in the last)
+// and in 256 MiB: against the packet accessors of bitstream, the
 // table decoder of libdvbpsi (which looks for the table alone), and one touched byte per packet.
 #include <cstring>
 #include <vector>
@@ -42,13 +43,13 @@ std::vector<uint8_t> packets(size_t len)
     return bytes;
 }
 
-// A datagram whose fifth packet is the last that answers.
-std::vector<uint8_t> entry_datagram()
+// A datagram with a table in one packet, and clock and entry point in another.
+std::vector<uint8_t> marked_datagram(size_t table, size_t entry)
 {
     std::vector<uint8_t> bytes = packets(kDatagram);
-    put(bytes, 1, {0x47, 0x40, 0x00, 0x10, 0x00, 0x00, 0xb0, 0x0d, 0x00, 0x01, 0xc1,
-                   0x00, 0x00, 0x00, 0x01, 0xf0, 0x00, 0x2a, 0xb1, 0x04, 0xb2});
-    put(bytes, 4, {0x47, 0x41, 0x00, 0x30, 7, 0x50, 0, 0, 0x10, 0, 0x7e, 0, 0x00, 0x00, 0x01, 0xe0});
+    put(bytes, table, {0x47, 0x40, 0x00, 0x10, 0x00, 0x00, 0xb0, 0x0d, 0x00, 0x01, 0xc1,
+                       0x00, 0x00, 0x00, 0x01, 0xf0, 0x00, 0x2a, 0xb1, 0x04, 0xb2});
+    put(bytes, entry, {0x47, 0x41, 0x00, 0x30, 7, 0x50, 0, 0, 0x10, 0, 0x7e, 0, 0x00, 0x00, 0x01, 0xe0});
     return bytes;
 }
 
@@ -58,11 +59,16 @@ uint8_t* datagram()
     return bytes.data();
 }
 
-uint8_t* entry()
+template <size_t table, size_t entry>
+uint8_t* marked()
 {
-    static std::vector<uint8_t> bytes = entry_datagram();
+    static std::vector<uint8_t> bytes = marked_datagram(table, entry);
     return bytes.data();
 }
+
+constexpr auto entry = marked<1, 4>;
+constexpr auto marks_first = marked<0, 1>;
+constexpr auto marks_last = marked<5, 6>;
 
 uint8_t* large()
 {
@@ -175,6 +181,10 @@ BENCHMARK(run<touch, datagram, kDatagram>)->Name("FindNothingDatagram/one_byte_p
 BENCHMARK(run<ours, entry, kDatagram>)->Name("FindAllDatagram/ours");
 BENCHMARK(run<by_bitstream, entry, kDatagram>)->Name("FindAllDatagram/bitstream");
 BENCHMARK(run_dvbpsi<entry, kDatagram>)->Name("FindAllDatagram/libdvbpsi_table_alone");
+BENCHMARK(run<ours, marks_first, kDatagram>)->Name("FindMarksFirst/ours");
+BENCHMARK(run<by_bitstream, marks_first, kDatagram>)->Name("FindMarksFirst/bitstream");
+BENCHMARK(run<ours, marks_last, kDatagram>)->Name("FindMarksLast/ours");
+BENCHMARK(run<by_bitstream, marks_last, kDatagram>)->Name("FindMarksLast/bitstream");
 BENCHMARK(run<ours, large, kLarge>)->Name("Find256MiB/ours");
 BENCHMARK(run<by_bitstream, large, kLarge>)->Name("Find256MiB/bitstream");
 BENCHMARK(run<touch, large, kLarge>)->Name("Find256MiB/one_byte_per_packet");

@@ -1,7 +1,9 @@
 // Tables of 512, 10 000 and 1 000 000 keys: insert into an empty table, insert of keys that are there,
 // look-up of keys that are there and that are not, removal and insertion again; numbers (groups as the agent
-// keeps them) and texts. Against std::unordered_map, absl::flat_hash_map, uthash and GLib's GHashTable.
+// keeps them) and texts. Against std::unordered_map, absl::flat_hash_map, uthash and GLib's GHashTable, and,
+// for numbers, the table's own sorted chains written out here: what is behind that is the price of the call.
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -24,6 +26,36 @@ struct Keys {
     std::vector<Key> present; // in the order of insertion
     std::vector<Key> asked;   // the same in another order
     std::vector<Key> absent;
+};
+
+// The order in which keys are asked for: again and again the same one, which a processor comes to foresee in
+// a small table, or one that it cannot.
+enum class Order { Foreseeable, Random };
+
+template <Order order>
+class Turns {
+  public:
+    explicit Turns(size_t count) : count_(count)
+    {
+        if (order == Order::Random) {
+            std::mt19937 random(9);
+            for (size_t i = 0; i < kLength; ++i) {
+                indices_.push_back(static_cast<uint32_t>(random() % count));
+            }
+        }
+    }
+
+    size_t next()
+    {
+        turn_ = turn_ + 1 == (order == Order::Random ? kLength : count_) ? 0 : turn_ + 1;
+        return order == Order::Random ? indices_[turn_] : turn_;
+    }
+
+  private:
+    static constexpr size_t kLength = size_t{1} << 16;
+    size_t count_;
+    size_t turn_ = 0;
+    std::vector<uint32_t> indices_;
 };
 
 template <class Key>
@@ -121,6 +153,89 @@ struct OursStr {
     bool rm(const std::string& key) { return skht_rm(h, key.c_str(), nullptr) == 0; }
 
     skht_t h = 0;
+};
+
+// The walk over sorted chains, inlined where it is used.
+class InlineNum {
+  public:
+    explicit InlineNum(size_t count) : heads_(std::bit_floor(count * 3 / 2)) {}
+
+    InlineNum(const InlineNum&) = delete;
+    InlineNum& operator=(const InlineNum&) = delete;
+
+    ~InlineNum()
+    {
+        for (Record* rec : heads_) {
+            while (rec != nullptr) {
+                Record* const next = rec->next;
+                delete rec;
+                rec = next;
+            }
+        }
+    }
+
+    bool add(long key)
+    {
+        Record** const link = place(key);
+        if (is_there(*link, key)) {
+            return false;
+        }
+        *link = new Record{*link, kValue, key};
+        return true;
+    }
+
+    bool get(long key)
+    {
+        const Record* const rec = *place(key);
+        return is_there(rec, key) && rec->data == kValue;
+    }
+
+    bool rm(long key)
+    {
+        Record** const link = place(key);
+        Record* const rec = *link;
+        if (!is_there(rec, key)) {
+            return false;
+        }
+        *link = rec->next;
+        delete rec;
+        return true;
+    }
+
+  private:
+    struct Record {
+        Record* next;
+        void* data;
+        long key;
+    };
+
+    static uint64_t mix(uint64_t x)
+    {
+        x = (x << 21) - x - 1;
+        x = (x ^ (x >> 24)) * 265;
+        x = (x ^ (x >> 14)) * 21;
+        x ^= x >> 28;
+        return x + (x << 31);
+    }
+
+    static int order(const Record* rec, long key)
+    {
+        return static_cast<int>(static_cast<uint32_t>(rec->key) - static_cast<uint32_t>(key));
+    }
+
+    static bool is_there(const Record* rec, long key) { return rec != nullptr && order(rec, key) == 0; }
+
+    // The link to the first record that is not below the key.
+    Record** place(long key)
+    {
+        Record** link = &heads_[mix(static_cast<uint64_t>(key)) & (heads_.size() - 1)];
+        while (*link != nullptr && order(*link, key) < 0) {
+            link = &(*link)->next;
+        }
+        return link;
+    }
+
+    std::vector<Record*> heads_;
 };
 
 template <class Map>
@@ -223,7 +338,7 @@ struct GlibNum {
 };
 
 // One iteration is one operation.
-template <class Table, class Key>
+template <class Table, class Key, Order order = Order::Foreseeable>
 void hit(benchmark::State& state)
 {
     const auto count = static_cast<size_t>(state.range(0));
@@ -232,19 +347,18 @@ void hit(benchmark::State& state)
     for (const Key& key : keys.present) {
         table.add(key);
     }
-    size_t i = 0;
+    Turns<order> turns(count);
     bool good = true;
     for (auto _ : state) {
-        good &= table.get(keys.asked[i]);
+        good &= table.get(keys.asked[turns.next()]);
         benchmark::DoNotOptimize(good);
-        i = i + 1 == count ? 0 : i + 1;
     }
     if (!good) {
         state.SkipWithError("a key is not found");
     }
 }
 
-template <class Table, class Key>
+template <class Table, class Key, Order order = Order::Foreseeable>
 void miss(benchmark::State& state)
 {
     const auto count = static_cast<size_t>(state.range(0));
@@ -253,19 +367,18 @@ void miss(benchmark::State& state)
     for (const Key& key : keys.present) {
         table.add(key);
     }
-    size_t i = 0;
+    Turns<order> turns(count);
     bool found = false;
     for (auto _ : state) {
-        found |= table.get(keys.absent[i]);
+        found |= table.get(keys.absent[turns.next()]);
         benchmark::DoNotOptimize(found);
-        i = i + 1 == count ? 0 : i + 1;
     }
     if (found) {
         state.SkipWithError("a key is found that was never added");
     }
 }
 
-template <class Table, class Key>
+template <class Table, class Key, Order order = Order::Foreseeable>
 void repeat(benchmark::State& state)
 {
     const auto count = static_cast<size_t>(state.range(0));
@@ -274,12 +387,11 @@ void repeat(benchmark::State& state)
     for (const Key& key : keys.present) {
         table.add(key);
     }
-    size_t i = 0;
+    Turns<order> turns(count);
     bool added = false;
     for (auto _ : state) {
-        added |= table.add(keys.asked[i]);
+        added |= table.add(keys.asked[turns.next()]);
         benchmark::DoNotOptimize(added);
-        i = i + 1 == count ? 0 : i + 1;
     }
     if (added) {
         state.SkipWithError("a key is added twice");
@@ -335,11 +447,19 @@ void add_all(const std::string& kind, const std::string& who)
         {"Insert", insert<Table, Key>}, {"Repeat", repeat<Table, Key>},  {"Hit", hit<Table, Key>},
         {"Miss", miss<Table, Key>},     {"EraseAdd", erase<Table, Key>},
     };
+    const std::pair<const char*, void (*)(benchmark::State&)> random_jobs[] = {
+        {"RepeatRandom", repeat<Table, Key, Order::Random>},
+        {"HitRandom", hit<Table, Key, Order::Random>},
+        {"MissRandom", miss<Table, Key, Order::Random>},
+    };
     for (const auto& [job, run] : jobs) {
         auto* bench = benchmark::RegisterBenchmark((kind + job + "/" + who).c_str(), run);
         for (const long count : {512L, 10000L, 1000000L}) {
             bench->Arg(count);
         }
+    }
+    for (const auto& [job, run] : random_jobs) {
+        benchmark::RegisterBenchmark((kind + job + "/" + who).c_str(), run)->Arg(512);
     }
 }
 
@@ -352,6 +472,7 @@ int main(int argc, char** argv)
     using StdStr = MapTable<std::unordered_map<std::string, void*>>;
     using AbslStr = MapTable<absl::flat_hash_map<std::string, void*>>;
     add_all<OursNum, long>("Num", "ours");
+    add_all<InlineNum, long>("Num", "inline_walk");
     add_all<StdNum, long>("Num", "std_unordered_map");
     add_all<AbslNum, long>("Num", "absl_flat_hash_map");
     add_all<UtNum, long>("Num", "uthash");

@@ -90,6 +90,13 @@ void load_ours(benchmark::State& state)
     }
 }
 
+void load_exact(benchmark::State& state)
+{
+    g_cfg.features.exact = true;
+    load_ours(state);
+    g_cfg.features.exact = false;
+}
+
 void load_set(benchmark::State& state)
 {
     for (auto _ : state) {
@@ -132,6 +139,8 @@ void in_range_ours(benchmark::State& state)
 
 BENCHMARK(load_ours)->Name("ListLoad100k/ours");
 BENCHMARK(load_set)->Name("ListLoad100k/std_unordered_set");
+BENCHMARK(load_exact)->Name("ListLoadExact100k/ours");
+BENCHMARK(load_set)->Name("ListLoadExact100k/std_unordered_set");
 BENCHMARK(in_scope_ours)->Name("InScopeList512/ours");
 BENCHMARK(in_scope_set)->Name("InScopeList512/std_unordered_set");
 BENCHMARK(in_range_ours)->Name("InScopeRange/ours");

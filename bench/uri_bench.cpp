@@ -1,5 +1,6 @@
 // URL texts: parse and split, extract, percent decoding; against http_parser and uriparser.
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include <benchmark/benchmark.h>
@@ -12,6 +13,18 @@ namespace {
 
 constexpr char kUrl[] = "http://video.example.net:8080/live/channel-17/index.m3u8?token=0123456789&start=12";
 constexpr size_t kUrlSize = sizeof kUrl - 1;
+
+// What a box of this family is asked for.
+constexpr const char* kMixed[] = {
+    "http://video.example.net:8080/live/channel-17/index.m3u8?token=0123456789&start=12",
+    "http://10.0.0.7/a",
+    "udp://224.0.2.1:5056",
+    "udp://10.1.1.1@239.255.12.42:1234/",
+    "rtp://239.10.20.30:5004/?pkt=7",
+    "http://[2001:db8::17]:8080/segments/000001.ts",
+    "tcp://recorder.example.net:9000/store",
+    "http://cdn.example.org/vod/films/a-rather-long-name/1080p/segment-0042.ts?session=8f14e45fceea167a",
+};
 
 // 62 characters, eight of them escapes.
 constexpr char kEncoded[] = "name%20of%20the%20channel%3A%20one%2Ftwo+and+three%26four%3D04";
@@ -43,6 +56,39 @@ void parse_http_parser(benchmark::State& state)
         http_parser_url_init(&url);
         benchmark::DoNotOptimize(http_parser_parse_url(kUrl, kUrlSize, 0, &url));
         benchmark::ClobberMemory();
+    }
+}
+
+// An iteration takes all of them. Their lengths are known to the peer, which asks for them.
+void mixed_ours(benchmark::State& state)
+{
+    struct uri_layout layout;
+    HostPort to;
+    char path[URI_PATH_MAX];
+    for (auto _ : state) {
+        for (const char* uri : kMixed) {
+            uri_parse(uri, &layout);
+            uri_get_path(&layout, path, sizeof path);
+            benchmark::DoNotOptimize(
+                uri_path_addrport(path, sizeof path, to.addr, sizeof to.addr, to.port, sizeof to.port));
+            benchmark::ClobberMemory();
+        }
+    }
+}
+
+void mixed_http_parser(benchmark::State& state)
+{
+    http_parser_url url;
+    size_t lengths[std::size(kMixed)];
+    for (size_t i = 0; i < std::size(kMixed); ++i) {
+        lengths[i] = strlen(kMixed[i]);
+    }
+    for (auto _ : state) {
+        for (size_t i = 0; i < std::size(kMixed); ++i) {
+            http_parser_url_init(&url);
+            benchmark::DoNotOptimize(http_parser_parse_url(kMixed[i], lengths[i], 0, &url));
+            benchmark::ClobberMemory();
+        }
     }
 }
 
@@ -139,6 +185,8 @@ void decode_uriparser(benchmark::State& state)
 BENCHMARK(parse_ours)->Name("parse_split/ours");
 BENCHMARK(parse_http_parser)->Name("parse_split/http_parser");
 BENCHMARK(parse_uriparser)->Name("parse_split/uriparser");
+BENCHMARK(mixed_ours)->Name("parse_split_mixed/ours");
+BENCHMARK(mixed_http_parser)->Name("parse_split_mixed/http_parser");
 BENCHMARK(extract_ours)->Name("extract/ours");
 BENCHMARK(extract_http_parser)->Name("extract/http_parser");
 BENCHMARK(extract_uriparser)->Name("extract/uriparser");

@@ -1,7 +1,8 @@
-// Heads of requests and responses read against http_parser; heads of responses composed against snprintf and
-// fmt.
+// Heads of requests and responses read against http_parser, and, where they are found, picohttpparser and
+// llhttp; heads of responses composed against snprintf and fmt.
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,6 +12,11 @@
 #include <fmt/format.h>
 #include <http_parser.h>
 
+#ifdef HAVE_PICOHTTPPARSER
+#include <picohttpparser.h>
+#endif
+
+#include "http_taken.h"
 #include "log.h"
 #include "webops.h"
 
@@ -86,6 +92,44 @@ void head_http_parser(benchmark::State& state, http_parser_type type, const std:
         benchmark::DoNotOptimize(wanted);
     }
 }
+
+#ifdef HAVE_PICOHTTPPARSER
+void request_picohttpparser(benchmark::State& state, const std::string& text)
+{
+    Taken taken;
+    for (auto _ : state) {
+        const char* method = nullptr;
+        const char* target = nullptr;
+        size_t method_len = 0;
+        size_t target_len = 0;
+        int minor = 0;
+        phr_header headers[32];
+        size_t count = std::size(headers);
+        benchmark::DoNotOptimize(phr_parse_request(text.data(), text.size(), &method, &method_len, &target,
+                                                   &target_len, &minor, headers, &count, 0));
+        taken.target(target, target_len);
+        for (size_t i = 0; i < count; ++i) {
+            taken.field(headers[i].name, headers[i].name_len, headers[i].value, headers[i].value_len);
+        }
+        benchmark::DoNotOptimize(taken);
+        benchmark::ClobberMemory();
+    }
+}
+#endif
+
+#ifdef HAVE_LLHTTP
+void request_llhttp(benchmark::State& state, const std::string& text)
+{
+    Taken taken;
+    for (auto _ : state) {
+        if (!take_by_llhttp(text.data(), text.size(), taken)) {
+            state.SkipWithError("refused");
+        }
+        benchmark::DoNotOptimize(taken);
+        benchmark::ClobberMemory();
+    }
+}
+#endif
 
 // The same pair of sockets for both: a write and a read are part of each round.
 struct Wire {
@@ -186,6 +230,14 @@ void compose_fmt(benchmark::State& state)
 
 BENCHMARK_CAPTURE(request_ours, player, kPlayer)->Name("request_player/ours");
 BENCHMARK_CAPTURE(head_http_parser, player, HTTP_REQUEST, kPlayer)->Name("request_player/http_parser");
+#ifdef HAVE_PICOHTTPPARSER
+BENCHMARK_CAPTURE(request_picohttpparser, player, kPlayer)->Name("request_player/picohttpparser");
+BENCHMARK_CAPTURE(request_picohttpparser, browser, kBrowser)->Name("request_browser/picohttpparser");
+#endif
+#ifdef HAVE_LLHTTP
+BENCHMARK_CAPTURE(request_llhttp, player, kPlayer)->Name("request_player/llhttp");
+BENCHMARK_CAPTURE(request_llhttp, browser, kBrowser)->Name("request_browser/llhttp");
+#endif
 BENCHMARK_CAPTURE(request_ours, browser, kBrowser)->Name("request_browser/ours");
 BENCHMARK_CAPTURE(head_http_parser, browser, HTTP_REQUEST, kBrowser)->Name("request_browser/http_parser");
 BENCHMARK(response_ours)->Name("response_over_socket/ours");

@@ -1,5 +1,9 @@
 #!/usr/bin/env python3
-"""Drives the watchers and the flood for scripts/bench_agent: bench_agent.py BUILD_DIR ROUNDS. Medians are printed."""
+"""Drives the watchers and the flood for scripts/bench_agent: bench_agent.py BUILD_DIR ROUNDS. Medians are printed.
+
+With a third argument, a file, they go there instead, for scripts/bench --check: JOB, PEER and figure, by tabs; the
+immediate mode is then left out.
+"""
 import os
 import re
 import resource
@@ -13,6 +17,7 @@ import time
 from segment import AGENT_END, HOST_END, Peer
 
 BUILD, ROUNDS = sys.argv[1], int(sys.argv[2])
+FIGURES = sys.argv[3] if len(sys.argv) > 3 else None
 CHANGES, REPEATS = 400_000, 1_000_000
 FEATURES = {"ZENT_FEATURES": "exact,immediate,igmpv3"}
 LATENCY_JOINS = 100
@@ -130,39 +135,65 @@ def immediate(rounds):
           f"peak {row['memory']:.1f} MB  seen {row['seen']} of 1000000")
 
 
+def startups(names):
+    """Milliseconds from start to capture."""
+    times = {name: [] for name in names}
+    for _ in range(ROUNDS * 4):
+        for name in names:
+            watcher = Watcher(name)
+            times[name].append(watcher.startup_ms)
+            watcher.process.kill()
+            watcher.process.wait()
+            os.close(watcher.fifo)
+            os.close(watcher.errors)
+    return {name: statistics.median(found) for name, found in times.items()}
+
+
+def flooded(names, mode, count, rate):
+    rows = {name: [] for name in names}
+    for _ in range(ROUNDS):
+        for name in names:
+            rows[name].append(run_once(name, count, rate, mode))
+    return rows
+
+
+def figures(path):
+    """The figures of bench/aims."""
+    found = [("start", name, ms) for name, ms in startups(("zent", "tcpdump", "least")).items()]
+    names = ("zent norm", "least")
+    lossless = dict.fromkeys(names, 0)
+    for mode, count, rate in (("changes", CHANGES, 0), ("changes", CHANGES, 100_000), ("changes", CHANGES, 200_000),
+                              ("repeats", REPEATS, 0), ("repeats", REPEATS, 100_000)):
+        for name, rows in flooded(names, mode, count, rate).items():
+            found.append((f"{mode} {rate}", name, median(rows, "cpu_us")))
+            if mode == "changes" and all(row["seen"] == count for row in rows):
+                lossless[name] = max(lossless[name], median(rows, "rate"))
+    found += [("rate", name, 1 / rate) for name, rate in lossless.items() if rate > 0]
+    with open(path, "w") as f:
+        for job, name, value in found:
+            f.write(f"{job}\t{'ours' if name.startswith('zent') else name}\t{value}\n")
+
+
 def main():
     immediate(ROUNDS)
     if ROUNDS == 0:
         return
     names = ("zent norm", "tcpdump", "least")
     print(f"rounds: {ROUNDS}; all figures are medians")
-    startups = {name: [] for name in ("zent", "tcpdump", "least")}
-    for _ in range(ROUNDS * 4):
-        for name in startups:
-            watcher = Watcher(name)
-            startups[name].append(watcher.startup_ms)
-            watcher.process.kill()
-            watcher.process.wait()
-            os.close(watcher.fifo)
-            os.close(watcher.errors)
-    for name, times in startups.items():
-        print(f"start-up to capture  {name:10} {statistics.median(times):8.1f} ms")
+    for name, ms in startups(("zent", "tcpdump", "least")).items():
+        print(f"start-up to capture  {name:10} {ms:8.1f} ms")
     for mode, count, rate in (("changes", CHANGES, 0), ("changes", CHANGES, 100_000), ("changes", CHANGES, 200_000),
                               ("repeats", REPEATS, 0)):
-        rows = {name: [] for name in names}
-        for _ in range(ROUNDS):
-            for name in names:
-                rows[name].append(run_once(name, count, rate, mode))
-        for name in names:
-            seen = [row["seen"] for row in rows[name]]
-            print(f"{mode:8} at {median(rows[name], 'rate') / 1000:6.0f}k/s  {name:10} "
-                  f"{median(rows[name], 'cpu_us') * 1000:8.0f} ns/packet  peak {median(rows[name], 'memory'):6.1f} MB  "
+        for name, rows in flooded(names, mode, count, rate).items():
+            seen = [row["seen"] for row in rows]
+            print(f"{mode:8} at {median(rows, 'rate') / 1000:6.0f}k/s  {name:10} "
+                  f"{median(rows, 'cpu_us') * 1000:8.0f} ns/packet  peak {median(rows, 'memory'):6.1f} MB  "
                   f"seen {min(seen)}..{max(seen)} of {count}")
 
 
 PEER = Peer("cat")
 try:
     PEER.join_segment()
-    main()
+    figures(FIGURES) if FIGURES else main()
 finally:
     PEER.close()

@@ -8,9 +8,10 @@ import subprocess
 import sys
 
 
-def medians(program):
+def medians(program, *options):
+    """{job: {peer: ns}}; further options of the program go before ours."""
     out = subprocess.run(
-        [program, "--benchmark_format=json", "--benchmark_repetitions=9", "--benchmark_min_time=0.05",
+        [program, "--benchmark_format=json", "--benchmark_repetitions=9", "--benchmark_min_time=0.05", *options,
          "--benchmark_enable_random_interleaving=true", "--benchmark_report_aggregates_only=true"],
         check=True, stdout=subprocess.PIPE).stdout
     table = {}
@@ -26,9 +27,14 @@ def medians(program):
     return table
 
 
-for job, cases in medians(sys.argv[1]).items():
-    ours = cases.get("ours")
-    print(f"{job}: ours {ours:.2f} ns" if ours else f"{job}:")
-    for who, time in sorted(cases.items(), key=lambda item: item[1]):
-        if who != "ours":
-            print(f"    {who:32} {time:12.2f} ns" + (f"   ratio {time / ours:.2f}" if ours else ""))
+def main():
+    for job, cases in medians(sys.argv[1]).items():
+        ours = cases.get("ours")
+        print(f"{job}: ours {ours:.2f} ns" if ours else f"{job}:")
+        for who, time in sorted(cases.items(), key=lambda item: item[1]):
+            if who != "ours":
+                print(f"    {who:32} {time:12.2f} ns" + (f"   ratio {time / ours:.2f}" if ours else ""))
+
+
+if __name__ == "__main__":
+    main()
