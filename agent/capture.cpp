@@ -15,6 +15,8 @@ constexpr const char* kSetUp = "pcap_setup"; // its stages speak for it
 constexpr int kSnapLen = 8192;
 constexpr const char* kFilter = "igmp";
 constexpr int kBroken = -2; // pcap_dispatch() after pcap_breakloop()
+constexpr int kWholeBuffer = -1;
+constexpr int kAtOnce = 128; // packets in immediate mode, between two writes of what they change
 
 // The pattern with the number in place of its "%d", by hand: nothing of stdio may run in a handler.
 size_t signal_text(const char* pattern, int signo, char (&text)[32])
@@ -108,10 +110,12 @@ int open_immediate(const char* ifc_name)
 // Takes packets until g_quit or an error, which is -1.
 int take_packets(const char* caller)
 {
+    const int at_once = g_cfg.features.immediate ? kAtOnce : kWholeBuffer;
     int rc = 0;
     while (g_quit == 0 && rc == 0) {
         log_dbg("%s: waiting for packets\n", caller);
-        const int count = pcap_dispatch(g_ctx.handle, -1, on_pcap_pkt, nullptr);
+        relay_flush();
+        const int count = pcap_dispatch(g_ctx.handle, at_once, on_pcap_pkt, nullptr);
         if (count == kBroken && g_quit != 0) {
             break;
         }
@@ -126,6 +130,7 @@ int take_packets(const char* caller)
         }
         rc = on_idle();
     }
+    relay_flush();
     return rc;
 }
 

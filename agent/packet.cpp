@@ -160,6 +160,9 @@ void on_report3(std::span<const u_char> message)
     if (on.expire != 0 && is_general_query && is_first) {
         note_general_query();
     }
+    if (igmp.group == 0) {
+        relay_flush(); // the report of this group may end the process: what came before it is told
+    }
     if (!on.igmpv3 || igmp.type != IGMP3_RPT) {
         on_group(igmp, word_of(igmp.type), {on.exact, on.expire != 0});
     } else if (is_first) {

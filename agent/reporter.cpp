@@ -1,5 +1,6 @@
 // The way out: one line per change, to a stream or as a datagram to the relay.
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstring>
 #include <sys/socket.h>
@@ -16,8 +17,26 @@ namespace {
 constexpr const char* kRelay = "relay_msg"; // its stages speak for it
 constexpr int kMsgMax = 128;
 
+// With the feature immediate: lines whose packets came together leave by one write. A pipe takes so much as a
+// whole, so that no line is ever seen in part.
+char g_gathered[PIPE_BUF];
+size_t g_gathered_length = 0;
+
+// Gathered lines stand in the stream's own buffer: what fails in a write is then treated as in a stream that
+// is flushed by each line.
+void make_room(size_t length)
+{
+    if (g_gathered_length + length > sizeof g_gathered) {
+        relay_flush();
+    }
+    g_gathered_length += length;
+}
+
 void send_to_stream(char* msg, int length)
 {
+    if (g_cfg.features.immediate) [[unlikely]] {
+        make_room(static_cast<size_t>(length));
+    }
     fputs(msg, g_ctx.rep.fp);
     chomp(msg);
     log_norm("%s: %d bytes output: %s\n", kRelay, length, msg);
@@ -45,7 +64,11 @@ int reporter_setup()
     if (g_cfg.report_url[0] == 0) {
         g_ctx.rep.fp = stdout;
         log_dbg("%s: reporting to STDOUT\n", __func__);
-        setlinebuf(stdout);
+        if (g_cfg.features.immediate) {
+            setvbuf(stdout, g_gathered, _IOFBF, sizeof g_gathered);
+        } else {
+            setlinebuf(stdout);
+        }
         return 0;
     }
     g_ctx.rep.usock.inbound = false;
@@ -79,4 +102,12 @@ void relay_msg(const char* fmt, ...)
         send_to_relay(msg, n);
     }
     log_dbg("%s: END\n", __func__);
+}
+
+void relay_flush()
+{
+    if (g_gathered_length > 0) {
+        g_gathered_length = 0;
+        fflush(g_ctx.rep.fp);
+    }
 }

@@ -176,6 +176,10 @@ int reporter_setup();
 // reporter.cpp: formats one line and sends it to the sink.
 void relay_msg(const char* fmt, ...) MV_PRINTF(1, 2);
 
+// reporter.cpp: writes the lines that the feature immediate has gathered for stdout; to be called before
+// anything is waited for.
+void relay_flush();
+
 } // extern "C"
 
 #endif

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "app_flags.h"
+#include "child.h"
 #include "frames_v3.h"
 #include "log.h"
 #include "logcap.h"
@@ -159,7 +160,7 @@ int __wrap_pcap_setfilter(pcap_t* p, struct bpf_program* prog)
 int __wrap_pcap_dispatch(pcap_t* p, int count, pcap_handler callback, u_char* user)
 {
     EXPECT_EQ(p, kCapture);
-    EXPECT_EQ(count, -1);
+    EXPECT_EQ(count, g_cfg.features.immediate ? 128 : -1);
     EXPECT_EQ(callback, on_pcap_pkt);
     EXPECT_EQ(user, nullptr);
     const size_t calls = g_calls.size();
@@ -325,9 +326,22 @@ class Expire : public CaptureFeatures {
     const std::string join_ = "JOIN UDP://239.1.1.1";
     const std::string leave_ = "LEAVE UDP://239.1.1.1";
 
+    // What has left the sink's stream.
+    std::string written() const { return {text_, length_}; }
+
   private:
     char* text_ = nullptr;
     size_t length_ = 0;
+};
+
+// The agent's run in immediate mode, with that script.
+class Gathering : public Expire {
+  protected:
+    void SetUp() override
+    {
+        Expire::SetUp();
+        g_cfg.features = {.any = true, .exact = false, .immediate = true, .igmpv3 = false, .expire = 0};
+    }
 };
 
 } // namespace
@@ -390,6 +404,45 @@ TEST_F(Immediate, warning_of_activate_is_a_line_and_the_set_up_goes_on)
     EXPECT_EQ(line_of("pcap_activate", PCAP_WARNING, 0),
               "(WRN)  pcap_setup: pcap_activate(eth7): slow today\n");
     EXPECT_EQ(g_calls.back(), "pcap_setfilter");
+}
+
+TEST_F(Gathering, lines_of_one_wait_are_written_together_and_before_the_next_wait)
+{
+    g_script.push_back([this] {
+        feed(support::report_frame("239.1.1.1"));
+        feed(support::report_frame("239.1.1.2"));
+        EXPECT_EQ(written(), "");
+    });
+    g_script.push_back([this] {
+        EXPECT_EQ(written(), "JOIN UDP://239.1.1.1\nJOIN UDP://239.1.1.2\n");
+        feed(support::leave_frame("239.1.1.1"));
+    });
+    EXPECT_EQ(run(), (Lines{"JOIN UDP://239.1.1.1", "JOIN UDP://239.1.1.2", "LEAVE UDP://239.1.1.1"}));
+    EXPECT_EQ(written(), "JOIN UDP://239.1.1.1\nJOIN UDP://239.1.1.2\nLEAVE UDP://239.1.1.1\n");
+}
+
+TEST_F(Gathering, lines_of_expired_groups_are_written_before_the_next_wait_too)
+{
+    g_cfg.features.expire = 260;
+    query(0);
+    report(1);
+    query_every_125(125, 250);
+    tick(261);
+    g_script.push_back([this] { EXPECT_EQ(written(), join_ + "\n" + leave_ + "\n"); });
+    EXPECT_EQ(run(), (Lines{suspended_, running_, join_, leave_}));
+}
+
+TEST_F(Gathering, lines_before_a_report_that_ends_the_process_are_written)
+{
+    const auto result = support::run_in_child([] {
+        fclose(g_ctx.rep.fp);
+        reporter_setup();
+        feed(support::report_frame("239.1.1.1"));
+        feed(support::report_frame("0.0.0.0"));
+        return 0;
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_EQ(result.out, "JOIN UDP://239.1.1.1\n");
 }
 
 TEST_F(CaptureFeatures, run_tells_in_one_line_which_features_are_on)

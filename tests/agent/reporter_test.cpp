@@ -102,6 +102,82 @@ TEST_F(Reporter, lines_to_stdout_leave_at_once)
     EXPECT_EQ(result.out, "JOIN UDP://239.1.2.3\n");
 }
 
+// Each write to such a socket is a datagram of its own.
+TEST_F(Reporter, in_immediate_mode_lines_are_gathered_into_writes_of_whole_lines)
+{
+    const FdGuard fds;
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
+    const auto result = support::run_in_child([&] {
+        dup2(ends[1], STDOUT_FILENO);
+        g_cfg.features.immediate = true;
+        reporter_setup();
+        for (int n = 0; n < 200; ++n) {
+            relay_msg("JOIN UDP://239.1.2.%d\n", n);
+        }
+        relay_flush();
+        relay_flush();
+        relay_msg("LEAVE UDP://%s\n", "239.1.2.3");
+        _exit(0); // without a flush
+        return 0;
+    });
+    EXPECT_EQ(result.exit_code, 0);
+    std::string expected;
+    for (int n = 0; n < 200; ++n) {
+        expected += "JOIN UDP://239.1.2." + std::to_string(n) + "\n";
+    }
+    std::string got;
+    Lines datagrams;
+    for (char part[8192]; got.size() < expected.size();) {
+        const ssize_t n = recv(ends[0], part, sizeof part, MSG_DONTWAIT);
+        ASSERT_GT(n, 0) << got;
+        datagrams.emplace_back(part, static_cast<size_t>(n));
+        got += datagrams.back();
+    }
+    EXPECT_EQ(got, expected);
+    ASSERT_EQ(datagrams.size(), 2U);
+    EXPECT_LE(datagrams[0].size(), 4096U);
+    EXPECT_GT(datagrams[0].size(), 4096U - 23);
+    EXPECT_EQ(datagrams[0].back(), '\n');
+    char byte;
+    EXPECT_EQ(recv(ends[0], &byte, 1, MSG_DONTWAIT), -1) << "a line that was not flushed has left";
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(Reporter, in_immediate_mode_a_write_that_fails_costs_its_lines_alone)
+{
+    const auto result = support::run_in_child([] {
+        g_cfg.features.immediate = true;
+        reporter_setup();
+        const int out = dup(STDOUT_FILENO);
+        const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+        dup2(full, STDOUT_FILENO);
+        relay_msg("JOIN UDP://%s\n", "239.1.2.3");
+        relay_flush();
+        dup2(out, STDOUT_FILENO);
+        relay_msg("LEAVE UDP://%s\n", "239.1.2.3");
+        relay_flush();
+        _exit(0);
+        return 0;
+    });
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.out, "LEAVE UDP://239.1.2.3\n");
+}
+
+TEST_F(Reporter, in_immediate_mode_each_line_to_a_relay_is_a_datagram_at_once)
+{
+    const FdGuard fds;
+    const Relay relay;
+    g_cfg.features.immediate = true;
+    ASSERT_EQ(report_to("127.0.0.1:" + relay.port()), 0);
+    relay_msg("JOIN UDP://%s\n", "239.1.2.3");
+    relay_msg("LEAVE UDP://%s\n", "239.1.2.3");
+    EXPECT_EQ(relay.receive(), "JOIN UDP://239.1.2.3\n");
+    EXPECT_EQ(relay.receive(), "LEAVE UDP://239.1.2.3\n");
+    app_shutdown();
+}
+
 TEST_F(Reporter, socket_does_not_block)
 {
     const FdGuard fds;
