@@ -55,13 +55,12 @@ static int on_readable(int fd, int fd_err, void* udata, void* aux)
 static int watch(char* path)
 {
     struct rqs_config config;
-    int wd;
     int rc = -1;
 
     memset(&config, 0, sizeof config);
     config.cb.read = config.cb.write = config.cb.error = on_readable;
     config.cb.on_file_modified = on_file_modified;
-    if (rqs_init(&config) == 0 && sigsafe_open() == 0 && (wd = rqs_add_file_watch(path, path)) >= 0) {
+    if (rqs_init(&config) == 0 && sigsafe_open() == 0 && rqs_add_file_watch(path, path) >= 0) {
         log_norm("watching %s\n", path);
         printf("watching %s\n", path);
         fflush(stdout);
