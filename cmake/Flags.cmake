@@ -54,6 +54,13 @@ if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug" AND NOT MORVANE_SANITIZE)
   target_compile_options(morvane_flags INTERFACE
     -D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection -fcf-protection)
   target_link_options(morvane_flags INTERFACE -Wl,-z,relro -Wl,-z,now)
+  # A short copy whose greatest length the compiler knows would become "rep movs", which takes some 30 ns to start: a
+  # call of memcpy is much faster. The same holds for memset.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+    target_compile_options(morvane_product_flags INTERFACE
+      -mmemcpy-strategy=unrolled_loop:64:noalign,libcall:-1:noalign
+      -mmemset-strategy=unrolled_loop:64:noalign,libcall:-1:noalign)
+  endif()
 endif()
 include(CheckPIESupported)
 check_pie_supported(LANGUAGES CXX)
