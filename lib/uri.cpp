@@ -271,7 +271,7 @@ bool is_printable(char c)
 bool is_safe(char c)
 {
     const auto byte = static_cast<unsigned char>(c);
-    return byte < 0x80 ? kSafeTable[byte] != 0 : is_printable(c);
+    return kSafeTable[byte] != 0 || (byte >= 0x80 && is_printable(c));
 }
 
 char* uri_decode_opt(char* s, size_t len, unsigned options)

@@ -59,7 +59,6 @@ const char* const web_SEQ[web_SEQ_COUNT] = {"&amp;", "&gt;", "&lt;", "&apos;", "
 namespace {
 
 using mv::Digits;
-using mv::is_control;
 using mv::is_white;
 using mv::KeptErrno;
 using mv::ResponseHead;
@@ -111,13 +110,6 @@ bool is_blank_null(const char* s)
 bool is_aborted(int err)
 {
     return err == ECONNRESET || err == ECONNABORTED;
-}
-
-std::string_view header_value(const char* title, const char* buf)
-{
-    size_t length = 0;
-    const char* value = find_http_header(title, buf, &length);
-    return value != nullptr ? std::string_view(value, length) : std::string_view();
 }
 
 bool store_location(std::string_view value, struct http_resp_ctx* resp, const char* caller)
@@ -177,11 +169,13 @@ bool store_content_length(std::string_view value, struct http_resp_ctx* resp, co
 
 int parse_resp_headers(const char* buf, struct http_resp_ctx* resp)
 {
-    if (!store_location(header_value("Location:", buf), resp, __func__)) {
+    mv::WantedTitle wanted[] = {{"Location:"}, {"Content-Type:"}, {"Content-Length:"}};
+    mv::find_titles(buf, wanted);
+    if (!store_location(mv::value_behind(wanted[0].end), resp, __func__)) {
         return -1;
     }
-    store_content_type(header_value("Content-Type:", buf), resp, __func__);
-    return store_content_length(header_value("Content-Length:", buf), resp, __func__) ? 0 : -1;
+    store_content_type(mv::value_behind(wanted[1].end), resp, __func__);
+    return store_content_length(mv::value_behind(wanted[2].end), resp, __func__) ? 0 : -1;
 }
 
 constexpr char kRecv[] = "recv_http_response"; // whose steps the helpers below are
@@ -219,29 +213,63 @@ int read_head(int sockfd, char* buf, size_t buflen, struct http_resp_ctx* resp)
     return 0;
 }
 
-bool parse_status_line(int sockfd, char* head, struct http_resp_ctx* resp)
-{
-    char reason[kReasonSize] = {}; // %63c writes no terminator
+struct StatusLine {
     int major = 0;
     int minor = 0;
     int code = 0;
-    char* line_end = head + strcspn(head, "\r\n");
-    const char cut = *line_end;
-    *line_end = '\0';
-    const int parsed = sscanf(head, "HTTP/%1d.%1d %d %63c", &major, &minor, &code, reason);
-    *line_end = cut;
-    if (parsed < 4) {
-        log_err("%s: parsed %d < 4 elements (expected to be parsed)\n", kRecv, parsed);
+    char reason[kReasonSize] = {}; // %63c writes no terminator
+};
+
+// Reads what nearly every server sends, as sscanf would, in a tenth of its time. False: it is another form.
+bool read_usual_status(std::string_view line, StatusLine& status)
+{
+    constexpr std::string_view form = "HTTP/d.d ddd ";
+    if (line.size() <= form.size() || is_white(line[form.size()])) {
         return false;
     }
-    resp->code = code;
-    log_dbg("%s: fd=%d received: HTTP/%d.%d %d [%s]\n", kRecv, sockfd, major, minor, code, reason);
+    for (size_t i = 0; i < form.size(); ++i) {
+        if (form[i] == 'd' ? line[i] < '0' || line[i] > '9' : line[i] != form[i]) {
+            return false;
+        }
+    }
+    const auto digit = [line](size_t i) { return line[i] - '0'; };
+    status.major = digit(5);
+    status.minor = digit(7);
+    status.code = 100 * digit(9) + 10 * digit(10) + digit(11);
+    memcpy(status.reason, line.data() + form.size(), std::min(line.size() - form.size(), kReasonSize - 1));
+    return true;
+}
+
+bool parse_status_line(int sockfd, char* head, struct http_resp_ctx* resp)
+{
+    StatusLine status;
+    char* line_end = head + strcspn(head, "\r\n");
+    if (!read_usual_status({head, static_cast<size_t>(line_end - head)}, status)) {
+        const char cut = *line_end;
+        *line_end = '\0';
+        const int parsed =
+            sscanf(head, "HTTP/%1d.%1d %d %63c", &status.major, &status.minor, &status.code, status.reason);
+        *line_end = cut;
+        if (parsed < 4) {
+            log_err("%s: parsed %d < 4 elements (expected to be parsed)\n", kRecv, parsed);
+            return false;
+        }
+    }
+    resp->code = status.code;
+    log_dbg("%s: fd=%d received: HTTP/%d.%d %d [%s]\n", kRecv, sockfd, status.major, status.minor,
+            status.code, status.reason);
     return true;
 }
 
 // ---- server side ----------------------------------------------------------------------------------
 
 constexpr char kParseHeader[] = "parse_http_header"; // whose steps the helpers below are
+
+// Whether a text is that word, in any case. In place: a copy that is read at once is waited for.
+bool is_word(const char* text, size_t length, std::string_view word)
+{
+    return length == word.size() && strncasecmp(text, word.data(), length) == 0;
+}
 
 // The method of a request line, and where it ends. 0, 22 or -1.
 int parse_method(const char* http_rq, struct http_header* hdr, size_t& end)
@@ -251,18 +279,17 @@ int parse_method(const char* http_rq, struct http_header* hdr, size_t& end)
         log_err("%s: failed to get HTTP method from %7s\n", kParseHeader, http_rq);
         return -1;
     }
-    char method[kMethodMax + 1] = {};
-    memcpy(method, http_rq, end);
-    if (strcasecmp(method, "GET") == 0) {
+    const auto length = static_cast<int>(end);
+    if (is_word(http_rq, end, "GET")) {
         hdr->type = RQTYPE_GET;
-    } else if (strcasecmp(method, "HEAD") == 0) {
+    } else if (is_word(http_rq, end, "HEAD")) {
         hdr->type = RQTYPE_HEAD;
         log_dbg("%s: identified as HEAD\n", kParseHeader);
     } else {
-        log_err("HTTP [%s] is NOT supported\n", method);
+        log_err("HTTP [%.*s] is NOT supported\n", length, http_rq);
         return EINVAL;
     }
-    log_dbg("%s: %s request\n", kParseHeader, method);
+    log_dbg("%s: %.*s request\n", kParseHeader, length, http_rq);
     return 0;
 }
 
@@ -293,9 +320,8 @@ void copy_cut(std::string_view value, char* field, size_t size)
     field[length] = '\0';
 }
 
-void parse_host(const char* headers, struct http_header* hdr)
+void take_host(std::string_view value, struct http_header* hdr)
 {
-    const std::string_view value = header_value("Host:", headers);
     if (value.size() >= MAX_HOST_LEN) {
         log_err("%s: Host length is too long: %lu\n", kParseHeader, static_cast<unsigned long>(value.size()));
     } else if (!value.empty()) {
@@ -304,9 +330,8 @@ void parse_host(const char* headers, struct http_header* hdr)
     }
 }
 
-void parse_user_agent(const char* headers, struct http_header* hdr)
+void take_user_agent(std::string_view value, struct http_header* hdr)
 {
-    const std::string_view value = header_value("User-Agent:", headers);
     if (value.empty()) {
         return;
     }
@@ -715,34 +740,11 @@ ssize_t read_http(int sockfd, char* buf, size_t buflen, ssize_t offset, ssize_t*
 
 const char* find_http_header(const char* title, const char* buf, size_t* hdr_len)
 {
+    const std::string_view value = mv::value_behind(mv::find_title(title, buf));
     if (hdr_len != nullptr) {
-        *hdr_len = 0;
+        *hdr_len = value.size();
     }
-    const size_t length = strlen(title);
-    const char* value = mv::find_title(title, length, buf);
-    if (value == nullptr) {
-        return nullptr;
-    }
-    value += length;
-    value += *value == ':' ? 1 : 0;
-    if (!is_white(*value)) {
-        return nullptr;
-    }
-    // Kept: line ends are white space too, so an empty value gives the text of the next line.
-    while (is_white(*value)) {
-        ++value;
-    }
-    const char* end = value;
-    while (!is_control(*end)) {
-        ++end;
-    }
-    if (*end != '\n' && *end != '\r') {
-        return nullptr;
-    }
-    if (hdr_len != nullptr) {
-        *hdr_len = static_cast<size_t>(end - value);
-    }
-    return value;
+    return value.data();
 }
 
 ssize_t extract_num_hdr(const char* title, const char* buf, size_t len)
@@ -808,8 +810,10 @@ int parse_http_header(const char* http_rq, size_t rqlen, struct http_header* hdr
         return 0;
     }
     log_dbg("%s: p=[%s]\n", __func__, headers);
-    parse_host(headers, hdr);
-    parse_user_agent(headers, hdr);
+    mv::WantedTitle wanted[] = {{"Host:"}, {"User-Agent:"}};
+    mv::find_titles(headers, wanted);
+    take_host(mv::value_behind(wanted[0].end), hdr);
+    take_user_agent(mv::value_behind(wanted[1].end), hdr);
     return 0;
 }
 

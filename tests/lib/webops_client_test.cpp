@@ -436,6 +436,29 @@ TEST(WebRead, status_lines_that_are_refused)
     }
 }
 
+TEST(WebRead, status_lines_of_unusual_form)
+{
+    struct Case {
+        const char* line;
+        int code;
+        const char* shown;
+    };
+
+    for (const Case& c : {Case{"HTTP/1.1 404 Not Found", 404, "HTTP/1.1 404 [Not Found]"},
+                          Case{"HTTP/1.1  404 \tNot", 404, "HTTP/1.1 404 [Not]"},
+                          Case{"HTTP/ 1. 1 404 Not", 404, "HTTP/1.1 404 [Not]"},
+                          Case{"HTTP/1.1 +404 Not", 404, "HTTP/1.1 404 [Not]"},
+                          Case{"HTTP/1.1 0404 Not", 404, "HTTP/1.1 404 [Not]"},
+                          Case{"HTTP/1.1 4040 Not", 4040, "HTTP/1.1 4040 [Not]"},
+                          Case{"HTTP/1.1 404Not", 404, "HTTP/1.1 404 [Not]"},
+                          Case{"HTTP/1.1 40 4Not", 40, "HTTP/1.1 40 [4Not]"}}) {
+        LogCapture log(DEBUG_level);
+        EXPECT_EQ(answer_to(std::string(c.line) + "\r\n\r\n").code, c.code) << c.line;
+        EXPECT_NE(log.text().find(std::string("received: ") + c.shown + "\n"), std::string::npos)
+            << log.text();
+    }
+}
+
 TEST(WebRead, reason_may_be_long)
 {
     LogCapture log(DEBUG_level);
@@ -882,6 +905,22 @@ TEST(WebHeader, absent_or_broken_headers_give_null)
         size_t length = 77;
         EXPECT_EQ(find_http_header("Host:", text, &length), nullptr) << text;
         EXPECT_EQ(length, 0U);
+    }
+}
+
+TEST(WebHeader, value_ends_at_the_first_control_character_wherever_that_stands)
+{
+    for (size_t at = 1; at < 20; ++at) {
+        for (const char end : {'\r', '\n', '\t', '\x7f', '\x1f', '\0'}) {
+            std::string text = "Host: " + std::string(20, 'v') + "\r\n";
+            text[6 + at] = end;
+            text[6 + at - 1] = '\xe9'; // none of ASCII, and no control character
+            size_t length = 99;
+            const char* value = find_http_header("Host:", text.c_str(), &length);
+            const bool ends_line = end == '\r' || end == '\n';
+            EXPECT_EQ(value, ends_line ? text.c_str() + 6 : nullptr) << at << " " << static_cast<int>(end);
+            EXPECT_EQ(length, ends_line ? at : 0) << at << " " << static_cast<int>(end);
+        }
     }
 }
 
