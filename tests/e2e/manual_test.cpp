@@ -1,6 +1,5 @@
 // The agent's manual page: whole, and clean.
 #include <cctype>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -9,6 +8,7 @@
 
 #include "agent_run.h"
 #include "child.h"
+#include "match.h"
 #include "paths.h"
 
 using namespace support;
@@ -31,11 +31,9 @@ struct Options {
 Options options_of_the_agent()
 {
     Options options;
-    std::smatch found;
-    const std::string source = read_file(source_path("agent/config.cpp"));
-    EXPECT_TRUE(std::regex_search(source, found, std::regex("getopt\\(.*\"([^\"]+)\"\\)")))
-        << "no option table";
-    const std::string table = found[1];
+    const Match found = search(read_file(source_path("agent/config.cpp")), "getopt\\([^\n]*\"([^\"]+)\"\\)");
+    EXPECT_FALSE(found.empty()) << "no option table";
+    const std::string table = found.empty() ? "" : found[1];
     for (size_t i = 0; i < table.size(); ++i) {
         if (table[i] == ':') {
             options.with_argument.insert(table[i - 1]);
@@ -125,18 +123,14 @@ TEST(Manual, tells_the_remedy_for_group_0)
 TEST(Manual, explains_every_error_line_of_the_agent)
 {
     std::string text = section("LOG MESSAGES");
-    const std::regex call("log_err\\(\"([^\"]*)\"");
-    const std::regex field("%[0-9a-z]+|\\\\n");
     for (const char* name :
          {"capture", "packet", "expire", "features", "lifecycle", "reporter", "scope", "zent"}) {
         const std::string source = read_file(source_path("agent/") + name + ".cpp");
-        for (std::sregex_iterator it(source.begin(), source.end(), call), end; it != end; ++it) {
-            const std::string message = (*it)[1];
+        for (const Match& call : search_all(source, "log_err\\(\"([^\"]*)\"")) {
+            const std::string& message = call[1];
             std::string longest;
-            for (std::sregex_token_iterator part(message.begin(), message.end(), field, -1), none;
-                 part != none; ++part) {
-                longest =
-                    part->length() > static_cast<std::ptrdiff_t>(longest.size()) ? part->str() : longest;
+            for (const Match& part : search_all(message, "(^|%[0-9a-z]+|\\\\n)(([^%\\]|%%)+)")) {
+                longest = part[2].size() > longest.size() ? part[2] : longest;
             }
             EXPECT_NE(text.find(longest), std::string::npos) << message << ": \"" << longest << '"';
         }

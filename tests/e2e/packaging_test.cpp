@@ -1,12 +1,12 @@
 // The systemd unit and the logrotate settings that are shipped.
 #include <algorithm>
 #include <filesystem>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
 
 #include "daemon.h"
+#include "match.h"
 #include "wait.h"
 
 using namespace support;
@@ -68,10 +68,8 @@ TEST(Unit, is_rated_2_or_better)
     }
     const ChildResult result =
         run_program({"systemd-analyze", "security", "--offline=true", "--no-pager", kUnit});
-    std::smatch level;
-    ASSERT_TRUE(
-        std::regex_search(result.out, level, std::regex("Overall exposure level for [^:]*: ([0-9.]+)")))
-        << result.out << result.err;
+    const Match level = search(result.out, "Overall exposure level for [^:]*: ([0-9.]+)");
+    ASSERT_FALSE(level.empty()) << result.out << result.err;
     EXPECT_LE(std::stod(level[1]), 2.0) << result.out;
 }
 
@@ -206,8 +204,8 @@ TEST_F(Packaging, a_list_in_place_of_the_bound_restricts_the_instance)
 TEST_F(Packaging, the_unit_waits_until_the_interface_is_up_and_has_an_address)
 {
     std::string line = setting(kUnit, "ExecStartPre");
-    std::smatch parts;
-    ASSERT_TRUE(std::regex_match(line, parts, std::regex("sh -c '([^']*)' %i")));
+    const Match parts = search(line, "^sh -c '([^']*)' %i$");
+    ASSERT_FALSE(parts.empty()) << line;
     const std::string script = replaced(parts[1], "$$", "$");
     const auto in_a = [&](const std::string& command) {
         inside(segment(), &NetnsPair::enter_a, [&] { must_run(command); });

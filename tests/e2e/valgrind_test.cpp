@@ -1,7 +1,6 @@
 // A short run of the agent under valgrind: no invalid access, no leak, no descriptor that is forgotten.
-#include <regex>
-
 #include "daemon.h"
+#include "match.h"
 
 using namespace support;
 
@@ -25,11 +24,11 @@ class Valgrind : public DaemonTest {
     static std::vector<std::string> left_open(const std::string& report)
     {
         std::vector<std::string> result;
-        const std::regex form(
-            "Open (?:file descriptor|AF_[A-Z0-9]+ socket) [0-9]+: *([^\\n]*)\\n==[0-9]+== +([^\\n]*)");
-        for (std::sregex_iterator it(report.begin(), report.end(), form), end; it != end; ++it) {
-            if ((*it)[2] != "<inherited from parent>") {
-                result.push_back((*it)[1]);
+        for (const Match& match :
+             search_all(report, "Open (file descriptor|AF_[A-Z0-9]+ socket) [0-9]+: *([^\n]*)\n"
+                                "==[0-9]+== +([^\n]*)")) {
+            if (match[3] != "<inherited from parent>") {
+                result.push_back(match[2]);
             }
         }
         return result;

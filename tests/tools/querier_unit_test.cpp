@@ -1,11 +1,11 @@
 // The unit of the querier.
-#include <regex>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "agent_run.h"
 #include "child.h"
+#include "match.h"
 #include "paths.h"
 
 namespace support {
@@ -28,10 +28,8 @@ TEST(QuerierUnit, is_rated_1_6_or_better)
     }
     const ChildResult result =
         run_program({"systemd-analyze", "security", "--offline=true", "--no-pager", kUnit});
-    std::smatch level;
-    ASSERT_TRUE(
-        std::regex_search(result.out, level, std::regex("Overall exposure level for [^:]*: ([0-9.]+)")))
-        << result.out << result.err;
+    const Match level = search(result.out, "Overall exposure level for [^:]*: ([0-9.]+)");
+    ASSERT_FALSE(level.empty()) << result.out << result.err;
     EXPECT_LE(std::stod(level[1]), 1.6) << result.out;
 }
 
@@ -42,7 +40,7 @@ TEST(QuerierUnit, has_no_setting_that_systemd_does_not_know)
     }
     const std::string err =
         run_program({"systemd-analyze", "verify", "--man=no", "--recursive-errors=no", kUnit}).err;
-    EXPECT_EQ(std::regex_replace(err, std::regex("[^\n]*Command zentctl is not executable[^\n]*\n"), ""), "");
+    EXPECT_TRUE(matches(err, "([^\n]*Command zentctl is not executable[^\n]*\n)?")) << err;
 }
 
 TEST(QuerierUnit, has_the_right_to_capture_alone)

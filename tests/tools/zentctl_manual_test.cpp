@@ -1,5 +1,4 @@
 // zentctl(1): whole, clean, and its examples run; the completions of all programs, driven in their shells.
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -8,6 +7,7 @@
 
 #include "agent_run.h"
 #include "command.h"
+#include "match.h"
 #include "netns.h"
 #include "paths.h"
 #include "wait.h"
@@ -158,7 +158,7 @@ TEST(Completions, of_bash_know_every_option)
     for (const zentctl::Command& command : zentctl::all_commands()) {
         const std::string words = " " + bash("zentctl", std::string("zentctl ") + command.name + " -");
         for (const zentctl::Option& option : command.options) {
-            EXPECT_TRUE(std::regex_search(words, std::regex(std::string(" ") + option.name + "[ \n]")))
+            EXPECT_FALSE(search(words, std::string(" ") + option.name + "[ \n]").empty())
                 << command.name << option.name << words;
         }
     }
@@ -197,14 +197,13 @@ TEST(Completions, of_zentmon_know_every_option)
     if (help.empty()) {
         GTEST_SKIP() << "skipped: zentmon is not built here";
     }
-    const std::regex option("\n  --([a-z-]+)");
     const std::string in_bash = read_file(source_path("completions/bash/zentmon"));
     const std::string in_zsh = read_file(source_path("completions/zsh/_zentmon"));
     const std::string in_fish = read_file(source_path("completions/fish/zentmon.fish"));
-    for (std::sregex_iterator it(help.begin(), help.end(), option), end; it != end; ++it) {
-        const std::string name = (*it)[1];
-        EXPECT_TRUE(std::regex_search(in_bash, std::regex("--" + name + "[ \"]"))) << name;
-        EXPECT_TRUE(std::regex_search(in_zsh, std::regex("--" + name + "\\["))) << name;
+    for (const Match& option : search_all(help, "\n  --([a-z-]+)")) {
+        const std::string name = option[1];
+        EXPECT_FALSE(search(in_bash, "--" + name + "[ \"]").empty()) << name;
+        EXPECT_FALSE(search(in_zsh, "--" + name + "\\[").empty()) << name;
         EXPECT_NE(in_fish.find(" -l " + name + " "), std::string::npos) << name;
     }
 }
