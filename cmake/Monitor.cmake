@@ -53,6 +53,7 @@ target_include_directories(zentmon_objects PUBLIC monitor include)
 target_include_directories(zentmon_objects SYSTEM PUBLIC ${MONITOR_JSON_DIR} ${MONITOR_SQLITE_DIR} ${MONITOR_MQTT_DIR})
 target_compile_options(zentmon_objects PRIVATE -fvisibility=hidden)
 target_link_libraries(zentmon_objects PRIVATE morvane_flags)
+target_precompile_headers(zentmon_objects PRIVATE monitor/precompiled.h)
 
 add_executable(zentmon monitor/zentmon.cpp $<TARGET_OBJECTS:zentmon_objects>)
 target_include_directories(zentmon PRIVATE monitor include)
