@@ -61,7 +61,7 @@ std::vector<std::string> as_unit_user(const std::vector<std::string>& command)
 
 } // namespace
 
-TEST(Unit, is_rated_2_or_better)
+TEST(Unit, is_rated_1_6_or_better)
 {
     if (!has_program("systemd-analyze")) {
         GTEST_SKIP() << "skipped: systemd-analyze is not installed";
@@ -70,7 +70,7 @@ TEST(Unit, is_rated_2_or_better)
         run_program({"systemd-analyze", "security", "--offline=true", "--no-pager", kUnit});
     const Match level = search(result.out, "Overall exposure level for [^:]*: ([0-9.]+)");
     ASSERT_FALSE(level.empty()) << result.out << result.err;
-    EXPECT_LE(std::stod(level[1]), 2.0) << result.out;
+    EXPECT_LE(std::stod(level[1]), 1.6) << result.out;
 }
 
 TEST(Unit, has_no_setting_that_systemd_does_not_know)
