@@ -36,6 +36,7 @@ size_t signal_text(const char* pattern, int signo, char (&text)[32])
     return length;
 }
 
+// The one call of the default mode; packets wait in the kernel for up to IDLE_MS.
 int open_live(const char* ifc_name)
 {
     g_ctx.handle = pcap_open_live(ifc_name, kSnapLen, 0, IDLE_MS, g_ctx.errbuf);
@@ -114,8 +115,10 @@ int take_packets(const char* caller)
     int rc = 0;
     while (g_quit == 0 && rc == 0) {
         log_dbg("%s: waiting for packets\n", caller);
+        // Before the wait, which may be long: a line that was made does not sit in a buffer meanwhile.
         relay_flush();
         const int count = pcap_dispatch(g_ctx.handle, at_once, on_pcap_pkt, nullptr);
+        // Broken off by the timer of the expiry instead, it goes on below.
         if (count == kBroken && g_quit != 0) {
             break;
         }
@@ -157,6 +160,7 @@ int pcap_setup(const char* ifc_name)
     // Kept: the compiled program is not freed; it lives as long as the process does.
     static struct bpf_program prog;
 
+    // First, so that a signal during a slow set-up is not lost.
     handle_quit_signals(handle_qsig);
     if (pcap_lookupnet(ifc_name, &net, &mask, g_ctx.errbuf) != 0) {
         log_err("%s: pcap_lookupnet(%s,...) FAILED: %s\n", __func__, ifc_name, g_ctx.errbuf);

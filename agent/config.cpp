@@ -19,6 +19,7 @@ void set_text(char (&field)[N], const char* text)
     strncpy(field, text, N - 1);
 }
 
+// Refuses an interface that does not exist, and one without an IPv4 address.
 int set_interface(const char* name)
 {
     struct sockaddr_in addr;

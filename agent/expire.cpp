@@ -30,6 +30,7 @@ struct Asking {
 Asking g_asking;
 volatile sig_atomic_t g_tick = 0; // a second has passed since the last check
 
+// Monotonic: a step of the wall clock must not end groups, nor keep them.
 int64_t now_ms()
 {
     struct timespec now = {};
@@ -60,6 +61,8 @@ void suspend_if_silent(int64_t now)
     }
 }
 
+// A report before the silence may have gone unrepeated because nobody asked: its age begins with the first
+// query.
 bool is_over(const Heard& heard, int64_t now)
 {
     const int64_t from = heard.at > g_asking.since ? heard.at : g_asking.since;
@@ -108,6 +111,7 @@ void end_silent_groups(int64_t now)
     free(over.keys);
 }
 
+// Only a flag and the break of a wait: the groups are walked by the loop, not by the handler.
 void on_tick(int)
 {
     const int saved = errno;
@@ -171,6 +175,7 @@ int join_timed(long key)
     if (heard == nullptr) {
         return ENOMEM;
     }
+    // Where the table takes it, it is freed with its group.
     heard->at = now_ms();
     value = heard;
     const int added = nkht_add(g_ctx.wgrp_ht, key, &value);

@@ -48,6 +48,7 @@ const char* set_expire(std::string_view number, unsigned& expire)
     }
     unsigned seconds = 0;
     const char* end = number.data() + number.size();
+    // No sign, no blank and no prefix: from_chars takes digits alone, and all of the text must be digits.
     const auto [stop, error] = std::from_chars(number.data(), end, seconds);
     if (error != std::errc() || stop != end || seconds < kExpireMin || seconds > kExpireMax) {
         return "the number is missing or bad:";
@@ -87,7 +88,9 @@ int parse_features(const char* text, struct app_features* features, char* compla
     if (rest.empty()) {
         return 0;
     }
+    // Built apart and given at the end: a text with one bad word turns nothing on.
     struct app_features found = {};
+    // A comma at the end has an empty word behind it, which is refused like any other.
     for (bool more = true; more;) {
         const size_t comma = rest.find(',');
         more = comma != std::string_view::npos;
@@ -105,6 +108,7 @@ int parse_features(const char* text, struct app_features* features, char* compla
     return 0;
 }
 
+// To stderr, since this runs before the log is open.
 int read_features()
 {
     char complaint[256] = "";
@@ -117,6 +121,7 @@ int read_features()
 
 const char* features_text(const struct app_features* features)
 {
+    // Written in the order of the documents, whatever the order of the words was: one state, one text.
     static char text[64];
     char expire[16] = "";
     if (features->expire != 0) {

@@ -16,6 +16,7 @@ constexpr const char* kLoad = "load_group_list"; // its stages speak for it
 constexpr uintptr_t kListedMark = 0xbbbb;        // stored with each address of the list
 constexpr size_t kLineMax = 64;
 
+// Closed on every way out, of which a bad line is one.
 class ListFile {
   public:
     explicit ListFile(const char* path) : fp_(fopen(path, "r")) {}
@@ -36,6 +37,7 @@ class ListFile {
     FILE* fp_;
 };
 
+// The table while it is filled: one that is not complete goes with its scope, and the one in use stays.
 class NewTable {
   public:
     NewTable() = default;
@@ -125,6 +127,7 @@ int add_entry(nkht_t table, const char* path, int number, const char* line)
 
 bool in_scope(int32_t ipv4_addr)
 {
+    // Range and list add up: with neither everything is in scope, with both either will do.
     if (g_ctx.scope_ht == 0 && g_cfg.min_group == 0 && g_cfg.max_group == 0) {
         return true;
     }
@@ -169,6 +172,7 @@ int load_group_list(const char* path)
             return -1;
         }
     }
+    // Only now, when the new list is whole, the old one goes.
     if (g_ctx.scope_ht != 0) {
         nkht_destroy(g_ctx.scope_ht, nullptr);
         g_ctx.scope_ht = 0;

@@ -37,6 +37,7 @@ const char* checked(char* buffer, int n, size_t limit)
     return buffer;
 }
 
+// The family shares this file: a program that is not listed shows that by the error text.
 const char* app_description(const char* app)
 {
     static constexpr struct {
@@ -62,6 +63,7 @@ bool using_fast_clocks()
 
 } // namespace
 
+// Made once: later calls, with whatever arguments, give the first text.
 const char* get_app_info(const char* appname, const char* cksum)
 {
     constexpr size_t kLimit = sizeof g_appinfo - 1;

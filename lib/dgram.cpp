@@ -44,6 +44,7 @@ off_t offset_of(const struct dgram_seq* seq, size_t packets)
     return static_cast<off_t>(static_cast<size_t>(seq->offset) + packets * seq->pkt_size);
 }
 
+// -1 second stands for no time, and stays -1.
 long tms2ms(const struct timespec* tms)
 {
     return tms->tv_sec == -1 ? -1 : tms->tv_sec * 1000 + tms->tv_nsec / 1000000;
@@ -77,6 +78,7 @@ long diff_ms(const struct timespec* a, const struct timespec* b)
     return tms2ms(&delta);
 }
 
+// Slots grow with the time-out, in steps, so that a fixed number of them always covers it.
 u_long slot_width(u_long tmout_ms)
 {
     if (tmout_ms < 1000) {
@@ -117,6 +119,7 @@ ssize_t add_seq(struct dgram_idx* di, size_t pkt_len, size_t pkt_count, off_t of
     struct dgram_seq* seq = seq_at(di, static_cast<size_t>(index));
     *seq = {};
     seq->pkt_size = pkt_len;
+    // The loop's time: all datagrams of one cycle arrived, as far as anybody can tell, at once.
     seq->first_io = seq->last_io = *rqs_now_ref();
     seq->offset = offset;
     seq->count = pkt_count;

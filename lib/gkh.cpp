@@ -135,6 +135,7 @@ const void* get_lkey(const struct hrec* rec)
 
 constexpr struct htfunc g_htf[2] = {{s_cmp, s_mkhrec, get_skey}, {l_cmp, l_mkhrec, get_lkey}};
 
+// Thomas Wang's mix of 64 bits: each bit of a number reaches the low ones, which name the slot.
 uint64_t mix(uint64_t x)
 {
     x = (x << 21) - x - 1;
@@ -147,11 +148,13 @@ uint64_t mix(uint64_t x)
     return x;
 }
 
+// Bytes above 127 go into a hash with their sign: hashes must not depend on the platform's plain char.
 uint64_t signed_byte(char c)
 {
     return static_cast<uint64_t>(static_cast<int64_t>(static_cast<signed char>(c)));
 }
 
+// Slots for so many records: a power of two, so that a mask finds the slot.
 size_t calc_rlen(size_t capacity)
 {
     return std::bit_floor(capacity * 3 / 2);
@@ -208,6 +211,7 @@ template <kcmp_t kcmp>
     return place;
 }
 
+// The usual function is asked by its name, so that its call can be inlined away.
 [[gnu::always_inline]] inline u_long hash_of(const ht_t* tbl, const void* key)
 {
     if (tbl->icalc == tw_shift) {
@@ -257,6 +261,8 @@ Place text_place(const Place& missed, const void* key)
     return place.found ? 0 : ESRCH;
 }
 
+// A record goes in before the first that is not below it: chains stay sorted. *pdat is the value to store,
+// and for a key that is there already the one that is stored.
 int add(ht_t* tbl, const void* key, void** pdat)
 {
     assert(tbl != nullptr && key != nullptr);
@@ -275,6 +281,8 @@ int add(ht_t* tbl, const void* key, void** pdat)
     if (rec == nullptr) {
         return ENOMEM;
     }
+    // A text was looked for by its hash, which says nothing of its place; the sorted walk is paid by an add
+    // alone.
     if (tbl->ktype == ekt_STR) {
         place = text_place(place, key);
     }

@@ -509,6 +509,7 @@ int rotate(struct log_ctx* log)
         log_err("%s: %s - rotation cancelled this time\n", kLogRotate, errmsg);
         return 0;
     }
+    // Behind the opening, so that its lines go to the new file.
     if (log->rota.max_idx != 0) {
         handle_rotation(log, now, new_name);
     }
@@ -531,6 +532,7 @@ void mll_sect_pop(struct loglevel_ctx* ctx)
     ctx->sec = ctx->sec_stack[ctx->sec_sp--];
 }
 
+// A failed ASSERT ends in the words of assert(), which callers look for.
 void log_assert_failed(const char* file, unsigned int line, const char* func)
 {
     __assert_fail("0", file, line, func);
@@ -699,6 +701,7 @@ int read_level_env(const char* varname, int default_level)
 
 int btrace_to_buf(char* buf, size_t buflen)
 {
+    // backtrace() does not promise to set errno, so an old number must not be printed for it.
     void* frames[kFrames];
     errno = 0;
     const int count = backtrace(frames, kFrames);
@@ -713,6 +716,7 @@ int btrace_to_buf(char* buf, size_t buflen)
         perror("backtrace_symbols");
         return -1;
     }
+    // Signed: snprintf tells what it would have written, and room below zero is the sign that it was cut.
     ssize_t room = static_cast<ssize_t>(buflen);
     for (int i = 0; i < count && room > 0; ++i) {
         const int n = snprintf(buf, static_cast<size_t>(room), "#%d: %s\n", i, symbols[i]);

@@ -681,6 +681,7 @@ int set_up(int fd, const struct addrinfo* ai, struct socket_spec* spec, const ch
 bool try_entry(const struct addrinfo* ai, struct socket_spec* spec, const char* ifc_tag, Attempt& attempt)
 {
     log_dbg("af=%s (%d), proto = %d\n", af_name(ai->ai_family), ai->ai_family, ai->ai_protocol);
+    // A family that this machine cannot do is no end of the walk: the next entry may be of another one.
     const int fd = W_socket(kOpenSocket, ai->ai_family, ai->ai_socktype, ai->ai_protocol);
     if (fd == -1) {
         attempt.status = errno;
@@ -696,6 +697,8 @@ bool try_entry(const struct addrinfo* ai, struct socket_spec* spec, const char* 
                 e.text());
         return true;
     }
+    // The set-up reads the record's multicast mark, which was written above; the address counts once the
+    // socket stands.
     attempt.status = set_up(fd, ai, spec, ifc_tag, attempt.mifc);
     if (attempt.status != 0) {
         attempt.socket.reset();
@@ -902,6 +905,8 @@ int apply(const char* caller, int sock, const mv::MembershipOption& option)
     return W_setsockopt(caller, sock, option.level, option.name, option.record, option.length);
 }
 
+// One join or leave, by the API that the option chose. The generic one names the interface by its index; for
+// IPv4 the older one takes an address of it, which is looked up when the record has none.
 int mcast_group_op(const char* caller, const char* ifc_name, uint32_t ifc_idx, struct sockaddr_storage* grp,
                    struct sockaddr_storage* ifc, int join, int sock)
 {

@@ -178,6 +178,7 @@ int wfd_map_rm(int wfd)
     return report_lookup(__func__, g_ino.wfd_ht != 0 ? nkht_rm(g_ino.wfd_ht, wfd, nullptr) : EINVAL, wfd);
 }
 
+// A letter an event, in the order of the table: two runs can be compared by a look at their lines.
 void dump_inotify_event(const struct inotify_event* e)
 {
     if (!loglevel_is(DEBUG_level)) {
@@ -200,6 +201,7 @@ void dump_inotify_event(const struct inotify_event* e)
             text[n++] = l.letter;
         }
     }
+    // By its bounds: what stands in a record is not trusted to have an end.
     char name[NAME_MAX + 1];
     const size_t length = std::min(mv::inotify_name_length(e), size_t{NAME_MAX});
     memcpy(name, e->name, length);
@@ -218,6 +220,8 @@ int modification_flags(uint32_t mask)
     return flags;
 }
 
+// A watch that is not in the table was removed while its last events were on the way; the look-up has told
+// it.
 void process_inmodify(const struct inotify_event* iev)
 {
     void* udata = nullptr;

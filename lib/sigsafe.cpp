@@ -42,6 +42,7 @@ int sigsafe_open(void)
     if (rqs_add_reader(fd.get(), &g_wakeup) != 0) { // which has told why
         return -1;
     }
+    // Last: a handler that runs before finds no descriptor, and the loop looks at its flags before it waits.
     g_wakeup.fd = fd.release();
     return 0;
 }
@@ -52,6 +53,7 @@ void sigsafe_wake(void)
     if (fd < 0) {
         return;
     }
+    // The code that was interrupted may be about to read errno.
     const mv::KeptErrno kept;
     const uint64_t one = 1;
     // A counter that is full wakes the loop as well as one that is not.
@@ -63,6 +65,7 @@ bool sigsafe_is_wakeup(const void* udata)
     if (udata != &g_wakeup) {
         return false;
     }
+    // One read takes all wakes so far; one that comes behind it makes the descriptor ready again.
     uint64_t count = 0;
     [[maybe_unused]] const ssize_t n = read(g_wakeup.fd, &count, sizeof count);
     return true;

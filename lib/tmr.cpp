@@ -41,6 +41,8 @@ bool is_earlier(const entry& a, const entry& b)
     return a.due != b.due ? a.due < b.due : a.order < b.order;
 }
 
+// Each entry knows its place in the heap, counted from 1, so that a timer is cancelled without a search; 0 is
+// a timer that does not run.
 void put(size_t index, const entry& e)
 {
     heap()[index] = e;
@@ -87,6 +89,7 @@ void sift_down(size_t index, const entry e)
     put(index, e);
 }
 
+// An entry that comes from elsewhere in the heap may belong above index as well as below it.
 void replace(size_t index, const entry e)
 {
     if (index > 0 && is_earlier(e, heap()[(index - 1) / kFanout])) {
@@ -169,6 +172,7 @@ int tmr_add(struct tmr* t, const struct timespec* after, const struct timespec* 
     if (index < 0) {
         return ENOMEM;
     }
+    // From here on nothing fails: the record is written only when it has a place.
     t->every = every != nullptr ? nanoseconds(*every) : 0;
     t->fn = fn;
     t->udata = udata;
@@ -226,6 +230,7 @@ void tmr_update_tmout(struct timespec* tmout)
         return;
     }
     struct timespec now;
+    // The real clock, not the loop's: the callbacks of this cycle have taken time since that was set.
     set_clk_now(&now, FAST_MONOTONIC_CLOCK);
     const int64_t left = std::max<int64_t>(heap()[0].due - nanoseconds(now), 0);
     // The wait counts milliseconds in an int: longer ones are taken in pieces of a day.

@@ -75,6 +75,7 @@ constexpr ByteTable kHexTable = make_hex_table();
 constexpr ByteTable kPlainTable = make_plain_table();
 constexpr ByteTable kSafeTable = make_safe_table();
 
+// A segment as a text, whole or not at all. NULL for an empty one too, which empties the buffer.
 const char* cpyseg(const char* seg, size_t seg_len, char* buf, size_t buflen)
 {
     if (seg == nullptr || seg_len == 0) {
@@ -91,6 +92,8 @@ const char* cpyseg(const char* seg, size_t seg_len, char* buf, size_t buflen)
     return buf;
 }
 
+// The segments into the buffers that are given, each within the limit of its kind. A buffer whose segment the
+// URI lacks is left as it was.
 int extract(const char* uri, char* scheme, char* authority, char* path, char* query)
 {
     char own_scheme[URI_SCHEME_MAX];
@@ -471,6 +474,7 @@ char* uri_encode(char* s, size_t len)
     }
     const size_t last = len - 1;
     const size_t length = strnlen(s, last);
+    // Encoded from a copy, since the text grows in its own buffer.
     const mv::OwnedBlock<char> copy(Calloc(length + 1, 1));
     if (!copy) {
         return nullptr;
@@ -482,6 +486,7 @@ char* uri_encode(char* s, size_t len)
         if (is_safe(c)) {
             s[out++] = c;
         } else if (last - out < kEscapeSize) {
+            // An escape that does not fit whole ends the text: a part of one would decode to something else.
             break;
         } else {
             put_escape(s + out, c);
@@ -499,6 +504,7 @@ int uri_query_parse(const char* query, skht_t* ht)
     }
     skht_t tbl = 0;
     int rc = skht_create(&tbl, kMaxPairs, plHash, nullptr, 0);
+    // Without a table to give, all is parsed all the same: the result says whether the query would do.
     long count = 0;
     while (rc == 0 && *query != '\0') {
         if (count == kMaxPairs) {

@@ -498,6 +498,8 @@ int open_net_uri(struct fdrec* r, int kind, int inbound, mv::UrlParts& url, cons
     return open_socket(url.addr, url.port, source, r->sspec, ifc_tag, &r->mifc);
 }
 
+// Opens what a URI names and makes its record. Whatever was opened hangs on the record from the start, so
+// that one free_fdrec undoes a failure at any stage.
 struct fdrec* open_uri(int inbound, const char* uri, const char* ifc_tag, int* uri_kind)
 {
     mv::UrlParts url;
@@ -877,6 +879,8 @@ int web_parse_urq(char* http, size_t hlen, char* uri_src, char* uri_dst, size_t 
         log_dbg("%s: favicon request received.\n", __func__);
         return RC_FAVICON;
     }
+    // A ping, or a path that is refused, leaves no endpoints of an earlier request. The answers above leave
+    // them alone.
     if (ulen > 0) {
         uri_src[0] = '\0';
         uri_dst[0] = '\0';

@@ -190,6 +190,8 @@ bool set_by_kind(const UrlParts& url, struct usock_ctx* uc, const char** source)
     }
 }
 
+// Opens a socket as the kind of URL wants it. A descriptor that is open goes back with a code of its own: the
+// caller decides what a failed timeout means for it.
 Opening open_net(const char* text, UrlParts& url, struct usock_ctx* uc)
 {
     Opening opening;
@@ -212,6 +214,7 @@ Opening open_net(const char* text, UrlParts& url, struct usock_ctx* uc)
         return opening;
     }
     opening.rc = 0;
+    // A non-blocking socket never waits: a timeout would say something that does not happen.
     if (!uc->non_blocking && uc->timeout_ms != 0) {
         opening.rc = uc->inbound ? set_rcv_timeout(opening.fd.get(), uc->timeout_ms)
                                  : set_send_timeout(opening.fd.get(), uc->timeout_ms);
