@@ -29,7 +29,7 @@ constexpr uint8_t kPictureHeader = 0;
 
 // Kept: the table is looked for right behind a pointer field of 0, which is not read, and never behind an
 // adaptation field.
-bool ts_has_pat(const uint8_t* b)
+inline bool ts_has_pat(const uint8_t* b)
 {
     return ts_payload_start(b) != 0 && ts_pid(b) == 0 && b[5] == 0 && (b[6] & 0xfc) == 0xb0 &&
            (b[10] & 1) != 0;
@@ -54,11 +54,6 @@ Bytes ts_get_payload(const uint8_t* b, Bytes rest)
 bool is_pes_video(Bytes payload)
 {
     return payload.size() >= 4 && match_start(payload.data(), PES_STREAM_ID_VIDEO_MPEG);
-}
-
-bool ts_has_video_iframe(const uint8_t* b, Bytes payload)
-{
-    return ts_has_iframe(b) && ts_payload_start(b) != 0 && is_pes_video(payload);
 }
 
 // Offset of the first start code with that id that stands whole in the bytes and begins below eod - 4, or -1.
@@ -98,19 +93,19 @@ __attribute__((noinline)) bool begins_with_intra(Bytes payload, size_t eod)
     return picture + 7 < eod - skipped && ((mv::byte_at(from_sequence, picture + 5) >> 3) & 7) == 1;
 }
 
-// The same for the packet with that payload, of which eod bytes belong to the packet itself; false also if it
-// does not begin a video packet.
-bool pes_mpeg2_intra(const uint8_t* b, Bytes payload, size_t eod)
+// Whether a packet begins a video packet and is marked as an entry point, or holds the start of an I picture.
+inline bool has_iframe(const uint8_t* b, Bytes rest)
 {
-    return ts_payload_start(b) != 0 && is_pes_video(payload) && begins_with_intra(payload, eod);
-}
-
-bool has_iframe(const uint8_t* b, Bytes rest)
-{
+    if (ts_payload_start(b) == 0) {
+        return false;
+    }
     const Bytes payload = ts_get_payload(b, rest);
+    if (!is_pes_video(payload)) {
+        return false;
+    }
     const size_t before = rest.size() - payload.size();
     const size_t eod = before < TS_MIN_PKTSIZE ? TS_MIN_PKTSIZE - before : 0;
-    return ts_has_video_iframe(b, payload) || pes_mpeg2_intra(b, payload, eod);
+    return ts_has_iframe(b) || begins_with_intra(payload, eod);
 }
 
 // A mask of the four header bytes, for a word loaded as they stand in memory.
@@ -268,23 +263,27 @@ void store(size_t* where, size_t value)
     }
 }
 
-// Probes a segment of which type or size is not known; the size of its packets goes to *size. Apart:
-// a stream is probed at its start, and known from then on.
-__attribute__((noinline)) int32_t probe_type(const uint8_t* buf, size_t buflen, size_t* plen, size_t* pcount,
-                                             size_t* size)
+struct Kind {
+    int32_t type;
+    size_t size; // of a packet
+};
+
+// Probes a segment of which type or size is not known. Apart: a stream is probed at its start, and known from
+// then on. By value: a size whose address is given away costs each probe a guard on the stack.
+__attribute__((noinline)) Kind probe_type(const uint8_t* buf, size_t buflen, size_t* plen, size_t* pcount)
 {
     const ssize_t found = ts_probe(buf, buflen, true);
     if (found <= 1) {
-        return STY_RAW.num;
+        return {STY_RAW.num, buflen};
     }
-    *size = static_cast<size_t>(found);
-    ASSERT(buflen % *size == 0);
+    const auto size = static_cast<size_t>(found);
+    ASSERT(buflen % size == 0);
     if (pcount != nullptr) {
-        *pcount = buflen / *size;
+        *pcount = buflen / size;
         ASSERT(*pcount != 0);
     }
-    store(plen, *size);
-    return STY_MPEGTS.num;
+    store(plen, size);
+    return {STY_MPEGTS.num, size};
 }
 
 // Whether inlen bytes are an RTP packet, with zeros behind their end where a header would be longer.
@@ -318,7 +317,9 @@ int32_t probe_segment(const uint8_t* buf, size_t buflen, int32_t stype_id, size_
     int32_t type = stype_id;
     // Kept: with both known nothing is probed and nothing written, whatever the bytes are.
     if (stype_id == 0 || size == 0) {
-        type = probe_type(buf, buflen, plen, pcount, &size);
+        const Kind kind = probe_type(buf, buflen, plen, pcount);
+        type = kind.type;
+        size = kind.size;
     }
     if (type == STY_RAW.num) {
         size = buflen;
