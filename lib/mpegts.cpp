@@ -63,6 +63,8 @@ ssize_t ts_probe(const uint8_t* buf, size_t len, bool full_pkts)
     }
     bool accepted = false;
     size_t tried = 0;
+    // One after the other in the code, so that the remainder by a size is a multiplication.
+#pragma GCC unroll 4
     for (const size_t size : kPacketSizes) {
         if (size > len) {
             return -1;
