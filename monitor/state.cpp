@@ -923,13 +923,13 @@ bool State::Impl::walk_of(const std::string& name, GroupCursor& at, size_t budge
     if (agents_[static_cast<size_t>(number)]->entries > kSweep) {
         return walk(at, budget, [&](const GroupRow& row) { return row.who->agent != name || visit(row); });
     }
-    const uint32_t after = at.group;
-    const bool first = at.group == 0 && at.agent.empty();
+    // Of the cursor's own group this agent is still to come where its name is behind the cursor's.
+    const uint64_t from = uint64_t{at.group} + (name > at.agent ? 0 : 1);
     std::vector<std::pair<uint32_t, uint32_t>> places; // group and place
     const Agent& a = *agents_[static_cast<size_t>(number)];
     for (uint32_t place = a.first_entry; place != kNoEntry; place = entries_[place].agent_next) {
         const Entry& entry = entries_[place];
-        if (entry.state != EntryState::left && (first || entry.group > after)) {
+        if (entry.state != EntryState::left && entry.group >= from) {
             places.emplace_back(entry.group, place);
         }
     }

@@ -514,6 +514,17 @@ TEST_F(MonState, the_groups_of_one_agent_come_in_pieces)
     }
     EXPECT_EQ(seen.size(), 10u);
     EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
+    // A cursor behind another agent's row is a place in the order of all rows.
+    const auto rest = [&](const std::string& cursor_agent, uint32_t group = A + 4) {
+        size_t count = 0;
+        GroupCursor behind = {group, cursor_agent};
+        s().walk_groups_of("10.0.0.2", behind, 100, [&](const GroupRow&) { return ++count > 0; });
+        return count;
+    };
+    EXPECT_EQ(rest("10.0.0.1"), 7u);
+    EXPECT_EQ(rest("10.0.0.2"), 6u);
+    EXPECT_EQ(rest("10.0.0.3"), 6u);
+    EXPECT_EQ(rest("10.0.0.2", UINT32_MAX), 0u);
     GroupCursor nobody;
     EXPECT_FALSE(s().walk_groups_of("nobody", nobody, 3, [](const GroupRow&) { return true; }));
 }
