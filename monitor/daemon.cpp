@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <numeric>
 #include <unistd.h>
 
 #include "log.h"
@@ -298,8 +299,9 @@ std::string Daemon::status() const
     for (const ListenerCounters& listener : counters_.listeners) {
         lost += listener.dropped;
     }
+    const uint64_t events = std::accumulate(counters_.events.begin(), counters_.events.end(), uint64_t{0});
     return std::to_string(state_->agent_count()) + " agents, " + std::to_string(state_->group_count()) +
-           " groups, " + std::to_string(state_->last_seq()) + " events, " + std::to_string(lost) +
+           " groups, " + std::to_string(events) + " events, " + std::to_string(lost) +
            " datagrams lost";
 }
 

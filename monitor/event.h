@@ -54,8 +54,9 @@ class Sink {
     virtual ~Sink() = default;
     virtual void on_event(const Event& event) = 0;
 
-    // Agents are shown under other names from now on; there is no event for it.
-    virtual void on_rename() {}
+    // Agents are shown under other names from now on. There is no event for it, but it has taken a number of
+    // its own, so that who has seen what is told by the last number alone.
+    virtual void on_rename(uint64_t seq) { (void)seq; }
 };
 
 } // namespace zentmon

@@ -14,8 +14,7 @@ constexpr std::string_view kRetry = "retry: 1000\n\n";
 // told once to begin anew.
 class EventStream : public Body {
   public:
-    EventStream(EventRing& ring, std::string_view since)
-        : ring_(ring), seq_(ring.last_seq()), renames_(ring.renames())
+    EventStream(EventRing& ring, std::string_view since) : ring_(ring), seq_(ring.last_seq())
     {
         if (!since.empty()) {
             const std::optional<uint64_t> point = ring.resume_point(since);
@@ -33,8 +32,6 @@ class EventStream : public Body {
             ping(out, at);
         }
         const StreamLimits& limits = ring_.limits();
-        lost_ = lost_ || ring_.renames() != renames_;
-        renames_ = ring_.renames();
         if (lost_ || ring_.last_seq() - seq_ > limits.per_flush || seq_ + 1 < ring_.first_seq()) {
             lost_ = true; // also where it has to be told later: what it missed does not come back
             if (reset_ms_ < 0 || at.mono_ms - reset_ms_ >= limits.reset_ms) {
@@ -74,7 +71,6 @@ class EventStream : public Body {
 
     EventRing& ring_;
     uint64_t seq_;
-    uint64_t renames_;
     bool begun_ = false;
     bool lost_ = false;
     int64_t reset_ms_ = -1;
@@ -125,10 +121,10 @@ void EventRing::on_event(const Event& event)
     expect_flush();
 }
 
-void EventRing::on_rename()
+void EventRing::on_rename(uint64_t seq)
 {
-    ++renames_;
-    count_ = 0;
+    last_seq_ = seq;
+    count_ = 0; // nobody goes on from before
     expect_flush();
 }
 

@@ -53,9 +53,7 @@ class EventRing : public Sink {
     void on_event(const Event& event) override;
 
     // Rows that a client shows have other names: each stream is reset, and none resumes from before.
-    void on_rename() override;
-
-    uint64_t renames() const { return renames_; }
+    void on_rename(uint64_t seq) override;
 
     // Called when events have come, at most once in flush_ms.
     void on_news(std::function<void()> call) { news_ = std::move(call); }
@@ -85,7 +83,6 @@ class EventRing : public Sink {
     std::vector<Event> ring_;
     uint64_t last_seq_ = 0;
     uint64_t count_ = 0;
-    uint64_t renames_ = 0;
     Activity activity_;
     std::function<void()> news_;
     int64_t flushed_ms_ = 0;

@@ -476,7 +476,7 @@ int Mqtt::start()
     return 0;
 }
 
-void Mqtt::on_rename()
+void Mqtt::on_rename(uint64_t)
 {
     if (phase_ != Phase::away) {
         behind_ = true;

@@ -50,7 +50,7 @@ class Mqtt : public Sink, public Handler {
     int start();
 
     void on_event(const Event& event) override;
-    void on_rename() override; // topics have other names: all anew
+    void on_rename(uint64_t seq) override; // topics have other names: all anew
     void on_readable() override;
     void publish_counters(Counters& counters) const;
 

@@ -283,9 +283,10 @@ void State::Impl::rename(const std::map<std::string, std::string>& names)
               [this](int a, int b) { return agent(a).name->agent < agent(b).name->agent; });
     number_ranks();
     order_.put_all(std::move(keys));
-    for (Sink* sink : sinks_) {
-        if (changed) {
-            sink->on_rename();
+    if (changed) {
+        ++seq_;
+        for (Sink* sink : sinks_) {
+            sink->on_rename(seq_);
         }
     }
 }

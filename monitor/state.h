@@ -109,7 +109,7 @@ class State {
     int64_t tick(Now now);
 
     // New names (SIGHUP): agents are shown under them from now on; sinks are told by
-    // on_rename where that changes anything, and no event is made.
+    // on_rename where that changes anything, which takes a number like an event.
     void rename(const std::map<std::string, std::string>& names);
 
     // Puts a stored row back without an event. False where a limit refuses it (counted).
@@ -132,7 +132,7 @@ class State {
 
     size_t agent_count() const;
     size_t group_count() const; // all that are shown
-    uint64_t last_seq() const;  // of the last event, 0 before the first
+    uint64_t last_seq() const;  // of the last event or rename, 0 before the first
 
   private:
     class Impl;

@@ -73,6 +73,7 @@ class HistoryStub : public zentmon::HistoryReader {
 // The child's side of the control socket. Each line is answered by "ok":
 //   JOIN|LEAVE LISTENER ADDRESS PORT GROUP    a line of an agent
 //   MANY COUNT ADDRESS                         so many joins of 239.1.0.0 and up
+//   NAME ADDRESS TEXT                          the only name that is given, as at SIGHUP
 class Control : public zentmon::Handler {
   public:
     Control(int fd, zentmon::State& state) : fd_(fd), state_(state) { watch_.start(fd, this); }
@@ -107,6 +108,8 @@ class Control : public zentmon::Handler {
             for (unsigned i = 0; i < count; ++i) {
                 state_.apply("site", address, 1, zentmon::LineKind::join, 0xef010000 + i, now);
             }
+        } else if (sscanf(line.c_str(), "NAME %63s %63s", address, listener) == 2) {
+            state_.rename({{address, listener}});
         } else if (sscanf(line.c_str(), "%7s %63s %63s %u %31s", word, listener, address, &port, group) ==
                    5) {
             const auto kind = strcmp(word, "JOIN") == 0 ? zentmon::LineKind::join : zentmon::LineKind::leave;

@@ -363,6 +363,27 @@ TEST(MonStream, an_id_that_is_unknown_or_too_old_gives_reset)
     EXPECT_EQ(Stream(site, "?since=" + boot + "-29").next().id, boot + "-30");
 }
 
+TEST(MonStream, a_rename_gives_one_reset_to_who_listens_and_to_who_comes_back)
+{
+    HttpSite site;
+    tell_some(site);
+    const std::string before = last_id(site);
+    Stream stream(site);
+    EXPECT_EQ(stream.any().name, "ping");
+    site.tell("NAME 10.0.0.1 hall");
+    EXPECT_EQ(stream.next().name, "reset");
+    Stream away(site, "?since=" + before); // was away meanwhile, and missed no event
+    const StreamEvent reset = away.next();
+    EXPECT_EQ(reset.name, "reset");
+    EXPECT_EQ(reset.id, last_id(site));
+    EXPECT_EQ(get_json(site, "/groups.json?agent=hall")["total"], 3);
+    Stream back(site, "?since=" + reset.id);
+    site.tell("JOIN lab 10.0.0.1 700 239.9.9.9");
+    for (Stream* each : {&stream, &away, &back}) {
+        EXPECT_EQ(each->next().data["agent"], "hall");
+    }
+}
+
 TEST(MonStream, a_flood_becomes_one_reset)
 {
     SiteOptions options;

@@ -20,7 +20,7 @@ struct Recorder : Sink {
     std::vector<std::string> lines;
     int renames = 0;
 
-    void on_rename() override { ++renames; }
+    void on_rename(uint64_t) override { ++renames; }
 
     void on_event(const Event& event) override
     {
@@ -422,6 +422,7 @@ TEST_F(MonState, names_are_given_by_address_and_given_again)
     s().rename({{"10.0.0.1", "zulu"}, {"10.0.0.2", "alpha"}});
     s().rename({{"10.0.0.1", "zulu"}, {"10.0.0.2", "alpha"}, {"10.0.0.9", "not heard"}});
     EXPECT_EQ(events.renames, 1); // the second one changes nothing that is shown
+    EXPECT_EQ(s().last_seq(), 3u) << "two events and a number for the rename";
     GroupCursor cursor;
     std::vector<std::string> names;
     s().walk_groups(cursor, 10, [&](const GroupRow& row) { return names.push_back(row.who->agent), true; });
