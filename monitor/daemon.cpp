@@ -39,12 +39,13 @@ int exit_code(int error, int otherwise)
     return error == EACCES || error == EPERM ? kExitNoRight : otherwise;
 }
 
-std::string bound_address(int fd)
+Endpoint bound_address(int fd)
 {
-    struct sockaddr_storage ss = {};
-    socklen_t length = sizeof ss;
-    getsockname(fd, reinterpret_cast<struct sockaddr*>(&ss), &length);
-    return endpoint_text(ss);
+    Endpoint at;
+    at.len = sizeof at.ss;
+    getsockname(fd, reinterpret_cast<struct sockaddr*>(&at.ss), &at.len);
+    at.text = endpoint_text(at.ss);
+    return at;
 }
 
 void set_levels(int level)
@@ -119,14 +120,30 @@ int Daemon::start_state()
     return 0;
 }
 
-int Daemon::take_lines(int fd, const std::string& name)
+// An agent is a listener and an address: listeners of one name would make one agent of two. A socket unit
+// gives all its sockets one name.
+std::string Daemon::free_listener_name(const std::string& wanted, const Endpoint& at) const
 {
-    Endpoint at;
-    at.len = sizeof at.ss;
-    getsockname(fd, reinterpret_cast<struct sockaddr*>(&at.ss), &at.len);
+    const auto is_taken = [this](const std::string& name) {
+        return std::any_of(counters_.listeners.begin(), counters_.listeners.end(),
+                           [&name](const ListenerCounters& listener) { return listener.name == name; });
+    };
+    const std::string port = at.text.substr(at.text.rfind(':') + 1);
+    const std::string name = free_name(wanted, port, is_taken);
+    if (name != wanted) {
+        log_warn("%s: another listener is called so: that at %s is %s\n", wanted.c_str(), at.text.c_str(),
+                 name.c_str());
+    }
+    return name;
+}
+
+int Daemon::take_lines(int fd, const std::string& wanted)
+{
+    const Endpoint at = bound_address(fd);
+    const std::string name = free_listener_name(wanted, at);
     listening_at_.push_back(at);
     listeners_.push_back(std::make_unique<Listener>(fd, name, config_.allow, *state_, counters_));
-    log_norm("%s: lines are taken at %s\n", name.c_str(), bound_address(fd).c_str());
+    log_norm("%s: lines are taken at %s\n", name.c_str(), at.text.c_str());
     return listeners_.back()->start() == 0 ? 0 : kExitSystem;
 }
 
@@ -140,7 +157,7 @@ int Daemon::listen(const ListenSpec& spec)
     }
     std::string name = spec.name;
     if (name.empty()) {
-        name = bound_address(fd);
+        name = bound_address(fd).text;
         name.erase(std::remove_if(name.begin(), name.end(), [](char c) { return c == '[' || c == ']'; }),
                    name.end());
         name = as_name(name);
@@ -301,8 +318,7 @@ std::string Daemon::status() const
     }
     const uint64_t events = std::accumulate(counters_.events.begin(), counters_.events.end(), uint64_t{0});
     return std::to_string(state_->agent_count()) + " agents, " + std::to_string(state_->group_count()) +
-           " groups, " + std::to_string(events) + " events, " + std::to_string(lost) +
-           " datagrams lost";
+           " groups, " + std::to_string(events) + " events, " + std::to_string(lost) + " datagrams lost";
 }
 
 } // namespace zentmon

@@ -42,7 +42,8 @@ class Daemon {
     int start_sinks();
 
     int listen(const ListenSpec& spec);
-    int take_lines(int fd, const std::string& name);
+    std::string free_listener_name(const std::string& wanted, const Endpoint& at) const;
+    int take_lines(int fd, const std::string& wanted);
     void tick();
     void read_drops();
     void on_turn();

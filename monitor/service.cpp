@@ -79,11 +79,8 @@ std::vector<PassedSocket> passed_sockets()
         }
         fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
         const auto place = static_cast<size_t>(i);
-        const std::string base = as_name(place < names.size() ? names[place] : "fd-" + std::to_string(fd));
-        const auto taken = [&](const std::string& text) {
-            return std::any_of(sockets.begin(), sockets.end(), [&](const auto& s) { return s.name == text; });
-        };
-        sockets.push_back({fd, free_name(base, std::to_string(fd), taken), is_stream});
+        const std::string name = place < names.size() ? names[place] : "fd-" + std::to_string(fd);
+        sockets.push_back({fd, as_name(name), is_stream});
     }
     unsetenv("LISTEN_PID");
     unsetenv("LISTEN_FDS");

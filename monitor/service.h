@@ -14,7 +14,7 @@ namespace zentmon {
 // A socket that was passed with LISTEN_FDS.
 struct PassedSocket {
     int fd;
-    std::string name; // a unique one, from FileDescriptorName
+    std::string name; // from FileDescriptorName: several may have one
     bool is_stream;   // a listening stream socket, else a datagram socket
 };
 

@@ -229,16 +229,30 @@ TEST(MonDaemon, passed_sockets_take_the_place_of_the_default_under_their_names)
     const int second = bound_socket(two);
     Zentmon z({}, pass({first, second}, "hall:hall"));
     ASSERT_TRUE(z.says("hall: lines are taken at 127.0.0.1:" + std::to_string(one)));
-    ASSERT_TRUE(z.says("hall-4: lines are taken at 127.0.0.1:" + std::to_string(two)));
+    const std::string second_name = "hall-" + std::to_string(two);
+    ASSERT_TRUE(z.says("hall: another listener is called so: that at 127.0.0.1:" + std::to_string(two) +
+                       " is " + second_name + "\n"));
+    ASSERT_TRUE(z.says(second_name + ": lines are taken at 127.0.0.1:" + std::to_string(two)));
     ASSERT_TRUE(z.says("Entering event loop"));
     EXPECT_EQ(z.process.err().find("4554"), std::string::npos);
     EXPECT_TRUE(UdpSender(one).send("JOIN UDP://239.1.1.1"));
     EXPECT_TRUE(UdpSender(two).send("JOIN UDP://239.1.1.1"));
     ASSERT_TRUE(z.says("listener hall\n"));
-    ASSERT_TRUE(z.says("listener hall-4\n"));
-    z.end();
+    ASSERT_TRUE(z.says("listener " + second_name + "\n"));
+    EXPECT_EQ(z.end().rfind("zentmon ends: 2 agents, 2 groups", 0), 0u);
     close(first);
     close(second);
+}
+
+TEST(MonDaemon, a_listener_of_the_command_line_gives_way_to_a_passed_one_of_its_name)
+{
+    int port = 0;
+    const int held = bound_socket(port);
+    Zentmon z({"--listen", "127.0.0.1:0=hall"}, pass({held}, "hall"));
+    EXPECT_TRUE(z.says("hall: lines are taken at 127.0.0.1:" + std::to_string(port)));
+    EXPECT_TRUE(z.says("hall: another listener is called so: that at 127.0.0.1:"));
+    z.end();
+    close(held);
 }
 
 // Under load: the socket is held as the service manager holds it, zentmon is stopped and started ten times.
