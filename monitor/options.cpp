@@ -349,6 +349,9 @@ void complete(Config& config)
     if ((config.mqtt_cert.empty()) != (config.mqtt_key.empty())) {
         refuse("--mqtt-cert and --mqtt-key belong together");
     }
+    if (!config.mqtt_password_file.empty() && config.mqtt_user.empty()) {
+        refuse("--mqtt-password-file is of no use without --mqtt-user");
+    }
     if (config.log_level > DEBUG_level) {
         config.log_level = DEBUG_level;
     }

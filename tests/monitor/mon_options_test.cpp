@@ -108,6 +108,7 @@ TEST(MonOptions, what_is_wrong_is_said)
                                                {"--mqtt", "broker:0"},
                                                {"--mqtt-prefix", "a/#"},
                                                {"--mqtt-cert", "a"},
+                                               {"--mqtt", "broker:1883", "--mqtt-password-file", "a"},
                                                {"--loglevel", "loud"},
                                                {"--config", "/nonexistent"}}) {
         EXPECT_NE(error(arguments), "") << arguments[0] << " " << (arguments.size() > 1 ? arguments[1] : "");
