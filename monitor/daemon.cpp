@@ -91,7 +91,8 @@ int Daemon::start_log()
     log_ = std::make_unique<LogSink>(config_.log);
     if (log_->start() != 0) {
         const int error = errno;
-        fprintf(stderr, "zentmon: %s: %s\n", config_.log.c_str(), strerror(error));
+        fprintf(stderr, "zentmon: %s: %s\n", config_.log.empty() ? "the log" : config_.log.c_str(),
+                strerror(error));
         return exit_code(error, kExitSystem);
     }
     return 0;

@@ -334,15 +334,20 @@ void Hooks::Runner::tell(const Event& event, int level, const char* how, const c
                   what, number);
 }
 
-Hooks::Hooks(HookOptions options, const std::shared_ptr<Notices>& notices)
-    : shared_(std::make_shared<Shared>(std::move(options)))
+Hooks::Hooks(HookOptions options, std::shared_ptr<Notices> notices)
+    : shared_(std::make_shared<Shared>(std::move(options))), notices_(std::move(notices))
 {
-    worker_.start("zentmon-exec", [shared = shared_, notices = notices] { Runner(*shared, *notices).run(); });
 }
 
 Hooks::~Hooks()
 {
     stop();
+}
+
+int Hooks::start()
+{
+    return worker_.start("zentmon-exec",
+                         [shared = shared_, notices = notices_] { Runner(*shared, *notices).run(); });
 }
 
 void Hooks::on_event(const Event& event)

@@ -23,8 +23,11 @@ struct HookOptions {
 
 class Hooks : public Sink {
   public:
-    Hooks(HookOptions options, const std::shared_ptr<Notices>& notices);
+    Hooks(HookOptions options, std::shared_ptr<Notices> notices);
     ~Hooks() override;
+
+    // Starts the thread. 0, or -1 with a line.
+    int start();
 
     void on_event(const Event& event) override;
     void publish_counters(Counters& counters) const;
@@ -37,6 +40,7 @@ class Hooks : public Sink {
     class Runner;
 
     std::shared_ptr<Shared> shared_;
+    std::shared_ptr<Notices> notices_;
     Worker worker_;
 };
 

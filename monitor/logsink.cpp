@@ -5,7 +5,9 @@
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
+#include <system_error>
 #include <unistd.h>
+#include <utility>
 
 #include "log.h"
 
@@ -40,12 +42,32 @@ int LogSink::open_file() const
                          : open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
 }
 
+void LogSink::close_file()
+{
+    if (!path_.empty()) {
+        close(fd_);
+    }
+}
+
 int LogSink::start()
 {
     fd_ = open_file();
     if (fd_ < 0) {
         return -1;
     }
+    const int error = start_stream();
+    if (error != 0) {
+        close_file();
+        errno = error;
+        return -1;
+    }
+    log_default(&g_log, stream_);
+    return 0;
+}
+
+// 0 or an errno number.
+int LogSink::start_stream()
+{
     cookie_io_functions_t calls = {};
     calls.write = [](void* sink, const char* text, size_t length) {
         static_cast<LogSink*>(sink)->put(text, length);
@@ -53,7 +75,7 @@ int LogSink::start()
     };
     stream_ = fopencookie(this, "w", calls);
     if (stream_ == nullptr) {
-        return -1;
+        return errno;
     }
     setvbuf(stream_, nullptr, _IOLBF, 4096);
     // Signals are for the thread of the loop.
@@ -61,10 +83,15 @@ int LogSink::start()
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, &before);
-    thread_ = std::thread([this] { work(); });
+    int error = 0;
+    try {
+        thread_ = std::thread([this] { work(); });
+    } catch (const std::system_error& failure) {
+        error = failure.code().value();
+        fclose(std::exchange(stream_, nullptr));
+    }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    log_default(&g_log, stream_);
-    return 0;
+    return error;
 }
 
 LogSink::~LogSink()
@@ -90,9 +117,7 @@ bool LogSink::stop()
         }
     }
     thread_.join();
-    if (!path_.empty()) {
-        close(fd_);
-    }
+    close_file();
     return true;
 }
 

@@ -42,6 +42,8 @@ class LogSink {
   private:
     void work();
     int open_file() const;
+    void close_file();
+    int start_stream();
 
     std::string path_;
     std::atomic<int> fd_{-1};

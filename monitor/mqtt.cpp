@@ -472,8 +472,8 @@ int Mqtt::start()
     if (watch_.start(shared_->to_loop.fd(), this) != 0) {
         return -1;
     }
-    worker_.start("zentmon-mqtt", [shared = shared_, notices = notices_] { Link(*shared, *notices).run(); });
-    return 0;
+    return worker_.start("zentmon-mqtt",
+                         [shared = shared_, notices = notices_] { Link(*shared, *notices).run(); });
 }
 
 void Mqtt::on_rename(uint64_t)

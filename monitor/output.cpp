@@ -7,6 +7,7 @@
 #include <mutex>
 #include <poll.h>
 #include <unistd.h>
+#include <utility>
 
 #include "log.h"
 
@@ -59,15 +60,20 @@ size_t write_text(int fd, const std::string& text)
 
 } // namespace
 
-JsonOutput::JsonOutput(int fd, const std::shared_ptr<Notices>& notices)
-    : shared_(std::make_shared<Shared>(fd))
+JsonOutput::JsonOutput(int fd, std::shared_ptr<Notices> notices)
+    : shared_(std::make_shared<Shared>(fd)), notices_(std::move(notices))
 {
-    worker_.start("zentmon-json", [shared = shared_, notices = notices] { write_all(*shared, *notices); });
 }
 
 JsonOutput::~JsonOutput()
 {
     stop();
+}
+
+int JsonOutput::start()
+{
+    return worker_.start("zentmon-json",
+                         [shared = shared_, notices = notices_] { write_all(*shared, *notices); });
 }
 
 void JsonOutput::on_event(const Event& event)

@@ -19,8 +19,11 @@ class JsonOutput : public Sink {
     static constexpr size_t kMaxWaiting = 8u << 20;
 
     // Writes to fd, which is borrowed and stays as it is. REQUIRES: SIGPIPE is ignored.
-    JsonOutput(int fd, const std::shared_ptr<Notices>& notices);
+    JsonOutput(int fd, std::shared_ptr<Notices> notices);
     ~JsonOutput() override;
+
+    // Starts the thread. 0, or -1 with a line.
+    int start();
 
     void on_event(const Event& event) override;
     void publish_counters(Counters& counters) const;
@@ -33,6 +36,7 @@ class JsonOutput : public Sink {
     static void write_all(Shared& shared, Notices& notices);
 
     std::shared_ptr<Shared> shared_;
+    std::shared_ptr<Notices> notices_;
     Worker worker_;
     std::string line_; // kept for its memory
 };

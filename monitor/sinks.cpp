@@ -60,20 +60,34 @@ int Sinks::start_history()
 
 int Sinks::start_others()
 {
-    if (config_.json) {
-        state_.add_sink(&json_.emplace(STDOUT_FILENO, notices_));
-    }
-    if (!config_.exec.empty()) {
-        HookOptions options;
-        options.path = config_.exec;
-        options.at_once = static_cast<size_t>(config_.exec_max);
-        state_.add_sink(&hooks_.emplace(std::move(options), notices_));
-    }
-    if (start_forward() != 0 || start_mqtt() != 0) {
+    if (start_json() != 0 || start_hooks() != 0 || start_forward() != 0 || start_mqtt() != 0) {
         return -1;
     }
     publish_counters();
     return 0;
+}
+
+int Sinks::start_json()
+{
+    if (!config_.json) {
+        return 0;
+    }
+    json_.emplace(STDOUT_FILENO, notices_);
+    state_.add_sink(&*json_);
+    return json_->start();
+}
+
+int Sinks::start_hooks()
+{
+    if (config_.exec.empty()) {
+        return 0;
+    }
+    HookOptions options;
+    options.path = config_.exec;
+    options.at_once = static_cast<size_t>(config_.exec_max);
+    hooks_.emplace(std::move(options), notices_);
+    state_.add_sink(&*hooks_);
+    return hooks_->start();
 }
 
 int Sinks::start_forward()

@@ -41,6 +41,8 @@ class Sinks {
     void stop();
 
   private:
+    int start_json();
+    int start_hooks();
     int start_forward();
     int start_mqtt();
     void publish_counters();

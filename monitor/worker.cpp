@@ -1,23 +1,25 @@
 // A thread that can be left behind.
 #include "worker.h"
 
-#include <chrono>
-#include <condition_variable>
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
-#include <mutex>
+#include <cstring>
+#include <poll.h>
 #include <pthread.h>
+#include <system_error>
 #include <thread>
 
 #include "log.h"
+#include "loop.h"
+#include "notices.h"
 
 DECLARE_MLL(MLL_COMMON);
 
 namespace zentmon {
 
 struct Worker::Life {
-    std::mutex mutex;
-    std::condition_variable ended_changed;
-    bool ended = false;
+    Bell ended;
     std::thread thread;
 };
 
@@ -28,22 +30,31 @@ Worker::~Worker()
     ASSERT(life_ == nullptr);
 }
 
-void Worker::start(const char* name, std::function<void()> body)
+int Worker::start(const char* name, std::function<void()> body)
 {
-    life_ = std::make_shared<Life>();
+    const auto life = std::make_shared<Life>();
+    int error = 0;
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    life_->thread = std::thread([life = life_, body = std::move(body)]() mutable {
-        body();
-        body = nullptr; // what it holds ends here, before the end is told
-        const std::lock_guard lock(life->mutex);
-        life->ended = true;
-        life->ended_changed.notify_all();
-    });
-    pthread_setname_np(life_->thread.native_handle(), name);
+    try {
+        life->thread = std::thread([life, body = std::move(body)]() mutable {
+            body();
+            body = nullptr; // what it holds ends here, before the end is told
+            life->ended.ring();
+        });
+    } catch (const std::system_error& failure) {
+        error = failure.code().value();
+    }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (error != 0) {
+        log_err("%s: no thread: %s\n", name, strerror(error));
+        return -1;
+    }
+    pthread_setname_np(life->thread.native_handle(), name);
+    life_ = life;
+    return 0;
 }
 
 bool Worker::join_within(int64_t ms)
@@ -51,19 +62,19 @@ bool Worker::join_within(int64_t ms)
     if (life_ == nullptr) {
         return true;
     }
-    bool ended;
-    {
-        std::unique_lock lock(life_->mutex);
-        const auto limit = std::chrono::system_clock::now() + std::chrono::milliseconds(ms);
-        ended = life_->ended_changed.wait_until(lock, limit, [this] { return life_->ended; });
-    }
-    if (ended) {
+    const int64_t until = now().mono_ms + ms;
+    struct pollfd bell = {life_->ended.fd(), POLLIN, 0};
+    int rung;
+    do {
+        rung = poll(&bell, 1, static_cast<int>(std::max<int64_t>(until - now().mono_ms, 0)));
+    } while (rung < 0 && errno == EINTR);
+    if (rung == 1) {
         life_->thread.join();
     } else {
         life_->thread.detach();
     }
     life_ = nullptr;
-    return ended;
+    return rung == 1;
 }
 
 } // namespace zentmon

@@ -15,8 +15,9 @@ class Worker {
     Worker& operator=(const Worker&) = delete;
 
     // Runs body in a thread of that name (15 characters) with all signals blocked: they are the loop's. What
-    // body uses must live as long as the thread may, since it may be left behind: hold it by shared_ptr.
-    void start(const char* name, std::function<void()> body);
+    // body uses must live as long as the thread may, since it may be left behind: hold it by shared_ptr. 0,
+    // or -1 with a line where the system gives no thread.
+    int start(const char* name, std::function<void()> body);
 
     // Waits for the end of body. False where the time is over: the thread hangs in the kernel and is left
     // behind, to end with the process.

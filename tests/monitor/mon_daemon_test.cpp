@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -132,6 +133,34 @@ TEST(MonDaemon, without_the_right_to_a_port_it_ends_with_77)
         GTEST_SKIP() << "skipped: another user may not run the program here";
     }
     EXPECT_EQ(result.exit_code, 77) << result.err;
+}
+
+// Of the first thread, that of the log, and of the second one, whichever that is.
+TEST(MonDaemon, without_a_thread_it_ends_with_71)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "skipped: needs root, to become a user without other processes";
+    }
+    const std::vector<std::vector<std::string>> kinds = {
+        {}, {"--db", "/nonexistent/h.db"}, {"--json"}, {"--exec", "/bin/true"}, {"--mqtt", "127.0.0.1:1"}};
+    for (const std::vector<std::string>& kind : kinds) {
+        std::vector<std::string> argv = {support::build_path("zentmon"), "--http", "none", "--listen", "0"};
+        argv.insert(argv.end(), kind.begin(), kind.end());
+        Process process(argv, [&kind] {
+            const rlim_t threads = kind.empty() ? 1 : 2; // of this user, the first thread among them
+            const rlimit limit = {threads, threads};
+            const auto user = static_cast<uid_t>(100'000 + getpid());
+            if (setgid(user) != 0 || setuid(user) != 0 || setrlimit(RLIMIT_NPROC, &limit) != 0) {
+                _exit(1);
+            }
+        });
+        const ChildResult result = process.wait();
+        if (result.exit_code == 1 || result.exit_code == 126 || result.exit_code == 127) {
+            GTEST_SKIP() << "skipped: another user may not run the program here";
+        }
+        EXPECT_EQ(result.exit_code, 71) << result.err;
+        EXPECT_NE(result.err.find(": Resource temporarily unavailable\n"), std::string::npos) << result.err;
+    }
 }
 
 TEST(MonDaemon, takes_lines_until_sigterm)

@@ -165,6 +165,7 @@ TEST_F(MonOutput, each_event_is_a_line_with_the_event_object)
 {
     Pipe pipe;
     JsonOutput output(pipe.writer(), notices);
+    ASSERT_EQ(output.start(), 0);
     std::string expected;
     for (const EventKind kind : {EventKind::join, EventKind::leave, EventKind::expire}) {
         const Event event = events.next(kind, group(1), who);
@@ -182,6 +183,7 @@ TEST_F(MonOutput, a_reader_that_does_not_read_costs_whole_lines_and_they_are_cou
 {
     Pipe pipe;
     JsonOutput output(pipe.writer(), notices);
+    ASSERT_EQ(output.start(), 0);
     uint64_t sent = 0;
     while (dropped(output) < 1000) { // ends only if nothing here waits for the reader
         output.on_event(events.next(EventKind::join, group(1), who));
@@ -205,6 +207,7 @@ TEST_F(MonOutput, a_reader_that_hangs_does_not_hold_up_the_end)
     Pipe pipe;
     {
         JsonOutput output(pipe.writer(), notices);
+        ASSERT_EQ(output.start(), 0);
         while (dropped(output) == 0) {
             output.on_event(events.next(EventKind::join, group(1), who));
         }
@@ -219,6 +222,7 @@ TEST_F(MonOutput, a_reader_that_is_gone_is_told_once_and_every_line_is_counted)
     Pipe pipe;
     pipe.close_reader();
     JsonOutput output(pipe.writer(), notices);
+    ASSERT_EQ(output.start(), 0);
     for (int i = 0; i < 100; ++i) {
         output.on_event(events.next(EventKind::join, group(1), who));
     }
@@ -233,6 +237,7 @@ TEST_F(MonOutput, a_descriptor_that_somebody_made_non_blocking_loses_nothing)
     Pipe pipe;
     fcntl(pipe.writer(), F_SETFL, O_NONBLOCK);
     JsonOutput output(pipe.writer(), notices);
+    ASSERT_EQ(output.start(), 0);
     for (int i = 0; i < 2000; ++i) {
         output.on_event(events.next(EventKind::join, group(1), who));
     }
@@ -284,6 +289,7 @@ TEST_F(MonHooks, a_program_is_told_all_of_an_event_and_nothing_of_the_service)
     Hooks hooks(options("env | grep -E '^(ZENT|NOTIFY|LISTEN|WATCHDOG)' | sort >$DIR/env\n"
                         "cat >>$DIR/env\necho \"args $#\" >>$DIR/env\n"),
                 notices);
+    ASSERT_EQ(hooks.start(), 0);
     hooks.on_event({7, 1'700'000'000'042, EventKind::expire, group(0x10203), who});
     ASSERT_TRUE(run_until([&] { return counted(hooks).hook_ok == 1; }));
     EXPECT_EQ(dir.read("env"),
@@ -295,6 +301,7 @@ TEST_F(MonHooks, a_program_is_told_all_of_an_event_and_nothing_of_the_service)
 TEST_F(MonHooks, the_exit_code_and_the_signal_of_a_run_are_logged_and_counted)
 {
     Hooks hooks(options("[ $ZENT_EVENT = join ] && exit 3\nkill -TERM $$\n"), notices);
+    ASSERT_EQ(hooks.start(), 0);
     hooks.on_event(events.next(EventKind::join, group(1), who));
     ASSERT_TRUE(run_until_logged("for join of 239.0.0.1 by enc ended with exit code 3"));
     hooks.on_event(events.next(EventKind::leave, group(1), who));
@@ -307,6 +314,7 @@ TEST_F(MonHooks, events_of_a_group_run_one_after_another_in_their_order)
     HookOptions o = options("echo b $ZENT_TIME >>$DIR/$ZENT_GROUP\necho e $ZENT_TIME >>$DIR/$ZENT_GROUP\n");
     o.at_once = 8;
     Hooks hooks(o, notices);
+    ASSERT_EQ(hooks.start(), 0);
     for (uint32_t i = 0; i < 40; ++i) {
         hooks.on_event(events.next(i % 2 == 0 ? EventKind::join : EventKind::leave, group(i / 2 % 2), who));
     }
@@ -326,6 +334,7 @@ TEST_F(MonHooks, no_more_run_at_once_than_are_allowed)
     HookOptions o = options("touch $DIR/run.$ZENT_GROUP\nwhile [ ! -e $DIR/go ]; do sleep 0.02; done\n");
     o.at_once = 3;
     Hooks hooks(o, notices);
+    ASSERT_EQ(hooks.start(), 0);
     for (uint32_t i = 0; i < 10; ++i) {
         hooks.on_event(events.next(EventKind::join, group(i), who));
     }
@@ -345,6 +354,7 @@ TEST_F(MonHooks, a_run_that_takes_too_long_is_killed_with_what_it_started)
     HookOptions o = options("sleep 1000 & echo $! >$DIR/child\nmv $DIR/child $DIR/pid\nwait\n");
     o.limit_ms = 300;
     Hooks hooks(o, notices);
+    ASSERT_EQ(hooks.start(), 0);
     hooks.on_event(events.next(EventKind::join, group(1), who));
     ASSERT_TRUE(run_until([&] { return counted(hooks).hook_killed == 1; }));
     if (dir.has("pid")) { // the machine may be too slow for the script to come so far
@@ -359,6 +369,7 @@ TEST_F(MonHooks, a_program_that_is_not_there_is_told_and_the_next_event_is_tried
     HookOptions o;
     o.path = dir.path("absent");
     Hooks hooks(o, notices);
+    ASSERT_EQ(hooks.start(), 0);
     hooks.on_event(events.next(EventKind::join, group(1), who));
     hooks.on_event(events.next(EventKind::leave, group(1), who));
     ASSERT_TRUE(run_until([&] { return counted(hooks).hook_not_started == 2; }));
@@ -371,6 +382,7 @@ TEST_F(MonHooks, what_the_queue_cannot_hold_is_dropped_counted_and_told_once)
     o.at_once = 1;
     o.queue = 5;
     Hooks hooks(o, notices);
+    ASSERT_EQ(hooks.start(), 0);
     for (uint32_t i = 0; i < 50; ++i) {
         hooks.on_event(events.next(EventKind::join, group(i), who));
     }
@@ -385,6 +397,7 @@ TEST_F(MonHooks, the_end_waits_for_a_run_and_then_kills_it)
 {
     HookOptions o = options("touch $DIR/runs\nwhile :; do sleep 0.02; done\n");
     Hooks hooks(o, notices);
+    ASSERT_EQ(hooks.start(), 0);
     hooks.on_event(events.next(EventKind::join, group(1), who));
     ASSERT_TRUE(run_until([&] { return dir.has("runs"); }));
     hooks.stop(50);
