@@ -1,6 +1,8 @@
 // The pool of records and its lists.
 #include "entries.h"
 
+#include <algorithm>
+
 namespace zentmon {
 
 namespace {
@@ -25,6 +27,7 @@ uint32_t Entries::add()
             return kNoEntry;
         }
         place = static_cast<uint32_t>(index);
+        end_ = std::max(end_, place + 1);
     }
     (*this)[place] = {};
     ++used_;

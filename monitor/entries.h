@@ -30,7 +30,8 @@ struct Entry {
     uint32_t left_prev;
     uint16_t agent;
     EntryState state;
-    bool restored; // as the history had it: no line has spoken of it yet
+    bool restored : 1;    // as the history had it: no line has spoken of it yet
+    bool told_fading : 1; // the history was told that it is stale or lingers
 };
 
 static_assert(sizeof(Entry) == 56);
@@ -52,6 +53,9 @@ class Entries {
 
     size_t size() const { return used_; }
 
+    // All places, those of released records included: these are in state `left`.
+    uint32_t end() const { return end_; }
+
     void push_left(uint32_t place);
     void unlink_left(uint32_t place);
 
@@ -64,6 +68,7 @@ class Entries {
     struct xvec pool_ = NULL_xvec;
     uint32_t free_ = kNoEntry; // list of released records, by agent_next
     size_t used_ = 0;
+    uint32_t end_ = 0;
     uint32_t left_first_ = kNoEntry;
     uint32_t left_last_ = kNoEntry;
 };

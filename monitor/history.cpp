@@ -23,8 +23,7 @@ constexpr size_t kSyncPiece = 2000;      // groups of a piece of a synchronisati
 constexpr size_t kSyncWaiting = 200'000; // that wait at most
 constexpr int64_t kSyncPauseMs = 10;     // between two of them
 constexpr int64_t kSyncLaterMs = 1000;   // until there is room for one
-constexpr int64_t kMarkPauseMs = 5000;   // between looks for groups that are stale or linger
-constexpr size_t kMarkPiece = 50'000;    // groups of an agent that are looked at
+constexpr size_t kMarkPiece = 5000;      // groups of a piece of a look for those that are stale or linger
 constexpr int64_t kFirstRetryMs = 1000;
 constexpr int64_t kLongestRetryMs = 30'000;
 constexpr int64_t kSliceMs = 50;         // of a question, then the writing has its turn
@@ -351,7 +350,7 @@ History::History(HistoryOptions options, std::shared_ptr<Notices> notices, State
     : shared_(std::make_shared<Shared>(std::move(options))),
       notices_(std::move(notices)),
       state_(state),
-      mark_timer_([this] { mark(); }),
+      mark_timer_([this] { mark_piece(); }),
       sync_timer_([this] { sync_piece(); })
 {
 }
@@ -386,10 +385,9 @@ int History::start()
     if (watch_.start(shared_->to_loop.fd(), this) != 0) {
         return -1;
     }
-    mark_timer_.start_ms(kMarkPauseMs);
-    worker_.start("zentmon-history",
-                  [shared = shared_, notices = notices_] { Keeper(*shared, *notices).run(); });
-    return 0;
+    mark_timer_.start_ms(shared_->options.mark_ms);
+    return worker_.start("zentmon-history",
+                         [shared = shared_, notices = notices_] { Keeper(*shared, *notices).run(); });
 }
 
 void History::on_event(const Event& event)
@@ -501,38 +499,23 @@ void History::push_row(const GroupRow& row)
     push(StoreItem::row, {0, row.since_ms, kind, row.group, std::make_shared<AgentName>(*row.who)});
 }
 
-// A group that is stale or lingers must not come back as a joined one: nobody may ever say that it is left.
-void History::mark()
+bool History::has_room_for_rows() const
 {
-    mark_timer_.start_ms(kMarkPauseMs);
-    {
-        const std::lock_guard lock(shared_->mutex);
-        if (shared_->rows >= kSyncWaiting) {
-            return; // the file is away or slow: what it knows stays known until it has caught up
-        }
+    const std::lock_guard lock(shared_->mutex);
+    return shared_->rows < kSyncWaiting;
+}
+
+// A group that is stale or lingers must not come back as a joined one: nobody may ever say that it is left.
+// Where the file is away or slow, what it knows stays known until it has caught up.
+void History::mark_piece()
+{
+    bool more = false;
+    if (has_room_for_rows() && state_.may_have_fading()) {
+        more =
+            state_.walk_fading(mark_at_, kMarkPiece, false, [this](const GroupRow& row) { push_row(row); });
     }
-    std::map<std::string, std::set<uint32_t>> before;
-    before.swap(fading_);
-    std::vector<std::string> agents;
-    state_.each_agent([&](const AgentRow& row) {
-        if (row.stale + row.linger > 0 || before.count(row.who->agent) != 0) {
-            agents.push_back(row.who->agent);
-        }
-    });
-    for (const std::string& agent : agents) {
-        const std::set<uint32_t>& known = before[agent];
-        GroupCursor at;
-        state_.walk_groups_of(agent, at, kMarkPiece, [&](const GroupRow& row) {
-            const bool is_fading = row.state != GroupState::joined;
-            if (is_fading) {
-                fading_[agent].insert(row.group);
-            }
-            if (is_fading != (known.count(row.group) != 0)) {
-                push_row(row);
-            }
-            return true;
-        });
-    }
+    mark_at_ = more ? mark_at_ : 0;
+    mark_timer_.start_ms(more ? kSyncPauseMs : shared_->options.mark_ms);
 }
 
 void History::begin_sync()
@@ -555,13 +538,11 @@ void History::sync_piece()
     if (sync_wanted_) {
         sync_wanted_ = false;
         overflowed_ = false;
-        sync_at_ = {};
+        sync_at_ = 0;
         push(StoreItem::sync_begin, {});
     }
-    const bool more = state_.walk_groups(sync_at_, kSyncPiece, [this](const GroupRow& row) {
-        push_row(row);
-        return true;
-    });
+    const bool more =
+        state_.walk_fading(sync_at_, kSyncPiece, true, [this](const GroupRow& row) { push_row(row); });
     if (more) {
         sync_timer_.start_ms(kSyncPauseMs);
     } else {
@@ -573,8 +554,11 @@ void History::stop(int64_t limit_ms)
 {
     watch_.stop();
     if (mark_timer_.runs()) {
-        mark();
         mark_timer_.stop();
+        uint32_t at = 0;
+        if (has_room_for_rows()) {
+            state_.walk_fading(at, SIZE_MAX, false, [this](const GroupRow& row) { push_row(row); });
+        }
     }
     sync_timer_.stop();
     {

@@ -8,7 +8,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 
 #include "counters.h"
@@ -27,6 +26,7 @@ struct HistoryOptions {
     int keep_days = 90;
     size_t queue = 1'000'000; // events that wait at most; what is beyond is lost and counted
     int64_t commit_ms = 950;  // from one transaction to the next: with its own time, a second
+    int64_t mark_ms = 5000;   // between looks for groups that are stale or linger
 };
 
 class History : public Sink, public HistoryReader, public Handler {
@@ -62,7 +62,8 @@ class History : public Sink, public HistoryReader, public Handler {
     void push(StoreItem::Kind kind, const Event& event);
     void take_late_rows(const std::vector<RestoredRow>& rows);
     void push_row(const GroupRow& row);
-    void mark();
+    bool has_room_for_rows() const;
+    void mark_piece();
     void begin_sync();
     void sync_piece();
 
@@ -77,12 +78,12 @@ class History : public Sink, public HistoryReader, public Handler {
 
     // what `joined` says of groups that are stale or linger: no event tells of that
     Timer mark_timer_;
-    std::map<std::string, std::set<uint32_t>> fading_; // by the agent's name
+    uint32_t mark_at_ = 0; // the records that the next piece looks at
 
     // `joined` made equal to the state, a piece at a time
     Timer sync_timer_;
     bool sync_wanted_ = false;
-    GroupCursor sync_at_;
+    uint32_t sync_at_ = 0;
 };
 
 } // namespace zentmon

@@ -95,6 +95,9 @@ class State::Impl {
     bool walk(GroupCursor& at, size_t budget, const std::function<bool(const GroupRow&)>& visit) const;
     bool walk_of(const std::string& agent, GroupCursor& at, size_t budget,
                  const std::function<bool(const GroupRow&)>& visit) const;
+    bool walk_fading(uint32_t& at, size_t budget, bool all,
+                     const std::function<void(const GroupRow&)>& visit);
+    bool may_have_fading() const;
     bool find_group(const std::string& agent, uint32_t group, GroupRow& row) const;
 
     size_t group_count() const { return shown_; }
@@ -150,6 +153,7 @@ class State::Impl {
     void show(Agent& a, Entry& entry, EntryState state);
     void emit(EventKind kind, const Agent& a, uint32_t group, Now now);
     bool row_of(uint32_t place, GroupRow& row) const;
+    void set_told_fading(Entry& entry, bool is_fading);
 
     // time
     int64_t end_lingering(Now now, size_t& budget);
@@ -174,6 +178,7 @@ class State::Impl {
     GroupOrder order_;
     std::deque<HeldLeave> held_leaves_;
     size_t lingering_ = 0;
+    size_t told_fading_ = 0;
     size_t shown_ = 0;
     uint64_t seq_ = 0;
     uint64_t generation_ = 0;
@@ -644,6 +649,7 @@ void State::Impl::end_entry(Agent& a, uint32_t place, EventKind kind, Now now)
     Entry& entry = entries_[place];
     show(a, entry, EntryState::left);
     entry.restored = false;
+    set_told_fading(entry, false);
     entries_.push_left(place);
     emit(kind, a, entry.group, now);
 }
@@ -723,6 +729,7 @@ bool State::Impl::restore(const RestoredRow& row, Now now)
     entry.since_ms = row.since_ms;
     entry.last_ms = row.since_ms;
     entry.restored = true;
+    set_told_fading(entry, row.fading);
     a.first_ms = std::min(a.first_ms, row.since_ms);
     a.last_ms = std::max(a.last_ms, row.since_ms);
     hold(a, entry, holder);
@@ -946,6 +953,36 @@ bool State::Impl::walk_of(const std::string& name, GroupCursor& at, size_t budge
     return count < places.size();
 }
 
+void State::Impl::set_told_fading(Entry& entry, bool is_fading)
+{
+    told_fading_ += (is_fading ? size_t{1} : 0) - (entry.told_fading ? size_t{1} : 0);
+    entry.told_fading = is_fading;
+}
+
+bool State::Impl::walk_fading(uint32_t& at, size_t budget, bool all,
+                              const std::function<void(const GroupRow&)>& visit)
+{
+    for (; at < entries_.end() && budget > 0; ++at, --budget) {
+        GroupRow row;
+        if (!row_of(at, row)) {
+            continue;
+        }
+        const bool is_fading = row.state != GroupState::joined;
+        if (all || is_fading != entries_[at].told_fading) {
+            set_told_fading(entries_[at], is_fading);
+            visit(row);
+        }
+    }
+    return at < entries_.end();
+}
+
+bool State::Impl::may_have_fading() const
+{
+    return told_fading_ > 0 || lingering_ > 0 ||
+           std::any_of(agents_.begin(), agents_.end(),
+                       [](const auto& a) { return a != nullptr && a->stale != 0; });
+}
+
 bool State::Impl::find_group(const std::string& name, uint32_t group, GroupRow& row) const
 {
     const int number = agent_named(name);
@@ -1019,6 +1056,17 @@ bool State::walk_groups_of(const std::string& agent, GroupCursor& at, size_t bud
                            const std::function<bool(const GroupRow&)>& visit) const
 {
     return impl_->walk_of(agent, at, budget, visit);
+}
+
+bool State::walk_fading(uint32_t& at, size_t budget, bool all,
+                        const std::function<void(const GroupRow&)>& visit)
+{
+    return impl_->walk_fading(at, budget, all, visit);
+}
+
+bool State::may_have_fading() const
+{
+    return impl_->may_have_fading();
 }
 
 bool State::find_group(const std::string& agent, uint32_t group, GroupRow& row) const

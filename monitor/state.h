@@ -124,6 +124,14 @@ class State {
     bool walk_groups_of(const std::string& agent, GroupCursor& at, size_t budget,
                         const std::function<bool(const GroupRow&)>& visit) const;
 
+    // For the history, which must know which groups are stale or linger, though no event tells of that: calls
+    // visit for each shown group for which this has changed since the last call about it, or with `all` for
+    // each one, among `budget` records from the place `at` on, which moves behind them. The place of a group
+    // stays the same as long as it is shown. False at the end.
+    bool walk_fading(uint32_t& at, size_t budget, bool all,
+                     const std::function<void(const GroupRow&)>& visit);
+    bool may_have_fading() const; // else that walk visits nothing, unless all are asked for
+
     // One group of an agent. False where it is not shown.
     bool find_group(const std::string& agent, uint32_t group, GroupRow& row) const;
 

@@ -155,6 +155,37 @@ TEST_F(MonHistory, what_was_stale_is_stale_after_a_restart_and_what_lingered_is_
     EXPECT_EQ(states(), "joined joined joined ");
 }
 
+TEST_F(MonHistory, the_last_group_of_a_large_agent_is_stored_as_stale_and_as_joined_again)
+{
+    HistoryOptions options;
+    options.mark_ms = 20;
+    begin(options);
+    constexpr uint32_t kGroups = 52'000;
+    for (uint32_t i = 0; i < kGroups; ++i) {
+        line(LineKind::join, group(i), "10.0.0.1", 4000);
+    }
+    line(LineKind::join, group(0), "10.0.0.1", 5000); // its process was started anew
+    const auto stores = [this](const std::string& of_last, const std::string& counts) {
+        return run_until([&] { // all are counted only when the last one is as it should be
+            return sql(path, "SELECT fading FROM joined ORDER BY k DESC LIMIT 1") == of_last &&
+                   sql(path, "SELECT fading, count(*) FROM joined GROUP BY fading") == counts;
+        });
+    };
+    EXPECT_TRUE(stores("1\n", "0|1\n1|51999\n"));
+    line(LineKind::join, group(kGroups - 1), "10.0.0.1", 5000);
+    EXPECT_TRUE(stores("0\n", "0|2\n1|51998\n"));
+    // A file that is made anew has it all, and what it has is known.
+    for (const char* end : {"", "-wal", "-shm"}) {
+        std::filesystem::remove(path + end);
+    }
+    line(LineKind::leave, group(0), "10.0.0.1", 5000);
+    EXPECT_TRUE(stores("0\n", "0|1\n1|51998\n"));
+    line(LineKind::leave, group(kGroups - 1), "10.0.0.1", 5000);
+    EXPECT_TRUE(stores("1\n", "1|51998\n"));
+    line(LineKind::leave, group(1), "10.0.0.1", 5000); // it was the same process all the time
+    EXPECT_TRUE(stores("0\n", "0|51997\n"));
+}
+
 TEST_F(MonHistory, the_end_writes_what_waits)
 {
     begin();
