@@ -257,6 +257,31 @@ TEST_F(MonMqtt, only_the_own_groups_that_are_not_held_are_emptied)
         [&] { return json::parse(retained()["one/10.0.0.1/239.0.0.1"]).value("since", 0.0) > 1.7e9; }));
 }
 
+TEST_F(MonMqtt, after_a_rename_the_topics_have_the_new_names_and_the_old_ones_are_empty)
+{
+    for (const char* address : {"10.0.0.1", "10.0.0.2", "10.0.0.3"}) {
+        join(1, address);
+        join(2, address);
+    }
+    state.rename({{"10.0.0.1", "hall"}, {"10.0.0.2", "roof"}});
+    begin(options());
+    ASSERT_TRUE(
+        retains({"one/$status", "one/10.0.0.3/239.0.0.1", "one/10.0.0.3/239.0.0.2", "one/hall/239.0.0.1",
+                 "one/hall/239.0.0.2", "one/roof/239.0.0.1", "one/roof/239.0.0.2"}));
+    leave(2, "10.0.0.2");
+    // Two change places, a third one gets a name, and a line comes before the broker has been told.
+    state.rename({{"10.0.0.1", "roof"}, {"10.0.0.2", "hall"}, {"10.0.0.3", "door"}});
+    join(3, "10.0.0.3");
+    ASSERT_TRUE(retains({"one/$status", "one/door/239.0.0.1", "one/door/239.0.0.2", "one/door/239.0.0.3",
+                         "one/hall/239.0.0.1", "one/roof/239.0.0.1", "one/roof/239.0.0.2"}));
+    const auto topics = retained();
+    EXPECT_EQ(json::parse(topics.at("one/hall/239.0.0.1"))["address"], "10.0.0.2");
+    EXPECT_EQ(json::parse(topics.at("one/roof/239.0.0.1"))["address"], "10.0.0.1");
+    leave(1, "10.0.0.1");
+    EXPECT_TRUE(retains({"one/$status", "one/door/239.0.0.1", "one/door/239.0.0.2", "one/door/239.0.0.3",
+                         "one/hall/239.0.0.1", "one/roof/239.0.0.2"}));
+}
+
 TEST_F(MonMqtt, thousands_of_groups_are_published_and_a_second_connection_publishes_none_of_them_again)
 {
     constexpr uint32_t kGroups = 3000;
