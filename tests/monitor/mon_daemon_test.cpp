@@ -23,6 +23,8 @@ struct Zentmon {
     Process process;
     int port = 0;
 
+    Zentmon() = default;
+
     explicit Zentmon(std::vector<std::string> more, const std::function<void()>& in_child = {})
     {
         std::vector<std::string> argv = {support::build_path("zentmon"), "--http", "none", "--loglevel",
@@ -323,6 +325,48 @@ TEST(MonDaemon, stopped_and_started_with_the_socket_held_it_loses_no_line)
     }
     EXPECT_EQ(taken, static_cast<uint64_t>(sent));
     close(held);
+}
+
+// Lines, questions, history, a rename and the end: no invalid access, no leak.
+TEST(MonDaemon, valgrind_finds_nothing_in_a_whole_life)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "skipped: valgrind cannot run a program with a sanitizer";
+#endif
+    if (run_program({"sh", "-c", "command -v valgrind"}).exit_code != 0) {
+        GTEST_SKIP() << "skipped: valgrind is not installed";
+    }
+    const std::string program = support::build_path("zentmon");
+    if (run_program({"valgrind", program, "--version"}).err.find("unhandled dwarf2") != std::string::npos) {
+        GTEST_SKIP() << "skipped: this valgrind cannot read the debug information of this compiler";
+    }
+    const TempDir dir;
+    dir.write("conf", "name 127.0.0.1=one\n");
+    const std::string http = "127.0.0.1:" + std::to_string(free_port(SOCK_STREAM));
+    const auto get = [&http](const std::string& path) {
+        return run_program({"curl", "-s", "--max-time", "60", "http://" + http + path}).out;
+    };
+    Zentmon z;
+    z.process = Process({"valgrind", "--leak-check=full", "--errors-for-leak-kinds=definite,possible",
+                         "--error-exitcode=99", "--log-file=" + dir.path("valgrind"), program, "--listen",
+                         "127.0.0.1:0=lab", "--http", http, "--db", dir.path("history.db"), "--config",
+                         dir.path("conf"), "--exec", "/bin/true", "--json", "--stale", "1"});
+    z.wait_for_port("lab: lines are taken at 127.0.0.1:");
+    z.send("JOIN UDP://239.1.1.1\nJOIN UDP://239.1.1.2\nLEAVE UDP://239.1.1.1\nnonsense\n");
+    z.send("JOIN UDP://239.1.1.3\n"); // a second process: 239.1.1.2 expires
+    EXPECT_TRUE(wait_until([&] { return get("/history.json").find("expire") != std::string::npos; }));
+    for (const char* path : {"/", "/app.js", "/agents.json", "/activity.json", "/metrics", "/nothing"}) {
+        EXPECT_NE(get(path), "") << path;
+    }
+    Process stream({"curl", "-sN", "http://" + http + "/events"});
+    EXPECT_TRUE(stream.wait_for_out("event: ping"));
+    dir.write("conf", "name 127.0.0.1=two\n");
+    z.process.kill(SIGHUP);
+    EXPECT_TRUE(stream.wait_for_out("event: reset"));
+    EXPECT_NE(get("/groups.json").find("\"agent\":\"two\""), std::string::npos);
+    z.end();
+    const std::string report = dir.read("valgrind");
+    EXPECT_NE(report.find("ERROR SUMMARY: 0 errors"), std::string::npos) << report;
 }
 
 TEST(MonDaemon, tells_the_service_manager_ready_status_watchdog_and_stopping)
