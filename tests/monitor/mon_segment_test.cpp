@@ -7,8 +7,10 @@
 #include <fstream>
 #include <net/if.h>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <sched.h>
 #include <set>
+#include <sstream>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -210,6 +212,37 @@ class MonSegment : public testing::Test {
         return groups;
     }
 
+    // The rows of /groups.json as "GROUP AGENT".
+    std::set<std::string> rows() const
+    {
+        std::set<std::string> rows;
+        const nlohmann::json answer = get("/groups.json");
+        for (const auto& row : answer["groups"]) {
+            rows.insert(row["group"].get<std::string>() + " " + row["agent"].get<std::string>());
+        }
+        return rows;
+    }
+
+    // Those that a browser draws. Nothing where there is none, or where it would cost more than it finds.
+    std::optional<std::set<std::string>> drawn_rows() const
+    {
+#ifdef __SANITIZE_ADDRESS__
+        return std::nullopt;
+#endif
+        const ChildResult result = run_program({source_path("tests/monitor/page/drawn_rows.py"),
+                                                "http://127.0.0.1:" + std::to_string(http_) + "/"});
+        if (result.exit_code == 77) {
+            return std::nullopt;
+        }
+        EXPECT_EQ(result.exit_code, 0) << result.err;
+        std::istringstream lines(result.out);
+        std::set<std::string> rows;
+        for (std::string line; std::getline(lines, line);) {
+            rows.insert(line);
+        }
+        return rows;
+    }
+
     nlohmann::json agent(const std::string& name) const
     {
         const nlohmann::json answer = get("/agents.json");
@@ -240,7 +273,7 @@ std::string group(int number)
 
 } // namespace
 
-TEST_F(MonSegment, a_thousand_groups_of_two_hosts_are_what_their_kernels_say)
+TEST_F(MonSegment, a_thousand_groups_of_two_hosts_are_what_their_kernels_say_and_what_the_page_draws)
 {
     const Segment two(2);
     start();
@@ -263,6 +296,18 @@ TEST_F(MonSegment, a_thousand_groups_of_two_hosts_are_what_their_kernels_say)
     EXPECT_TRUE(
         wait_until([&] { return shown("one") == one_->joined() && shown("two") == two.joined(); }, kLong));
     EXPECT_EQ(shown("one").size(), 250u);
+    const auto drawn = drawn_rows();
+    if (drawn) {
+        std::set<std::string> of_kernels;
+        for (const std::string& joined : one_->joined()) {
+            of_kernels.insert(joined + " one");
+        }
+        for (const std::string& joined : two.joined()) {
+            of_kernels.insert(joined + " two");
+        }
+        EXPECT_EQ(*drawn, of_kernels);
+        EXPECT_EQ(*drawn, rows());
+    }
     for (int i = 1; i < 500; i += 2) {
         host_one.leave(group(i));
         host_two.leave(group(i + 250));
