@@ -50,7 +50,12 @@ target_link_libraries(morvane_test_flags INTERFACE morvane_warnings)
 target_compile_options(morvane_test_flags INTERFACE -U_FORTIFY_SOURCE -O0 -g1)
 
 # What is shipped, by whatever build type: a distribution's build has None and brings flags of its own.
-if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug" AND NOT MORVANE_SANITIZE)
+if(CMAKE_BUILD_TYPE STREQUAL "Debug" OR MORVANE_SANITIZE)
+  set(MORVANE_SHIPPED OFF)
+else()
+  set(MORVANE_SHIPPED ON)
+endif()
+if(MORVANE_SHIPPED)
   target_compile_options(morvane_flags INTERFACE
     -D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection -fcf-protection)
   target_link_options(morvane_flags INTERFACE -Wl,-z,relro -Wl,-z,now)
