@@ -19,6 +19,12 @@ overlay_root() {
     rm -f "$1/root/usr/sbin/policy-rc.d"
 }
 
+# Runs a command with $1 as its root, in a mount namespace of its own. Not by chroot alone: who is in one can make no user
+# namespace, which PrivateUsers= of a unit needs.
+inside_root() {
+    unshare --mount sh -c 'cd "$1" && shift && pivot_root . mnt && umount -l /mnt && exec chroot . "$@"' sh "$@"
+}
+
 # Boots the systemd of the root $1, with none of this system's own services, in namespaces and a control group of its
 # own; SYSTEMD_PID is its process as seen from here. Fails where this machine does not let it run.
 boot_systemd() {
@@ -32,7 +38,8 @@ boot_systemd() {
         exec unshare --mount --pid --net --ipc --uts --cgroup --fork --kill-child sh -c '\''
             cd "$1" || exit 1
             umount -l proc sys
-            mount -t proc proc proc && mount -t sysfs -o ro sysfs sys && mount -t cgroup2 cgroup2 sys/fs/cgroup || exit 1
+            mount -t proc proc proc && mount -t sysfs -o ro sysfs sys && mount -t cgroup2 cgroup2 sys/fs/cgroup &&
+                pivot_root . mnt && umount -l /mnt || exit 1
             exec chroot . env -i container=test PATH=/usr/sbin:/usr/bin:/sbin:/bin \
                 /lib/systemd/systemd --system --log-target=null --show-status=no --unit=multi-user.target
         '\'' sh "$1"' sh "$root" "$CGROUP" >"$root/tmp/boot.log" 2>&1 &
@@ -64,7 +71,7 @@ halt_systemd() {
 
 # A command inside the booted system.
 booted() {
-    nsenter -t "$SYSTEMD_PID" --mount --pid --net --ipc --uts --cgroup --root --wd=/ "$@"
+    nsenter -t "$SYSTEMD_PID" --mount --pid --net --ipc --uts --cgroup --root --wd "$@"
 }
 
 # Waits for a command to succeed, two minutes at most.
