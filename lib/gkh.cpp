@@ -135,7 +135,6 @@ const void* get_lkey(const struct hrec* rec)
 
 constexpr struct htfunc g_htf[2] = {{s_cmp, s_mkhrec, get_skey}, {l_cmp, l_mkhrec, get_lkey}};
 
-// Thomas Wang's mix of 64 bits: each bit of a number reaches the low ones, which name the slot.
 uint64_t mix(uint64_t x)
 {
     x = (x << 21) - x - 1;
@@ -148,13 +147,11 @@ uint64_t mix(uint64_t x)
     return x;
 }
 
-// Bytes above 127 go into a hash with their sign: hashes must not depend on the platform's plain char.
 uint64_t signed_byte(char c)
 {
     return static_cast<uint64_t>(static_cast<int64_t>(static_cast<signed char>(c)));
 }
 
-// Slots for so many records: a power of two, so that a mask finds the slot.
 size_t calc_rlen(size_t capacity)
 {
     return std::bit_floor(capacity * 3 / 2);
@@ -211,15 +208,6 @@ template <kcmp_t kcmp>
     return place;
 }
 
-// The usual function is asked by its name, so that its call can be inlined away.
-[[gnu::always_inline]] inline u_long hash_of(const ht_t* tbl, const void* key)
-{
-    if (tbl->icalc == tw_shift) {
-        return mix(static_cast<uint64_t>(as_number(key)));
-    }
-    return tbl->icalc != nullptr ? tbl->icalc(key, tbl->hseed) : reinterpret_cast<u_long>(key);
-}
-
 // Looks for a text by its hash, and compares texts where that is the same. A key that is not there is known
 // by the end of the chain, not by its order: the next record's hash is nearer than the next record's text.
 Place find_text(Place place, const char* key, u_long hash)
@@ -235,14 +223,22 @@ Place find_text(Place place, const char* key, u_long hash)
     return place;
 }
 
-// Inlined into each operation: a look-up of a number costs its mix, a mask and the walk, and no call. For a
-// text that is not found the place is the chain's end: see text_place.
+// The pointer that leads to the place's record.
+[[gnu::always_inline]] inline struct hrec** link_to(const Place& place)
+{
+    struct hrec** const link = place.pv != nullptr ? &place.pv->next : place.head;
+    assert(*link == place.p);
+    return link;
+}
+
+// For a text that is not found the place is the chain's end: see text_place.
+template <int ktype>
 [[gnu::always_inline]] inline Place rfind(const ht_t* tbl, const void* key, u_long hash)
 {
     struct hrec** const head = tbl->r + (hash & (tbl->rlen - 1));
     const Place place{head, *head, nullptr, false};
-    return tbl->ktype == ekt_NUM ? walk<l_cmp>(first_step(place, key), key)
-                                 : find_text(place, static_cast<const char*>(key), hash);
+    return ktype == ekt_NUM ? walk<l_cmp>(first_step(place, key), key)
+                            : find_text(place, static_cast<const char*>(key), hash);
 }
 
 // Where a text that is not there belongs in its sorted chain.
@@ -251,79 +247,123 @@ Place text_place(const Place& missed, const void* key)
     return walk<s_cmp>({missed.head, *missed.head, nullptr, false}, key);
 }
 
-// The place of a key that is there. 0, EINVAL without slots, ESRCH without the key.
-[[gnu::always_inline]] inline int locate(const ht_t* tbl, const void* key, Place& place)
+// Apart: most additions of an agent find the key there. link is the one to the record that is to follow.
+template <int ktype>
+[[gnu::noinline]] int insert(ht_t* tbl, const void* key, u_long hash, void** pdat, struct hrec** link)
 {
-    if (tbl->rlen == 0) {
-        return EINVAL;
+    struct hrec* rec = g_htf[ktype].mkhrec(tbl, key, hash);
+    if (rec == nullptr) {
+        return ENOMEM;
     }
-    place = rfind(tbl, key, hash_of(tbl, key));
-    return place.found ? 0 : ESRCH;
+    rec->data = pdat != nullptr ? *pdat : nullptr;
+    rec->next = *link;
+    *link = rec;
+    ++tbl->count;
+    return 0;
 }
 
-// A record goes in before the first that is not below it: chains stay sorted. *pdat is the value to store,
-// and for a key that is there already the one that is stored.
-int add(ht_t* tbl, const void* key, void** pdat)
+// The operations on a table with slots, of a key whose hash is known.
+
+template <int ktype>
+[[gnu::always_inline]] inline int add_hashed(ht_t* tbl, const void* key, u_long hash, void** pdat)
 {
-    assert(tbl != nullptr && key != nullptr);
-    if (tbl->rlen == 0) {
-        return EINVAL;
-    }
-    const u_long hash = hash_of(tbl, key);
-    Place place = rfind(tbl, key, hash);
+    Place place = rfind<ktype>(tbl, key, hash);
     if (place.found) {
         if (pdat != nullptr) {
             *pdat = place.p->data;
         }
         return EBUSY;
     }
-    struct hrec* rec = g_htf[tbl->ktype].mkhrec(tbl, key, hash);
-    if (rec == nullptr) {
-        return ENOMEM;
-    }
-    // A text was looked for by its hash, which says nothing of its place; the sorted walk is paid by an add
-    // alone.
-    if (tbl->ktype == ekt_STR) {
+    if (ktype == ekt_STR) {
         place = text_place(place, key);
     }
-    rec->data = pdat != nullptr ? *pdat : nullptr;
-    rec->next = place.p;
-    struct hrec** link = place.pv != nullptr ? &place.pv->next : place.head;
-    assert(*link == place.p);
-    *link = rec;
-    ++tbl->count;
+    return insert<ktype>(tbl, key, hash, pdat, link_to(place));
+}
+
+template <int ktype>
+[[gnu::always_inline]] inline int rm_hashed(ht_t* tbl, const void* key, u_long hash, void** pdat)
+{
+    const Place place = rfind<ktype>(tbl, key, hash);
+    if (!place.found) {
+        return ESRCH;
+    }
+    *link_to(place) = place.p->next;
+    if (pdat != nullptr) {
+        *pdat = place.p->data;
+    }
+    --tbl->count;
+    free(place.p);
     return 0;
 }
 
+template <int ktype>
+[[gnu::always_inline]] inline int get_hashed(ht_t* tbl, const void* key, u_long hash, void** pdat)
+{
+    const Place place = rfind<ktype>(tbl, key, hash);
+    if (!place.found) {
+        return ESRCH;
+    }
+    if (pdat != nullptr) {
+        *pdat = place.p->data;
+    }
+    return 0;
+}
+
+template <auto operation>
+[[gnu::always_inline]] inline int with_called_hash(ht_t* tbl, const void* key, void** pdat)
+{
+    const u_long hash = tbl->icalc != nullptr ? tbl->icalc(key, tbl->hseed) : reinterpret_cast<u_long>(key);
+    return operation(tbl, key, hash, pdat);
+}
+
+template <auto operation>
+[[gnu::noinline]] int with_called_hash_apart(ht_t* tbl, const void* key, void** pdat)
+{
+    return with_called_hash<operation>(tbl, key, pdat);
+}
+
+// With the integer mix, which is inlined, a look-up costs the mix, a mask and the walk: no call, and so no
+// register that is to be saved. Any other hash is called, in a function of its own.
+template <auto operation>
+[[gnu::always_inline]] inline int with_hash(ht_t* tbl, const void* key, void** pdat)
+{
+    if (tbl->icalc == tw_shift) {
+        return operation(tbl, key, mix(static_cast<uint64_t>(as_number(key))), pdat);
+    }
+    return with_called_hash_apart<operation>(tbl, key, pdat);
+}
+
+template <int ktype>
+int add(ht_t* tbl, const void* key, void** pdat)
+{
+    assert(tbl != nullptr && key != nullptr);
+    if (tbl->rlen == 0) {
+        return EINVAL;
+    }
+    return ktype == ekt_NUM ? with_hash<add_hashed<ktype>>(tbl, key, pdat)
+                            : with_called_hash<add_hashed<ktype>>(tbl, key, pdat);
+}
+
+template <int ktype>
 int rm(ht_t* tbl, const void* key, void** pdat)
 {
     assert(tbl != nullptr);
-    Place place;
-    if (const int rc = locate(tbl, key, place); rc != 0) {
-        return rc;
+    if (tbl->rlen == 0) {
+        return EINVAL;
     }
-    struct hrec** link = place.pv != nullptr ? &place.pv->next : place.head;
-    assert(*link == place.p);
-    *link = place.p->next;
-    if (pdat != nullptr) {
-        *pdat = place.p->data;
-    }
-    free(place.p);
-    --tbl->count;
-    return 0;
+    return ktype == ekt_NUM ? with_hash<rm_hashed<ktype>>(tbl, key, pdat)
+                            : with_called_hash<rm_hashed<ktype>>(tbl, key, pdat);
 }
 
-int get(const ht_t* tbl, const void* key, void** pdat)
+template <int ktype>
+int get(ht_t* tbl, const void* key, void** pdat)
 {
     assert(tbl != nullptr);
-    Place place;
-    if (const int rc = locate(tbl, key, place); rc != 0) {
-        return rc;
+    if (tbl->rlen == 0) {
+        return EINVAL;
     }
-    if (pdat != nullptr) {
-        *pdat = place.p->data;
-    }
-    return 0;
+    return ktype == ekt_NUM ? with_hash<get_hashed<ktype>>(tbl, key, pdat)
+                            : with_called_hash<get_hashed<ktype>>(tbl, key, pdat);
 }
 
 void destroy(ht_t* tbl, gkfree_t free_data)
@@ -349,7 +389,7 @@ int fill(ht_t* tbl, const char** klst, size_t len)
 {
     int rc = 0;
     for (size_t i = 0; klst != nullptr && i < len && rc == 0; ++i) {
-        rc = add(tbl, klst[i], nullptr);
+        rc = add<ekt_STR>(tbl, klst[i], nullptr);
     }
     return rc;
 }
@@ -505,32 +545,32 @@ void nkht_destroy(nkht_t h, gkfree_t free_data)
 
 int skht_add(skht_t h, const char* skey, void** pdat)
 {
-    return add(table(h), skey, pdat);
+    return add<ekt_STR>(table(h), skey, pdat);
 }
 
 int nkht_add(nkht_t h, long int nkey, void** pdat)
 {
-    return add(table(h), as_key(nkey), pdat);
+    return add<ekt_NUM>(table(h), as_key(nkey), pdat);
 }
 
 int skht_rm(skht_t h, const char* skey, void** pdat)
 {
-    return rm(table(h), skey, pdat);
+    return rm<ekt_STR>(table(h), skey, pdat);
 }
 
 int nkht_rm(nkht_t h, long int nkey, void** pdat)
 {
-    return rm(table(h), as_key(nkey), pdat);
+    return rm<ekt_NUM>(table(h), as_key(nkey), pdat);
 }
 
 int skht_get(skht_t h, const char* skey, void** pdat)
 {
-    return get(table(h), skey, pdat);
+    return get<ekt_STR>(table(h), skey, pdat);
 }
 
 int nkht_get(nkht_t h, long int nkey, void** pdat)
 {
-    return get(table(h), as_key(nkey), pdat);
+    return get<ekt_NUM>(table(h), as_key(nkey), pdat);
 }
 
 size_t skht_iter(skht_t h, gkiter_t f, void* farg)
