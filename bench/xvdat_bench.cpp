@@ -110,6 +110,19 @@ struct OurList {
     }
 };
 
+// The same without a callback.
+struct OurListInline : OurList {
+    uint64_t sum()
+    {
+        uint64_t total = 0;
+        struct xvlst_walk at = {};
+        for (ssize_t slot = xvlst_next(&l, &at); slot >= 0; slot = xvlst_next(&l, &at)) {
+            total += static_cast<Item*>(l.data)[slot].number;
+        }
+        return total;
+    }
+};
+
 // The last slot freed is the next one taken, not the lowest: the numbers scatter.
 struct FreeList {
     using Handle = size_t;
@@ -280,6 +293,8 @@ BENCHMARK(churn<Bitmap, 10>)->Name("ChurnHoles/bitmap")->Arg(1024)->Arg(65536);
 BENCHMARK(churn<Colony, 10>)->Name("ChurnHoles/colony")->Arg(1024)->Arg(65536);
 
 BENCHMARK(walk<OurList>)->Name("Walk/ours")->Arg(1024)->Arg(65536);
+BENCHMARK(walk<OurListInline>)->Name("WalkInline/ours")->Arg(1024)->Arg(65536);
+BENCHMARK(walk<Colony>)->Name("WalkInline/colony")->Arg(1024)->Arg(65536);
 BENCHMARK(walk<FreeList>)->Name("Walk/free_list")->Arg(1024)->Arg(65536);
 BENCHMARK(walk<Bitmap>)->Name("Walk/bitmap")->Arg(1024)->Arg(65536);
 BENCHMARK(walk<Colony>)->Name("Walk/colony")->Arg(1024)->Arg(65536);

@@ -22,6 +22,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 #include <sys/types.h>
 
 #include "mvtypes.h"
@@ -171,6 +172,55 @@ int xvlst_del(struct xvlst* l, size_t index, void (*cleanup)(void* data, size_t 
  * order of aux and f. REQUIRES: l and f. */
 int xvlst_each(struct xvlst* l, int (*f)(void* data, size_t index), size_t* pos);
 int xvlst_each_aux(struct xvlst* l, void* aux, int (*f)(void* data, size_t index, void* aux), size_t* pos);
+
+/* xvlst_walk: where a walk without callbacks stands: xvlst_next. Zeroed: at the start. */
+struct xvlst_walk {
+    size_t next;   /* first slot that was not looked at yet */
+    uint64_t left; /* of the 64 slots before it, those that are still to come; bit 0 is the first */
+};
+
+/* xvlst_taken64_: the bits of the 64 slots from base on that are taken; base is below max_len. */
+static inline uint64_t xvlst_taken64_(const struct xvlst* l, size_t base)
+{
+    const size_t count = l->max_len - base < 64 ? l->max_len - base : 64;
+    uint64_t bits = 0;
+    size_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        uint64_t eight = 0;
+        memcpy(&eight, l->taken + base + i, sizeof eight);
+        /* Eight bytes of 0 or 1, the first one lowest: the product has them side by side in its highest byte.
+         */
+        bits |= ((eight * UINT64_C(0x0102040810204080)) >> 56) << i;
+    }
+    for (; i < count; ++i) {
+        bits |= (uint64_t)(l->taken[base + i] != 0) << i;
+    }
+    return bits;
+}
+
+/*
+ * xvlst_next: the next taken slot of a walk in order, -1 behind the last one:
+ *
+ *     struct xvlst_walk walk = {0, 0};
+ *     for (ssize_t i = xvlst_next(l, &walk); i >= 0; i = xvlst_next(l, &walk)) {
+ *
+ * It looks at 64 slots at a time: the body may free the slot that it is given, and take others; of the 64,
+ * one that is freed before its turn is given all the same, and one that is taken meanwhile may be left out.
+ * REQUIRES: l and walk; a list that is not reset, and not purged, before the walk has ended.
+ */
+static inline ssize_t xvlst_next(const struct xvlst* l, struct xvlst_walk* walk)
+{
+    while (walk->left == 0) {
+        if (walk->next > l->last || walk->next >= l->max_len || l->taken == NULL) {
+            return -1;
+        }
+        walk->left = xvlst_taken64_(l, walk->next);
+        walk->next += 64;
+    }
+    const size_t slot = walk->next - 64 + (size_t)__builtin_ctzll(walk->left);
+    walk->left &= walk->left - 1;
+    return (ssize_t)slot;
+}
 
 /* xvlst_rmif: frees each slot for which is_match returns non-zero. The number freed; -1 if a slot could not
  * be freed (is_match has freed it), its index then stored in *pos if pos is given. REQUIRES: l and is_match.

@@ -82,6 +82,8 @@ static void containers(void)
     CHECK(xvlst_add(&list, sizeof(int), 8) == 0);
     CHECK(xvlst_add(&list, sizeof(int), 8) == 1);
     CHECK(xvlst_del(&list, 0, NULL) == 0 && list.len == 1);
+    struct xvlst_walk walk = {0, 0};
+    CHECK(xvlst_next(&list, &walk) == 1 && xvlst_next(&list, &walk) == -1);
     xvlst_reset(&list);
 }
 

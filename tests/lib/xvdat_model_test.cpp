@@ -567,6 +567,67 @@ void run_embedded(uint64_t seed, size_t steps)
     }
 }
 
+namespace {
+
+std::vector<size_t> walked(const struct xvlst& l)
+{
+    std::vector<size_t> slots;
+    struct xvlst_walk walk = {0, 0};
+    for (ssize_t slot = xvlst_next(&l, &walk); slot >= 0; slot = xvlst_next(&l, &walk)) {
+        slots.push_back(static_cast<size_t>(slot));
+    }
+    return slots;
+}
+
+} // namespace
+
+TEST(XvlstNext, gives_what_is_taken_in_lists_of_any_length)
+{
+    Random random(5);
+    for (size_t slots = 1; slots < 200; ++slots) {
+        std::vector<char> room(slots * (kSize + 1)); // just the map's length: a look behind it is seen
+        struct xvlst l = NULL_xvlst;
+        ASSERT_EQ(xvlst_bind(&l, room.data(), room.size(), kSize), 0);
+        EXPECT_TRUE(walked(l).empty());
+        std::vector<size_t> taken;
+        for (size_t i = 0; i < slots; ++i) {
+            ASSERT_EQ(xvlst_add(&l, kSize, 1), static_cast<ssize_t>(i));
+            taken.push_back(i);
+        }
+        EXPECT_EQ(walked(l), taken);
+        const uint64_t one_in = 1 + below(random, 8);
+        for (size_t i = taken.size(); i-- > 0 && taken.size() > 1;) {
+            if (below(random, one_in) == 0) {
+                ASSERT_EQ(xvlst_del(&l, taken[i], nullptr), 0);
+                taken.erase(taken.begin() + static_cast<ptrdiff_t>(i));
+            }
+        }
+        EXPECT_EQ(walked(l), taken) << slots;
+    }
+}
+
+TEST(XvlstNext, body_may_free_the_slot_that_it_is_given)
+{
+    struct xvlst l = NULL_xvlst;
+    EXPECT_TRUE(walked(l).empty());
+    for (size_t i = 0; i < 150; ++i) {
+        ASSERT_GE(xvlst_add(&l, kSize, 7), 0);
+    }
+    size_t given = 0;
+    struct xvlst_walk walk = {0, 0};
+    for (ssize_t slot = xvlst_next(&l, &walk); slot >= 0; slot = xvlst_next(&l, &walk)) {
+        EXPECT_EQ(slot, static_cast<ssize_t>(given++));
+        if (slot % 2 == 0) {
+            EXPECT_EQ(xvlst_del(&l, static_cast<size_t>(slot), nullptr), 0);
+        }
+    }
+    EXPECT_EQ(given, 150U);
+    EXPECT_EQ(l.len, 75U);
+    EXPECT_EQ(walked(l).size(), 75U);
+    xvlst_reset(&l);
+    EXPECT_TRUE(walked(l).empty());
+}
+
 TEST(EmblstModel, random_operations_equal_the_plain_algorithm)
 {
     for (uint64_t seed = 1; seed <= 150 && !HasFatalFailure(); ++seed) {
