@@ -173,15 +173,15 @@ int xvlst_del(struct xvlst* l, size_t index, void (*cleanup)(void* data, size_t 
 int xvlst_each(struct xvlst* l, int (*f)(void* data, size_t index), size_t* pos);
 int xvlst_each_aux(struct xvlst* l, void* aux, int (*f)(void* data, size_t index, void* aux), size_t* pos);
 
-/* xvlst_walk: where a walk without callbacks stands: xvlst_next. Zeroed: at the start. */
+/* Walks without callbacks. xvlst_walk: where one stands; zeroed at the start. */
 struct xvlst_walk {
     size_t next;   /* first slot that was not looked at yet */
     uint64_t left; /* of the 64 slots before it, those that are still to come; bit 0 is the first */
 };
 
-/* xvlst_taken64_: the bits of the 64 slots from base on that are taken; base is below max_len. */
 static inline uint64_t xvlst_taken64_(const struct xvlst* l, size_t base)
 {
+    /* A bit for each of the 64 slots from base on, 1 if it is taken; base is below max_len. */
     const size_t count = l->max_len - base < 64 ? l->max_len - base : 64;
     uint64_t bits = 0;
     size_t i = 0;
