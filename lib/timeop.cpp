@@ -1,6 +1,7 @@
 // Clock readings, time-outs, and the texts of dates and durations.
 #include "timeop.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -89,10 +90,22 @@ bool keep_minute(MinuteText& minute, const struct tm& parts, time_t second, bool
     return true;
 }
 
+// The texts of 0 to 99, side by side: one load for two digits.
+constexpr std::array<char, 200> make_pairs()
+{
+    std::array<char, 200> pairs{};
+    for (size_t i = 0; i < pairs.size(); i += 2) {
+        pairs[i] = static_cast<char>('0' + i / 20);
+        pairs[i + 1] = static_cast<char>('0' + i / 2 % 10);
+    }
+    return pairs;
+}
+
+constexpr std::array<char, 200> kPairs = make_pairs();
+
 char* put_two(char* at, unsigned value)
 {
-    at[0] = static_cast<char>('0' + value / 10);
-    at[1] = static_cast<char>('0' + value % 10);
+    memcpy(at, kPairs.data() + size_t{2} * value, 2);
     return at + 2;
 }
 
