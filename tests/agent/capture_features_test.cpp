@@ -12,18 +12,19 @@
 
 #include "app_flags.h"
 #include "child.h"
+#include "fixtures.h"
 #include "frames_v3.h"
 #include "log.h"
 #include "logcap.h"
 #include "oom.h"
+#include "text.h"
 #include "wrap.h"
 #include "zent.h"
 
+using support::Lines;
 using support::LogCapture;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 pcap_t* const kCapture = reinterpret_cast<pcap_t*>(0x10);
 
@@ -194,7 +195,7 @@ void __wrap_pcap_close(pcap_t* p)
 
 namespace {
 
-class CaptureFeatures : public testing::Test {
+class CaptureFeatures : public support::GuardedTest {
   protected:
     void SetUp() override
     {
@@ -307,11 +308,11 @@ class Expire : public CaptureFeatures {
     // Runs the script and gives the lines that were relayed and the states that were told, in their order.
     Lines run()
     {
-        LogCapture log(INFO_level);
+        LogCapture told(INFO_level);
         EXPECT_EQ(app_run(), 0);
         EXPECT_EQ(g_at, g_script.size());
         Lines result;
-        for (const std::string& line : log.lines()) {
+        for (const std::string& line : told.lines()) {
             if (line.find("bytes output: ") != std::string::npos) {
                 result.push_back(line.substr(line.find("output: ") + 8));
             } else if (line.find("expiry of groups is ") != std::string::npos) {
@@ -348,7 +349,7 @@ class Gathering : public Expire {
 
 TEST_F(Immediate, capture_is_made_step_by_step_and_gets_the_usual_filter)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     EXPECT_EQ(pcap_setup("eth7"), 0);
     EXPECT_EQ(g_calls,
               (Lines{"pcap_lookupnet eth7", "pcap_create eth7", "pcap_set_snaplen 2048", "pcap_set_promisc 0",
@@ -449,7 +450,7 @@ TEST_F(CaptureFeatures, run_tells_in_one_line_which_features_are_on)
 {
     g_ctx.handle = kCapture;
     g_cfg.features = {.any = true, .exact = true, .immediate = true, .igmpv3 = true, .expire = 0};
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     EXPECT_EQ(app_run(), 0);
     EXPECT_EQ(log.lines().size(), 3U);
     EXPECT_EQ(log.lines()[1], "(INF)  app_run: features on: exact,immediate,igmpv3");
@@ -470,7 +471,7 @@ TEST_F(CaptureFeatures, set_up_with_exact_makes_room_for_the_list_or_4096_groups
         g_cfg.non_daemon = true;
         g_cfg.grp_list_file = list;
         snprintf(g_cfg.mifc, sizeof g_cfg.mifc, "eth7");
-        LogCapture log;
+        log.clear();
         EXPECT_EQ(app_setup(), 0) << log.text();
         const size_t slots = reinterpret_cast<const size_t*>(g_ctx.wgrp_ht)[2];
         EXPECT_EQ(nkht_count(g_ctx.wgrp_ht), 0U);
@@ -494,7 +495,7 @@ TEST_F(CaptureFeatures, set_up_with_exact_and_no_memory_for_its_table_fails_with
     bool told = false;
     for (size_t n = 1; n < 20 && !told; ++n) {
         g_ctx = {};
-        LogCapture log;
+        log.clear();
         support::FailAllocation fail(n);
         const int rc = app_setup();
         told = log.text() == "(ERR)  app_setup: failed to create channel hastable\n";
@@ -523,7 +524,6 @@ TEST_F(Expire, timer_that_cannot_be_had_ends_the_run)
 {
     g_failing = "setitimer";
     g_code = -1;
-    LogCapture log;
     errno = EINVAL;
     EXPECT_EQ(app_run(), -1);
     EXPECT_EQ(log.text(),
@@ -692,7 +692,7 @@ TEST_F(Expire, groups_are_looked_at_once_a_second_only)
 TEST_F(Expire, lack_of_memory_for_a_report_is_a_line_and_no_join)
 {
     for (const size_t n : {1U, 2U}) {
-        LogCapture log;
+        log.clear();
         {
             const support::FailAllocation fail(n);
             feed(support::report_frame("239.1.1.1"));
@@ -710,7 +710,7 @@ TEST_F(Expire, lack_of_memory_for_the_keys_is_a_line_and_the_next_second_makes_u
     g_ms += 200'000;
     feed(support::general_query_frame());
     g_ms += 60'000;
-    LogCapture log;
+    log.clear();
     {
         raise(SIGALRM);
         const support::FailAllocation fail(1);

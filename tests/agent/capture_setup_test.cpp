@@ -10,16 +10,17 @@
 
 #include "app_flags.h"
 #include "child.h"
+#include "fixtures.h"
 #include "log.h"
 #include "logcap.h"
+#include "text.h"
 #include "wrap.h"
 #include "zent.h"
 
+using support::Lines;
 using support::LogCapture;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 pcap_t* const kCapture = reinterpret_cast<pcap_t*>(0x10);
 constexpr bpf_u_int32 kMask = 0x00ffffff;
@@ -142,7 +143,7 @@ void __wrap_pcap_freecode(struct bpf_program* prog)
 
 namespace {
 
-class CaptureSetup : public testing::Test {
+class CaptureSetup : public support::GuardedTest {
   protected:
     void SetUp() override
     {
@@ -198,7 +199,7 @@ const std::string kIdle = "(DBG)  on_idle: doing nothing";
 
 TEST_F(CaptureSetup, captures_igmp_without_promiscuous_mode_or_optimisation_and_waits_5_seconds)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     EXPECT_EQ(pcap_setup("eth7"), 0);
     EXPECT_EQ(g_calls, (Lines{"pcap_lookupnet", "pcap_open_live", "pcap_compile", "pcap_setfilter"}));
     EXPECT_EQ(g_ctx.handle, kCapture);
@@ -213,9 +214,9 @@ TEST_F(CaptureSetup, kept_the_filter_program_is_not_freed)
 
 TEST_F(CaptureSetup, installs_the_quit_signals_even_if_it_fails_then)
 {
-    const auto result = support::run_in_child([] {
+    const auto result = support::run_in_child([this] {
         g_failing = "pcap_lookupnet";
-        LogCapture log;
+        log.clear();
         pcap_setup("eth7");
         for (const int signum : {SIGTERM, SIGQUIT, SIGINT}) {
             struct sigaction action;
@@ -247,7 +248,7 @@ TEST_F(CaptureSetup, each_failure_is_one_line_and_leaves_an_open_capture_to_the_
 
 TEST_F(Run, takes_packets_until_a_quit_signal_and_tells_each_turn)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     g_script = {{3}, {0}, {-2, true}};
     EXPECT_EQ(app_run(), 0);
     EXPECT_EQ(log.lines(), (Lines{running(), kWaiting, "(DBG)  app_run: 3 packets", kIdle, kWaiting,
@@ -257,7 +258,7 @@ TEST_F(Run, takes_packets_until_a_quit_signal_and_tells_each_turn)
 TEST_F(Run, goes_on_where_the_loop_was_broken_by_something_else)
 {
     g_now = 2000;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     g_script = {{-2}, {1, true}};
     EXPECT_EQ(app_run(), 0);
     EXPECT_EQ(log.lines(), (Lines{running(), kWaiting, "(DBG)  app_run: -2 packets", kIdle, kWaiting,
@@ -266,7 +267,7 @@ TEST_F(Run, goes_on_where_the_loop_was_broken_by_something_else)
 
 TEST_F(Run, ends_with_the_error_of_the_capture)
 {
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     g_script = {{-1}};
     EXPECT_EQ(app_run(), -1);
     EXPECT_EQ(log.lines(), (Lines{running(), "(ERR)  app_run: pcap_dispatch() ERROR: the wire is cut",
@@ -275,7 +276,7 @@ TEST_F(Run, ends_with_the_error_of_the_capture)
 
 TEST_F(Run, ends_at_once_where_the_quit_signal_came_during_the_start)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     g_quit = 1;
     EXPECT_EQ(app_run(), 0);
     EXPECT_EQ(g_calls, Lines{});
@@ -284,7 +285,7 @@ TEST_F(Run, ends_at_once_where_the_quit_signal_came_during_the_start)
 
 TEST_F(Run, idle_turn_is_told_again_after_five_whole_seconds)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     for (const time_t now : {3000, 3004, 3005, 3009, 3010}) {
         g_now = now;
         EXPECT_EQ(on_idle(), 0);

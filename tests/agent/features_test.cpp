@@ -9,13 +9,13 @@
 
 #include "log.h"
 #include "logcap.h"
+#include "text.h"
 #include "zent.h"
 
+using support::Lines;
 using support::LogCapture;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 constexpr const char* kKnown = "; known are exact, immediate, igmpv3 and expire=S with 10 to 86400 seconds";
 

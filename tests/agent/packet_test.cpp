@@ -7,23 +7,23 @@
 
 #include "app_flags.h"
 #include "child.h"
+#include "fixtures.h"
 #include "frames.h"
 #include "log.h"
-#include "logcap.h"
+#include "text.h"
 #include "zent.h"
 
+using support::expect_abort;
 using support::FrameSpec;
 using support::igmp_frame;
 using support::leave_frame;
-using support::LogCapture;
+using support::Lines;
 using support::report_frame;
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 // The agent between set-up and shutdown, with its lines going to memory.
-class Packet : public testing::Test {
+class Packet : public support::GuardedTest {
   protected:
     void SetUp() override
     {
@@ -108,7 +108,6 @@ TEST_F(Packet, version_1_report_is_a_join_too)
 
 TEST_F(Packet, second_report_from_any_host_prints_nothing)
 {
-    LogCapture log;
     feed(report_frame("239.1.2.3"));
     const std::string before = log.text();
     feed(report_frame("239.1.2.3"));
@@ -123,7 +122,6 @@ TEST_F(Packet, second_report_from_any_host_prints_nothing)
 
 TEST_F(Packet, leave_of_a_group_not_joined_passes_in_silence)
 {
-    LogCapture log;
     feed(leave_frame("239.1.2.3"));
     EXPECT_EQ(relayed(), "");
     EXPECT_EQ(log.text(), "");
@@ -184,7 +182,6 @@ TEST_F(Packet, queries_and_unknown_types_are_ignored)
 TEST_F(Packet, igmp3_report_never_gives_a_line_and_its_dump_says_unknown)
 {
     g_cfg.log_level = DEBUG_level;
-    LogCapture log(NORM_level);
     feed_spec({.type = 34});
     EXPECT_EQ(relayed(), "");
     EXPECT_EQ(log.text(), "02:00:00:00:00:02 -> 01:00:5e:01:02:03 [0800]\n?\?/22 239.1.2.3\n");
@@ -193,7 +190,7 @@ TEST_F(Packet, igmp3_report_never_gives_a_line_and_its_dump_says_unknown)
 TEST_F(Packet, each_dump_goes_to_the_mirror_before_the_log)
 {
     g_cfg.log_level = DEBUG_level;
-    const LogCapture log(ERR_level);
+    log.set_level(ERR_level);
     FILE* own = noting_stream("l", note);
     FILE* mirror = noting_stream("m", note);
     log_default(&g_log, own);
@@ -208,7 +205,7 @@ TEST_F(Packet, each_dump_goes_to_the_mirror_before_the_log)
 TEST_F(Packet, dumps_go_to_mirror_and_log_and_are_not_counted)
 {
     g_cfg.log_level = DEBUG_level;
-    LogCapture log(ERR_level);
+    log.set_level(ERR_level);
     char* mirrored = nullptr;
     size_t length = 0;
     FILE* mirror = open_memstream(&mirrored, &length);
@@ -225,7 +222,7 @@ TEST_F(Packet, dumps_go_to_mirror_and_log_and_are_not_counted)
 TEST_F(Packet, no_dumps_below_debug_level)
 {
     g_cfg.log_level = INFO_level;
-    LogCapture log(ERR_level);
+    log.set_level(ERR_level);
     feed(report_frame("239.1.2.3"));
     EXPECT_EQ(log.text(), "");
 }
@@ -242,7 +239,7 @@ TEST_F(Packet, types_are_dumped_by_name)
 
 TEST_F(Packet, debug_lines_of_a_report_in_order)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     feed(report_frame("239.1.2.3"));
     EXPECT_EQ(
         log.lines(),
@@ -254,7 +251,8 @@ TEST_F(Packet, debug_lines_of_a_report_in_order)
 TEST_F(Packet, debug_lines_of_a_leave_in_order)
 {
     feed(report_frame("239.1.2.3"));
-    LogCapture log(DEBUG_level);
+    log.clear();
+    log.set_level(DEBUG_level);
     feed(leave_frame("239.1.2.3"));
     EXPECT_EQ(
         log.lines(),
@@ -266,7 +264,8 @@ TEST_F(Packet, debug_lines_of_a_leave_in_order)
 TEST_F(Packet, frames_of_up_to_33_bytes_are_too_small)
 {
     for (size_t length = 0; length <= 33; ++length) {
-        LogCapture log(DEBUG_level);
+        log.clear();
+        log.set_level(DEBUG_level);
         auto frame = report_frame("239.1.2.3");
         frame.resize(length);
         feed(frame);
@@ -281,7 +280,7 @@ TEST_F(Packet, frames_of_up_to_33_bytes_are_too_small)
 TEST_F(Packet, every_captured_length_from_14_to_90)
 {
     for (size_t length = 14; length <= 90; ++length) {
-        LogCapture log;
+        log.clear();
         FrameSpec spec{.cut = length, .padded = length};
         const std::string before = relayed();
         // 34 to 38 bytes hold no group at all, 39 and 40 half a one: the rest reads as zero. A report of
@@ -309,7 +308,8 @@ TEST_F(Packet, frame_of_34_to_41_bytes_is_still_parsed)
     feed_spec({.group = "239.7.8.0", .cut = 41});
     EXPECT_EQ(relayed(), "JOIN UDP://239.0.0.0\nJOIN UDP://239.7.0.0\nJOIN UDP://239.7.8.0\n");
     for (size_t length = 34; length <= 38; ++length) {
-        LogCapture log(DEBUG_level);
+        log.clear();
+        log.set_level(DEBUG_level);
         feed_spec({.type = IGMP2_LEAVE, .cut = length});
         EXPECT_EQ(log.lines()[1], "(DBG)  on_pcap_pkt: addr=[0.0.0.0]");
     }
@@ -344,7 +344,7 @@ TEST_F(Packet, kept_header_length_below_the_fixed_part_is_taken_as_it_is)
 
 TEST_F(Packet, header_length_beyond_the_frame_reads_zeros)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     auto frame = report_frame("239.1.2.3");
     frame[14] = 0x4f;
     feed(frame);
@@ -354,7 +354,7 @@ TEST_F(Packet, header_length_beyond_the_frame_reads_zeros)
 
 TEST_F(Packet, ether_type_other_than_ip_is_an_error_and_shown_as_it_stands_in_memory)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     feed_spec({.ether_type = 0x86dd});
     EXPECT_EQ(log.lines(), (Lines{kBegin, "(ERR)  on_pcap_pkt: got non-IP packet: type=dd86", kEnd}));
     log.clear();
@@ -369,7 +369,7 @@ TEST_F(Packet, ip_version_other_than_4_is_an_error)
         if (version == 4) {
             continue;
         }
-        LogCapture log;
+        log.clear();
         feed_spec({.version = version});
         char line[64];
         snprintf(line, sizeof line, "(ERR)  on_pcap_pkt: non-IPv4: %x", version);
@@ -380,7 +380,6 @@ TEST_F(Packet, ip_version_other_than_4_is_an_error)
 
 TEST_F(Packet, protocol_other_than_igmp_is_an_error)
 {
-    LogCapture log;
     feed_spec({.protocol = 17});
     feed_spec({.protocol = 255});
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  on_pcap_pkt: proto=17 - non-IGMP packet",
@@ -398,18 +397,12 @@ TEST_F(Packet, checksums_are_not_verified)
 
 TEST_F(Packet, kept_report_of_the_zero_group_aborts_the_process)
 {
-    const auto result = support::run_in_child([] {
-        feed(report_frame("0.0.0.0"));
-        return 0;
-    });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.err.find("Assertion `tbl != nullptr && key != nullptr' failed"), std::string::npos)
-        << result.err;
+    expect_abort("Assertion `tbl != nullptr && key != nullptr' failed",
+                 [] { feed(report_frame("0.0.0.0")); });
 }
 
 TEST_F(Packet, leave_of_the_zero_group_is_just_not_found)
 {
-    LogCapture log;
     feed(leave_frame("0.0.0.0"));
     EXPECT_EQ(log.text(), "");
     EXPECT_EQ(relayed(), "");
@@ -425,7 +418,7 @@ TEST_F(Packet, report_of_the_zero_group_out_of_scope_does_no_harm)
 TEST_F(Packet, kept_general_query_is_asked_for_scope_before_its_type)
 {
     g_cfg.min_group = 0xe0000001;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     feed_spec({.type = IGMP_QRY, .group = "0.0.0.0"});
     EXPECT_EQ(log.lines(), (Lines{kBegin, "(DBG)  on_pcap_pkt: addr=[0.0.0.0]",
                                   "(DBG)  on_pcap_pkt: address out of scope: 0.0.0.0", kEnd}));
@@ -435,7 +428,7 @@ TEST_F(Packet, out_of_scope_group_is_neither_reported_nor_dumped)
 {
     g_cfg.min_group = 0xefffffff;
     g_cfg.log_level = DEBUG_level;
-    LogCapture log(ERR_level);
+    log.set_level(ERR_level);
     feed(report_frame("239.1.2.3"));
     EXPECT_EQ(relayed(), "");
     EXPECT_EQ(log.text(), "02:00:00:00:00:02 -> 01:00:5e:01:02:03 [0800]\n");
@@ -443,7 +436,6 @@ TEST_F(Packet, out_of_scope_group_is_neither_reported_nor_dumped)
 
 TEST_F(Packet, failed_add_is_one_error_line_and_no_relay_line)
 {
-    LogCapture log;
     nkht_t table = g_ctx.wgrp_ht;
     // A table without slots answers EINVAL to both.
     size_t* rlen = reinterpret_cast<size_t*>(table) + 2;
@@ -463,7 +455,8 @@ TEST_F(Packet, kept_descriptor_zero_counts_as_no_sink)
     for (const int fd : {-1, 0}) {
         g_ctx.rep.fp = nullptr;
         g_ctx.rep.sockfd = fd;
-        LogCapture log(DEBUG_level);
+        log.clear();
+        log.set_level(DEBUG_level);
         relay_msg("JOIN UDP://%s\n", "239.1.2.3");
         EXPECT_EQ(log.lines(), Lines{"(DBG)  relay_msg: BEGIN"});
     }
@@ -472,7 +465,6 @@ TEST_F(Packet, kept_descriptor_zero_counts_as_no_sink)
 
 TEST_F(Packet, line_longer_than_its_buffer_is_refused)
 {
-    LogCapture log;
     relay_msg("%s", std::string(128, 'x').c_str());
     relay_msg("%s", "");
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  relay_msg: not enough buffer space",
@@ -488,7 +480,7 @@ TEST_F(Packet, kept_line_of_127_characters_passes_cut_by_one)
 
 TEST_F(Packet, idle_turn_is_logged_at_most_every_five_seconds)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     EXPECT_EQ(on_idle(), 0);
     EXPECT_EQ(on_idle(), 0);
     EXPECT_EQ(log.lines(), Lines{"(DBG)  on_idle: doing nothing"});

@@ -4,24 +4,23 @@
 #include <cstdlib>
 #include <memory>
 
+#include "fixtures.h"
 #include "frames_v3.h"
 #include "log.h"
-#include "logcap.h"
+#include "text.h"
 #include "zent.h"
 
 using support::igmp_frame;
 using support::kV3Message;
-using support::LogCapture;
+using support::Lines;
 using support::report_frame;
 using support::v3_frame;
 using support::V3Record;
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 // The agent between set-up and shutdown, with version 3 read and its lines going to memory.
-class PacketV3 : public testing::Test {
+class PacketV3 : public support::GuardedTest {
   protected:
     void SetUp() override
     {
@@ -150,7 +149,6 @@ TEST_F(PacketV3, sources_and_auxiliary_data_are_skipped)
 
 TEST_F(PacketV3, report_without_records_says_nothing)
 {
-    LogCapture log;
     EXPECT_EQ(after({}), "");
     EXPECT_EQ(log.text(), "");
 }
@@ -162,7 +160,7 @@ TEST_F(PacketV3, record_cut_at_any_byte_ends_the_walk_and_those_in_front_of_it_c
     const std::vector<uint8_t> whole = v3_frame(records);
     const size_t second = kV3Message + 8 + 16;
     for (size_t length = kV3Message + 8; length < whole.size(); ++length) {
-        LogCapture log;
+        log.clear();
         feed({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length)});
         EXPECT_EQ(relayed(), length < second ? "" : "J 239.1.1.1") << length;
         EXPECT_EQ(log.lines().front(), length < second
@@ -182,7 +180,7 @@ TEST_F(PacketV3, record_that_reaches_beyond_the_packet_is_not_believed_though_it
     std::vector<uint8_t> frame =
         v3_frame({{IGMP3_MODE_IS_EXCLUDE, "239.1.1.1"}, {IGMP3_MODE_IS_EXCLUDE, "239.1.1.2"}});
     support::put16(frame, 14 + 2, frame.size() - 14 - 1);
-    LogCapture log(WARN_level);
+    log.set_level(WARN_level);
     feed(frame);
     EXPECT_EQ(relayed(), "J 239.1.1.1");
     EXPECT_EQ(log.lines(), Lines{cut_line(2, 2)});
@@ -192,14 +190,14 @@ TEST_F(PacketV3, header_cut_at_any_byte_is_told_and_nothing_is_read)
 {
     const std::vector<uint8_t> whole = v3_frame({{IGMP3_MODE_IS_EXCLUDE, kGroup}});
     for (size_t length = 1; length < 8; ++length) {
-        LogCapture log;
+        log.clear();
         feed({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(kV3Message + length)});
         EXPECT_EQ(log.lines(), Lines{"(WRN)  on_pcap_pkt: IGMPv3 report of " + std::to_string(length) +
                                      " bytes is too small"});
     }
     std::vector<uint8_t> none = whole;
     support::put16(none, 14 + 2, 0);
-    LogCapture log;
+    log.clear();
     feed(none);
     EXPECT_EQ(log.lines(), Lines{"(WRN)  on_pcap_pkt: IGMPv3 report of 0 bytes is too small"});
     EXPECT_EQ(relayed(), "");
@@ -207,7 +205,7 @@ TEST_F(PacketV3, header_cut_at_any_byte_is_told_and_nothing_is_read)
 
 TEST_F(PacketV3, count_of_65535_reads_what_is_there)
 {
-    LogCapture log(WARN_level);
+    log.set_level(WARN_level);
     feed(v3_frame({{IGMP3_MODE_IS_EXCLUDE, "239.1.1.1"}, {IGMP3_MODE_IS_EXCLUDE, "239.1.1.2"}}, 65535));
     EXPECT_EQ(relayed(), "J 239.1.1.1,J 239.1.1.2");
     EXPECT_EQ(log.lines(), Lines{cut_line(3, 65535)});
@@ -219,7 +217,6 @@ TEST_F(PacketV3, sources_beyond_any_packet_end_the_walk)
         v3_frame({{IGMP3_MODE_IS_EXCLUDE, "239.1.1.1"}, {IGMP3_MODE_IS_EXCLUDE, "239.1.1.2"}});
     support::put16(frame, kV3Message + 8 + 2, 65535);
     frame[kV3Message + 8 + 1] = 255;
-    LogCapture log;
     feed(frame);
     EXPECT_EQ(relayed(), "");
     EXPECT_EQ(log.lines(), Lines{cut_line(1, 2)});
@@ -230,7 +227,7 @@ TEST_F(PacketV3, records_behind_the_count_and_padding_are_not_read)
     std::vector<uint8_t> frame =
         v3_frame({{IGMP3_MODE_IS_EXCLUDE, "239.1.1.1"}, {IGMP3_MODE_IS_EXCLUDE, "239.1.1.2"}}, 1);
     frame.resize(frame.size() + 30, 0xff);
-    LogCapture log(WARN_level);
+    log.set_level(WARN_level);
     feed(frame);
     EXPECT_EQ(relayed(), "J 239.1.1.1");
     EXPECT_EQ(log.text(), "");
@@ -239,7 +236,8 @@ TEST_F(PacketV3, records_behind_the_count_and_padding_are_not_read)
 TEST_F(PacketV3, record_of_no_group_is_dropped_with_a_line_and_the_next_one_counts)
 {
     for (const char* none : {"0.0.0.0", "10.0.0.1", "223.255.255.255", "240.0.0.0", "255.255.255.255"}) {
-        LogCapture log(DEBUG_level);
+        log.clear();
+        log.set_level(DEBUG_level);
         feed(v3_frame({{IGMP3_MODE_IS_EXCLUDE, none},
                        {IGMP3_CHANGE_TO_INCLUDE, none},
                        {IGMP3_MODE_IS_EXCLUDE, kGroup}}));
@@ -258,7 +256,8 @@ TEST_F(PacketV3, fragment_with_an_offset_is_not_read)
     for (const uint16_t offset : {0x0001, 0x1fff, 0x2001}) {
         std::vector<uint8_t> frame = v3_frame({{IGMP3_MODE_IS_EXCLUDE, kGroup}});
         support::put16(frame, 14 + 6, offset);
-        LogCapture log(DEBUG_level);
+        log.clear();
+        log.set_level(DEBUG_level);
         feed(frame);
         EXPECT_EQ(relayed(), "");
         EXPECT_EQ(log.lines()[1], "(DBG)  on_pcap_pkt: a later fragment of an IGMPv3 report is not read");
@@ -269,7 +268,7 @@ TEST_F(PacketV3, first_fragment_is_read_as_far_as_it_goes)
 {
     std::vector<uint8_t> frame = v3_frame({{IGMP3_MODE_IS_EXCLUDE, kGroup}}, 2);
     support::put16(frame, 14 + 6, 0x2000); // more fragments
-    LogCapture log(WARN_level);
+    log.set_level(WARN_level);
     feed(frame);
     EXPECT_EQ(relayed(), "J 239.1.2.3");
     EXPECT_EQ(log.lines(), Lines{cut_line(2, 2)});
@@ -294,7 +293,7 @@ TEST_F(PacketV3, report_is_read_though_its_count_would_be_out_of_scope_as_a_grou
 TEST_F(PacketV3, debug_lines_of_a_record_in_order)
 {
     g_cfg.log_level = DEBUG_level;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     feed(v3_frame({{IGMP3_MODE_IS_EXCLUDE, kGroup, 2}}));
     EXPECT_EQ(log.lines(),
               (Lines{"(DBG)  on_pcap_pkt: BEGIN", "02:00:00:00:00:02 -> 01:00:5e:01:02:03 [0800]",
@@ -317,7 +316,7 @@ TEST_F(PacketV3, older_messages_go_their_usual_way)
 TEST_F(PacketV3, without_the_feature_other_features_leave_version_3_alone)
 {
     g_cfg.features = {.any = true, .exact = true, .immediate = true, .igmpv3 = false, .expire = 0};
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     EXPECT_EQ(after({{IGMP3_MODE_IS_EXCLUDE, kGroup}}), "");
     EXPECT_EQ(log.lines()[2], "(DBG)  on_pcap_pkt: not a multicast address: 0.0.0.1");
 }
@@ -327,7 +326,8 @@ TEST_F(PacketV3, with_exact_a_message_of_no_group_is_dropped_before_the_tables)
     g_cfg.features = {.any = true, .exact = true, .immediate = false, .igmpv3 = false, .expire = 0};
     for (const char* none : {"0.0.0.0", "10.0.0.1", "223.255.255.255", "240.0.0.0"}) {
         for (const uint8_t type : {IGMP1_RPT, IGMP2_RPT, IGMP2_LEAVE, IGMP_QRY}) {
-            LogCapture log(DEBUG_level);
+            log.clear();
+            log.set_level(DEBUG_level);
             feed(igmp_frame({.type = type, .group = none}));
             EXPECT_EQ(log.lines(), (Lines{"(DBG)  on_pcap_pkt: BEGIN",
                                           std::string("(DBG)  on_pcap_pkt: addr=[") + none + "]",

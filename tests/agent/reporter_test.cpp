@@ -8,18 +8,15 @@
 #include <unistd.h>
 
 #include "child.h"
-#include "fds.h"
+#include "fixtures.h"
 #include "log.h"
-#include "logcap.h"
+#include "text.h"
 #include "uri.h"
 #include "zent.h"
 
-using support::FdGuard;
-using support::LogCapture;
+using support::Lines;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 // A relay's socket on loopback.
 class Relay {
@@ -62,7 +59,7 @@ class Relay {
     uint16_t port_ = 0;
 };
 
-class Reporter : public testing::Test {
+class Reporter : public support::GuardedTest {
   protected:
     void SetUp() override
     {
@@ -81,7 +78,7 @@ class Reporter : public testing::Test {
 
 TEST_F(Reporter, without_a_target_lines_go_to_stdout)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     g_ctx.rep.fp = stderr;
     g_ctx.rep.sockfd = 7;
     EXPECT_EQ(reporter_setup(), 0);
@@ -105,7 +102,6 @@ TEST_F(Reporter, lines_to_stdout_leave_at_once)
 // Each write to such a socket is a datagram of its own.
 TEST_F(Reporter, in_immediate_mode_lines_are_gathered_into_writes_of_whole_lines)
 {
-    const FdGuard fds;
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
     const auto result = support::run_in_child([&] {
@@ -169,7 +165,6 @@ TEST_F(Reporter, in_immediate_mode_a_write_that_fails_costs_its_lines_alone)
 
 TEST_F(Reporter, in_immediate_mode_each_line_to_a_relay_is_a_datagram_at_once)
 {
-    const FdGuard fds;
     const Relay relay;
     g_cfg.features.immediate = true;
     ASSERT_EQ(report_to("127.0.0.1:" + relay.port()), 0);
@@ -182,7 +177,6 @@ TEST_F(Reporter, in_immediate_mode_each_line_to_a_relay_is_a_datagram_at_once)
 
 TEST_F(Reporter, socket_does_not_block)
 {
-    const FdGuard fds;
     const Relay relay;
     ASSERT_EQ(report_to("127.0.0.1:" + relay.port()), 0);
     EXPECT_NE(fcntl(g_ctx.rep.sockfd, F_GETFL) & O_NONBLOCK, 0);
@@ -191,13 +185,11 @@ TEST_F(Reporter, socket_does_not_block)
 
 TEST_F(Reporter, full_buffer_costs_a_line_and_no_time)
 {
-    const FdGuard fds;
     int ends[2]; // stands for the relay's socket: one whose buffer can be filled, and that blocks
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
     while (send(ends[0], "x", 1, MSG_DONTWAIT) == 1) {
     }
     g_ctx.rep.sockfd = ends[0];
-    LogCapture log;
     relay_msg("JOIN UDP://%s\n", "239.1.2.3");
     const Lines lines = log.lines();
     ASSERT_EQ(lines.size(), 3U) << log.text();
@@ -209,10 +201,8 @@ TEST_F(Reporter, full_buffer_costs_a_line_and_no_time)
 
 TEST_F(Reporter, datagram_is_the_line_with_its_newline_and_nothing_else)
 {
-    const FdGuard fds;
     const Relay relay;
     ASSERT_EQ(report_to("127.0.0.1:" + relay.port()), 0);
-    LogCapture log;
     relay_msg("JOIN UDP://%s\n", "239.1.2.3");
     relay_msg("LEAVE UDP://%s\n", "239.1.2.3");
     EXPECT_EQ(relay.receive(), "JOIN UDP://239.1.2.3\n");
@@ -225,10 +215,9 @@ TEST_F(Reporter, datagram_is_the_line_with_its_newline_and_nothing_else)
 
 TEST_F(Reporter, target_drops_the_stream_that_was_set)
 {
-    const FdGuard fds;
     const Relay relay;
     g_ctx.rep.fp = stdout;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     ASSERT_EQ(report_to("127.0.0.1:" + relay.port()), 0);
     EXPECT_EQ(g_ctx.rep.fp, nullptr);
     EXPECT_GT(g_ctx.rep.sockfd, 0);
@@ -239,7 +228,6 @@ TEST_F(Reporter, target_drops_the_stream_that_was_set)
 
 TEST_F(Reporter, host_names_are_resolved_once)
 {
-    const FdGuard fds;
     const Relay relay;
     ASSERT_EQ(report_to("localhost:" + relay.port()), 0);
     if (g_ctx.rep.usock.sspec.family == AF_INET) {
@@ -252,8 +240,7 @@ TEST_F(Reporter, host_names_are_resolved_once)
 TEST_F(Reporter, refused_targets_fail_with_a_line_that_names_them)
 {
     for (const char* target : {"127.0.0.1", "no.such.host.invalid:4554", ":4554x"}) {
-        const FdGuard fds;
-        LogCapture log;
+        log.clear();
         EXPECT_EQ(report_to(target), -1) << target;
         EXPECT_EQ(log.lines().back(),
                   "(ERR)  reporter_setup: failed to open [udp://" + std::string(target) + "]");
@@ -263,14 +250,12 @@ TEST_F(Reporter, refused_targets_fail_with_a_line_that_names_them)
 
 TEST_F(Reporter, relay_that_is_down_costs_at_most_a_line_an_event_and_may_come_back)
 {
-    const FdGuard fds;
     std::string port;
     {
         const Relay gone;
         port = gone.port();
     }
     ASSERT_EQ(report_to("127.0.0.1:" + port), 0);
-    LogCapture log;
     for (int i = 0; i < 3; ++i) {
         relay_msg("JOIN UDP://%s\n", "239.1.2.3");
     }
@@ -280,12 +265,10 @@ TEST_F(Reporter, relay_that_is_down_costs_at_most_a_line_an_event_and_may_come_b
 
 TEST_F(Reporter, failed_send_is_reported_with_the_line)
 {
-    const FdGuard fds;
     const Relay relay;
     ASSERT_EQ(report_to("127.0.0.1:" + relay.port()), 0);
     const int fd = g_ctx.rep.sockfd;
     g_ctx.rep.sockfd = 999; // no such descriptor
-    LogCapture log;
     relay_msg("JOIN UDP://%s\n", "239.1.2.3");
     g_ctx.rep.sockfd = fd;
     const Lines lines = log.lines();
@@ -301,9 +284,7 @@ TEST_F(Reporter, failed_send_is_reported_with_the_line)
 TEST_F(Reporter, shutdown_twice_closes_once)
 {
     const Relay relay;
-    const FdGuard fds;
     ASSERT_EQ(report_to("127.0.0.1:" + relay.port()), 0);
-    LogCapture log;
     app_shutdown();
     app_shutdown();
     EXPECT_EQ(log.text(), "");

@@ -7,19 +7,21 @@
 
 #include "child.h"
 #include "fds.h"
+#include "fixtures.h"
 #include "frames.h"
 #include "log.h"
 #include "logcap.h"
 #include "oom.h"
+#include "text.h"
 #include "zent.h"
 
+using support::expect_abort;
 using support::FailAllocation;
 using support::FdGuard;
+using support::Lines;
 using support::LogCapture;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 int32_t net(const std::string& text)
 {
@@ -33,7 +35,7 @@ uint32_t host(const std::string& text)
     return ntohl(static_cast<uint32_t>(net(text)));
 }
 
-class Scope : public testing::Test {
+class Scope : public support::GuardedTest {
   protected:
     void SetUp() override
     {
@@ -67,7 +69,7 @@ class Scope : public testing::Test {
     void expect_refused(const std::string& text, const std::string& line)
     {
         const nkht_t before = g_ctx.scope_ht;
-        LogCapture log;
+        log.clear();
         EXPECT_EQ(load(text), -1) << text;
         EXPECT_EQ(log.lines(), Lines{"(ERR)  load_group_list: [" + path_ + "]" + line});
         EXPECT_EQ(g_ctx.scope_ht, before);
@@ -259,15 +261,13 @@ TEST_F(Scope, line_that_opens_with_a_nul_byte_is_an_empty_line)
 
 TEST_F(Scope, missing_file_is_one_line)
 {
-    const FdGuard fds;
-    LogCapture log;
     EXPECT_EQ(load_group_list("/nonexistent/list"), -1);
     EXPECT_EQ(log.lines(), Lines{"(ERR)  load_group_list: failed to open [/nonexistent/list]"});
 }
 
 TEST_F(Scope, lines_of_a_success_at_debug_level)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     ASSERT_EQ(load("239.1.1.1\n"), 0);
     EXPECT_EQ(log.lines(), (Lines{"(DBG)  load_group_list: [" + path_ + "]:1 added (0x10101ef) 239.1.1.1",
                                   "(DBG)  load_group_list: 1 enties added"}));
@@ -280,11 +280,9 @@ TEST_F(Scope, allocation_failure_at_every_point_leaves_the_scope_as_it_was)
     FILE* fp = fopen(path_.c_str(), "w");
     fputs("239.1.1.1\n239.1.1.2\n", fp);
     fclose(fp);
-    LogCapture log;
     bool failed = true;
     for (size_t n = 1; failed && n < 20; ++n) {
         log.clear();
-        const FdGuard fds;
         FailAllocation fail(n);
         const int rc = load_group_list(path_.c_str());
         failed = fail.happened();
@@ -321,30 +319,21 @@ TEST_F(Scope, large_list_is_read_whole)
 
 TEST_F(Scope, wrong_mark_in_the_table_ends_the_process)
 {
-    const auto result = support::run_in_child([] {
-        log_default(&g_log, stderr);
+    const char* line = "(PNC)  in_scope: corrupt scope HT, got 0xcccc for key=16843247\n";
+    const std::string text = expect_abort(line, [] {
         nkht_create(&g_ctx.scope_ht, 16, tw_shift);
         void* value = reinterpret_cast<void*>(0xcccc);
         nkht_add(g_ctx.scope_ht, static_cast<long>(net("239.1.1.1")), &value);
-        return in_scope(net("239.1.1.1")) ? 0 : 1;
+        in_scope(net("239.1.1.1"));
     });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.err.find("(PNC)  in_scope: corrupt scope HT, got 0xcccc for key=16843247\n"),
-              std::string::npos)
-        << result.err;
-    EXPECT_NE(result.err.find("Aborting at:\n#0: "), std::string::npos);
+    EXPECT_NE(text.find("Aborting at:\n#0: "), std::string::npos);
 }
 
 TEST_F(Scope, unusable_table_ends_the_process)
 {
-    const auto result = support::run_in_child([] {
-        log_default(&g_log, stderr);
+    expect_abort("(PNC)  in_scope: error(22) getting key=16843247 from scope HT\n", [] {
         nkht_create(&g_ctx.scope_ht, 16, tw_shift);
         reinterpret_cast<size_t*>(g_ctx.scope_ht)[2] = 0; // no slots
-        return in_scope(net("239.1.1.1")) ? 0 : 1;
+        in_scope(net("239.1.1.1"));
     });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.err.find("(PNC)  in_scope: error(22) getting key=16843247 from scope HT\n"),
-              std::string::npos)
-        << result.err;
 }

@@ -11,14 +11,12 @@
 #include "detail/owned.h"
 #include "dgram.h"
 #include "dstream.h"
-#include "fds.h"
-#include "logcap.h"
+#include "fixtures.h"
 #include "mpegts.h"
 #include "rqs.h"
 #include "streams.h"
 
 using support::Buffer;
-using support::LogCapture;
 using support::part;
 
 namespace {
@@ -187,10 +185,11 @@ void check_times(const Daemon& daemon)
 
 } // namespace
 
-TEST(DgramLoop, raw_datagrams)
+class DgramLoop : public support::GuardedTest {};
+
+TEST_F(DgramLoop, raw_datagrams)
 {
-    const support::FdGuard guard;
-    LogCapture log(ERR_level);
+    log.set_level(ERR_level);
     constexpr size_t kDatagrams = 300;
     Daemon daemon;
     const mv::OwnedFd sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -233,14 +232,13 @@ TEST(DgramLoop, raw_datagrams)
     EXPECT_EQ(ns(dgram_calc_time(daemon.di, 0, daemon.end)), ns(now));
 }
 
-TEST(DgramLoop, transport_stream_of_a_real_sender)
+TEST_F(DgramLoop, transport_stream_of_a_real_sender)
 {
     if (const std::string reason = support::streams_missing(); !reason.empty()) {
         GTEST_SKIP() << "skipped: " << reason;
     }
     const std::string stream = support::stream_188("mpeg2video");
-    const support::FdGuard guard;
-    LogCapture log(ERR_level);
+    log.set_level(ERR_level);
     Daemon daemon;
     daemon.counts = true;
     {

@@ -10,21 +10,22 @@
 
 #include "child.h"
 #include "dstream.h"
-#include "logcap.h"
+#include "fixtures.h"
 #include "oom.h"
 #include "rqs.h"
+#include "text.h"
 #include "ts_packets.h"
 #include "wrap.h"
 
 using support::Buffer;
+using support::expect_abort;
 using support::FailAllocation;
 using support::format;
 using support::join;
-using support::LogCapture;
+using support::Lines;
 using support::pat_packet;
 using support::plain_packet;
 using support::repeat;
-using support::run_in_child;
 
 namespace {
 
@@ -48,8 +49,6 @@ int __wrap_clock_gettime(clockid_t id, timespec* tms)
 }
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 constexpr long kStart = 5'000'000; // milliseconds on the clock at which each test begins
 
@@ -104,21 +103,7 @@ ssize_t feed(const Index& di, off_t& offset, size_t seg_len, size_t count)
     return dseq;
 }
 
-// Whether a call ends the process by an ASSERT in that function, or with that text.
-testing::AssertionResult aborts_with(const std::string& text, const std::function<void()>& body)
-{
-    const auto result = run_in_child([&] {
-        log_default(&g_log, stderr);
-        body();
-        return 0;
-    });
-    if (result.signal == SIGABRT && result.err.find(text) != std::string::npos) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "signal " << result.signal << ", stderr: " << result.err;
-}
-
-class Dgram : public testing::Test {
+class Dgram : public support::GuardedTest {
   protected:
     void SetUp() override { go(0); }
 };
@@ -165,15 +150,14 @@ TEST_F(Dgram, storage_is_reserved_at_once)
 
 TEST_F(Dgram, preconditions_of_an_index)
 {
-    EXPECT_TRUE(aborts_with("mk_dgram_idx", [] { mk_dgram_idx(0, 1000); }));
-    EXPECT_TRUE(aborts_with("mk_dgram_idx", [] { mk_dgram_idx(1, 0); }));
-    EXPECT_TRUE(aborts_with("mk_dgram_idx", [] { mk_dgram_idx(1, 99); }));
-    EXPECT_TRUE(aborts_with("free_dgram_idx", [] { free_dgram_idx(nullptr); }));
+    expect_abort("mk_dgram_idx", [] { mk_dgram_idx(0, 1000); });
+    expect_abort("mk_dgram_idx", [] { mk_dgram_idx(1, 0); });
+    expect_abort("mk_dgram_idx", [] { mk_dgram_idx(1, 99); });
+    expect_abort("free_dgram_idx", [] { free_dgram_idx(nullptr); });
 }
 
 TEST_F(Dgram, memory_runs_out)
 {
-    LogCapture log;
     {
         const FailAllocation fail(1);
         EXPECT_EQ(mk_dgram_idx(4, 1000), nullptr);
@@ -192,7 +176,7 @@ TEST_F(Dgram, memory_runs_out)
 
 TEST_F(Dgram, life_is_told)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     dgram_idx* di = mk_dgram_idx(4, 2500);
     const auto* where = static_cast<const void*>(di);
     EXPECT_EQ(log.lines(), Lines{format("(DBG)  mk_dgram_idx: DI(%p) tmout_ms=2500, tslot_ms=100", where)});
@@ -224,7 +208,6 @@ TEST_F(Dgram, life_is_told)
 
 TEST_F(Dgram, raw_datagrams_of_one_length_are_one_sequence)
 {
-    LogCapture log;
     const Index di = make(1000);
     for (const off_t offset : {0, 1316, 2632}) {
         EXPECT_EQ(dgram_add(di.get(), 1316, raw_store(), offset), 0);
@@ -251,7 +234,7 @@ TEST_F(Dgram, a_sequence_of_eight_or_more_closes_silently)
         const Index di = make(1000);
         off_t offset = 0;
         feed(di, offset, 1316, count);
-        LogCapture log;
+        log.clear();
         EXPECT_EQ(feed(di, offset, 700, 1), 1);
         EXPECT_EQ(log.lines().size(), count < 8 ? 1U : 0U) << count;
     }
@@ -294,7 +277,8 @@ TEST_F(Dgram, a_sequence_ends_with_its_time)
     go(1000);
     EXPECT_EQ(feed(di, offset, 100, 1), 0) << "at its last moment it still takes one";
     EXPECT_EQ(seq(di, 0).tslot_count[10], 1U);
-    LogCapture log(INFO_level);
+    log.clear();
+    log.set_level(INFO_level);
     loop_time.tv_nsec += 1;
     clock_time = loop_time;
     EXPECT_EQ(feed(di, offset, 100, 1), 1);
@@ -322,7 +306,7 @@ TEST_F(Dgram, time_out_and_change_of_length_at_once)
     off_t offset = 0;
     feed(di, offset, 100, 2);
     go(3000);
-    LogCapture log;
+    log.clear();
     EXPECT_EQ(feed(di, offset, 200, 1), 1);
     EXPECT_EQ(log.lines(), Lines{"(WRN)  dgram_add: seq[0] is only 2 elements long seq.pkt_size=100, "
                                  "d.pkt_size=200, seg_len=200 TIME-OUT"});
@@ -354,7 +338,7 @@ TEST_F(Dgram, kept_the_slot_is_of_the_clock_and_the_age_of_the_loop)
     EXPECT_EQ(seq(di, 0).max_tslot, 99U);
     EXPECT_EQ(ms_of(seq(di, 0).last_io), 990);
     clock_time = at(1000);
-    EXPECT_TRUE(aborts_with("Assertion", [&] { feed(di, offset, 100, 1); })) << "slot 100";
+    expect_abort([&] { feed(di, offset, 100, 1); }); // slot 100
 }
 
 TEST_F(Dgram, kept_the_last_moment_of_a_round_time_out_is_beyond_the_slots)
@@ -365,7 +349,7 @@ TEST_F(Dgram, kept_the_last_moment_of_a_round_time_out_is_beyond_the_slots)
     go(99999);
     EXPECT_EQ(feed(di, offset, 100, 1), 0);
     go(100000);
-    EXPECT_TRUE(aborts_with("Assertion", [&] { feed(di, offset, 100, 1); }));
+    expect_abort([&] { feed(di, offset, 100, 1); });
     go(100001);
     EXPECT_EQ(feed(di, offset, 100, 1), 1);
 }
@@ -375,10 +359,10 @@ TEST_F(Dgram, a_hole_inside_a_sequence_ends_the_process)
     const Index di = make(1000);
     off_t offset = 0;
     feed(di, offset, 100, 3);
-    EXPECT_TRUE(aborts_with("dgram_add: offset=301 mismatch: expected=300",
-                            [&] { dgram_add(di.get(), 100, raw_store(), 301); }));
-    EXPECT_TRUE(aborts_with("dgram_add: offset=299 mismatch: expected=300",
-                            [&] { dgram_add(di.get(), 100, raw_store(), 299); }));
+    expect_abort("dgram_add: offset=301 mismatch: expected=300",
+                 [&] { dgram_add(di.get(), 100, raw_store(), 301); });
+    expect_abort("dgram_add: offset=299 mismatch: expected=300",
+                 [&] { dgram_add(di.get(), 100, raw_store(), 299); });
     // Between sequences there may be one.
     EXPECT_EQ(dgram_add(di.get(), 99, raw_store(), 4000), 1);
     EXPECT_EQ(seq(di, 1).offset, 4000);
@@ -389,7 +373,7 @@ TEST_F(Dgram, a_segment_without_bytes_ends_the_process_at_the_next_one)
     const Index di = make(1000);
     EXPECT_EQ(dgram_add(di.get(), 0, raw_store(), 0), 0);
     EXPECT_EQ(seq(di, 0).pkt_size, 0U);
-    EXPECT_TRUE(aborts_with("Assertion", [&] { dgram_add(di.get(), 100, raw_store(), 0); }));
+    expect_abort([&] { dgram_add(di.get(), 100, raw_store(), 0); });
     // It can be asked all the same: it has no byte before its end.
     go(50);
     EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 0)), 50);
@@ -398,7 +382,7 @@ TEST_F(Dgram, a_segment_without_bytes_ends_the_process_at_the_next_one)
 
 TEST_F(Dgram, kept_the_limit_of_sequences_may_be_exceeded_by_one)
 {
-    LogCapture log(ERR_level);
+    log.set_level(ERR_level);
     const Index di = make(1000);
     off_t offset = 0;
     for (ssize_t i = 0; i <= 10000; ++i) {
@@ -418,13 +402,13 @@ TEST_F(Dgram, kept_the_limit_of_sequences_may_be_exceeded_by_one)
 TEST_F(Dgram, memory_for_a_sequence_runs_out)
 {
     const Index di = make(1000, 1);
-    EXPECT_TRUE(aborts_with("add_seq: failed to expand sequence", [&] {
+    expect_abort("add_seq: failed to expand sequence", [&] {
         const FailAllocation fail(1);
         off_t offset = 0;
         for (size_t i = 0; i < 100 && !fail.happened(); ++i) {
             feed(di, offset, 10 + i % 2, 1);
         }
-    }));
+    });
 }
 
 TEST_F(Dgram, reset_forgets_all_but_the_type)
@@ -441,7 +425,7 @@ TEST_F(Dgram, reset_forgets_all_but_the_type)
     EXPECT_EQ(last_dseq_offset(di.get(), 7), 0);
     // What comes next is probed anew.
     const Buffer store = repeat(plain_packet(), 7);
-    LogCapture log;
+    log.clear();
     EXPECT_EQ(dgram_add(di.get(), store.size(), store.data(), 0), 0);
     EXPECT_EQ(di->stype.num, STY_MPEGTS.num);
     EXPECT_EQ(log.text(), "") << "from an unknown type";
@@ -488,7 +472,8 @@ TEST_F(Dgram, times_of_the_first_and_the_last_packet_are_exact)
         feed(di, offset, 100, 1);
     }
     go(2000);
-    LogCapture log(DEBUG_level);
+    log.clear();
+    log.set_level(DEBUG_level);
     EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 0)), 3);
     EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 99)), 3);
     EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 200)), 777);
@@ -532,7 +517,8 @@ TEST_F(Dgram, times_between_are_spread_over_the_slots)
     ASSERT_EQ(only.tslot_count[2], 10U);
     const std::pair<off_t, long> table[] = {{1, 10},   {5, 50},   {9, 90},  {10, 100},
                                             {11, 210}, {15, 250}, {18, 280}};
-    LogCapture log(DEBUG_level);
+    log.clear();
+    log.set_level(DEBUG_level);
     for (const auto& [k, ms] : table) {
         EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, k * 100)), ms) << k;
     }
@@ -571,7 +557,8 @@ TEST_F(Dgram, behind_the_end_it_is_now)
     feed(di, offset, 100, 3);
     loop_time = at(1234);
     clock_time = at(9999);
-    LogCapture log(DEBUG_level);
+    log.clear();
+    log.set_level(DEBUG_level);
     EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 300)), 1234);
     EXPECT_EQ(log.lines(),
               Lines{format("(DBG)  dgram_calc_time: DI(%p) dseq=0: offset=300 >= max_offset=300, time=now",
@@ -604,16 +591,16 @@ TEST_F(Dgram, times_that_cannot_be_told_end_the_process)
     const auto ask = [&](ssize_t dseq, off_t where) {
         return [&di, dseq, where] { dgram_calc_time(di.get(), dseq, where); };
     };
-    EXPECT_TRUE(aborts_with("dgram_calc_time", ask(0, 999))) << "no sequence holds it";
-    EXPECT_TRUE(aborts_with("dgram_calc_time", ask(-1, 5000)));
-    EXPECT_TRUE(aborts_with("dgram_calc_time", ask(1, 1299))) << "before the start of the sequence";
-    EXPECT_TRUE(aborts_with("Assertion", ask(static_cast<ssize_t>(di->seq.max_len), 1300)));
-    EXPECT_TRUE(aborts_with("Assertion", ask(1'000'000'000, 1300)));
-    EXPECT_TRUE(aborts_with("Assertion", [] {
+    expect_abort("dgram_calc_time", ask(0, 999)); // no sequence holds it
+    expect_abort("dgram_calc_time", ask(-1, 5000));
+    expect_abort("dgram_calc_time", ask(1, 1299)); // before the start of the sequence
+    expect_abort(ask(static_cast<ssize_t>(di->seq.max_len), 1300));
+    expect_abort(ask(1'000'000'000, 1300));
+    expect_abort([] {
         const Index empty = make(1000);
         dgram_reset(empty.get());
         dgram_calc_time(empty.get(), 1, 0);
-    }));
+    });
 }
 
 TEST_F(Dgram, entry_points_of_a_raw_stream)
@@ -640,8 +627,8 @@ TEST_F(Dgram, entry_points_beyond_the_storage_end_the_process)
     const auto beyond = static_cast<ssize_t>(di->seq.max_len);
     EXPECT_EQ(first_dseq_offset(di.get(), beyond - 1), 0) << "reserved and not yet in use";
     EXPECT_EQ(last_dseq_offset(di.get(), beyond - 1), 0);
-    EXPECT_TRUE(aborts_with("Assertion", [&] { first_dseq_offset(di.get(), beyond); }));
-    EXPECT_TRUE(aborts_with("Assertion", [&] { last_dseq_offset(di.get(), beyond); }));
+    expect_abort([&] { first_dseq_offset(di.get(), beyond); });
+    expect_abort([&] { last_dseq_offset(di.get(), beyond); });
 }
 
 TEST_F(Dgram, a_table_beyond_the_count_ends_the_process)
@@ -650,8 +637,8 @@ TEST_F(Dgram, a_table_beyond_the_count_ends_the_process)
     off_t offset = 0;
     feed(di, offset, 100, 3);
     seq(di, 0).first_pat = seq(di, 0).last_pat = 4;
-    EXPECT_TRUE(aborts_with("first_dseq_offset", [&] { first_dseq_offset(di.get(), 0); }));
-    EXPECT_TRUE(aborts_with("last_dseq_offset", [&] { last_dseq_offset(di.get(), 0); }));
+    expect_abort("first_dseq_offset", [&] { first_dseq_offset(di.get(), 0); });
+    expect_abort("last_dseq_offset", [&] { last_dseq_offset(di.get(), 0); });
 }
 
 TEST_F(Dgram, a_transport_segment_is_counted_by_packets)
@@ -665,7 +652,7 @@ TEST_F(Dgram, a_transport_segment_is_counted_by_packets)
     EXPECT_EQ(seq(di, 0).tslot_count[0], 5U);
     EXPECT_EQ(seq(di, 0).first_pat, 3U);
     EXPECT_EQ(seq(di, 0).last_pat, 3U);
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     EXPECT_EQ(first_dseq_offset(di.get(), 0), 376);
     EXPECT_EQ(last_dseq_offset(di.get(), 0), 376);
     EXPECT_EQ(log.lines(), (Lines{"(DBG)  first_dseq_offset: using first_pat=3",
@@ -677,10 +664,10 @@ TEST_F(Dgram, kept_a_second_transport_segment_without_a_count_ends_the_process)
     const Index di = make(1000);
     const Buffer store = repeat(plain_packet(), 14);
     EXPECT_EQ(dgram_add(di.get(), 1316, store.data(), 0), 0);
-    EXPECT_TRUE(aborts_with("stay", [&] { dgram_add(di.get(), 1316, store.data(), 1316); }));
-    EXPECT_TRUE(aborts_with("stay", [&] { dgram_add_count(di.get(), 1316, 0, store.data(), 1316); }));
+    expect_abort("stay", [&] { dgram_add(di.get(), 1316, store.data(), 1316); });
+    expect_abort("stay", [&] { dgram_add_count(di.get(), 1316, 0, store.data(), 1316); });
     go(2000); // timed out: a new sequence has no count either
-    EXPECT_TRUE(aborts_with("add_seq", [&] { dgram_add(di.get(), 1316, store.data(), 1316); }));
+    expect_abort("add_seq", [&] { dgram_add(di.get(), 1316, store.data(), 1316); });
 }
 
 TEST_F(Dgram, a_transport_sequence_grows_by_the_count_given)
@@ -726,7 +713,6 @@ TEST_F(Dgram, a_transport_sequence_times_out_into_the_next)
     const Buffer store = join({plain_packet(), plain_packet(), plain_packet(), pat_packet(), plain_packet()});
     dgram_add_count(di.get(), 376, 2, store.data(), 0);
     go(1001);
-    LogCapture log;
     EXPECT_EQ(dgram_add_count(di.get(), 564, 3, store.data(), 376), 1);
     EXPECT_EQ(log.text(), "");
     EXPECT_EQ(seq(di, 1).count, 3U);
@@ -761,8 +747,8 @@ TEST_F(Dgram, a_wrong_count_shows_at_the_next_segment)
     const Index di = make(1000);
     const Buffer store = repeat(plain_packet(), 14);
     dgram_add_count(di.get(), 1316, 6, store.data(), 0);
-    EXPECT_TRUE(aborts_with("dgram_add_count: offset=1316 mismatch: expected=1128",
-                            [&] { dgram_add_count(di.get(), 1316, 7, store.data(), 1316); }));
+    expect_abort("dgram_add_count: offset=1316 mismatch: expected=1128",
+                 [&] { dgram_add_count(di.get(), 1316, 7, store.data(), 1316); });
 }
 
 TEST_F(Dgram, a_table_number_beyond_its_field_is_not_noted)
@@ -787,7 +773,7 @@ TEST_F(Dgram, random_raw_streams_beside_a_list_of_datagrams)
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
-    LogCapture log(ERR_level);
+    log.set_level(ERR_level);
 
     struct Datagram {
         off_t offset;

@@ -9,6 +9,7 @@
 #include "detail/owned.h"
 #include "dstream.h"
 #include "fds.h"
+#include "fixtures.h"
 #include "logcap.h"
 #include "mpegts.h"
 #include "rtp.h"
@@ -278,19 +279,19 @@ struct Receiver {
 
 } // namespace
 
-TEST(RtpStream, payload_of_a_real_sender)
+class RtpStream : public support::GuardedTest {};
+
+TEST_F(RtpStream, payload_of_a_real_sender)
 {
     if (const std::string reason = support::streams_missing(); !reason.empty()) {
         GTEST_SKIP() << "skipped: " << reason;
     }
     const std::string stream = support::stream_188("libx264");
-    const support::FdGuard guard;
     const Receiver receiver;
     support::ffmpeg(
         {"-i", stream, "-c", "copy", "-f", "rtp_mpegts", "rtp://127.0.0.1:" + std::to_string(receiver.port)});
     std::vector<Buffer> datagrams = receiver.drain();
     ASSERT_GT(datagrams.size(), 3U);
-    LogCapture log;
     Buffer payload;
     unsigned expected = 0;
     for (size_t i = 0; i < datagrams.size(); ++i) {

@@ -5,15 +5,16 @@
 
 #include <gtest/gtest.h>
 
-#include "logcap.h"
+#include "fixtures.h"
 #include "mpegts.h"
+#include "text.h"
 #include "ts_packets.h"
 
 using support::Buffer;
 using support::entry_packet;
 using support::format;
 using support::join;
-using support::LogCapture;
+using support::Lines;
 using support::mpeg2_packet;
 using support::packet;
 using support::part;
@@ -23,8 +24,6 @@ using support::plain_packet;
 using support::repeat;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 constexpr size_t kUntouched = 4711;
 
@@ -100,7 +99,9 @@ TEST(StreamType, texts_and_numbers)
     EXPECT_EQ(XF_NO_RTP, 1);
 }
 
-TEST(ProbeSegment, a_transport_stream_of_each_size)
+class ProbeSegment : public support::GuardedTest {};
+
+TEST_F(ProbeSegment, a_transport_stream_of_each_size)
 {
     for (const size_t size : {188, 192, 204, 208}) {
         size_t plen = 0;
@@ -111,7 +112,7 @@ TEST(ProbeSegment, a_transport_stream_of_each_size)
     }
 }
 
-TEST(ProbeSegment, a_raw_segment_is_one_packet_as_long_as_itself)
+TEST_F(ProbeSegment, a_raw_segment_is_one_packet_as_long_as_itself)
 {
     for (const size_t len : {1, 187, 700, 1316}) {
         size_t plen = 0;
@@ -122,7 +123,7 @@ TEST(ProbeSegment, a_raw_segment_is_one_packet_as_long_as_itself)
     }
 }
 
-TEST(ProbeSegment, a_segment_without_bytes_is_raw)
+TEST_F(ProbeSegment, a_segment_without_bytes_is_raw)
 {
     size_t plen = kUntouched;
     size_t pcount = 0;
@@ -131,7 +132,7 @@ TEST(ProbeSegment, a_segment_without_bytes_is_raw)
     EXPECT_EQ(pcount, 1U);
 }
 
-TEST(ProbeSegment, nothing_needs_to_be_asked)
+TEST_F(ProbeSegment, nothing_needs_to_be_asked)
 {
     EXPECT_EQ(probe(repeat(plain_packet(), 7)), STY_MPEGTS.num);
     EXPECT_EQ(probe(Buffer(100, 1)), STY_RAW.num);
@@ -141,9 +142,8 @@ TEST(ProbeSegment, nothing_needs_to_be_asked)
     EXPECT_EQ(sseg.pcr_idx, 2U) << "the size that was probed serves the search";
 }
 
-TEST(ProbeSegment, a_part_of_a_packet_makes_it_raw)
+TEST_F(ProbeSegment, a_part_of_a_packet_makes_it_raw)
 {
-    LogCapture log;
     const Buffer cut = part(repeat(plain_packet(), 7), 0, 1000);
     size_t plen = 0;
     size_t pcount = 0;
@@ -157,9 +157,8 @@ TEST(ProbeSegment, a_part_of_a_packet_makes_it_raw)
     EXPECT_EQ(log.text(), "") << "from an unknown type it is no switch";
 }
 
-TEST(ProbeSegment, type_switches)
+TEST_F(ProbeSegment, type_switches)
 {
-    LogCapture log;
     size_t plen = 0;
     EXPECT_EQ(probe(repeat(plain_packet(), 2), STY_RAW.num, &plen), STY_MPEGTS.num);
     plen = 0;
@@ -176,9 +175,8 @@ TEST(ProbeSegment, type_switches)
                                   "(WRN)  probe_segment: stream type switch: [abcd]->[RAW]"}));
 }
 
-TEST(ProbeSegment, kept_known_type_and_size_stand_even_on_garbage)
+TEST_F(ProbeSegment, kept_known_type_and_size_stand_even_on_garbage)
 {
-    LogCapture log;
     Buffer garbage(1000, 0xab);
     size_t plen = 188;
     size_t pcount = kUntouched;
@@ -196,7 +194,7 @@ TEST(ProbeSegment, kept_known_type_and_size_stand_even_on_garbage)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(ProbeSegment, a_known_size_alone_or_a_known_type_alone_is_probed)
+TEST_F(ProbeSegment, a_known_size_alone_or_a_known_type_alone_is_probed)
 {
     const Buffer bytes = repeat(plain_packet(), 4, 204);
     size_t plen = 188;
@@ -209,7 +207,7 @@ TEST(ProbeSegment, a_known_size_alone_or_a_known_type_alone_is_probed)
     EXPECT_EQ(plen, 204U);
 }
 
-TEST(ProbeSegment, a_known_raw_type_still_counts)
+TEST_F(ProbeSegment, a_known_raw_type_still_counts)
 {
     size_t plen = 5;
     size_t pcount = 0;
@@ -218,9 +216,8 @@ TEST(ProbeSegment, a_known_raw_type_still_counts)
     EXPECT_EQ(pcount, 1U);
 }
 
-TEST(ProbeSegment, a_known_type_of_another_kind_is_left_alone)
+TEST_F(ProbeSegment, a_known_type_of_another_kind_is_left_alone)
 {
-    LogCapture log;
     size_t plen = 188;
     size_t pcount = kUntouched;
     sseg_ctx sseg = {1, 1, 5, 1};
@@ -230,9 +227,8 @@ TEST(ProbeSegment, a_known_type_of_another_kind_is_left_alone)
     EXPECT_EQ(log.lines(), Lines{"(WRN)  probe_segment: no processing for [RTP] stream supported"});
 }
 
-TEST(ProbeSegment, requests_on_a_raw_segment)
+TEST_F(ProbeSegment, requests_on_a_raw_segment)
 {
-    LogCapture log;
     sseg_ctx sseg = {1, 7, 99, 1};
     EXPECT_EQ(probe(Buffer(100, 0), 0, nullptr, nullptr, &sseg), STY_RAW.num);
     EXPECT_EQ(sseg.pat_idx, 0U);
@@ -246,7 +242,7 @@ TEST(ProbeSegment, requests_on_a_raw_segment)
     EXPECT_EQ(log.text(), "") << "nothing was asked";
 }
 
-TEST(ProbeSegment, one_request_leaves_the_others_at_zero)
+TEST_F(ProbeSegment, one_request_leaves_the_others_at_zero)
 {
     const Buffer bytes = join({pat_packet(), plain_packet(), pcr_packet(123456789), entry_packet(5)});
     sseg_ctx sseg = {0, 1, 0, 0};
@@ -266,7 +262,7 @@ TEST(ProbeSegment, one_request_leaves_the_others_at_zero)
     EXPECT_EQ(sseg.pcr, 42U);
 }
 
-TEST(ProbeSegment, the_first_of_each_counts)
+TEST_F(ProbeSegment, the_first_of_each_counts)
 {
     const Buffer bytes = join({plain_packet(), entry_packet(100), pat_packet(), pcr_packet(200), pat_packet(),
                                mpeg2_packet(1), entry_packet(300)});
@@ -277,14 +273,14 @@ TEST(ProbeSegment, the_first_of_each_counts)
     EXPECT_EQ(found.pat_idx, 3U);
 }
 
-TEST(ProbeSegment, nothing_to_be_found)
+TEST_F(ProbeSegment, nothing_to_be_found)
 {
     const sseg_ctx found = find_all(repeat(plain_packet(), 100));
     EXPECT_EQ(found.pat_idx + found.pcr_idx + found.iframe_idx, 0U);
     EXPECT_EQ(found.pcr, kUntouched);
 }
 
-TEST(ProbeSegment, positions_by_the_packet_size)
+TEST_F(ProbeSegment, positions_by_the_packet_size)
 {
     for (const size_t size : {188, 192, 204, 208}) {
         const Buffer bytes = join({plain_packet(), pat_packet(), pcr_packet(7), mpeg2_packet(1)}, size);
@@ -295,9 +291,9 @@ TEST(ProbeSegment, positions_by_the_packet_size)
     }
 }
 
-TEST(ProbeSegment, says_what_it_does)
+TEST_F(ProbeSegment, says_what_it_does)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Buffer bytes = join({plain_packet(), pat_packet(), entry_packet(9)});
     size_t plen = 188;
     sseg_ctx sseg = {1, 1, 0, 1};
@@ -440,7 +436,7 @@ TEST(ProbeFrame, an_mpeg2_picture_behind_its_packet_does_not_count)
     EXPECT_EQ(find_frame(two), 0U);
 }
 
-TEST(ProbeSegment, every_cut_of_a_segment_is_safe)
+TEST_F(ProbeSegment, every_cut_of_a_segment_is_safe)
 {
     const Buffer bytes =
         join({with_byte(entry_packet(1), 4, 200), mpeg2_packet(2), pat_packet(), pcr_packet(3)});
@@ -459,7 +455,7 @@ TEST(ProbeSegment, every_cut_of_a_segment_is_safe)
     EXPECT_EQ(sseg.pcr_idx, 1U);
 }
 
-TEST(ProbeSegment, finds_what_a_plain_search_finds)
+TEST_F(ProbeSegment, finds_what_a_plain_search_finds)
 {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -487,7 +483,9 @@ TEST(ProbeSegment, finds_what_a_plain_search_finds)
     }
 }
 
-TEST(ExtractPayload, a_transport_stream_stays_as_it_is)
+class ExtractPayload : public support::GuardedTest {};
+
+TEST_F(ExtractPayload, a_transport_stream_stays_as_it_is)
 {
     Buffer bytes = repeat(plain_packet(), 7);
     const Buffer before = bytes;
@@ -498,9 +496,8 @@ TEST(ExtractPayload, a_transport_stream_stays_as_it_is)
     EXPECT_EQ(bytes, before);
 }
 
-TEST(ExtractPayload, other_bytes_stay_as_they_are)
+TEST_F(ExtractPayload, other_bytes_stay_as_they_are)
 {
-    LogCapture log;
     Buffer bytes(500, 0);
     const Extracted result = extract(bytes);
     EXPECT_EQ(result.rc, 0);
@@ -509,9 +506,8 @@ TEST(ExtractPayload, other_bytes_stay_as_they_are)
     EXPECT_EQ(log.lines(), Lines{"(WRN)  is_rtp_pkt: wrong RTP version: expected 0x2, got 0x0"});
 }
 
-TEST(ExtractPayload, the_hint_keeps_rtp_out)
+TEST_F(ExtractPayload, the_hint_keeps_rtp_out)
 {
-    LogCapture log;
     Buffer bytes = rtp(repeat(plain_packet(), 2));
     const Buffer before = bytes;
     const Extracted result = extract(bytes, XF_NO_RTP);
@@ -521,7 +517,7 @@ TEST(ExtractPayload, the_hint_keeps_rtp_out)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(ExtractPayload, two_packets)
+TEST_F(ExtractPayload, two_packets)
 {
     const Buffer payload = join({pat_packet(), plain_packet()});
     Buffer bytes = rtp(payload);
@@ -533,9 +529,8 @@ TEST(ExtractPayload, two_packets)
     EXPECT_EQ(part(bytes, 0, 376), payload);
 }
 
-TEST(ExtractPayload, kept_a_single_transport_packet_is_refused)
+TEST_F(ExtractPayload, kept_a_single_transport_packet_is_refused)
 {
-    LogCapture log;
     Buffer bytes = rtp(plain_packet());
     const Buffer before = bytes;
     ASSERT_EQ(bytes.size(), 200U);
@@ -550,7 +545,7 @@ TEST(ExtractPayload, kept_a_single_transport_packet_is_refused)
     EXPECT_EQ(extract(longer).outlen, 189) << "one byte more is enough";
 }
 
-TEST(ExtractPayload, padding_goes)
+TEST_F(ExtractPayload, padding_goes)
 {
     const Buffer payload = repeat(plain_packet(), 2);
     Buffer bytes = rtp(payload, 255);
@@ -560,9 +555,8 @@ TEST(ExtractPayload, padding_goes)
     EXPECT_EQ(part(bytes, 0, 376), payload);
 }
 
-TEST(ExtractPayload, padding_longer_than_the_packet)
+TEST_F(ExtractPayload, padding_longer_than_the_packet)
 {
-    LogCapture log;
     Buffer bytes = rtp(plain_packet(), 4);
     bytes.back() = 200;
     EXPECT_EQ(extract(bytes).rc, -1);
@@ -576,7 +570,7 @@ TEST(ExtractPayload, padding_longer_than_the_packet)
                                   "(ERR)  xtract_ts_payload: invalid RTP footer length: 189"}));
 }
 
-TEST(ExtractPayload, short_segments_are_safe)
+TEST_F(ExtractPayload, short_segments_are_safe)
 {
     const Buffer whole = rtp(repeat(plain_packet(), 2));
     for (size_t len = 0; len < 200; ++len) {
@@ -595,7 +589,7 @@ TEST(ExtractPayload, short_segments_are_safe)
     EXPECT_EQ(result.stype, STY_RAW.num);
 }
 
-TEST(ExtractPayload, the_type_need_not_be_asked)
+TEST_F(ExtractPayload, the_type_need_not_be_asked)
 {
     ssize_t outlen = 0;
     Buffer bytes = rtp(repeat(plain_packet(), 3));

@@ -17,24 +17,23 @@
 #include <gtest/gtest.h>
 
 #include "app_flags.h"
-#include "asserted.h"
 #include "child.h"
 #include "fds.h"
-#include "logcap.h"
+#include "fixtures.h"
 #include "psensor.h"
 #include "tempdir.h"
+#include "text.h"
 #include "wrap.h"
 
-using support::asserted_in;
-using support::ChildResult;
+using support::expect_assertion;
 using support::FdGuard;
-using support::LogCapture;
+using support::Lines;
+using support::PipePair;
 using support::run_in_child;
+using support::SocketPair;
 using support::TempDir;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 // What the next system calls of a kind do: the result and errno given, as often as told; then the real thing.
 struct Script {
@@ -63,71 +62,6 @@ Script g_pread;
 Script g_sendfile;
 Script g_unlink;
 int g_getrusage_calls = 0;
-
-class Pipe {
-  public:
-    Pipe() { EXPECT_EQ(pipe(ends_), 0); }
-
-    ~Pipe()
-    {
-        close_reader();
-        close_writer();
-    }
-
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-
-    int reader() const { return ends_[0]; }
-
-    int writer() const { return ends_[1]; }
-
-    void close_reader() { close_end(0); }
-
-    void close_writer() { close_end(1); }
-
-    // Into the pipe, by the system's own call.
-    void fill(const std::string& text) const;
-
-  private:
-    void close_end(int i)
-    {
-        if (ends_[i] >= 0) {
-            close(ends_[i]);
-            ends_[i] = -1;
-        }
-    }
-
-    int ends_[2] = {-1, -1};
-};
-
-class SocketPair {
-  public:
-    explicit SocketPair(int type = SOCK_STREAM) { EXPECT_EQ(socketpair(AF_UNIX, type, 0, ends_), 0); }
-
-    ~SocketPair()
-    {
-        close(ends_[0]);
-        if (ends_[1] >= 0) {
-            close(ends_[1]);
-        }
-    }
-
-    SocketPair(const SocketPair&) = delete;
-    SocketPair& operator=(const SocketPair&) = delete;
-
-    int ours() const { return ends_[0]; }
-
-    int peer() const { return ends_[1]; }
-
-    void close_peer()
-    {
-        close(ends_[1]);
-        ends_[1] = -1;
-    }
-
-  private:
-    int ends_[2] = {-1, -1};
-};
 
 volatile sig_atomic_t g_signals = 0;
 
@@ -219,9 +153,10 @@ int __wrap_getrusage(int who, struct rusage* ru)
 
 namespace {
 
-void Pipe::fill(const std::string& text) const
+// By the system's own call.
+void fill(const PipePair& pipe, const std::string& text)
 {
-    EXPECT_EQ(__real_write(writer(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    EXPECT_EQ(__real_write(pipe.out, text.data(), text.size()), static_cast<ssize_t>(text.size()));
 }
 
 // A descriptor of a file in memory with the text.
@@ -241,7 +176,7 @@ struct Way {
     ssize_t (*call)(int fd, size_t count, u_int32_t flags);
 };
 
-class FdioAll : public testing::Test {
+class FdioAll : public support::GuardedTest {
   protected:
     void TearDown() override
     {
@@ -268,7 +203,6 @@ const Way kWays[] = {
 
 TEST_F(FdioAll, a_count_of_zero_makes_no_system_call)
 {
-    LogCapture log;
     for (const Way& way : kWays) {
         EXPECT_EQ(way.call(-1, 0, FDIO_VERBOSE), 0) << way.name;
         EXPECT_EQ(way.script->calls, 0) << way.name;
@@ -279,7 +213,7 @@ TEST_F(FdioAll, a_count_of_zero_makes_no_system_call)
 TEST_F(FdioAll, a_bad_descriptor_fails_in_the_way_of_each_call)
 {
     for (const Way& way : kWays) {
-        LogCapture log;
+        log.clear();
         errno = 0;
         EXPECT_EQ(way.call(-1, 4, 0), way.failure) << way.name;
         EXPECT_EQ(errno, EBADF) << way.name;
@@ -291,7 +225,6 @@ TEST_F(FdioAll, a_bad_descriptor_fails_in_the_way_of_each_call)
 
 TEST_F(FdioAll, an_interruption_is_repeated_until_bytes_move)
 {
-    LogCapture log;
     for (const Way& way : kWays) {
         *way.script = {0, 3, -1, EINTR};
         errno = 0;
@@ -305,7 +238,6 @@ TEST_F(FdioAll, an_interruption_is_repeated_until_bytes_move)
 
 TEST_F(FdioAll, an_interruption_with_the_quit_flag_ends_without_errno)
 {
-    LogCapture log;
     g_quit = 1;
     for (const Way& way : kWays) {
         *way.script = {0, 3, -1, EINTR};
@@ -322,7 +254,7 @@ TEST_F(FdioAll, the_plain_errors_of_a_stream_are_silent_without_flags)
 {
     for (const Way& way : kWays) {
         for (const int err : {EAGAIN, EPIPE, ECONNRESET}) {
-            LogCapture log;
+            log.clear();
             *way.script = {0, 1, -1, err};
             EXPECT_EQ(way.call(-1, 4, 0), way.failure) << way.name;
             EXPECT_EQ(errno, err) << way.name;
@@ -335,7 +267,7 @@ TEST_F(FdioAll, kept_any_flag_makes_read_and_write_log_but_only_verbose_the_othe
 {
     for (const Way& way : kWays) {
         for (const u_int32_t flags : {u_int32_t{FDIO_VERBOSE}, u_int32_t{FDIO_SENDFILE}}) {
-            LogCapture log;
+            log.clear();
             *way.script = {0, 1, -1, EAGAIN};
             EXPECT_EQ(way.call(-1, 4, flags), way.failure) << way.name;
             EXPECT_EQ(errno, EAGAIN) << way.name;
@@ -375,35 +307,35 @@ TEST_F(FdioAll, kept_a_zero_with_a_stale_interruption_is_repeated_only_when_writ
     }
 }
 
-TEST(FdioWrite, a_short_write_is_not_repeated)
+class FdioWrite : public support::GuardedTest {};
+
+TEST_F(FdioWrite, a_short_write_is_not_repeated)
 {
-    FdGuard guard;
     SocketPair pair;
-    fcntl(pair.ours(), F_SETFL, O_NONBLOCK);
+    fcntl(pair.ours, F_SETFL, O_NONBLOCK);
     const std::string data(4 << 20, 'x');
-    const ssize_t n = nwrite(pair.ours(), data.data(), data.size(), 0);
+    const ssize_t n = nwrite(pair.ours, data.data(), data.size(), 0);
     EXPECT_GT(n, 0);
     EXPECT_LT(n, static_cast<ssize_t>(data.size()));
     EXPECT_EQ(g_write.calls, 1);
 }
 
-TEST(FdioWrite, a_full_buffer_gives_eagain_in_silence)
+TEST_F(FdioWrite, a_full_buffer_gives_eagain_in_silence)
 {
-    FdGuard guard;
     SocketPair pair;
-    fcntl(pair.ours(), F_SETFL, O_NONBLOCK);
+    fcntl(pair.ours, F_SETFL, O_NONBLOCK);
     const std::string data(1 << 16, 'x');
-    while (nwrite(pair.ours(), data.data(), data.size(), 0) > 0) {
+    while (nwrite(pair.ours, data.data(), data.size(), 0) > 0) {
     }
-    LogCapture log;
-    EXPECT_EQ(nwrite(pair.ours(), data.data(), data.size(), 0), -1);
+    EXPECT_EQ(nwrite(pair.ours, data.data(), data.size(), 0), -1);
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(FdioRead, the_end_of_the_file_gives_zero)
+class FdioRead : public support::GuardedTest {};
+
+TEST_F(FdioRead, the_end_of_the_file_gives_zero)
 {
-    FdGuard guard;
     const int fd = memory_file("abc");
     lseek(fd, 0, SEEK_SET);
     char buf[8];
@@ -413,27 +345,25 @@ TEST(FdioRead, the_end_of_the_file_gives_zero)
     close(fd);
 }
 
-TEST(FdioRead, a_signal_restarts_a_blocked_read)
+TEST_F(FdioRead, a_signal_restarts_a_blocked_read)
 {
-    FdGuard guard;
-    Pipe pipe;
+    PipePair pipe;
     interrupt_by(count_signal);
-    const pid_t helper = pester(5, [&] { pipe.fill("x"); });
+    const pid_t helper = pester(5, [&] { fill(pipe, "x"); });
     char buf[8];
-    EXPECT_EQ(nread(pipe.reader(), buf, sizeof buf, 0), 1);
+    EXPECT_EQ(nread(pipe.in, buf, sizeof buf, 0), 1);
     end(helper);
     EXPECT_GE(g_signals, 1);
 }
 
-TEST(FdioRead, a_signal_with_the_quit_flag_ends_a_blocked_read)
+TEST_F(FdioRead, a_signal_with_the_quit_flag_ends_a_blocked_read)
 {
-    FdGuard guard;
-    Pipe pipe;
+    PipePair pipe;
     interrupt_by(set_quit);
     const pid_t helper = pester(0, [] {});
     char buf[8];
     errno = ENOTTY;
-    EXPECT_EQ(nread(pipe.reader(), buf, sizeof buf, 0), -1);
+    EXPECT_EQ(nread(pipe.in, buf, sizeof buf, 0), -1);
     EXPECT_EQ(errno, 0);
     end(helper);
     g_quit = 0;
@@ -460,139 +390,122 @@ TEST(FdioSendfile, moves_bytes_and_the_offset)
     SocketPair pair;
     const int fd = memory_file("abcdef");
     off_t offset = 2;
-    EXPECT_EQ(nsendfile(pair.ours(), fd, &offset, 3, 0, 0), 3);
+    EXPECT_EQ(nsendfile(pair.ours, fd, &offset, 3, 0, 0), 3);
     EXPECT_EQ(offset, 5);
     char buf[8];
-    EXPECT_EQ(__real_read(pair.peer(), buf, sizeof buf), 3);
+    EXPECT_EQ(__real_read(pair.peer, buf, sizeof buf), 3);
     EXPECT_EQ(std::string(buf, 3), "cde");
-    EXPECT_EQ(nsendfile(pair.ours(), fd, &offset, 100, 0, 0), 1);
+    EXPECT_EQ(nsendfile(pair.ours, fd, &offset, 100, 0, 0), 1);
     errno = 0;
-    EXPECT_EQ(nsendfile(pair.ours(), fd, &offset, 100, 0, 0), 0);
+    EXPECT_EQ(nsendfile(pair.ours, fd, &offset, 100, 0, 0), 0);
     EXPECT_EQ(errno, 0);
     close(fd);
 }
 
 TEST(FdioSendfile, needs_an_offset)
 {
-    const ChildResult result = run_in_child([] {
-        log_default(&g_log, stderr);
-        return static_cast<int>(nsendfile(-1, -1, nullptr, 0, 0, 0));
-    });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_TRUE(asserted_in(result.err, "nsendfile")) << result.err;
+    expect_assertion("nsendfile", [] { return static_cast<int>(nsendfile(-1, -1, nullptr, 0, 0, 0)); });
 }
 
-TEST(FdioWait, poll_on_socket_gives_the_events)
+class FdioWait : public support::GuardedTest {};
+
+TEST_F(FdioWait, poll_on_socket_gives_the_events)
 {
-    FdGuard guard;
     SocketPair pair;
-    EXPECT_EQ(poll_on_socket(pair.ours(), POLLIN | POLLOUT, 0), POLLOUT);
-    EXPECT_EQ(__real_write(pair.peer(), "x", 1), 1);
-    EXPECT_EQ(poll_on_socket(pair.ours(), POLLIN | POLLOUT, -1), POLLIN | POLLOUT);
+    EXPECT_EQ(poll_on_socket(pair.ours, POLLIN | POLLOUT, 0), POLLOUT);
+    EXPECT_EQ(__real_write(pair.peer, "x", 1), 1);
+    EXPECT_EQ(poll_on_socket(pair.ours, POLLIN | POLLOUT, -1), POLLIN | POLLOUT);
 }
 
-TEST(FdioWait, poll_on_socket_gives_zero_after_its_time)
+TEST_F(FdioWait, poll_on_socket_gives_zero_after_its_time)
 {
-    FdGuard guard;
     SocketPair pair;
-    LogCapture log;
-    EXPECT_EQ(poll_on_socket(pair.ours(), POLLIN, 3), 0);
+    EXPECT_EQ(poll_on_socket(pair.ours, POLLIN, 3), 0);
     EXPECT_EQ(log.lines(), Lines{"(WRN)  poll_on_socket: poll() has timed out after 3 ms"});
 }
 
-TEST(FdioWait, poll_on_socket_does_not_repeat_an_interruption)
+TEST_F(FdioWait, poll_on_socket_does_not_repeat_an_interruption)
 {
-    FdGuard guard;
     SocketPair pair;
-    LogCapture log;
     interrupt_by(count_signal);
     const pid_t helper = pester(0, [] {});
-    EXPECT_EQ(poll_on_socket(pair.ours(), POLLIN, -1), -1);
+    EXPECT_EQ(poll_on_socket(pair.ours, POLLIN, -1), -1);
     EXPECT_EQ(errno, EINTR);
     end(helper);
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST(FdioWait, to_read_is_ready_not_ready_or_failed)
+TEST_F(FdioWait, to_read_is_ready_not_ready_or_failed)
 {
-    FdGuard guard;
-    LogCapture log;
-    Pipe pipe;
-    EXPECT_EQ(wait_to_read(pipe.reader(), 0), 1);
-    pipe.fill("x");
-    EXPECT_EQ(wait_to_read(pipe.reader(), 0), 0);
-    pipe.close_reader();
-    EXPECT_EQ(wait_to_read(pipe.writer(), 0), -1); // POLLERR: the reader has gone
+    PipePair pipe;
+    EXPECT_EQ(wait_to_read(pipe.in, 0), 1);
+    fill(pipe, "x");
+    EXPECT_EQ(wait_to_read(pipe.in, 0), 0);
+    pipe.in.reset();
+    EXPECT_EQ(wait_to_read(pipe.out, 0), -1); // POLLERR: the reader has gone
 }
 
-TEST(FdioWait, kept_a_hang_up_alone_is_not_ready)
+TEST_F(FdioWait, kept_a_hang_up_alone_is_not_ready)
 {
-    FdGuard guard;
-    Pipe pipe;
-    pipe.close_writer();
-    EXPECT_EQ(poll_on_socket(pipe.reader(), POLLIN, 0), POLLHUP);
-    EXPECT_EQ(wait_to_read(pipe.reader(), 0), 1);
+    PipePair pipe;
+    pipe.out.reset();
+    EXPECT_EQ(poll_on_socket(pipe.in, POLLIN, 0), POLLHUP);
+    EXPECT_EQ(wait_to_read(pipe.in, 0), 1);
 }
 
-TEST(FdioWait, to_write_is_ready_not_ready_or_failed)
+TEST_F(FdioWait, to_write_is_ready_not_ready_or_failed)
 {
-    FdGuard guard;
-    LogCapture log;
     SocketPair pair;
-    EXPECT_EQ(wait_to_write(pair.ours(), 0), 0);
-    fcntl(pair.ours(), F_SETFL, O_NONBLOCK);
+    EXPECT_EQ(wait_to_write(pair.ours, 0), 0);
+    fcntl(pair.ours, F_SETFL, O_NONBLOCK);
     const std::string data(1 << 16, 'x');
-    while (nwrite(pair.ours(), data.data(), data.size(), 0) > 0) {
+    while (nwrite(pair.ours, data.data(), data.size(), 0) > 0) {
     }
-    EXPECT_EQ(wait_to_write(pair.ours(), 0), 1);
-    Pipe pipe;
-    pipe.close_reader();
-    EXPECT_EQ(wait_to_write(pipe.writer(), 0), -1);
+    EXPECT_EQ(wait_to_write(pair.ours, 0), 1);
+    PipePair pipe;
+    pipe.in.reset();
+    EXPECT_EQ(wait_to_write(pipe.out, 0), -1);
 }
 
-TEST(FdioWait, an_interrupted_wait_fails)
+TEST_F(FdioWait, an_interrupted_wait_fails)
 {
-    FdGuard guard;
-    LogCapture log;
     SocketPair pair;
     interrupt_by(count_signal);
     const pid_t helper = pester(0, [] {});
-    EXPECT_EQ(wait_to_read(pair.ours(), -1), -1);
+    EXPECT_EQ(wait_to_read(pair.ours, -1), -1);
     end(helper);
 }
 
-TEST(FdioTestRead, a_silent_descriptor_is_an_error_after_its_time)
+class FdioTestRead : public support::GuardedTest {};
+
+TEST_F(FdioTestRead, a_silent_descriptor_is_an_error_after_its_time)
 {
-    FdGuard guard;
     SocketPair pair;
-    LogCapture log;
-    const int fd = pair.ours();
+    const int fd = pair.ours;
     EXPECT_EQ(test_read_fd(fd, 1), 1);
     EXPECT_EQ(log.lines(),
               (Lines{"(WRN)  poll_on_socket: poll() has timed out after 1 ms",
                      "(ERR)  test_read_fd: cannot read from fd=" + std::to_string(fd) + ", nrd=-1"}));
 }
 
-TEST(FdioTestRead, a_closed_peer_is_an_error)
+TEST_F(FdioTestRead, a_closed_peer_is_an_error)
 {
-    FdGuard guard;
     SocketPair pair;
-    LogCapture log;
-    const int fd = pair.ours();
-    pair.close_peer();
+    const int fd = pair.ours;
+    pair.peer.reset();
     EXPECT_EQ(test_read_fd(fd, 1000), -1);
     EXPECT_EQ(log.lines(),
               Lines{"(ERR)  test_read_fd: cannot read from fd=" + std::to_string(fd) + ", nrd=0"});
 }
 
-TEST(FdioTestRead, a_delivering_descriptor_loses_up_to_half_a_kilobyte)
+TEST_F(FdioTestRead, a_delivering_descriptor_loses_up_to_half_a_kilobyte)
 {
-    FdGuard guard;
-    Pipe pipe;
-    pipe.fill(std::string(600, 'x'));
-    const int fd = pipe.reader();
+    PipePair pipe;
+    fill(pipe, std::string(600, 'x'));
+    const int fd = pipe.in;
     {
-        LogCapture log(DEBUG_level);
+        log.clear();
+        log.set_level(DEBUG_level);
         EXPECT_EQ(test_read_fd(fd, -1), 0);
         EXPECT_EQ(log.lines(),
                   Lines{"(DBG)  test_read_fd: fd=" + std::to_string(fd) + " is readable [512 bytes]"});
@@ -601,28 +514,26 @@ TEST(FdioTestRead, a_delivering_descriptor_loses_up_to_half_a_kilobyte)
     EXPECT_EQ(nread(fd, buf, sizeof buf, 0), 88);
 }
 
-TEST(FdioTestRead, a_failed_read_keeps_its_error)
+TEST_F(FdioTestRead, a_failed_read_keeps_its_error)
 {
-    FdGuard guard;
-    Pipe pipe;
-    pipe.fill("x");
-    LogCapture log;
+    PipePair pipe;
+    fill(pipe, "x");
     g_read = {0, 1, -1, EIO};
-    EXPECT_EQ(test_read_fd(pipe.reader(), 0), -1);
+    EXPECT_EQ(test_read_fd(pipe.in, 0), -1);
     EXPECT_EQ(errno, EIO);
     EXPECT_EQ(log.lines().size(), 2U) << log.text();
 }
 
-TEST(FdioOpen, the_source_is_opened_for_reading)
+class FdioOpen : public support::GuardedTest {};
+
+TEST_F(FdioOpen, the_source_is_opened_for_reading)
 {
-    FdGuard guard;
     TempDir dir;
     dir.write("f", "abc");
     const int fd = open_src_file(dir.path("f").c_str());
     ASSERT_GE(fd, 0);
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
     close(fd);
-    LogCapture log;
     EXPECT_EQ(open_src_file("/nonexistent"), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(
@@ -630,9 +541,8 @@ TEST(FdioOpen, the_source_is_opened_for_reading)
         Lines{"(ERR)  open_src_file: open('/nonexistent', 0, 0x0) ERROR(2): No such file or directory"});
 }
 
-TEST(FdioOpen, the_destination_is_created)
+TEST_F(FdioOpen, the_destination_is_created)
 {
-    FdGuard guard;
     TempDir dir;
     const std::string path = dir.path("f");
     const int fd = open_dst_file(path.c_str(), 0);
@@ -648,12 +558,10 @@ TEST(FdioOpen, the_destination_is_created)
     close(fd);
 }
 
-TEST(FdioOpen, a_destination_that_exists_is_an_error)
+TEST_F(FdioOpen, a_destination_that_exists_is_an_error)
 {
-    FdGuard guard;
     TempDir dir;
     dir.write("f", "old");
-    LogCapture log;
     EXPECT_EQ(open_dst_file(dir.path("f").c_str(), 0), -1);
     EXPECT_EQ(errno, EEXIST);
     EXPECT_EQ(log.lines(), Lines{"(ERR)  open_dst_file: open('" + dir.path("f") +
@@ -661,9 +569,8 @@ TEST(FdioOpen, a_destination_that_exists_is_an_error)
     EXPECT_EQ(dir.read("f"), "old");
 }
 
-TEST(FdioOpen, an_unlinked_destination_lives_in_its_descriptor)
+TEST_F(FdioOpen, an_unlinked_destination_lives_in_its_descriptor)
 {
-    FdGuard guard;
     TempDir dir;
     const int fd = open_dst_file(dir.path("f").c_str(), FDIO_UNLINK_DST);
     ASSERT_GE(fd, 0);
@@ -672,10 +579,9 @@ TEST(FdioOpen, an_unlinked_destination_lives_in_its_descriptor)
     close(fd);
 }
 
-TEST(FdioOpen, kept_a_failed_unlink_leaves_the_descriptor_open)
+TEST_F(FdioOpen, kept_a_failed_unlink_leaves_the_descriptor_open)
 {
     TempDir dir;
-    LogCapture log;
     g_unlink = {0, 1, -1, EBUSY};
     const auto before = support::open_fds();
     EXPECT_EQ(open_dst_file(dir.path("f").c_str(), FDIO_UNLINK_DST), -1);
@@ -690,7 +596,7 @@ TEST(FdioOpen, kept_a_failed_unlink_leaves_the_descriptor_open)
     }
 }
 
-TEST(FdioOpen, sendfile_serves_a_file_and_a_stream_socket)
+TEST_F(FdioOpen, sendfile_serves_a_file_and_a_stream_socket)
 {
     u_int32_t flags = FDIO_VERBOSE;
     EXPECT_EQ(check_can_sendfile(S_IFIFO, S_IFREG, SOCK_DGRAM, &flags), 1);
@@ -710,17 +616,17 @@ std::string sensed_program(int enable)
 {
     return run_in_child([=] {
                psensors_init(nullptr, enable);
-               Pipe pipe;
+               PipePair pipe;
                char buf[4];
                const int fd = memory_file("abc");
                SocketPair pair;
                off_t offset = 0;
                g_getrusage_calls = 0;
-               nwrite(pipe.writer(), "abc", 3, 0);
-               wait_to_read(pipe.reader(), 0);
-               nread(pipe.reader(), buf, sizeof buf, 0);
+               nwrite(pipe.out, "abc", 3, 0);
+               wait_to_read(pipe.in, 0);
+               nread(pipe.in, buf, sizeof buf, 0);
                npread(fd, buf, sizeof buf, 0, 0);
-               nsendfile(pair.ours(), fd, &offset, 3, 0, 0);
+               nsendfile(pair.ours, fd, &offset, 3, 0, 0);
                printf("%d\n", g_getrusage_calls);
                psensors_dump(stdout);
                close(fd);

@@ -15,48 +15,18 @@
 
 #include "child.h"
 #include "fds.h"
-#include "logcap.h"
+#include "fixtures.h"
 #include "psensor.h"
+#include "text.h"
 
-using support::FdGuard;
-using support::LogCapture;
+using support::Lines;
 using support::open_fds;
 using support::run_in_child;
+using support::SocketPair;
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 constexpr int kUntouched = -77;
-
-class Pair {
-  public:
-    explicit Pair(int type = SOCK_STREAM) { EXPECT_EQ(socketpair(AF_UNIX, type, 0, ends_), 0); }
-
-    ~Pair()
-    {
-        close(ends_[0]);
-        close_peer();
-    }
-
-    Pair(const Pair&) = delete;
-    Pair& operator=(const Pair&) = delete;
-
-    int ours() const { return ends_[0]; }
-
-    int peer() const { return ends_[1]; }
-
-    void close_peer()
-    {
-        if (ends_[1] >= 0) {
-            close(ends_[1]);
-            ends_[1] = -1;
-        }
-    }
-
-  private:
-    int ends_[2];
-};
 
 // Sends bytes with count copies of a descriptor in one control message.
 ssize_t send_many(int dst, size_t bytes, size_t count)
@@ -83,23 +53,23 @@ ssize_t send_many(int dst, size_t bytes, size_t count)
 
 } // namespace
 
-TEST(FdioPass, a_descriptor_arrives_in_another_process)
+class FdioPass : public support::GuardedTest {};
+
+TEST_F(FdioPass, a_descriptor_arrives_in_another_process)
 {
-    FdGuard guard;
-    Pair pair;
+    SocketPair pair;
     const auto result = run_in_child([&] {
         const int file = memfd_create("passed", 0);
         if (write(file, "content", 7) != 7) {
             return 1;
         }
         char text[] = "abc";
-        return send_fd(pair.peer(), text, 3, file) == 3 ? 0 : 2;
+        return send_fd(pair.peer, text, 3, file) == 3 ? 0 : 2;
     });
     ASSERT_EQ(result.exit_code, 0);
-    LogCapture log;
     char buf[8] = {};
     int fd = kUntouched;
-    EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, FDIO_VERBOSE), 3);
+    EXPECT_EQ(recv_fd(pair.ours, buf, sizeof buf, &fd, FDIO_VERBOSE), 3);
     EXPECT_STREQ(buf, "abc");
     ASSERT_GE(fd, 0);
     char content[8] = {};
@@ -109,37 +79,33 @@ TEST(FdioPass, a_descriptor_arrives_in_another_process)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(FdioPass, a_plain_message_stores_minus_one)
+TEST_F(FdioPass, a_plain_message_stores_minus_one)
 {
-    FdGuard guard;
-    Pair pair;
-    LogCapture log;
+    SocketPair pair;
     char buf[8];
     int fd = kUntouched;
-    ASSERT_EQ(write(pair.peer(), "abcd", 4), 4);
-    EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, 0), 4);
+    ASSERT_EQ(write(pair.peer, "abcd", 4), 4);
+    EXPECT_EQ(recv_fd(pair.ours, buf, sizeof buf, &fd, 0), 4);
     EXPECT_EQ(fd, -1);
     EXPECT_EQ(log.text(), "");
-    ASSERT_EQ(write(pair.peer(), "abcd", 4), 4);
-    EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, FDIO_VERBOSE), 4);
+    ASSERT_EQ(write(pair.peer, "abcd", 4), 4);
+    EXPECT_EQ(recv_fd(pair.ours, buf, sizeof buf, &fd, FDIO_VERBOSE), 4);
     EXPECT_EQ(log.lines(), Lines{"(ERR)  recv_fd: invalid control message structure: cmsg=(nil), clen=-1"});
 }
 
-TEST(FdioPass, a_closed_peer_gives_zero_and_its_own_text)
+TEST_F(FdioPass, a_closed_peer_gives_zero_and_its_own_text)
 {
-    FdGuard guard;
-    Pair pair;
-    LogCapture log;
-    pair.close_peer();
+    SocketPair pair;
+    pair.peer.reset();
     char buf[8];
     int fd = kUntouched;
     for (const int err : {0, EAGAIN}) {
         log.clear();
         errno = err;
-        EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, 0), 0);
+        EXPECT_EQ(recv_fd(pair.ours, buf, sizeof buf, &fd, 0), 0);
         EXPECT_EQ(errno, err);
         ASSERT_EQ(log.lines().size(), 1U);
-        EXPECT_EQ(log.text().find("(ERR)  recv_fd: recvmsg(" + std::to_string(pair.ours()) + ", "), 0U);
+        EXPECT_EQ(log.text().find("(ERR)  recv_fd: recvmsg(" + std::to_string(pair.ours) + ", "), 0U);
         EXPECT_NE(
             log.text().find(", 0) ERROR(" + std::to_string(err) + "): connection has been closed by peer\n"),
             std::string::npos)
@@ -148,28 +114,24 @@ TEST(FdioPass, a_closed_peer_gives_zero_and_its_own_text)
     EXPECT_EQ(fd, kUntouched);
 }
 
-TEST(FdioPass, an_empty_socket_is_silent_unless_verbose)
+TEST_F(FdioPass, an_empty_socket_is_silent_unless_verbose)
 {
-    FdGuard guard;
-    Pair pair;
-    LogCapture log;
-    fcntl(pair.ours(), F_SETFL, O_NONBLOCK);
+    SocketPair pair;
+    fcntl(pair.ours, F_SETFL, O_NONBLOCK);
     char buf[8];
     int fd = kUntouched;
-    EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, 0), -1);
+    EXPECT_EQ(recv_fd(pair.ours, buf, sizeof buf, &fd, 0), -1);
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(log.text(), "");
-    EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, FDIO_VERBOSE), -1);
+    EXPECT_EQ(recv_fd(pair.ours, buf, sizeof buf, &fd, FDIO_VERBOSE), -1);
     EXPECT_EQ(errno, EAGAIN);
     ASSERT_EQ(log.lines().size(), 1U);
     EXPECT_NE(log.text().find("ERROR(11): Resource temporarily unavailable"), std::string::npos);
     EXPECT_EQ(fd, kUntouched);
 }
 
-TEST(FdioPass, any_other_failure_is_logged)
+TEST_F(FdioPass, any_other_failure_is_logged)
 {
-    FdGuard guard;
-    LogCapture log;
     char buf[8];
     int fd = kUntouched;
     EXPECT_EQ(recv_fd(-1, buf, sizeof buf, &fd, 0), -1);
@@ -178,17 +140,16 @@ TEST(FdioPass, any_other_failure_is_logged)
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST(FdioPass, more_than_one_descriptor_is_closed)
+TEST_F(FdioPass, more_than_one_descriptor_is_closed)
 {
-    FdGuard guard;
     for (size_t count = 2; count <= 8; ++count) {
-        Pair pair;
-        LogCapture log;
-        ASSERT_EQ(send_many(pair.peer(), 5, count), 5);
+        SocketPair pair;
+        log.clear();
+        ASSERT_EQ(send_many(pair.peer, 5, count), 5);
         const auto before = open_fds();
         char buf[8];
         int fd = kUntouched;
-        EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, count == 2 ? 0 : FDIO_VERBOSE), 5);
+        EXPECT_EQ(recv_fd(pair.ours, buf, sizeof buf, &fd, count == 2 ? 0 : FDIO_VERBOSE), 5);
         EXPECT_EQ(fd, -1);
         EXPECT_EQ(open_fds(), before) << count;
         if (count == 2) {
@@ -200,25 +161,23 @@ TEST(FdioPass, more_than_one_descriptor_is_closed)
     }
 }
 
-TEST(FdioPass, descriptors_of_an_empty_datagram_are_closed)
+TEST_F(FdioPass, descriptors_of_an_empty_datagram_are_closed)
 {
-    FdGuard guard;
     for (const size_t count : {1, 2, 5}) {
-        Pair pair(SOCK_DGRAM);
-        LogCapture log;
-        ASSERT_EQ(send_many(pair.peer(), 0, count), 0);
+        SocketPair pair(SOCK_DGRAM);
+        log.clear();
+        ASSERT_EQ(send_many(pair.peer, 0, count), 0);
         const auto before = open_fds();
         char buf[8];
         int fd = kUntouched;
-        EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, 0), 0);
+        EXPECT_EQ(recv_fd(pair.ours, buf, sizeof buf, &fd, 0), 0);
         EXPECT_EQ(fd, kUntouched);
         EXPECT_EQ(open_fds(), before) << count;
     }
 }
 
-TEST(FdioPass, another_control_message_of_that_length_is_refused)
+TEST_F(FdioPass, another_control_message_of_that_length_is_refused)
 {
-    FdGuard guard;
     const int rx = socket(AF_INET, SOCK_DGRAM, 0);
     const int tx = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in addr{};
@@ -230,7 +189,6 @@ TEST(FdioPass, another_control_message_of_that_length_is_refused)
     const int on = 1;
     ASSERT_EQ(setsockopt(rx, IPPROTO_IP, IP_RECVTTL, &on, sizeof on), 0); // an int, like a descriptor
     ASSERT_EQ(sendto(tx, "abc", 3, 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 3);
-    LogCapture log;
     char buf[8];
     int fd = kUntouched;
     EXPECT_EQ(recv_fd(rx, buf, sizeof buf, &fd, FDIO_VERBOSE), 3);
@@ -240,28 +198,25 @@ TEST(FdioPass, another_control_message_of_that_length_is_refused)
     close(tx);
 }
 
-TEST(FdioPass, a_bad_descriptor_cannot_be_sent)
+TEST_F(FdioPass, a_bad_descriptor_cannot_be_sent)
 {
-    FdGuard guard;
-    Pair pair;
-    LogCapture log;
+    SocketPair pair;
     char text[] = "abc";
-    EXPECT_EQ(send_fd(pair.ours(), text, 3, -1), -1);
+    EXPECT_EQ(send_fd(pair.ours, text, 3, -1), -1);
     EXPECT_EQ(errno, EBADF);
     ASSERT_EQ(log.lines().size(), 1U);
-    EXPECT_EQ(log.text().find("(ERR)  send_fd: sendmsg(" + std::to_string(pair.ours()) + ", "), 0U);
+    EXPECT_EQ(log.text().find("(ERR)  send_fd: sendmsg(" + std::to_string(pair.ours) + ", "), 0U);
     EXPECT_NE(log.text().find(", 0) ERROR(9): Bad file descriptor\n"), std::string::npos) << log.text();
 }
 
-TEST(FdioPass, receiving_counts_as_input)
+TEST_F(FdioPass, receiving_counts_as_input)
 {
-    FdGuard guard;
-    Pair pair;
+    SocketPair pair;
     psensors_init(nullptr, 1);
-    ASSERT_EQ(send_many(pair.peer(), 1, 1), 1);
+    ASSERT_EQ(send_many(pair.peer, 1, 1), 1);
     char buf[8];
     int fd = -1;
-    EXPECT_EQ(recv_fd(pair.ours(), buf, sizeof buf, &fd, 0), 1);
+    EXPECT_EQ(recv_fd(pair.ours, buf, sizeof buf, &fd, 0), 1);
     close(fd);
     const timespec& tm = g_psensor[PRF_DATAIN].sensor.accum.tm;
     EXPECT_TRUE(tm.tv_sec > 0 || tm.tv_nsec > 0);

@@ -26,6 +26,7 @@ DECLARE_MLL(kSlot);
 namespace {
 
 using support::ChildResult;
+using support::expect_abort;
 using support::LogCapture;
 using support::run_in_child;
 
@@ -273,26 +274,15 @@ TEST(LogSections, nest_eight_deep_and_come_back_in_order)
 
 TEST(LogSections, ninth_one_end_without_begin_and_number_out_of_the_table_abort)
 {
-    const ChildResult deep = run_in_child([] {
+    expect_abort("(PNC)  ASSERT at:\n#0: ", [] {
         log_to_stderr();
         for (int i = 0; i <= LL_STACK_DEPTH; ++i) {
             MLL_SECT_BEGIN(1);
         }
-        return 0;
     });
-    EXPECT_EQ(deep.signal, SIGABRT);
-    EXPECT_NE(deep.err.find("(PNC)  ASSERT at:\n#0: "), std::string::npos) << deep.err;
-    const ChildResult empty = run_in_child([] {
-        MLL_SECT_END();
-        return 0;
-    });
-    EXPECT_EQ(empty.signal, SIGABRT);
+    expect_abort("", [] { MLL_SECT_END(); });
     for (const int idx : {-1, int{LL_MAX_SECTIONS}}) {
-        const ChildResult child = run_in_child([&] {
-            MLL_SECT_BEGIN(idx);
-            return 0;
-        });
-        EXPECT_EQ(child.signal, SIGABRT) << idx;
+        expect_abort("", [&] { MLL_SECT_BEGIN(idx); });
     }
     MLL_SECT_BEGIN(LL_MAX_SECTIONS - 1);
     EXPECT_EQ(g_llctx.sec, LL_MAX_SECTIONS - 1);
@@ -456,10 +446,5 @@ TEST(LogEnd, invariant_that_holds_does_nothing_and_is_evaluated_once)
 
 TEST(LogEnd, plain_assertions_of_the_library_are_active)
 {
-    const ChildResult child = run_in_child([] {
-        glog_init(nullptr);
-        return 0;
-    });
-    EXPECT_EQ(child.signal, SIGABRT);
-    EXPECT_NE(child.err.find("Assertion `app_tag != nullptr' failed."), std::string::npos) << child.err;
+    expect_abort("Assertion `app_tag != nullptr' failed.", [] { glog_init(nullptr); });
 }

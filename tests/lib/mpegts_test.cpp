@@ -7,12 +7,15 @@
 #include <gtest/gtest.h>
 
 #include "child.h"
+#include "fixtures.h"
 #include "logcap.h"
+#include "text.h"
 #include "ts_packets.h"
 
 using support::Buffer;
 using support::format;
 using support::join;
+using support::Lines;
 using support::LogCapture;
 using support::packet;
 using support::part;
@@ -21,8 +24,6 @@ using support::plain_packet;
 using support::repeat;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 ssize_t probe(const Buffer& bytes, bool full)
 {
@@ -413,43 +414,40 @@ TEST(TsFindHead, agrees_with_its_description_on_random_buffers)
     }
 }
 
-TEST(TsPcrDelta, across_the_wrap)
+class TsPcrDelta : public support::GuardedTest {};
+
+TEST_F(TsPcrDelta, across_the_wrap)
 {
-    LogCapture log;
     EXPECT_EQ(ts_pcr_delta(P2_33 - 100, 50), 150U);
     EXPECT_EQ(ts_pcr_delta(P2_33 - 44999, 0), 44999U);
     EXPECT_EQ(ts_pcr_delta(P2_33, 0), 0U);
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(TsPcrDelta, kept_a_wrapped_gap_of_exactly_half_a_second_is_refused)
+TEST_F(TsPcrDelta, kept_a_wrapped_gap_of_exactly_half_a_second_is_refused)
 {
-    LogCapture log;
     EXPECT_EQ(ts_pcr_delta(P2_33 - 45000, 0), 0U);
     EXPECT_EQ(log.lines(),
               Lines{"(WRN)  ts_pcr_delta: PCR last=0 < first=8589889592 diff=18446744065119662024"});
     EXPECT_EQ(ts_pcr_delta(1000, 46000), 45000U) << "without a wrap it is accepted";
 }
 
-TEST(TsPcrDelta, kept_after_a_clock_of_zero_any_distance_is_believed)
+TEST_F(TsPcrDelta, kept_after_a_clock_of_zero_any_distance_is_believed)
 {
-    LogCapture log;
     EXPECT_EQ(ts_pcr_delta(0, 90000), 90000U);
     EXPECT_EQ(ts_pcr_delta(0, P2_33 - 1), P2_33 - 1);
     EXPECT_EQ(ts_pcr_delta(0, 0), 0U);
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(TsPcrDelta, backwards)
+TEST_F(TsPcrDelta, backwards)
 {
-    LogCapture log;
     EXPECT_EQ(ts_pcr_delta(100, 99), 0U);
     EXPECT_EQ(log.lines(), Lines{"(WRN)  ts_pcr_delta: PCR last=99 < first=100 diff=18446744073709551615"});
 }
 
-TEST(TsPcrDelta, too_far)
+TEST_F(TsPcrDelta, too_far)
 {
-    LogCapture log;
     EXPECT_EQ(ts_pcr_delta(10, 45010), 45000U);
     EXPECT_EQ(ts_pcr_delta(10, 10), 0U);
     EXPECT_EQ(log.text(), "");

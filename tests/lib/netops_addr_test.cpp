@@ -4,12 +4,12 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 
+#include "fixtures.h"
 #include "oom.h"
 #include "wrap.h"
 
 using namespace net_test;
 using support::FailAllocation;
-using support::FdGuard;
 using support::LogCapture;
 
 namespace {
@@ -164,7 +164,9 @@ std::string dumped(const std::function<void(FILE*)>& dump)
 
 } // namespace
 
-TEST(NetopsNames, family_names_and_any_addresses)
+class NetopsNames : public support::GuardedTest {};
+
+TEST_F(NetopsNames, family_names_and_any_addresses)
 {
     EXPECT_STREQ(af_name(AF_INET), "IPv4");
     EXPECT_STREQ(af_name(AF_INET6), "IPv6");
@@ -177,7 +179,7 @@ TEST(NetopsNames, family_names_and_any_addresses)
     EXPECT_STREQ(anyaddr_str(0), "#error#");
 }
 
-TEST(NetopsNames, words_that_mean_any_address)
+TEST_F(NetopsNames, words_that_mean_any_address)
 {
     EXPECT_EQ(is_anyaddr(nullptr), 1);
     for (const char* word : {"", "any", "ANY", "aNy", "all", "ALL", "All"}) {
@@ -188,9 +190,9 @@ TEST(NetopsNames, words_that_mean_any_address)
     }
 }
 
-TEST(NetopsNames, words_of_families)
+TEST_F(NetopsNames, words_of_families)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     for (const char* word : {"inet4", "inet", "ipv4", "af_inet", "pf_inet", "INET", "IPv4"}) {
         EXPECT_EQ(name2af(word), AF_INET) << word;
     }
@@ -203,9 +205,8 @@ TEST(NetopsNames, words_of_families)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsNames, kept_all_is_the_only_family_word_refused)
+TEST_F(NetopsNames, kept_all_is_the_only_family_word_refused)
 {
-    LogCapture log;
     EXPECT_EQ(name2af("bogus"), 0);
     EXPECT_EQ(name2af("inet66"), 0);
     EXPECT_EQ(log.text(), "");
@@ -213,9 +214,10 @@ TEST(NetopsNames, kept_all_is_the_only_family_word_refused)
     EXPECT_EQ(log.text(), "(ERR)  name2af: unsupported address family [ALL] in configuration.");
 }
 
-TEST(NetopsClass, multicast_addresses)
+class NetopsClass : public support::GuardedTest {};
+
+TEST_F(NetopsClass, multicast_addresses)
 {
-    LogCapture log;
     for (const char* host : {"224.0.0.0", "239.255.255.255", "232.1.2.3", "ff00::", "ff02::1"}) {
         sockaddr_storage ss = addr(host);
         EXPECT_EQ(is_multicast(raw(ss)), 1) << host;
@@ -229,9 +231,8 @@ TEST(NetopsClass, multicast_addresses)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  is_multicast: unrecognized family: 1"}));
 }
 
-TEST(NetopsClass, unspecified_addresses)
+TEST_F(NetopsClass, unspecified_addresses)
 {
-    LogCapture log;
     for (const char* host : {"0.0.0.0", "::"}) {
         sockaddr_storage ss = addr(host, 80);
         EXPECT_EQ(is_unspecified(raw(ss)), 1) << host;
@@ -245,9 +246,8 @@ TEST(NetopsClass, unspecified_addresses)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  is_unspecified: unrecognized family: 0"}));
 }
 
-TEST(NetopsClass, local_scopes_of_ipv6_groups)
+TEST_F(NetopsClass, local_scopes_of_ipv6_groups)
 {
-    LogCapture log;
     for (const char* host : {"ff01::1", "ff02::1", "ff12::1", "fff1::"}) {
         sockaddr_storage ss = addr(host);
         EXPECT_EQ(is_ipv6_mc_local(raw(ss)), 1) << host;
@@ -262,9 +262,8 @@ TEST(NetopsClass, local_scopes_of_ipv6_groups)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsClass, sizes_of_addresses)
+TEST_F(NetopsClass, sizes_of_addresses)
 {
-    LogCapture log;
     sockaddr_storage v4 = addr("127.0.0.1");
     sockaddr_storage v6 = addr("::1");
     sockaddr_storage other = of_family(AF_UNIX);
@@ -275,16 +274,17 @@ TEST(NetopsClass, sizes_of_addresses)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  saddr_size: unrecognized socket family: 1"}));
 }
 
-TEST(NetopsText, addresses_with_their_ports)
+class NetopsText : public support::GuardedTest {};
+
+TEST_F(NetopsText, addresses_with_their_ports)
 {
-    LogCapture log;
     EXPECT_EQ(text_in(addr("192.0.2.1", 80), 64), "192.0.2.1:80");
     EXPECT_EQ(text_in(addr("::1", 80), 64), "[::1]:80");
     EXPECT_EQ(text_in(addr("fe80::1", 65535, 1), 64), "[fe80::1%lo]:65535");
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsText, short_buffer_cuts_the_text)
+TEST_F(NetopsText, short_buffer_cuts_the_text)
 {
     EXPECT_EQ(text_in(addr("192.0.2.1", 80), 8), "192.0.2");
     EXPECT_EQ(text_in(addr("::1", 80), 8), "[::1]:8");
@@ -293,7 +293,7 @@ TEST(NetopsText, short_buffer_cuts_the_text)
     EXPECT_EQ(text_in(addr("192.0.2.1", 80), 1), "");
 }
 
-TEST(NetopsText, empty_buffer_is_not_written)
+TEST_F(NetopsText, empty_buffer_is_not_written)
 {
     char byte = '#';
     sockaddr_storage ss = addr("192.0.2.1", 80);
@@ -301,9 +301,8 @@ TEST(NetopsText, empty_buffer_is_not_written)
     EXPECT_EQ(byte, '#');
 }
 
-TEST(NetopsText, refused_family_is_logged)
+TEST_F(NetopsText, refused_family_is_logged)
 {
-    LogCapture log;
     char buf[64];
     sockaddr_storage ss = of_family(AF_PACKET);
     EXPECT_EQ(saddr_str(raw(ss), sizeof ss, buf, sizeof buf), nullptr);
@@ -313,9 +312,9 @@ TEST(NetopsText, refused_family_is_logged)
     EXPECT_EQ(log.lines(), (Lines{line, line}));
 }
 
-TEST(NetopsText, family_without_a_form_gives_nothing_and_no_line)
+TEST_F(NetopsText, family_without_a_form_gives_nothing_and_no_line)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     char buf[64];
     g_getnameinfo_succeeds = true;
     sockaddr_storage ss = of_family(AF_PACKET);
@@ -324,9 +323,8 @@ TEST(NetopsText, family_without_a_form_gives_nothing_and_no_line)
     g_getnameinfo_succeeds = false;
 }
 
-TEST(NetopsText, domain_address_is_bounded_by_its_length)
+TEST_F(NetopsText, domain_address_is_bounded_by_its_length)
 {
-    LogCapture log;
     EXPECT_EQ(domain_text(domain_bytes("/tmp/abc")), "DOMAIN localhost:/tmp/abc");
     EXPECT_EQ(domain_text(domain_bytes("")), "DOMAIN localhost:");
     EXPECT_EQ(log.lines(), Lines{});
@@ -336,9 +334,8 @@ TEST(NetopsText, domain_address_is_bounded_by_its_length)
               (Lines{format("(ERR)  saddr_str: getnameinfo error (-12): %s", gai_strerror(EAI_OVERFLOW))}));
 }
 
-TEST(NetopsText, domain_path_serves_where_no_name_is_had)
+TEST_F(NetopsText, domain_path_serves_where_no_name_is_had)
 {
-    LogCapture log;
     for (const int rc : {EAI_FAMILY, EAFNOSUPPORT}) {
         g_getnameinfo_rc = rc;
         EXPECT_EQ(domain_text(domain_bytes("/tmp/abc")), "DOMAIN /tmp/abc:");
@@ -352,7 +349,7 @@ TEST(NetopsText, domain_path_serves_where_no_name_is_had)
     g_getnameinfo_rc = 0;
 }
 
-TEST(NetopsText, domain_bytes_beyond_the_path_field_are_not_read)
+TEST_F(NetopsText, domain_bytes_beyond_the_path_field_are_not_read)
 {
     g_getnameinfo_rc = EAI_FAMILY;
     EXPECT_EQ(domain_text(domain_bytes(std::string(500, 'x'))), "DOMAIN " + std::string(108, 'x') + ":");
@@ -401,10 +398,11 @@ TEST(NetopsDump, look_up_result)
     EXPECT_EQ(dumped([&](FILE* out) { dump_ai(out, &ai); }), head + "example\n");
 }
 
-TEST(NetopsIndex, name_gives_the_index_and_leaves_the_address)
+class NetopsIndex : public support::GuardedTest {};
+
+TEST_F(NetopsIndex, name_gives_the_index_and_leaves_the_address)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     sockaddr_storage ss;
     memset(&ss, 0x5a, sizeof ss);
     const sockaddr_storage before = ss;
@@ -413,10 +411,9 @@ TEST(NetopsIndex, name_gives_the_index_and_leaves_the_address)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsIndex, address_gives_the_index_and_the_address)
+TEST_F(NetopsIndex, address_gives_the_index_and_the_address)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     sockaddr_storage ss{};
     const unsigned int lo = if_nametoindex("lo");
     EXPECT_EQ(ifaddr_index("127.0.0.1", &ss), lo);
@@ -430,22 +427,18 @@ TEST(NetopsIndex, address_gives_the_index_and_the_address)
     EXPECT_EQ(ifaddr_index("127.0.0.1", nullptr), lo);
 }
 
-TEST(NetopsIndex, ipv6_address_gives_the_index)
+TEST_F(NetopsIndex, ipv6_address_gives_the_index)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     LoopbackNet net;
-    LogCapture log;
     sockaddr_storage ss{};
     EXPECT_EQ(ifaddr_index("::1", &ss), if_nametoindex("lo"));
     EXPECT_EQ(str(ss), "[::1]:0");
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsIndex, foreign_address_and_unknown_name_give_zero_without_a_line)
+TEST_F(NetopsIndex, foreign_address_and_unknown_name_give_zero_without_a_line)
 {
-    FdGuard guard;
-    LogCapture log;
     sockaddr_storage ss{};
     EXPECT_EQ(ifaddr_index("192.0.2.77", &ss), 0U);
     EXPECT_EQ(str(ss), "192.0.2.77:0");
@@ -455,10 +448,8 @@ TEST(NetopsIndex, foreign_address_and_unknown_name_give_zero_without_a_line)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsIndex, family_without_sockets_gives_zero)
+TEST_F(NetopsIndex, family_without_sockets_gives_zero)
 {
-    FdGuard guard;
-    LogCapture log;
     g_no_socket_family = AF_INET;
     sockaddr_storage ss{};
     EXPECT_EQ(ifaddr_index("127.0.0.1", &ss), 0U);
@@ -470,15 +461,13 @@ TEST(NetopsIndex, family_without_sockets_gives_zero)
               "(ERR)  ifaddr_index: socket(2, 1, 6) ERROR(97): Address family not supported by protocol");
 }
 
-TEST(NetopsIndex, no_text_ends_by_assertion)
+TEST_F(NetopsIndex, no_text_ends_by_assertion)
 {
     expect_abort([] { ifaddr_index(nullptr, nullptr); });
 }
 
-TEST(NetopsIndex, kept_error_of_the_list_stands_as_an_index)
+TEST_F(NetopsIndex, kept_error_of_the_list_stands_as_an_index)
 {
-    FdGuard guard;
-    LogCapture log;
     g_getifaddrs_errno = EMFILE;
     sockaddr_storage ss{};
     EXPECT_EQ(ifaddr_index("127.0.0.1", &ss), static_cast<unsigned int>(EMFILE));
@@ -492,9 +481,8 @@ TEST(NetopsIndex, kept_error_of_the_list_stands_as_an_index)
                      "(ERR)  get_ifc_info: if_indextoname(24, buf): No such device or address"}));
 }
 
-TEST(NetopsIndex, entries_without_an_address_are_skipped)
+TEST_F(NetopsIndex, entries_without_an_address_are_skipped)
 {
-    LogCapture log;
     const FakeInterfaces fake({{"ghost", {}}, {"v6", addr("fd00::1")}, {"lo", addr("127.0.0.9")}});
     EXPECT_EQ(ifaddr_index("127.0.0.9", nullptr), if_nametoindex("lo"));
     EXPECT_EQ(ifaddr_index("fd00::2", nullptr), 0U);
@@ -503,9 +491,10 @@ TEST(NetopsIndex, entries_without_an_address_are_skipped)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  ifc_addr_lookup: failed to look up address for ifc=ghost"}));
 }
 
-TEST(NetopsLookup, first_address_of_the_family)
+class NetopsLookup : public support::GuardedTest {};
+
+TEST_F(NetopsLookup, first_address_of_the_family)
 {
-    LogCapture log;
     const FakeInterfaces fake({{"x", addr("10.0.0.9")},
                                {"e", addr("fd00::5")},
                                {"e", addr("10.0.0.1")},
@@ -519,9 +508,8 @@ TEST(NetopsLookup, first_address_of_the_family)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsLookup, names_are_compared_over_sixteen_bytes)
+TEST_F(NetopsLookup, names_are_compared_over_sixteen_bytes)
 {
-    LogCapture log;
     const FakeInterfaces fake({{"abcdefghijklmnopXX", addr("10.0.0.1")}});
     sockaddr_storage ss{};
     EXPECT_EQ(ifc_addr_lookup(AF_INET, "abcdefghijklmnopYY", raw(ss), sizeof ss), 0);
@@ -529,9 +517,8 @@ TEST(NetopsLookup, names_are_compared_over_sixteen_bytes)
     EXPECT_EQ(ifc_addr_lookup(AF_INET, "abc", raw(ss), sizeof ss), -1);
 }
 
-TEST(NetopsLookup, local_groups_are_remembered_and_the_last_one_serves)
+TEST_F(NetopsLookup, local_groups_are_remembered_and_the_last_one_serves)
 {
-    LogCapture log;
     sockaddr_storage ss{};
     {
         const FakeInterfaces fake({{"e", addr("ff02::1")}, {"e", addr("fe80::7")}, {"e", addr("ff01::3")}});
@@ -544,12 +531,10 @@ TEST(NetopsLookup, local_groups_are_remembered_and_the_last_one_serves)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsLookup, interface_without_an_address_of_the_family_fails_with_one_line)
+TEST_F(NetopsLookup, interface_without_an_address_of_the_family_fails_with_one_line)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     LoopbackNet net;
-    LogCapture log;
     sockaddr_storage ss{};
     support::must_run("ip addr flush dev lo");
     EXPECT_EQ(ifc_addr_lookup(AF_INET, "lo", raw(ss), sizeof ss), -1);
@@ -560,9 +545,8 @@ TEST(NetopsLookup, interface_without_an_address_of_the_family_fails_with_one_lin
     EXPECT_EQ(ss.ss_family, 0);
 }
 
-TEST(NetopsLookup, list_that_cannot_be_had_gives_the_error)
+TEST_F(NetopsLookup, list_that_cannot_be_had_gives_the_error)
 {
-    LogCapture log;
     g_getifaddrs_errno = ENOBUFS;
     sockaddr_storage ss{};
     EXPECT_EQ(ifc_addr_lookup(AF_INET6, "lo", raw(ss), sizeof ss), ENOBUFS);
@@ -571,7 +555,7 @@ TEST(NetopsLookup, list_that_cannot_be_had_gives_the_error)
               (Lines{format("(ERR)  ifc_addr_lookup: getifaddrs [lo] (family=10): %s", strerror(ENOBUFS))}));
 }
 
-TEST(NetopsLookup, missing_arguments_and_short_space_end_by_assertion)
+TEST_F(NetopsLookup, missing_arguments_and_short_space_end_by_assertion)
 {
     sockaddr_storage ss{};
     expect_abort([&] { ifc_addr_lookup(AF_INET, nullptr, raw(ss), sizeof ss); });
@@ -580,10 +564,10 @@ TEST(NetopsLookup, missing_arguments_and_short_space_end_by_assertion)
     EXPECT_EQ(ifc_addr_lookup(AF_INET, "lo", raw(ss), 16), 0);
 }
 
-TEST(NetopsRecord, of_a_local_address_and_of_a_name)
+class NetopsRecord : public support::GuardedTest {};
+
+TEST_F(NetopsRecord, of_a_local_address_and_of_a_name)
 {
-    FdGuard guard;
-    LogCapture log;
     for (const char* tag : {"127.0.0.1", "lo"}) {
         ifc_info* info = get_ifc_info(AF_INET, tag);
         ASSERT_NE(info, nullptr) << tag;
@@ -595,28 +579,22 @@ TEST(NetopsRecord, of_a_local_address_and_of_a_name)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsRecord, unknown_tag_is_refused_with_a_line)
+TEST_F(NetopsRecord, unknown_tag_is_refused_with_a_line)
 {
-    FdGuard guard;
-    LogCapture log;
     EXPECT_EQ(get_ifc_info(AF_INET, "nosuchif"), nullptr);
     EXPECT_EQ(get_ifc_info(AF_INET6, "192.0.2.77"), nullptr);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  [nosuchif] is not a valid IPv4 interface address.",
                                   "(ERR)  [192.0.2.77] is not a valid IPv6 interface address."}));
 }
 
-TEST(NetopsRecord, name_without_an_address_is_refused)
+TEST_F(NetopsRecord, name_without_an_address_is_refused)
 {
-    FdGuard guard;
-    LogCapture log;
     EXPECT_EQ(get_ifc_info(AF_UNSPEC, "lo"), nullptr);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  ifc_addr_lookup: failed to look up address for ifc=lo"}));
 }
 
-TEST(NetopsRecord, failed_name_of_an_address_is_refused)
+TEST_F(NetopsRecord, failed_name_of_an_address_is_refused)
 {
-    FdGuard guard;
-    LogCapture log;
     g_if_indextoname_errno = ENXIO;
     EXPECT_EQ(get_ifc_info(AF_INET, "127.0.0.1"), nullptr);
     EXPECT_EQ(log.lines(),
@@ -629,19 +607,18 @@ TEST(NetopsRecord, failed_name_of_an_address_is_refused)
     EXPECT_EQ(log.lines().size(), 2U);
 }
 
-TEST(NetopsRecord, no_memory_gives_no_record)
+TEST_F(NetopsRecord, no_memory_gives_no_record)
 {
-    FdGuard guard;
-    LogCapture log;
     const FailAllocation fail(1);
     EXPECT_EQ(get_ifc_info(AF_INET, "lo"), nullptr);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  get_ifc_info: calloc(1, 152) ERROR(12): Cannot allocate memory"}));
 }
 
-TEST(NetopsMode, descriptor_modes_are_read_and_changed)
+class NetopsMode : public support::GuardedTest {};
+
+TEST_F(NetopsMode, descriptor_modes_are_read_and_changed)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Fd fd(socket(AF_INET, SOCK_DGRAM, 0));
     EXPECT_EQ(is_non_blocking(fd), 0);
     EXPECT_EQ(set_non_blocking(fd), 0);
@@ -652,10 +629,9 @@ TEST(NetopsMode, descriptor_modes_are_read_and_changed)
                                   format("(DBG)  set_nblock: fd%d set as blocking", int{fd})}));
 }
 
-TEST(NetopsMode, mode_that_stands_is_not_written_again)
+TEST_F(NetopsMode, mode_that_stands_is_not_written_again)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0));
     g_fcntl_setfl_calls = 0;
     EXPECT_EQ(set_nblock(fd, 1), 0);
@@ -667,10 +643,9 @@ TEST(NetopsMode, mode_that_stands_is_not_written_again)
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST(NetopsMode, kept_any_other_number_clears_the_bit_and_is_called_non_blocking)
+TEST_F(NetopsMode, kept_any_other_number_clears_the_bit_and_is_called_non_blocking)
 {
-    FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0));
     g_fcntl_setfl_calls = 0;
     EXPECT_EQ(set_nblock(fd, 2), 0);
@@ -681,9 +656,8 @@ TEST(NetopsMode, kept_any_other_number_clears_the_bit_and_is_called_non_blocking
     EXPECT_EQ(log.lines(), (Lines{line, line}));
 }
 
-TEST(NetopsMode, kept_bad_descriptor_counts_as_non_blocking)
+TEST_F(NetopsMode, kept_bad_descriptor_counts_as_non_blocking)
 {
-    LogCapture log;
     const std::string read_line =
         "(ERR)  get_socket_flags: fcntl(999, F_GETFL, 0) ERROR(9): Bad file descriptor";
     EXPECT_EQ(is_non_blocking(999), -1);
@@ -699,10 +673,10 @@ TEST(NetopsMode, kept_bad_descriptor_counts_as_non_blocking)
                                  -1 & ~O_NONBLOCK)}));
 }
 
-TEST(NetopsV6Only, kept_change_to_off_warns_although_it_works)
+class NetopsV6Only : public support::GuardedTest {};
+
+TEST_F(NetopsV6Only, kept_change_to_off_warns_although_it_works)
 {
-    FdGuard guard;
-    LogCapture log;
     const Fd fd(socket(AF_INET6, SOCK_STREAM, 0));
     set_ipv6only(fd, 1);
     EXPECT_EQ(int_option(fd, IPPROTO_IPV6, IPV6_V6ONLY), 1);
@@ -712,10 +686,9 @@ TEST(NetopsV6Only, kept_change_to_off_warns_although_it_works)
     EXPECT_EQ(log.lines(), (Lines{"(WRN)  set_ipv6only: server will not accept IPv4 requests"}));
 }
 
-TEST(NetopsV6Only, option_that_stands_is_told_at_info)
+TEST_F(NetopsV6Only, option_that_stands_is_told_at_info)
 {
-    FdGuard guard;
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     const Fd fd(socket(AF_INET6, SOCK_STREAM, 0));
     set_ipv6only(fd, 0);
     set_ipv6only(fd, 1);
@@ -725,10 +698,10 @@ TEST(NetopsV6Only, option_that_stands_is_told_at_info)
                      format("(INF)  set_ipv6only: IPV6_V6ONLY for fd=%d is already ON", int{fd})}));
 }
 
-TEST(NetopsV6Only, option_that_cannot_be_read_is_told_on_stderr_and_warns)
+TEST_F(NetopsV6Only, option_that_cannot_be_read_is_told_on_stderr_and_warns)
 {
-    const auto child = support::run_in_child([] {
-        LogCapture log;
+    const auto child = support::run_in_child([this] {
+        log.clear();
         const Fd fd(socket(AF_INET, SOCK_STREAM, 0));
         set_ipv6only(fd, 1);
         const bool silent = log.lines().empty();
@@ -742,10 +715,8 @@ TEST(NetopsV6Only, option_that_cannot_be_read_is_told_on_stderr_and_warns)
     EXPECT_EQ(child.err, line + line);
 }
 
-TEST(NetopsV6Only, option_that_cannot_be_written_is_logged)
+TEST_F(NetopsV6Only, option_that_cannot_be_written_is_logged)
 {
-    FdGuard guard;
-    LogCapture log;
     const Fd fd(socket(AF_INET6, SOCK_STREAM, 0));
     g_setsockopt_errno = EPERM;
     set_ipv6only(fd, 1);

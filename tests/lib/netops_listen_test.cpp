@@ -12,8 +12,6 @@
 #include "wrap.h"
 
 using namespace net_test;
-using support::FdGuard;
-using support::LogCapture;
 
 namespace {
 
@@ -322,7 +320,6 @@ TEST_F(NetopsDomain, directory_without_write_permission_fails_with_two_lines)
         if (setuid(65534) != 0) {
             return 2;
         }
-        FdGuard guard;
         EXPECT_EQ(open_domain_listener(left.c_str()), -1);
         EXPECT_EQ(log.lines(), (Lines{"(ERR)  open_domain_listener: unlink ERROR(13): Permission denied",
                                       "(ERR)  open_domain_listener: failed for path=[" + left + "]"}));
@@ -613,10 +610,10 @@ TEST_F(NetopsError, errno_survives_a_log_that_disturbs_it)
     EXPECT_EQ(left(open_domain_client(dir.path("nobody").c_str(), 1, 0) == -1), ENOENT);
 }
 
-TEST(NetopsPeer, text_of_the_peer_with_its_port)
+class NetopsPeer : public support::GuardedTest {};
+
+TEST_F(NetopsPeer, text_of_the_peer_with_its_port)
 {
-    FdGuard guard;
-    LogCapture log;
     char buf[64];
     const Fd fd(socket(AF_INET, SOCK_DGRAM, 0));
     sockaddr_storage to = addr("127.0.0.1", 4999);
@@ -636,10 +633,8 @@ TEST(NetopsPeer, text_of_the_peer_with_its_port)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsPeer, unconnected_socket_has_none)
+TEST_F(NetopsPeer, unconnected_socket_has_none)
 {
-    FdGuard guard;
-    LogCapture log;
     char buf[64];
     const Fd fd(socket(AF_INET, SOCK_STREAM, 0));
     EXPECT_EQ(get_peer_ipaddr(fd, buf, sizeof buf), nullptr);

@@ -10,8 +10,6 @@
 #include <netinet/in.h>
 
 using namespace net_test;
-using support::FdGuard;
-using support::LogCapture;
 using support::NetnsPair;
 
 namespace {
@@ -462,10 +460,10 @@ TEST_F(NetopsTtl, other_family_ends_by_assertion)
     expect_abort([] { set_mcast_ttl(AF_UNIX, -1, 1); });
 }
 
-TEST(NetopsOutgoing, index_zero_is_refused_without_a_call)
+class NetopsOutgoing : public support::GuardedTest {};
+
+TEST_F(NetopsOutgoing, index_zero_is_refused_without_a_call)
 {
-    FdGuard guard;
-    LogCapture log;
     const Fd fd = udp(AF_INET6);
     g_setsockopt_calls = 0;
     EXPECT_EQ(set_ipv6_sock_ifc(fd, 0), -1);
@@ -473,10 +471,8 @@ TEST(NetopsOutgoing, index_zero_is_refused_without_a_call)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  set_ipv6_sock_ifc: network interface must be specified"}));
 }
 
-TEST(NetopsOutgoing, index_is_set_and_an_unknown_one_gives_the_error)
+TEST_F(NetopsOutgoing, index_is_set_and_an_unknown_one_gives_the_error)
 {
-    FdGuard guard;
-    LogCapture log;
     const Fd fd = udp(AF_INET6);
     const unsigned int lo = if_nametoindex("lo");
     EXPECT_EQ(set_ipv6_sock_ifc(fd, lo), 0);
@@ -488,9 +484,11 @@ TEST(NetopsOutgoing, index_is_set_and_an_unknown_one_gives_the_error)
     EXPECT_EQ(lines[1], "(ERR)  set_ipv6_sock_ifc: setsockopt IPV6_MULTICAST_IF failed (19): No such device");
 }
 
-TEST(NetopsScope, other_families_are_left_without_a_word)
+class NetopsScope : public support::GuardedTest {};
+
+TEST_F(NetopsScope, other_families_are_left_without_a_word)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     sockaddr_storage ss = addr("239.1.1.1");
     const sockaddr_storage before = ss;
     sockaddr_storage ifc{};
@@ -499,9 +497,8 @@ TEST(NetopsScope, other_families_are_left_without_a_word)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsScope, scope_that_is_there_stays)
+TEST_F(NetopsScope, scope_that_is_there_stays)
 {
-    LogCapture log;
     sockaddr_storage ss = addr("ff02::1", 0, 7);
     sockaddr_storage ifc = addr("fe80::1", 0, 3);
     sync_ipv6addr_scope_id(raw(ss), "lo", &ifc);
@@ -513,9 +510,8 @@ TEST(NetopsScope, scope_that_is_there_stays)
     EXPECT_EQ(log.lines(), (Lines{line, line}));
 }
 
-TEST(NetopsScope, kept_both_outcomes_are_logged_as_errors)
+TEST_F(NetopsScope, kept_both_outcomes_are_logged_as_errors)
 {
-    LogCapture log;
     sockaddr_storage ss = addr("ff02::1");
     sockaddr_storage linked = addr("fe80::1", 0, 3);
     sockaddr_storage global = addr("fd00::1");
@@ -527,9 +523,8 @@ TEST(NetopsScope, kept_both_outcomes_are_logged_as_errors)
                                   "(ERR)  updated IPv6 address scope ID to 3"}));
 }
 
-TEST(NetopsScope, no_name_and_no_address_is_refused)
+TEST_F(NetopsScope, no_name_and_no_address_is_refused)
 {
-    LogCapture log;
     sockaddr_storage ss = addr("ff02::1");
     sockaddr_storage ifc{};
     sync_ipv6addr_scope_id(raw(ss), nullptr, &ifc);
@@ -537,13 +532,11 @@ TEST(NetopsScope, no_name_and_no_address_is_refused)
                                   "link-specific address must be selected"}));
 }
 
-TEST(NetopsScope, kept_record_declared_const_is_completed)
+TEST_F(NetopsScope, kept_record_declared_const_is_completed)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const Segment segment;
     support::must_run("ip -6 addr flush dev va scope global");
-    LogCapture log;
     sockaddr_storage ss = addr("ff02::99");
     sockaddr_storage ifc{};
     sync_ipv6addr_scope_id(raw(ss), "va", &ifc);
@@ -554,9 +547,8 @@ TEST(NetopsScope, kept_record_declared_const_is_completed)
     EXPECT_EQ(log.lines(), (Lines{format("(ERR)  updated IPv6 address scope ID to %u", va)}));
 }
 
-TEST(NetopsScope, failed_look_up_leaves_the_address)
+TEST_F(NetopsScope, failed_look_up_leaves_the_address)
 {
-    LogCapture log;
     sockaddr_storage ss = addr("ff02::1");
     sockaddr_storage ifc{};
     sync_ipv6addr_scope_id(raw(ss), "nosuchif", &ifc);

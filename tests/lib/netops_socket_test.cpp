@@ -496,10 +496,10 @@ TEST_F(NetopsClient, refused_stream_leaves_no_descriptor)
     EXPECT_EQ(lines[0].find("(ERR)  setup_client: connect("), 0U) << lines[0];
 }
 
-TEST(NetopsWalk, later_entry_serves_where_the_first_fails)
+class NetopsWalk : public support::GuardedTest {};
+
+TEST_F(NetopsWalk, later_entry_serves_where_the_first_fails)
 {
-    FdGuard guard;
-    LogCapture log;
     const TcpServer server;
     const auto port = static_cast<uint16_t>(std::stoi(server.port));
     const auto closed = static_cast<uint16_t>(std::stoi(closed_port()));
@@ -525,10 +525,8 @@ TEST(NetopsWalk, later_entry_serves_where_the_first_fails)
     g_answers.clear();
 }
 
-TEST(NetopsWalk, failure_to_leave_blocking_mode_ends_the_walk)
+TEST_F(NetopsWalk, failure_to_leave_blocking_mode_ends_the_walk)
 {
-    FdGuard guard;
-    LogCapture log;
     g_answers = {addr("127.0.0.1", 9), addr("127.0.0.2", 9)};
     g_setfl_errno = EPERM;
     g_socket_calls = 0;
@@ -1050,10 +1048,10 @@ TEST(NetopsEndsWithPort, texts)
     }
 }
 
-TEST(NetopsReuse, port_is_shared_and_failures_are_errors)
+class NetopsReuse : public support::GuardedTest {};
+
+TEST_F(NetopsReuse, port_is_shared_and_failures_are_errors)
 {
-    FdGuard guard;
-    LogCapture log;
     const Fd first(socket(AF_INET, SOCK_DGRAM, 0));
     const Fd second(socket(AF_INET, SOCK_DGRAM, 0));
     sockaddr_storage ss = addr("127.0.0.1");
@@ -1068,13 +1066,12 @@ TEST(NetopsReuse, port_is_shared_and_failures_are_errors)
     EXPECT_EQ(log.lines().size(), 2U);
 }
 
-TEST(NetopsReuse, long_text_is_cut_in_the_debug_line)
+TEST_F(NetopsReuse, long_text_is_cut_in_the_debug_line)
 {
     NEEDS_NAMESPACES();
-    FdGuard guard;
     const LoopbackNet net;
     support::must_run("ip -6 addr add fd00:1111:2222:3333:4444:5555:6666:7777/128 dev lo nodad");
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Fd fd(socket(AF_INET6, SOCK_DGRAM, 0));
     sockaddr_storage ss = addr("fd00:1111:2222:3333:4444:5555:6666:7777", 60000);
     EXPECT_EQ(reuse_and_bind(fd, raw(ss), 28), 0);

@@ -5,18 +5,18 @@
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
 
+#include "child.h"
 #include "detail/inotify_records.h"
 #include "rqs_fixture.h"
 #include "wrap.h"
 
 namespace {
 
-using loop::expect_abort;
 using loop::make_pipe;
-using loop::Pipe;
+using loop::PipePair;
 using loop::Record;
-
-using Words = std::vector<std::string>;
+using loop::Words;
+using support::expect_abort;
 
 constexpr int kStopped = 100;
 
@@ -126,13 +126,13 @@ TEST_F(RqsFaults, epoll_refuses)
 TEST_F(RqsFaults, a_loop_on_descriptor_0_is_a_loop)
 {
     const support::ChildResult result = support::run_in_child([this] {
-        const Pipe p = make_pipe();
+        const PipePair p = make_pipe();
         close(STDIN_FILENO);
         init();
         Record record;
-        rqs_add_reader(p.in.get(), &record);
-        const int removed = rqs_rm_fd(p.in.get(), true, false);
-        const int again = rqs_rm_fd(p.in.get(), true, false);
+        rqs_add_reader(p.in, &record);
+        const int removed = rqs_rm_fd(p.in, true, false);
+        const int again = rqs_rm_fd(p.in, true, false);
         printf("%d;%d;%d", removed, again, errno);
         return 0;
     });
@@ -257,7 +257,7 @@ TEST_F(RqsFaults, without_update_tmout_there_is_no_limit_and_nopoll_events_make_
 TEST_F(RqsFaults, the_room_for_events_is_that_of_the_descriptors_in_blocks_of_ten)
 {
     init();
-    std::vector<loop::Pipe> pipes;
+    std::vector<loop::PipePair> pipes;
     Record record;
     int room = -1;
     g_faults.wait = [&room](epoll_event*, int at, int) {
@@ -267,7 +267,7 @@ TEST_F(RqsFaults, the_room_for_events_is_that_of_the_descriptors_in_blocks_of_te
     for (const size_t total : {1U, 10U, 11U, 25U}) {
         while (pipes.size() < total) {
             pipes.push_back(loop::make_pipe());
-            ASSERT_EQ(rqs_add_reader(pipes.back().in.get(), &record), 0);
+            ASSERT_EQ(rqs_add_reader(pipes.back().in, &record), 0);
         }
         stop_after(1);
         EXPECT_EQ(rqs_event_loop(), kStopped);
@@ -349,7 +349,7 @@ TEST_F(RqsMasks, an_event_without_room_is_an_assertion)
         return 1;
     };
     stop_after(1);
-    expect_abort("Assertion", [] { rqs_event_loop(); });
+    expect_abort([] { rqs_event_loop(); });
 }
 
 // ---- records that no kernel writes ------------------------------------------------------------------------
@@ -404,7 +404,7 @@ class RqsRecords : public RqsFaults {
     {
         char name[] = "/tmp/rqs_faults_XXXXXX";
         const mv::OwnedFd temporary(mkstemp(name));
-        loop::put(temporary, "x");
+        loop::put(temporary.get(), "x");
         unlink(name);
         for (const int fd : support::open_fds()) {
             epoll_event event = {};
@@ -608,7 +608,7 @@ TEST_F(RqsRecords, removing_a_watch_that_the_table_does_not_know_is_told)
 
 TEST_F(RqsRecords, more_removals_than_adds_are_an_assertion)
 {
-    expect_abort("Assertion", [this] {
+    expect_abort([this] {
         // A second watch that fails and cannot be dropped again is the kernel's, and not counted.
         g_faults.inotify_rm_watch_error = EBADF;
         EXPECT_EQ(rqs_add_file_watch(&mark, "/"), -1);

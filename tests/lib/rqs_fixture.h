@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <optional>
 #include <string>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -21,11 +22,15 @@
 #include "child.h"
 #include "detail/owned.h"
 #include "fds.h"
-#include "logcap.h"
+#include "fixtures.h"
 #include "oom.h"
 #include "psensor.h"
 
 namespace loop {
+
+using support::PipePair;
+using support::SocketPair;
+using Words = std::vector<std::string>;
 
 // What a callback of the loop does in a test; empty: nothing, and 0.
 struct Hooks {
@@ -121,28 +126,20 @@ struct Record {
     int fd = -1;
 };
 
-struct Pipe {
-    mv::OwnedFd in;  // to read from
-    mv::OwnedFd out; // to write to
-};
-
-inline Pipe make_pipe()
+// What all tests of the loop hold is non-blocking.
+inline PipePair make_pipe()
 {
-    int fds[2];
-    EXPECT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
-    return {mv::OwnedFd(fds[0]), mv::OwnedFd(fds[1])};
+    return PipePair(O_NONBLOCK | O_CLOEXEC);
 }
 
-inline Pipe make_socketpair()
+inline SocketPair make_socketpair()
 {
-    int fds[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds), 0);
-    return {mv::OwnedFd(fds[0]), mv::OwnedFd(fds[1])};
+    return SocketPair(SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC);
 }
 
-inline void put(const mv::OwnedFd& fd, const std::string& text)
+inline void put(int fd, const std::string& text)
 {
-    ASSERT_EQ(write(fd.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
 }
 
 inline std::string drain(int fd)
@@ -152,9 +149,13 @@ inline std::string drain(int fd)
     return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
 }
 
-class Loop : public testing::Test {
+class Loop : public support::GuardedTest {
   protected:
-    Loop() { g_hooks = &hooks; }
+    Loop()
+    {
+        g_hooks = &hooks;
+        log.set_level(DEBUG_level);
+    }
 
     ~Loop() override
     {
@@ -193,10 +194,10 @@ class Loop : public testing::Test {
     static void no_wait(timespec* tmout) { *tmout = {0, 0}; }
 
     // A pipe with a byte in it, registered as a reader.
-    static Pipe add_ready_reader(Record& record)
+    static PipePair add_ready_reader(Record& record)
     {
-        Pipe p = make_pipe();
-        EXPECT_EQ(rqs_add_reader(p.in.get(), &record), 0);
+        PipePair p = make_pipe();
+        EXPECT_EQ(rqs_add_reader(p.in, &record), 0);
         put(p.out, "x");
         return p;
     }
@@ -205,13 +206,13 @@ class Loop : public testing::Test {
     void add_idle_reader()
     {
         idle_ = make_pipe();
-        ASSERT_EQ(rqs_add_reader(idle_.in.get(), &idle_record_), 0);
+        ASSERT_EQ(rqs_add_reader(idle_->in, &idle_record_), 0);
     }
 
     void remove_idle_reader()
     {
-        ASSERT_EQ(rqs_rm_fd(idle_.in.get(), true, false), 0);
-        idle_ = {};
+        ASSERT_EQ(rqs_rm_fd(idle_->in, true, false), 0);
+        idle_.reset();
     }
 
     size_t count(const std::string& word) const
@@ -235,27 +236,13 @@ class Loop : public testing::Test {
         return found;
     }
 
-    support::FdGuard guard_;
-    support::LogCapture log{DEBUG_level};
     Hooks hooks;
 
   private:
     int left_ = 0;
-    Pipe idle_;
+    std::optional<PipePair> idle_;
     Record idle_record_;
 };
-
-// The body ends in abort(), and its stderr or the log (which goes there) holds the text.
-inline void expect_abort(const std::string& text, const std::function<void()>& body)
-{
-    const support::ChildResult result = support::run_in_child([&body] {
-        log_default(&g_log, stderr);
-        body();
-        return 0;
-    });
-    EXPECT_EQ(result.signal, SIGABRT) << result.err;
-    EXPECT_NE(result.err.find(text), std::string::npos) << result.err;
-}
 
 } // namespace loop
 

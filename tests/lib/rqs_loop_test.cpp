@@ -10,22 +10,23 @@
 #include <sys/time.h>
 #include <sys/wait.h>
 
+#include "child.h"
 #include "rqs_fixture.h"
 
 namespace {
 
 using loop::all_callbacks;
 using loop::drain;
-using loop::expect_abort;
 using loop::fewest_callbacks;
 using loop::make_pipe;
 using loop::make_socketpair;
 using loop::note;
-using loop::Pipe;
+using loop::PipePair;
 using loop::put;
 using loop::Record;
-
-using Words = std::vector<std::string>;
+using loop::SocketPair;
+using loop::Words;
+using support::expect_abort;
 
 constexpr int kStopped = 100; // what ends the loop in these tests
 
@@ -137,7 +138,7 @@ TEST_F(RqsLoop, a_request_of_nothing_known_gives_null)
 
 TEST_F(RqsLoop, set_up_needs_a_configuration)
 {
-    expect_abort("Assertion", [] { rqs_init(nullptr); });
+    expect_abort([] { rqs_init(nullptr); });
 }
 
 TEST_F(RqsLoop, the_configuration_is_copied)
@@ -169,14 +170,14 @@ TEST_F(RqsLoop, the_end_closes_everything_and_may_come_twice)
 TEST_F(RqsLoop, after_the_end_a_removal_does_nothing_and_an_add_is_an_assertion)
 {
     init();
-    const Pipe p = make_pipe();
+    const PipePair p = make_pipe();
     Record record;
-    ASSERT_EQ(rqs_add_reader(p.in.get(), &record), 0);
+    ASSERT_EQ(rqs_add_reader(p.in, &record), 0);
     rqs_destroy();
     log.clear();
-    EXPECT_EQ(rqs_rm_fd(p.in.get(), true, false), 0);
+    EXPECT_EQ(rqs_rm_fd(p.in, true, false), 0);
     EXPECT_TRUE(log.lines().empty());
-    expect_abort("Assertion", [&] { rqs_add_reader(p.in.get(), &record); });
+    expect_abort([&] { rqs_add_reader(p.in, &record); });
 }
 
 TEST_F(RqsLoop, the_loop_before_set_up_is_an_assertion)
@@ -184,12 +185,12 @@ TEST_F(RqsLoop, the_loop_before_set_up_is_an_assertion)
     if (!is_fresh()) {
         GTEST_SKIP() << "skipped: another test of this process has set the loop up";
     }
-    expect_abort("Assertion", [] { rqs_event_loop(); });
+    expect_abort([] { rqs_event_loop(); });
 }
 
 TEST_F(RqsLoop, kept_an_epoll_descriptor_of_zero_stops_the_loop_and_is_not_closed)
 {
-    expect_abort("Assertion", [this] {
+    expect_abort([this] {
         close(0);
         init();
         EXPECT_NE(fcntl(0, F_GETFD), -1);
@@ -209,12 +210,12 @@ TEST_F(RqsLoop, kept_an_epoll_descriptor_of_zero_stops_the_loop_and_is_not_close
 TEST_F(RqsLoop, a_descriptor_is_added_once)
 {
     init();
-    const Pipe p = make_pipe();
+    const PipePair p = make_pipe();
     Record record;
-    ASSERT_EQ(rqs_add_reader(p.in.get(), &record), 0);
+    ASSERT_EQ(rqs_add_reader(p.in, &record), 0);
     log.clear();
     errno = 0;
-    EXPECT_EQ(rqs_add_writer(p.in.get(), &record), -1);
+    EXPECT_EQ(rqs_add_writer(p.in, &record), -1);
     EXPECT_EQ(errno, EEXIST);
     ASSERT_EQ(log.lines().size(), 1U);
     char want[256];
@@ -228,19 +229,18 @@ TEST_F(RqsLoop, a_descriptor_is_added_once)
 TEST_F(RqsLoop, changing_a_descriptor_that_is_not_registered_fails)
 {
     init();
-    const Pipe p = make_pipe();
-    EXPECT_EQ(rqs_mod_reader(p.in.get(), nullptr), -1);
+    const PipePair p = make_pipe();
+    EXPECT_EQ(rqs_mod_reader(p.in, nullptr), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(lines_with("EPOLL_CTL_MOD, " + std::to_string(p.in.get()) + ", {0x1, (nil)}) ERROR(2)").size(),
-              1U)
+    EXPECT_EQ(lines_with("EPOLL_CTL_MOD, " + std::to_string(p.in) + ", {0x1, (nil)}) ERROR(2)").size(), 1U)
         << log.text();
-    EXPECT_EQ(rqs_mod(p.in.get(), nullptr, RQS_READ | RQS_WRITE), -1);
+    EXPECT_EQ(rqs_mod(p.in, nullptr, RQS_READ | RQS_WRITE), -1);
     EXPECT_EQ(lines_with("{0x5, (nil)}) ERROR(2)").size(), 1U);
-    EXPECT_EQ(rqs_mod(p.in.get(), nullptr, RQS_WRITE), -1);
+    EXPECT_EQ(rqs_mod(p.in, nullptr, RQS_WRITE), -1);
     EXPECT_EQ(lines_with("{0x4, (nil)}) ERROR(2)").size(), 1U);
-    EXPECT_EQ(rqs_mod(p.in.get(), nullptr, RQS_READ), -1);
+    EXPECT_EQ(rqs_mod(p.in, nullptr, RQS_READ), -1);
     EXPECT_EQ(lines_with("{0x1, (nil)}) ERROR(2)").size(), 2U);
-    EXPECT_EQ(rqs_mod(p.in.get(), nullptr, 0), -1);
+    EXPECT_EQ(rqs_mod(p.in, nullptr, 0), -1);
     EXPECT_EQ(lines_with("{0x10, (nil)}) ERROR(2)").size(), 1U);
     EXPECT_EQ(rqs_add_reader(999999, nullptr), -1);
     EXPECT_EQ(errno, EBADF);
@@ -250,15 +250,15 @@ TEST_F(RqsLoop, changing_a_descriptor_that_is_not_registered_fails)
 TEST_F(RqsLoop, kept_a_failed_removal_prints_the_result_where_the_number_belongs)
 {
     init();
-    const Pipe p = make_pipe();
+    const PipePair p = make_pipe();
     errno = 0;
-    EXPECT_EQ(rqs_rm_fd(p.in.get(), true, true), -1);
+    EXPECT_EQ(rqs_rm_fd(p.in, true, true), -1);
     EXPECT_EQ(errno, ENOENT);
     ASSERT_EQ(log.lines().size(), 1U);
     const std::string line = log.lines()[0];
     EXPECT_NE(line.find("(ERR)  rqs_rm_fd: epoll_ctl("), std::string::npos) << line;
     const std::string end =
-        ", EPOLL_CTL_DEL, " + std::to_string(p.in.get()) + ",..) ERROR(-1): No such file or directory";
+        ", EPOLL_CTL_DEL, " + std::to_string(p.in) + ",..) ERROR(-1): No such file or directory";
     EXPECT_NE(line.find(end), std::string::npos) << line;
     EXPECT_EQ(rqs_fd_count(GET_POLLFDS), 0U);
 }
@@ -266,11 +266,11 @@ TEST_F(RqsLoop, kept_a_failed_removal_prints_the_result_where_the_number_belongs
 TEST_F(RqsLoop, the_flags_of_a_removal_are_ignored)
 {
     init();
-    const Pipe p = make_pipe();
-    ASSERT_EQ(rqs_add_writer(p.out.get(), nullptr), 0);
-    EXPECT_EQ(rqs_rm_fd(p.out.get(), false, false), 0);
-    ASSERT_EQ(rqs_add_writer(p.out.get(), nullptr), 0);
-    EXPECT_EQ(rqs_rm_fd(p.out.get(), true, false), 0);
+    const PipePair p = make_pipe();
+    ASSERT_EQ(rqs_add_writer(p.out, nullptr), 0);
+    EXPECT_EQ(rqs_rm_fd(p.out, false, false), 0);
+    ASSERT_EQ(rqs_add_writer(p.out, nullptr), 0);
+    EXPECT_EQ(rqs_rm_fd(p.out, true, false), 0);
     EXPECT_EQ(rqs_fd_count(GET_POLLFDS), 0U);
 }
 
@@ -280,7 +280,7 @@ TEST_F(RqsLoop, a_cycle_runs_its_stages_in_order)
 {
     init();
     Record record;
-    const Pipe p = add_ready_reader(record);
+    const PipePair p = add_ready_reader(record);
     std::vector<int> stages;
     const auto keep = [&] { stages.push_back(loop::stage()); };
     hooks.update_tmout = [&](timespec*) { keep(); };
@@ -332,7 +332,7 @@ TEST_F(RqsLoop, callbacks_that_may_be_null_may_all_be_null)
 {
     init(fewest_callbacks());
     Record record;
-    const Pipe p = add_ready_reader(record);
+    const PipePair p = add_ready_reader(record);
     int reads = 0;
     hooks.read = [&](int, int, void*) { return ++reads == 3 ? 1 : 0; };
     EXPECT_EQ(rqs_event_loop(), 1);
@@ -342,12 +342,12 @@ TEST_F(RqsLoop, callbacks_that_may_be_null_may_all_be_null)
 TEST_F(RqsLoop, the_loop_can_be_left_and_entered_again)
 {
     init();
-    const Pipe p = make_pipe();
+    const PipePair p = make_pipe();
     Record record;
-    ASSERT_EQ(rqs_add_reader(p.in.get(), &record), 0);
+    ASSERT_EQ(rqs_add_reader(p.in, &record), 0);
     for (int i = 0; i < 3; ++i) {
         put(p.out, "x");
-        hooks.read = [&](int, int, void*) { return drain(p.in.get()).empty() ? 1 : 0; };
+        hooks.read = [&](int, int, void*) { return drain(p.in).empty() ? 1 : 0; };
         stop_after(1);
         EXPECT_EQ(rqs_event_loop(), kStopped);
     }
@@ -359,13 +359,13 @@ TEST_F(RqsLoop, the_loop_can_be_left_and_entered_again)
 TEST_F(RqsLoop, kept_the_data_word_has_two_views)
 {
     init();
-    const Pipe with = make_pipe();
-    const Pipe without = make_socketpair();
+    const PipePair with = make_pipe();
+    const SocketPair without = make_socketpair();
     Record record;
-    ASSERT_EQ(rqs_add_reader(with.in.get(), &record), 0);
-    ASSERT_EQ(rqs_add_reader(without.in.get(), nullptr), 0);
+    ASSERT_EQ(rqs_add_reader(with.in, &record), 0);
+    ASSERT_EQ(rqs_add_reader(without.ours, nullptr), 0);
     put(with.out, "x");
-    put(without.out, "x");
+    put(without.peer, "x");
     std::map<void*, int> seen;
     hooks.read = [&](int fd, int fd_err, void* udata) {
         EXPECT_EQ(fd_err, 0);
@@ -376,16 +376,16 @@ TEST_F(RqsLoop, kept_the_data_word_has_two_views)
     EXPECT_EQ(rqs_event_loop(), kStopped);
     const std::map<void*, int> want = {
         {&record, static_cast<int>(reinterpret_cast<uintptr_t>(&record))},
-        {reinterpret_cast<void*>(static_cast<intptr_t>(without.in.get())), without.in.get()}};
+        {reinterpret_cast<void*>(static_cast<intptr_t>(without.ours)), without.ours}};
     EXPECT_EQ(seen, want);
 }
 
 TEST_F(RqsLoop, a_writer_owes_no_tag_and_its_word_is_not_read)
 {
     init();
-    const Pipe p = make_pipe();
+    const PipePair p = make_pipe();
     void* word = reinterpret_cast<void*>(uintptr_t{8} << 40); // no address at all
-    ASSERT_EQ(rqs_add_writer(p.out.get(), word), 0);
+    ASSERT_EQ(rqs_add_writer(p.out, word), 0);
     hooks.write = [&](int, int, void* udata) {
         EXPECT_EQ(udata, word);
         return 0;
@@ -398,21 +398,21 @@ TEST_F(RqsLoop, a_writer_owes_no_tag_and_its_word_is_not_read)
 TEST_F(RqsLoop, a_record_with_the_tag_of_the_file_watches_is_an_assertion)
 {
     init();
-    const Pipe p = make_pipe();
+    const PipePair p = make_pipe();
     Record record;
     memcpy(record.tag.sym, "ino", 4);
-    ASSERT_EQ(rqs_add_reader(p.in.get(), &record), 0);
+    ASSERT_EQ(rqs_add_reader(p.in, &record), 0);
     put(p.out, "x");
     stop_after(1);
-    expect_abort("Assertion", [] { rqs_event_loop(); });
+    expect_abort([] { rqs_event_loop(); });
 }
 
 TEST_F(RqsLoop, a_record_may_stand_at_any_address)
 {
     init();
-    const Pipe p = make_pipe();
+    const PipePair p = make_pipe();
     char bytes[8] = "xtst";
-    ASSERT_EQ(rqs_add_reader(p.in.get(), bytes + 1), 0);
+    ASSERT_EQ(rqs_add_reader(p.in, bytes + 1), 0);
     put(p.out, "x");
     stop_after(1);
     EXPECT_EQ(rqs_event_loop(), kStopped);
@@ -422,18 +422,18 @@ TEST_F(RqsLoop, a_record_may_stand_at_any_address)
 TEST_F(RqsLoop, of_both_directions_the_read_goes_first_and_the_write_comes_again)
 {
     init();
-    const Pipe s = make_socketpair();
+    const SocketPair s = make_socketpair();
     Record record;
-    ASSERT_EQ(rqs_add_reader(s.in.get(), &record), 0);
-    ASSERT_EQ(rqs_mod(s.in.get(), &record, RQS_READ | RQS_WRITE), 0);
-    put(s.out, "x");
-    hooks.read = [&](int, int, void*) { return drain(s.in.get()) == "x" ? 0 : 1; };
+    ASSERT_EQ(rqs_add_reader(s.ours, &record), 0);
+    ASSERT_EQ(rqs_mod(s.ours, &record, RQS_READ | RQS_WRITE), 0);
+    put(s.peer, "x");
+    hooks.read = [&](int, int, void*) { return drain(s.ours) == "x" ? 0 : 1; };
     stop_after(3);
     EXPECT_EQ(rqs_event_loop(), kStopped);
     EXPECT_EQ(count("read"), 1U);
     EXPECT_EQ(count("write"), 2U);
     hooks.trace.clear();
-    ASSERT_EQ(rqs_mod_reader(s.in.get(), &record), 0);
+    ASSERT_EQ(rqs_mod_reader(s.ours, &record), 0);
     hooks.update_tmout = no_wait;
     stop_after(2);
     EXPECT_EQ(rqs_event_loop(), kStopped);
@@ -443,14 +443,14 @@ TEST_F(RqsLoop, of_both_directions_the_read_goes_first_and_the_write_comes_again
 TEST_F(RqsLoop, a_hang_up_with_data_arrives_at_read)
 {
     init();
-    Pipe s = make_socketpair();
+    SocketPair s = make_socketpair();
     Record record;
-    ASSERT_EQ(rqs_add_reader(s.in.get(), &record), 0);
-    put(s.out, "last");
-    s.out.reset();
+    ASSERT_EQ(rqs_add_reader(s.ours, &record), 0);
+    put(s.peer, "last");
+    s.peer.reset();
     hooks.read = [&](int, int fd_err, void*) {
         EXPECT_EQ(fd_err, RQS_SOCKHUP);
-        EXPECT_EQ(drain(s.in.get()), "last");
+        EXPECT_EQ(drain(s.ours), "last");
         return 0;
     };
     stop_after(1);
@@ -462,12 +462,12 @@ TEST_F(RqsLoop, a_hang_up_with_data_arrives_at_read)
 TEST_F(RqsLoop, a_hang_up_alone_goes_to_error)
 {
     init();
-    Pipe s = make_socketpair();
+    SocketPair s = make_socketpair();
     Record record;
-    ASSERT_EQ(rqs_add_reader(s.in.get(), &record), 0);
-    ASSERT_EQ(rqs_mod(s.in.get(), &record, 0), 0);
-    put(s.out, "unseen");
-    s.out.reset();
+    ASSERT_EQ(rqs_add_reader(s.ours, &record), 0);
+    ASSERT_EQ(rqs_mod(s.ours, &record, 0), 0);
+    put(s.peer, "unseen");
+    s.peer.reset();
     hooks.error = [&](int, int fd_err, void* udata) {
         EXPECT_EQ(fd_err, RQS_SOCKHUP);
         EXPECT_EQ(udata, &record);
@@ -481,9 +481,9 @@ TEST_F(RqsLoop, a_hang_up_alone_goes_to_error)
 TEST_F(RqsLoop, an_error_alone_goes_to_error_and_with_a_direction_to_that_direction)
 {
     init();
-    Pipe p = make_pipe();
+    PipePair p = make_pipe();
     Record record;
-    ASSERT_EQ(rqs_add_writer(p.out.get(), &record), 0);
+    ASSERT_EQ(rqs_add_writer(p.out, &record), 0);
     p.in.reset();
     hooks.write = [](int, int fd_err, void*) {
         EXPECT_EQ(fd_err, RQS_SOCKERR);
@@ -492,7 +492,7 @@ TEST_F(RqsLoop, an_error_alone_goes_to_error_and_with_a_direction_to_that_direct
     stop_after(1);
     EXPECT_EQ(rqs_event_loop(), kStopped);
     EXPECT_EQ(count("write"), 1U);
-    ASSERT_EQ(rqs_mod(p.out.get(), &record, RQS_READ), 0);
+    ASSERT_EQ(rqs_mod(p.out, &record, RQS_READ), 0);
     hooks.error = [](int, int fd_err, void*) {
         EXPECT_EQ(fd_err, RQS_SOCKERR);
         return 0;
@@ -507,9 +507,9 @@ TEST_F(RqsLoop, kept_a_failed_event_does_not_keep_the_rest_from_its_turn)
 {
     init();
     Record records[3];
-    Pipe pipes[3];
-    for (int i = 0; i < 3; ++i) {
-        pipes[i] = add_ready_reader(records[i]);
+    std::vector<PipePair> pipes;
+    for (Record& record : records) {
+        pipes.push_back(add_ready_reader(record));
     }
     int calls = 0;
     hooks.read = [&](int, int, void*) { return ++calls == 1 ? 55 : 0; };
@@ -526,7 +526,7 @@ TEST_F(RqsLoop, a_result_of_post_process_goes_before_the_count_of_failed_events)
 {
     init();
     Record record;
-    const Pipe p = add_ready_reader(record);
+    const PipePair p = add_ready_reader(record);
     hooks.read = [](int, int, void*) { return 1; };
     hooks.post_process = [](int) { return 42; };
     EXPECT_EQ(rqs_event_loop(), 42);
@@ -537,17 +537,17 @@ TEST_F(RqsLoop, kept_events_of_a_descriptor_that_was_removed_in_the_same_batch_a
 {
     init();
     Record records[3];
-    Pipe pipes[3];
-    for (int i = 0; i < 3; ++i) {
-        pipes[i] = add_ready_reader(records[i]);
+    std::vector<PipePair> pipes;
+    for (Record& record : records) {
+        pipes.push_back(add_ready_reader(record));
     }
     std::vector<void*> seen;
     hooks.read = [&](int, int, void* udata) {
         if (seen.empty()) {
-            for (Pipe& p : pipes) {
-                EXPECT_EQ(rqs_rm_fd(p.in.get(), true, false), 0);
-                p = {};
+            for (const PipePair& p : pipes) {
+                EXPECT_EQ(rqs_rm_fd(p.in, true, false), 0);
             }
+            pipes.clear();
         }
         seen.push_back(udata);
         return 0;
@@ -562,18 +562,18 @@ TEST_F(RqsLoop, a_callback_may_register_further_descriptors)
 {
     init();
     Record record;
-    std::vector<Pipe> pipes;
+    std::vector<PipePair> pipes;
     hooks.read = [&](int, int, void*) {
         if (pipes.size() < 35) {
             pipes.push_back(make_pipe());
             put(pipes.back().out, "x");
-            EXPECT_EQ(rqs_add_reader(pipes.back().in.get(), &record), 0);
+            EXPECT_EQ(rqs_add_reader(pipes.back().in, &record), 0);
         }
         return 0;
     };
-    const Pipe first = make_pipe();
+    const PipePair first = make_pipe();
     put(first.out, "x");
-    ASSERT_EQ(rqs_add_reader(first.in.get(), &record), 0);
+    ASSERT_EQ(rqs_add_reader(first.in, &record), 0);
     stop_when([&] { return pipes.size() == 35; });
     EXPECT_EQ(rqs_event_loop(), kStopped);
     EXPECT_EQ(pipes.size(), 35U);
@@ -583,12 +583,11 @@ TEST_F(RqsLoop, a_callback_may_register_further_descriptors)
 TEST_F(RqsLoop, a_callback_that_ends_the_loops_life_ends_the_loop)
 {
     init();
-    Pipe pipes[2];
+    const PipePair pipes[] = {make_pipe(), make_pipe()};
     Record record;
-    for (Pipe& p : pipes) {
-        p = make_pipe();
+    for (const PipePair& p : pipes) {
         put(p.out, "x");
-        ASSERT_EQ(rqs_add_reader(p.in.get(), &record), 0);
+        ASSERT_EQ(rqs_add_reader(p.in, &record), 0);
     }
     hooks.read = [](int, int, void*) { return rqs_destroy(), 0; };
     EXPECT_NE(rqs_event_loop(), 0);
@@ -600,13 +599,13 @@ TEST_F(RqsLoop, a_callback_that_ends_the_loops_life_ends_the_loop)
 TEST_F(RqsLoop, a_full_result_array_is_told_from_sixteen_events_on)
 {
     init();
-    std::vector<Pipe> pipes;
+    std::vector<PipePair> pipes;
     Record record;
     const auto add = [&](size_t total) {
         while (pipes.size() < total) {
             pipes.push_back(make_pipe());
             put(pipes.back().out, "x");
-            ASSERT_EQ(rqs_add_reader(pipes.back().in.get(), &record), 0);
+            ASSERT_EQ(rqs_add_reader(pipes.back().in, &record), 0);
         }
     };
     const std::string warning = "(WRN)  wait4events: all event slots populated, might need more";
@@ -630,11 +629,11 @@ TEST_F(RqsLoop, a_full_result_array_is_told_from_sixteen_events_on)
 TEST_F(RqsLoop, room_for_events_allocates_only_when_descriptors_outgrow_it)
 {
     init();
-    std::vector<Pipe> pipes;
+    std::vector<PipePair> pipes;
     Record record;
     for (size_t total = 1; total <= 30; ++total) {
         pipes.push_back(make_pipe());
-        ASSERT_EQ(rqs_add_reader(pipes.back().in.get(), &record), 0);
+        ASSERT_EQ(rqs_add_reader(pipes.back().in, &record), 0);
         hooks.update_tmout = no_wait;
         stop_after(2);
         const size_t before = support::allocation_count();
@@ -884,13 +883,13 @@ TEST_F(RqsLoop, sensors_measure_the_stages)
 {
     ASSERT_EQ(psensors_init(nullptr, 1), 0);
     init();
-    Pipe in = make_pipe();
-    Pipe out = make_pipe();
-    Pipe gone = make_pipe();
+    PipePair in = make_pipe();
+    PipePair out = make_pipe();
+    PipePair gone = make_pipe();
     Record records[3];
-    ASSERT_EQ(rqs_add_reader(in.in.get(), &records[0]), 0);
-    ASSERT_EQ(rqs_add_writer(out.out.get(), &records[1]), 0);
-    ASSERT_EQ(rqs_add_reader(gone.out.get(), &records[2]), 0);
+    ASSERT_EQ(rqs_add_reader(in.in, &records[0]), 0);
+    ASSERT_EQ(rqs_add_writer(out.out, &records[1]), 0);
+    ASSERT_EQ(rqs_add_reader(gone.out, &records[2]), 0);
     gone.in.reset();
     put(in.out, "x");
     const auto started = [](int slot) { return g_psensor[slot].started != 0; };

@@ -1,17 +1,17 @@
 // No-poll events: called on every cycle, removed at once or at the next purge.
 #include <cerrno>
 
+#include "child.h"
 #include "rqs_fixture.h"
 
 namespace {
 
-using loop::expect_abort;
 using loop::make_pipe;
-using loop::Pipe;
+using loop::PipePair;
 using loop::put;
 using loop::Record;
-
-using Words = std::vector<std::string>;
+using loop::Words;
+using support::expect_abort;
 
 constexpr int kStopped = 100;
 
@@ -88,10 +88,10 @@ TEST_F(RqsNopoll, with_nopoll_events_alone_there_is_no_wait_and_time_stands_stil
 TEST_F(RqsNopoll, with_both_kinds_the_nopoll_callbacks_run_before_the_events_of_the_wait)
 {
     init();
-    const Pipe p = make_pipe();
+    const PipePair p = make_pipe();
     Record record;
     Event event;
-    ASSERT_EQ(rqs_add_reader(p.in.get(), &record), 0);
+    ASSERT_EQ(rqs_add_reader(p.in, &record), 0);
     add(event, 77);
     put(p.out, "x");
     Words order;
@@ -252,7 +252,7 @@ TEST_F(RqsNopoll, a_removal_queued_by_a_descriptors_callback_takes_effect_after_
 {
     init();
     Record record;
-    const Pipe p = add_ready_reader(record);
+    const PipePair p = add_ready_reader(record);
     Event event;
     add(event);
     hooks.read = [&](int, int, void* udata) {
@@ -394,14 +394,14 @@ TEST_F(RqsNopoll, a_removal_that_was_queued_twice_ends_the_process_and_writes_no
 TEST_F(RqsNopoll, queueing_a_negative_index_is_an_assertion)
 {
     init();
-    expect_abort("Assertion", [] { rqs_pprm_nopoll(-1); });
+    expect_abort([] { rqs_pprm_nopoll(-1); });
 }
 
 TEST_F(RqsNopoll, purging_an_event_without_an_index_is_an_assertion)
 {
     init();
     ASSERT_EQ(rqs_add_nopoll_reader(0, nullptr, nullptr), 0);
-    expect_abort("Assertion", [] {
+    expect_abort([] {
         rqs_pprm_nopoll(0);
         rqs_purge_nopoll_rm();
     });

@@ -9,13 +9,12 @@
 
 namespace {
 
-using loop::expect_abort;
 using loop::make_pipe;
-using loop::Pipe;
+using loop::PipePair;
 using loop::put;
 using loop::Record;
+using loop::Words;
 
-using Words = std::vector<std::string>;
 using Flags = std::vector<int>;
 
 constexpr int kStopped = 100;
@@ -56,7 +55,7 @@ class RqsWatch : public loop::Loop {
     {
         const mv::OwnedFd fd(open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
         ASSERT_TRUE(fd);
-        put(fd, "more");
+        put(fd.get(), "more");
     }
 
     int watch(const std::string& path, void* udata)
@@ -294,7 +293,7 @@ TEST_F(RqsWatch, changes_come_in_the_stage_of_events_between_other_readers)
 {
     init();
     Record record;
-    const Pipe p = add_ready_reader(record);
+    const PipePair p = add_ready_reader(record);
     watch(file, &mark);
     append(file);
     std::vector<int> stages;
@@ -353,7 +352,7 @@ void change_attributes_and_size(const std::string& path, int records)
         if (i % 2 == 0) {
             ASSERT_EQ(fchmod(fd.get(), 0600), 0);
         } else {
-            put(fd, "x");
+            put(fd.get(), "x");
         }
     }
 }
@@ -430,7 +429,7 @@ TEST_F(RqsWatch, without_the_table_all_but_file_watches_works)
     EXPECT_EQ(rqs_add_file_watch(&mark, file.c_str()), -1);
     EXPECT_EQ(lines_with("(ERR)  wfd_map_add: ERROR(22) adding wfd=1, udata=").size(), 1U) << log.text();
     Record record;
-    const Pipe p = add_ready_reader(record);
+    const PipePair p = add_ready_reader(record);
     stop_after(1);
     EXPECT_EQ(rqs_event_loop(), kStopped);
     EXPECT_EQ(count("read"), 1U);

@@ -5,15 +5,17 @@
 #include <gtest/gtest.h>
 
 #include "child.h"
+#include "fixtures.h"
 #include "logcap.h"
+#include "text.h"
 #include "ts_packets.h"
 
 using support::Buffer;
+using support::expect_abort;
+using support::Lines;
 using support::LogCapture;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 // A packet of size bytes, all zero but for the first two and the sync byte behind a plain header.
 Buffer rtp_packet(uint8_t first, uint8_t second, size_t size = 200)
@@ -68,32 +70,32 @@ TEST(Rtp, accessors)
               0U);
 }
 
-TEST(IsRtp, a_transport_stream_behind_a_plain_header)
+class IsRtp : public support::GuardedTest {};
+
+TEST_F(IsRtp, a_transport_stream_behind_a_plain_header)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     EXPECT_TRUE(is_rtp_pkt(rtp_packet(0x80, 33).data()));
     EXPECT_TRUE(is_rtp_pkt(rtp_packet(0x80, 33 | 0x80).data())) << "the marker bit";
     EXPECT_TRUE(is_rtp_pkt(rtp_packet(0xa0, 33).data())) << "the padding bit";
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(IsRtp, thirteen_bytes_are_enough)
+TEST_F(IsRtp, thirteen_bytes_are_enough)
 {
     EXPECT_TRUE(is_rtp_pkt(rtp_packet(0x80, 33, 13).data()));
 }
 
-TEST(IsRtp, wrong_version)
+TEST_F(IsRtp, wrong_version)
 {
-    LogCapture log;
     EXPECT_FALSE(is_rtp_pkt(rtp_packet(0x40, 33).data()));
     EXPECT_FALSE(is_rtp_pkt(rtp_packet(0xc0, 99).data()));
     EXPECT_EQ(log.lines(), (Lines{"(WRN)  is_rtp_pkt: wrong RTP version: expected 0x2, got 0x1",
                                   "(WRN)  is_rtp_pkt: wrong RTP version: expected 0x2, got 0x3"}));
 }
 
-TEST(IsRtp, wrong_payload_type)
+TEST_F(IsRtp, wrong_payload_type)
 {
-    LogCapture log;
     for (const uint8_t type : {0, 13, 15, 31, 34, 96}) {
         EXPECT_FALSE(is_rtp_pkt(rtp_packet(0x80, type).data()));
     }
@@ -101,17 +103,15 @@ TEST(IsRtp, wrong_payload_type)
     EXPECT_EQ(log.lines().back(), "(WRN)  is_rtp_pkt: wrong payload type: 0x60");
 }
 
-TEST(IsRtp, kept_audio_and_video_have_too_long_a_header)
+TEST_F(IsRtp, kept_audio_and_video_have_too_long_a_header)
 {
-    LogCapture log;
     EXPECT_FALSE(is_rtp_pkt(rtp_packet(0x80, 14).data()));
     EXPECT_FALSE(is_rtp_pkt(rtp_packet(0x80, 32).data()));
     EXPECT_EQ(log.lines(), Lines(2, "(ERR)  is_rtp_pkt: invalid RTP header length: 16"));
 }
 
-TEST(IsRtp, kept_contributing_sources_and_extensions_are_refused)
+TEST_F(IsRtp, kept_contributing_sources_and_extensions_are_refused)
 {
-    LogCapture log;
     Buffer source = rtp_packet(0x81, 33);
     source[16] = 0x47;
     EXPECT_EQ(header_len(source), 16);
@@ -120,9 +120,8 @@ TEST(IsRtp, kept_contributing_sources_and_extensions_are_refused)
     EXPECT_EQ(log.lines(), Lines(2, "(ERR)  is_rtp_pkt: invalid RTP header length: 16"));
 }
 
-TEST(IsRtp, kept_other_content_is_reported_by_the_first_byte)
+TEST_F(IsRtp, kept_other_content_is_reported_by_the_first_byte)
 {
-    LogCapture log;
     Buffer bytes = rtp_packet(0xa0, 33);
     bytes[12] = 0x48;
     EXPECT_FALSE(is_rtp_pkt(bytes.data()));
@@ -179,9 +178,7 @@ TEST(RtpHeader, kept_the_extension_is_read_at_its_fixed_place)
 TEST(RtpHeader, fewer_than_twelve_bytes_end_the_process)
 {
     const Buffer bytes = rtp_packet(0x80, 33, 11);
-    const auto result = support::run_in_child([&] { return static_cast<int>(header_len(bytes)); });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.err.find("len >= RTP_HDR_SIZE"), std::string::npos) << result.err;
+    expect_abort("len >= RTP_HDR_SIZE", [&] { return static_cast<int>(header_len(bytes)); });
     EXPECT_EQ(header_len(rtp_packet(0x80, 33, 12)), 12);
 }
 

@@ -11,19 +11,16 @@
 
 #include <gtest/gtest.h>
 
-#include "fds.h"
+#include "fixtures.h"
 #include "log.h"
-#include "logcap.h"
 #include "rqs.h"
+#include "text.h"
 #include "util.h"
 #include "wrap.h"
 
-using support::FdGuard;
-using support::LogCapture;
+using support::Lines;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 int g_eventfd_errno = 0;
 int g_epoll_ctl_errno = 0;
@@ -76,7 +73,7 @@ int __wrap_epoll_ctl(int loop, int operation, int fd, epoll_event* event)
 }
 }
 
-class Wakeup : public testing::Test {
+class Wakeup : public support::GuardedTest {
   protected:
     Wakeup()
     {
@@ -94,8 +91,6 @@ class Wakeup : public testing::Test {
         sigsafe_close();
         rqs_destroy();
     }
-
-    FdGuard guard;
 };
 
 } // namespace
@@ -163,7 +158,6 @@ TEST_F(Wakeup, is_told_from_other_records)
 
 TEST_F(Wakeup, that_cannot_be_made_says_so_and_is_not_open)
 {
-    LogCapture log;
     g_eventfd_errno = EMFILE;
     EXPECT_EQ(-1, sigsafe_open());
     EXPECT_EQ(EMFILE, errno);
@@ -176,7 +170,6 @@ TEST_F(Wakeup, that_cannot_be_made_says_so_and_is_not_open)
 
 TEST_F(Wakeup, that_the_loop_refuses_leaves_no_descriptor)
 {
-    LogCapture log;
     g_epoll_ctl_errno = ENOSPC;
     EXPECT_EQ(-1, sigsafe_open());
     EXPECT_EQ(ENOSPC, errno);

@@ -18,32 +18,23 @@
 
 #include "child.h"
 #include "fds.h"
-#include "logcap.h"
+#include "fixtures.h"
 #include "netns.h"
 #include "oom.h"
 #include "tempdir.h"
+#include "text.h"
 #include "wrap.h"
 
 using support::FailAllocation;
-using support::FdGuard;
-using support::LogCapture;
+using support::format;
+using support::Lines;
+using support::SocketPair;
 using support::TempDir;
-using Lines = std::vector<std::string>;
 
 namespace {
 
 bool g_fail_fork = false;
 int g_pread_errno = 0; // fails with it
-
-MV_PRINTF(1, 2) std::string text(const char* fmt, ...)
-{
-    char buf[512];
-    va_list args;
-    va_start(args, fmt);
-    vsnprintf(buf, sizeof buf, fmt, args);
-    va_end(args);
-    return buf;
-}
 
 sockaddr_in loopback(uint16_t port = 0)
 {
@@ -78,29 +69,6 @@ struct Bound {
 
     int fd;
     sockaddr_in address;
-};
-
-struct SocketPair {
-    SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fd), 0); }
-
-    SocketPair(const SocketPair&) = delete;
-    SocketPair& operator=(const SocketPair&) = delete;
-
-    ~SocketPair()
-    {
-        close(fd[0]);
-        close_peer();
-    }
-
-    void close_peer()
-    {
-        if (fd[1] >= 0) {
-            close(fd[1]);
-        }
-        fd[1] = -1;
-    }
-
-    int fd[2];
 };
 
 // Sends SIGALRM every few milliseconds to a handler that does not restart calls.
@@ -155,7 +123,9 @@ ssize_t __wrap_pread(int fd, void* buf, size_t count, off_t offset)
 
 // ---- no_fault ------------------------------------------------------------------------------------
 
-TEST(Syswrap, no_fault_knows_four_ordinary_errors_of_a_stream)
+class Syswrap : public support::GuardedTest {};
+
+TEST_F(Syswrap, no_fault_knows_four_ordinary_errors_of_a_stream)
 {
     for (int err = -1; err < 140; ++err) {
         const bool ordinary = err == 11 || err == 32 || err == 4 || err == 104;
@@ -163,7 +133,7 @@ TEST(Syswrap, no_fault_knows_four_ordinary_errors_of_a_stream)
     }
 }
 
-TEST(Syswrap, no_fault_excuses_nothing_for_the_guilty)
+TEST_F(Syswrap, no_fault_excuses_nothing_for_the_guilty)
 {
     for (const u_int32_t guilty : {1U, 4096U, 0x80000000U, 0xffffffffU}) {
         for (int err = -1; err < 140; ++err) {
@@ -174,12 +144,10 @@ TEST(Syswrap, no_fault_excuses_nothing_for_the_guilty)
 
 // ---- files and memory ------------------------------------------------------------------------------
 
-TEST(Syswrap, open_creates_with_mode_644)
+TEST_F(Syswrap, open_creates_with_mode_644)
 {
-    const FdGuard guard;
     const TempDir dir;
     umask(0);
-    LogCapture log;
     const int fd = Open(dir.path("file").c_str(), O_CREAT | O_WRONLY);
     ASSERT_GE(fd, 0);
     struct stat st;
@@ -189,9 +157,8 @@ TEST(Syswrap, open_creates_with_mode_644)
     close(fd);
 }
 
-TEST(Syswrap, open3_creates_with_the_mode_given)
+TEST_F(Syswrap, open3_creates_with_the_mode_given)
 {
-    const FdGuard guard;
     const TempDir dir;
     umask(0);
     const int fd = Open3(dir.path("file").c_str(), O_CREAT | O_WRONLY, 0751);
@@ -202,10 +169,8 @@ TEST(Syswrap, open3_creates_with_the_mode_given)
     close(fd);
 }
 
-TEST(Syswrap, open_failure_shows_mode_0x0_and_open3_its_own)
+TEST_F(Syswrap, open_failure_shows_mode_0x0_and_open3_its_own)
 {
-    const FdGuard guard;
-    LogCapture log;
     EXPECT_EQ(Open("/nonexistent/file", O_CREAT | O_WRONLY), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(Open3("/nonexistent/file", O_RDONLY, 0640), -1);
@@ -217,29 +182,28 @@ TEST(Syswrap, open_failure_shows_mode_0x0_and_open3_its_own)
                "directory"}));
 }
 
-TEST(Syswrap, close_of_a_bad_descriptor_is_logged)
+TEST_F(Syswrap, close_of_a_bad_descriptor_is_logged)
 {
-    LogCapture log;
     EXPECT_EQ(Close(kBadFd), -1);
     EXPECT_EQ(errno, 9);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  TestBody: close(fd999) ERROR(9): Bad file descriptor"}));
 }
 
-TEST(Syswrap, close_tells_success_at_debug_level_only)
+TEST_F(Syswrap, close_tells_success_at_debug_level_only)
 {
-    const FdGuard guard;
     for (const int level : {NORM_level, INFO_level, DEBUG_level}) {
-        LogCapture log(level);
+        log.clear();
+        log.set_level(level);
         const int fd = dup(0);
         EXPECT_EQ(Close(fd), 0);
         EXPECT_EQ(log.lines(),
-                  level < DEBUG_level ? Lines{} : Lines{text("(DBG)  TestBody: CLOSED(fd%d)", fd)});
+                  level < DEBUG_level ? Lines{} : Lines{format("(DBG)  TestBody: CLOSED(fd%d)", fd)});
     }
 }
 
-TEST(Syswrap, calloc_gives_zeroed_memory)
+TEST_F(Syswrap, calloc_gives_zeroed_memory)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     auto* block = static_cast<unsigned char*>(Calloc(7, 3));
     ASSERT_NE(block, nullptr);
     for (int i = 0; i < 21; ++i) {
@@ -249,18 +213,17 @@ TEST(Syswrap, calloc_gives_zeroed_memory)
     free(block);
 }
 
-TEST(Syswrap, calloc_without_memory_is_logged)
+TEST_F(Syswrap, calloc_without_memory_is_logged)
 {
-    LogCapture log;
     const FailAllocation failure(1);
     EXPECT_EQ(Calloc(7, 3), nullptr);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  TestBody: calloc(7, 3) ERROR(12): Cannot allocate memory"}));
 }
 
-TEST(Syswrap, realloc_keeps_what_the_block_holds)
+TEST_F(Syswrap, realloc_keeps_what_the_block_holds)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     auto* block = static_cast<char*>(malloc(4));
     memcpy(block, "abc", 4);
     block = static_cast<char*>(Realloc(block, 4000));
@@ -270,9 +233,8 @@ TEST(Syswrap, realloc_keeps_what_the_block_holds)
     free(block);
 }
 
-TEST(Syswrap, realloc_without_memory_is_logged_and_leaves_the_block)
+TEST_F(Syswrap, realloc_without_memory_is_logged_and_leaves_the_block)
 {
-    LogCapture log;
     auto* block = static_cast<char*>(malloc(4));
     memcpy(block, "abc", 4);
     {
@@ -281,30 +243,28 @@ TEST(Syswrap, realloc_without_memory_is_logged_and_leaves_the_block)
         EXPECT_EQ(errno, ENOMEM);
     }
     EXPECT_STREQ(block, "abc");
-    EXPECT_EQ(log.lines(), (Lines{text("(ERR)  TestBody: realloc(%p, 4000) ERROR(12): Cannot allocate memory",
-                                       static_cast<void*>(block))}));
+    EXPECT_EQ(log.lines(),
+              (Lines{format("(ERR)  TestBody: realloc(%p, 4000) ERROR(12): Cannot allocate memory",
+                            static_cast<void*>(block))}));
     free(block);
 }
 
-TEST(Syswrap, lseek_both_ways)
+TEST_F(Syswrap, lseek_both_ways)
 {
-    const FdGuard guard;
     const TempDir dir;
-    LogCapture log;
     const int fd = open(dir.path("file").c_str(), O_CREAT | O_RDWR, 0600);
     EXPECT_EQ(Lseek(fd, 5'000'000'000, SEEK_SET), 5'000'000'000);
     EXPECT_EQ(log.text(), "");
     EXPECT_EQ(Lseek(fd, -5'000'000'001, SEEK_CUR), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  TestBody: lseek(%d, -5000000001, 1) ERROR(22): Invalid argument", fd)}));
+              (Lines{format("(ERR)  TestBody: lseek(%d, -5000000001, 1) ERROR(22): Invalid argument", fd)}));
     close(fd);
 }
 
-TEST(Syswrap, unlink_both_ways)
+TEST_F(Syswrap, unlink_both_ways)
 {
     const TempDir dir;
-    LogCapture log;
     close(open(dir.path("file").c_str(), O_CREAT | O_WRONLY, 0600));
     EXPECT_EQ(Unlink(dir.path("file").c_str()), 0);
     EXPECT_EQ(log.text(), "");
@@ -314,11 +274,9 @@ TEST(Syswrap, unlink_both_ways)
                                   ") ERROR(2): No such file or directory"}));
 }
 
-TEST(Syswrap, ftruncate_both_ways)
+TEST_F(Syswrap, ftruncate_both_ways)
 {
-    const FdGuard guard;
     const TempDir dir;
-    LogCapture log;
     const int fd = open(dir.path("file").c_str(), O_CREAT | O_RDWR, 0600);
     EXPECT_EQ(Ftruncate(fd, 77), 0);
     struct stat st;
@@ -328,73 +286,64 @@ TEST(Syswrap, ftruncate_both_ways)
     EXPECT_EQ(Ftruncate(fd, -1), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  TestBody: ftruncate(%d, -1) ERROR(22): Invalid argument", fd)}));
+              (Lines{format("(ERR)  TestBody: ftruncate(%d, -1) ERROR(22): Invalid argument", fd)}));
     close(fd);
 }
 
 // ---- streams -----------------------------------------------------------------------------------------
 
-TEST(Syswrap, write_to_a_peer_that_has_gone_is_silent_without_flags)
+TEST_F(Syswrap, write_to_a_peer_that_has_gone_is_silent_without_flags)
 {
-    const FdGuard guard;
     signal(SIGPIPE, SIG_IGN);
-    LogCapture log;
     SocketPair pair;
-    pair.close_peer();
-    EXPECT_EQ(Write_f(pair.fd[0], "x", 1, 0), -1);
+    pair.peer.reset();
+    EXPECT_EQ(Write_f(pair.ours, "x", 1, 0), -1);
     EXPECT_EQ(errno, 32);
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(Syswrap, write_to_a_peer_that_has_gone_is_logged_with_flags)
+TEST_F(Syswrap, write_to_a_peer_that_has_gone_is_logged_with_flags)
 {
-    const FdGuard guard;
     signal(SIGPIPE, SIG_IGN);
-    LogCapture log;
     SocketPair pair;
-    pair.close_peer();
+    pair.peer.reset();
     const char byte = 'x';
-    EXPECT_EQ(Write_f(pair.fd[0], &byte, 1, 1), -1);
+    EXPECT_EQ(Write_f(pair.ours, &byte, 1, 1), -1);
     EXPECT_EQ(errno, 32);
-    EXPECT_EQ(log.lines(), (Lines{text("(ERR)  TestBody: write(%d, %p, 1) ERROR(32): Broken pipe", pair.fd[0],
-                                       static_cast<const void*>(&byte))}));
+    EXPECT_EQ(log.lines(), (Lines{format("(ERR)  TestBody: write(%d, %p, 1) ERROR(32): Broken pipe",
+                                         pair.ours.get(), static_cast<const void*>(&byte))}));
 }
 
-TEST(Syswrap, write_and_read_give_counts_in_silence)
+TEST_F(Syswrap, write_and_read_give_counts_in_silence)
 {
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const SocketPair pair;
     char buf[8] = {};
-    EXPECT_EQ(Write_f(pair.fd[0], "abc", 3, 1), 3);
-    EXPECT_EQ(Read_f(pair.fd[1], buf, sizeof buf, 1), 3);
+    EXPECT_EQ(Write_f(pair.ours, "abc", 3, 1), 3);
+    EXPECT_EQ(Read_f(pair.peer, buf, sizeof buf, 1), 3);
     EXPECT_STREQ(buf, "abc");
-    shutdown(pair.fd[0], SHUT_WR);
-    EXPECT_EQ(Read_f(pair.fd[1], buf, sizeof buf, 1), 0);
+    shutdown(pair.ours, SHUT_WR);
+    EXPECT_EQ(Read_f(pair.peer, buf, sizeof buf, 1), 0);
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(Syswrap, read_of_an_empty_non_blocking_socket_is_logged_only_with_flags)
+TEST_F(Syswrap, read_of_an_empty_non_blocking_socket_is_logged_only_with_flags)
 {
-    const FdGuard guard;
-    LogCapture log;
     const SocketPair pair;
-    fcntl(pair.fd[0], F_SETFL, O_NONBLOCK);
+    fcntl(pair.ours, F_SETFL, O_NONBLOCK);
     char buf[8];
-    EXPECT_EQ(Read_f(pair.fd[0], buf, sizeof buf, 0), -1);
+    EXPECT_EQ(Read_f(pair.ours, buf, sizeof buf, 0), -1);
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(log.text(), "");
-    EXPECT_EQ(Read_f(pair.fd[0], buf, sizeof buf, 0x80000000), -1);
+    EXPECT_EQ(Read_f(pair.ours, buf, sizeof buf, 0x80000000), -1);
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  TestBody: read(%d, %p, 8) ERROR(11): Resource temporarily unavailable",
-                          pair.fd[0], static_cast<void*>(buf))}));
+              (Lines{format("(ERR)  TestBody: read(%d, %p, 8) ERROR(11): Resource temporarily unavailable",
+                            pair.ours.get(), static_cast<void*>(buf))}));
 }
 
-TEST(Syswrap, read_after_a_reset_is_silent_without_flags)
+TEST_F(Syswrap, read_after_a_reset_is_silent_without_flags)
 {
-    const FdGuard guard;
-    LogCapture log;
     const Bound listener(SOCK_STREAM, true);
     const int client = socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_EQ(connect(client, raw(listener.address), sizeof listener.address), 0);
@@ -409,21 +358,18 @@ TEST(Syswrap, read_after_a_reset_is_silent_without_flags)
     close(client);
 }
 
-TEST(Syswrap, read_that_a_signal_interrupts_is_silent_without_flags)
+TEST_F(Syswrap, read_that_a_signal_interrupts_is_silent_without_flags)
 {
-    const FdGuard guard;
-    LogCapture log;
     const SocketPair pair;
     const Interrupts interrupts;
     char byte;
-    EXPECT_EQ(Read_f(pair.fd[0], &byte, 1, 0), -1);
+    EXPECT_EQ(Read_f(pair.ours, &byte, 1, 0), -1);
     EXPECT_EQ(errno, EINTR);
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(Syswrap, pread_is_silent_about_ordinary_errors_without_flags)
+TEST_F(Syswrap, pread_is_silent_about_ordinary_errors_without_flags)
 {
-    LogCapture log;
     char byte = 0;
     for (const int err : {EAGAIN, EPIPE, EINTR, ECONNRESET}) {
         g_pread_errno = err;
@@ -433,33 +379,30 @@ TEST(Syswrap, pread_is_silent_about_ordinary_errors_without_flags)
         EXPECT_EQ(log.text(), "");
         EXPECT_EQ(Pread_f(0, &byte, 1, 7, 1), -1);
         EXPECT_EQ(errno, err);
-        EXPECT_EQ(log.lines(), (Lines{text("(ERR)  TestBody: pread(0, %p, 1, 7) ERROR(%d): %s",
-                                           static_cast<void*>(&byte), err, strerror(err))}));
+        EXPECT_EQ(log.lines(), (Lines{format("(ERR)  TestBody: pread(0, %p, 1, 7) ERROR(%d): %s",
+                                             static_cast<void*>(&byte), err, strerror(err))}));
     }
     g_pread_errno = 0;
 }
 
-TEST(Syswrap, sendfile_to_a_peer_that_has_gone_is_logged_with_flags)
+TEST_F(Syswrap, sendfile_to_a_peer_that_has_gone_is_logged_with_flags)
 {
-    const FdGuard guard;
     signal(SIGPIPE, SIG_IGN);
     const TempDir dir;
-    LogCapture log;
     SocketPair pair;
-    pair.close_peer();
+    pair.peer.reset();
     const int fd = open(dir.path("file").c_str(), O_CREAT | O_RDWR, 0600);
     ASSERT_EQ(write(fd, "0123456789", 10), 10);
     off_t offset = 2;
-    EXPECT_EQ(Sendfile_f(pair.fd[0], fd, &offset, 3, 1), -1);
+    EXPECT_EQ(Sendfile_f(pair.ours, fd, &offset, 3, 1), -1);
     EXPECT_EQ(errno, EPIPE);
-    EXPECT_EQ(log.text(),
-              text("(ERR)  TestBody: LNX sendfile(%d<-%d, 2, 3) ERROR(32): Broken pipe", pair.fd[0], fd));
+    EXPECT_EQ(log.text(), format("(ERR)  TestBody: LNX sendfile(%d<-%d, 2, 3) ERROR(32): Broken pipe",
+                                 pair.ours.get(), fd));
     close(fd);
 }
 
-TEST(Syswrap, faults_of_a_stream_are_logged_without_flags_too)
+TEST_F(Syswrap, faults_of_a_stream_are_logged_without_flags_too)
 {
-    LogCapture log;
     char byte = 0;
     off_t offset = 12;
     void* const at = &byte;
@@ -471,18 +414,18 @@ TEST(Syswrap, faults_of_a_stream_are_logged_without_flags_too)
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(Sendfile_f(kBadFd, 998, &offset, 34, 0), -1);
     EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  TestBody: write(999, %p, 1) ERROR(9): Bad file descriptor", at),
-                     text("(ERR)  TestBody: read(999, %p, 1) ERROR(9): Bad file descriptor", at),
-                     text("(ERR)  TestBody: pread(999, %p, 1, 5000000000) ERROR(9): Bad file descriptor", at),
-                     "(ERR)  TestBody: LNX sendfile(999<-998, 12, 34) ERROR(9): Bad file descriptor"}));
+    EXPECT_EQ(
+        log.lines(),
+        (Lines{format("(ERR)  TestBody: write(999, %p, 1) ERROR(9): Bad file descriptor", at),
+               format("(ERR)  TestBody: read(999, %p, 1) ERROR(9): Bad file descriptor", at),
+               format("(ERR)  TestBody: pread(999, %p, 1, 5000000000) ERROR(9): Bad file descriptor", at),
+               "(ERR)  TestBody: LNX sendfile(999<-998, 12, 34) ERROR(9): Bad file descriptor"}));
 }
 
-TEST(Syswrap, pread_and_sendfile_succeed_in_silence)
+TEST_F(Syswrap, pread_and_sendfile_succeed_in_silence)
 {
-    const FdGuard guard;
     const TempDir dir;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const SocketPair pair;
     const int fd = open(dir.path("file").c_str(), O_CREAT | O_RDWR, 0600);
     ASSERT_EQ(write(fd, "0123456789", 10), 10);
@@ -490,34 +433,31 @@ TEST(Syswrap, pread_and_sendfile_succeed_in_silence)
     EXPECT_EQ(Pread_f(fd, buf, 4, 3, 1), 4);
     EXPECT_STREQ(buf, "3456");
     off_t offset = 6;
-    EXPECT_EQ(Sendfile_f(pair.fd[0], fd, &offset, 3, 1), 3);
+    EXPECT_EQ(Sendfile_f(pair.ours, fd, &offset, 3, 1), 3);
     EXPECT_EQ(offset, 9);
-    EXPECT_EQ(read(pair.fd[1], buf, sizeof buf), 3);
+    EXPECT_EQ(read(pair.peer, buf, sizeof buf), 3);
     EXPECT_EQ(std::string(buf, 3), "678");
     EXPECT_EQ(log.text(), "");
     close(fd);
 }
 
-TEST(Syswrap, sendfile_to_a_peer_that_has_gone_is_silent_without_flags)
+TEST_F(Syswrap, sendfile_to_a_peer_that_has_gone_is_silent_without_flags)
 {
-    const FdGuard guard;
     signal(SIGPIPE, SIG_IGN);
     const TempDir dir;
-    LogCapture log;
     SocketPair pair;
-    pair.close_peer();
+    pair.peer.reset();
     const int fd = open(dir.path("file").c_str(), O_CREAT | O_RDWR, 0600);
     ASSERT_EQ(write(fd, "0123456789", 10), 10);
     off_t offset = 2;
-    EXPECT_EQ(Sendfile_f(pair.fd[0], fd, &offset, 3, 0), -1);
+    EXPECT_EQ(Sendfile_f(pair.ours, fd, &offset, 3, 0), -1);
     EXPECT_EQ(errno, EPIPE);
     EXPECT_EQ(log.text(), "");
     close(fd);
 }
 
-TEST(Syswrap, kept_the_line_of_sendfile_has_no_line_end)
+TEST_F(Syswrap, kept_the_line_of_sendfile_has_no_line_end)
 {
-    LogCapture log;
     off_t offset = 12;
     EXPECT_EQ(Sendfile_f(kBadFd, kBadFd, &offset, 34, 1), -1);
     EXPECT_EQ(Close(kBadFd), -1);
@@ -527,39 +467,37 @@ TEST(Syswrap, kept_the_line_of_sendfile_has_no_line_end)
 
 // ---- sockets -----------------------------------------------------------------------------------------
 
-TEST(Syswrap, socket_tells_success_at_debug_level_only)
+TEST_F(Syswrap, socket_tells_success_at_debug_level_only)
 {
-    const FdGuard guard;
     for (const int level : {INFO_level, DEBUG_level}) {
-        LogCapture log(level);
+        log.clear();
+        log.set_level(level);
         const int fd = Socket(AF_INET, SOCK_DGRAM, 17);
         ASSERT_GE(fd, 0);
         EXPECT_EQ(log.lines(), level < DEBUG_level
                                    ? Lines{}
-                                   : Lines{text("(DBG)  TestBody opened socket fd=%d (2, 2, 17)", fd)});
+                                   : Lines{format("(DBG)  TestBody opened socket fd=%d (2, 2, 17)", fd)});
         close(fd);
     }
 }
 
-TEST(Syswrap, socket_of_an_unknown_family_is_logged)
+TEST_F(Syswrap, socket_of_an_unknown_family_is_logged)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     EXPECT_EQ(Socket(250, SOCK_STREAM, 6), -1);
     EXPECT_EQ(errno, EAFNOSUPPORT);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  TestBody: socket(250, 1, 6) ERROR(97): Address family not "
                                   "supported by protocol"}));
 }
 
-TEST(Syswrap, socket_options_both_ways)
+TEST_F(Syswrap, socket_options_both_ways)
 {
-    const FdGuard guard;
-    LogCapture log;
     const SocketPair pair;
     int on = 1;
     int got = 0;
     socklen_t length = sizeof got;
-    EXPECT_EQ(Setsockopt(pair.fd[0], SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on), 0);
-    EXPECT_EQ(Getsockopt(pair.fd[0], SOL_SOCKET, SO_KEEPALIVE, &got, &length), 0);
+    EXPECT_EQ(Setsockopt(pair.ours, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on), 0);
+    EXPECT_EQ(Getsockopt(pair.ours, SOL_SOCKET, SO_KEEPALIVE, &got, &length), 0);
     EXPECT_EQ(got, 1);
     EXPECT_EQ(log.text(), "");
     EXPECT_EQ(Setsockopt(kBadFd, SOL_SOCKET, SO_KEEPALIVE, &on, 3), -1);
@@ -569,24 +507,23 @@ TEST(Syswrap, socket_options_both_ways)
     EXPECT_EQ(Getsockopt(kBadFd, SOL_SOCKET, SO_KEEPALIVE, &got, nullptr), -1);
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  TestBody: setsockopt(999, 1, 9, %p, 3) ERROR(9): Bad file descriptor",
-                          static_cast<void*>(&on)),
-                     text("(ERR)  TestBody: getsockopt(999, 1, 9, %p, 4) ERROR(9): Bad file descriptor",
-                          static_cast<void*>(&got)),
-                     text("(ERR)  TestBody: getsockopt(999, 1, 9, %p, 0) ERROR(9): Bad file descriptor",
-                          static_cast<void*>(&got))}));
+              (Lines{format("(ERR)  TestBody: setsockopt(999, 1, 9, %p, 3) ERROR(9): Bad file descriptor",
+                            static_cast<void*>(&on)),
+                     format("(ERR)  TestBody: getsockopt(999, 1, 9, %p, 4) ERROR(9): Bad file descriptor",
+                            static_cast<void*>(&got)),
+                     format("(ERR)  TestBody: getsockopt(999, 1, 9, %p, 0) ERROR(9): Bad file descriptor",
+                            static_cast<void*>(&got))}));
 }
 
-TEST(Syswrap, bind_of_a_taken_port_is_logged)
+TEST_F(Syswrap, bind_of_a_taken_port_is_logged)
 {
-    const FdGuard guard;
-    LogCapture log;
     const Bound taken(SOCK_STREAM, true);
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     EXPECT_EQ(Bind(fd, raw(taken.address), sizeof taken.address), -1);
     EXPECT_EQ(errno, EADDRINUSE);
-    EXPECT_EQ(log.lines(), (Lines{text("(ERR)  TestBody: bind(%d, %p, 16): ERROR(98): Address already in use",
-                                       fd, static_cast<const void*>(&taken.address))}));
+    EXPECT_EQ(log.lines(),
+              (Lines{format("(ERR)  TestBody: bind(%d, %p, 16): ERROR(98): Address already in use", fd,
+                            static_cast<const void*>(&taken.address))}));
     log.clear();
     const sockaddr_in any_port = loopback();
     EXPECT_EQ(Bind(fd, raw(any_port), sizeof any_port), 0);
@@ -594,10 +531,8 @@ TEST(Syswrap, bind_of_a_taken_port_is_logged)
     close(fd);
 }
 
-TEST(Syswrap, listen_both_ways)
+TEST_F(Syswrap, listen_both_ways)
 {
-    const FdGuard guard;
-    LogCapture log;
     const Bound stream(SOCK_STREAM);
     EXPECT_EQ(Listen(stream.fd, 5), 0);
     EXPECT_EQ(log.text(), "");
@@ -606,10 +541,9 @@ TEST(Syswrap, listen_both_ways)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  TestBody: listen(999, 5) ERROR(9): Bad file descriptor"}));
 }
 
-TEST(Syswrap, connect_blocking_both_ways)
+TEST_F(Syswrap, connect_blocking_both_ways)
 {
-    const FdGuard guard;
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     sockaddr_in gone;
     {
         const Bound listener(SOCK_STREAM, true);
@@ -624,32 +558,32 @@ TEST(Syswrap, connect_blocking_both_ways)
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     EXPECT_EQ(Connect(fd, raw(gone), sizeof gone), -1);
     EXPECT_EQ(errno, ECONNREFUSED);
-    EXPECT_EQ(log.lines(), (Lines{text("(ERR)  TestBody: connect(%d, %p, 16) ERROR(111): Connection refused",
-                                       fd, static_cast<void*>(&gone))}));
+    EXPECT_EQ(log.lines(),
+              (Lines{format("(ERR)  TestBody: connect(%d, %p, 16) ERROR(111): Connection refused", fd,
+                            static_cast<void*>(&gone))}));
     close(fd);
 }
 
-TEST(Syswrap, kept_connect_in_progress_names_the_wrapper_at_info_level)
+TEST_F(Syswrap, kept_connect_in_progress_names_the_wrapper_at_info_level)
 {
-    const FdGuard guard;
     const Bound listener(SOCK_STREAM, true);
     for (const int level : {NORM_level, INFO_level}) {
-        LogCapture log(level);
+        log.clear();
+        log.set_level(level);
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
         EXPECT_EQ(Connect(fd, raw(listener.address), sizeof listener.address), -1);
         EXPECT_EQ(errno, 115);
         EXPECT_EQ(log.lines(),
                   level < INFO_level
                       ? Lines{}
-                      : Lines{text("(INF)  W_connect: non-blocking connect in progress for fd%d", fd)});
+                      : Lines{format("(INF)  W_connect: non-blocking connect in progress for fd%d", fd)});
         close(fd);
     }
 }
 
-TEST(Syswrap, accept_gives_the_client_and_its_address)
+TEST_F(Syswrap, accept_gives_the_client_and_its_address)
 {
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Bound listener(SOCK_STREAM, true);
     const int client = socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_EQ(connect(client, raw(listener.address), sizeof listener.address), 0);
@@ -664,10 +598,9 @@ TEST(Syswrap, accept_gives_the_client_and_its_address)
     close(client);
 }
 
-TEST(Syswrap, accept_without_a_client_is_silent)
+TEST_F(Syswrap, accept_without_a_client_is_silent)
 {
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Bound listener(SOCK_STREAM, true);
     fcntl(listener.fd, F_SETFL, O_NONBLOCK);
     EXPECT_EQ(Accept(listener.fd, nullptr, nullptr), -1);
@@ -675,10 +608,8 @@ TEST(Syswrap, accept_without_a_client_is_silent)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(Syswrap, accept_that_a_signal_interrupts_is_logged)
+TEST_F(Syswrap, accept_that_a_signal_interrupts_is_logged)
 {
-    const FdGuard guard;
-    LogCapture log;
     const Bound listener(SOCK_STREAM, true);
     sockaddr_in peer;
     socklen_t length = sizeof peer;
@@ -690,16 +621,15 @@ TEST(Syswrap, accept_that_a_signal_interrupts_is_logged)
         EXPECT_EQ(errno, EINTR);
     }
     EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  TestBody: accept(%d, %p, 16) ERROR(4): Interrupted system call",
-                          listener.fd, static_cast<void*>(&peer)),
-                     text("(ERR)  TestBody: accept(%d, %p, 0) ERROR(4): Interrupted system call", listener.fd,
-                          static_cast<void*>(nullptr))}));
+              (Lines{format("(ERR)  TestBody: accept(%d, %p, 16) ERROR(4): Interrupted system call",
+                            listener.fd, static_cast<void*>(&peer)),
+                     format("(ERR)  TestBody: accept(%d, %p, 0) ERROR(4): Interrupted system call",
+                            listener.fd, static_cast<void*>(nullptr))}));
 }
 
-TEST(Syswrap, sendto_and_recvfrom_exchange_a_datagram_in_silence)
+TEST_F(Syswrap, sendto_and_recvfrom_exchange_a_datagram_in_silence)
 {
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Bound from(SOCK_DGRAM);
     const Bound to(SOCK_DGRAM);
     char buf[8] = {};
@@ -712,31 +642,28 @@ TEST(Syswrap, sendto_and_recvfrom_exchange_a_datagram_in_silence)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(Syswrap, sendto_and_recvfrom_tolerate_no_error)
+TEST_F(Syswrap, sendto_and_recvfrom_tolerate_no_error)
 {
-    const FdGuard guard;
-    LogCapture log;
     const SocketPair pair;
     char buf[8] = {};
-    while (send(pair.fd[0], buf, sizeof buf, MSG_DONTWAIT) > 0) {
+    while (send(pair.ours, buf, sizeof buf, MSG_DONTWAIT) > 0) {
     }
-    EXPECT_EQ(Sendto(pair.fd[0], buf, 8, MSG_DONTWAIT, nullptr, 0), -1);
+    EXPECT_EQ(Sendto(pair.ours, buf, 8, MSG_DONTWAIT, nullptr, 0), -1);
     EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(Recvfrom(pair.fd[0], buf, 8, MSG_DONTWAIT, nullptr, nullptr), -1);
+    EXPECT_EQ(Recvfrom(pair.ours, buf, 8, MSG_DONTWAIT, nullptr, nullptr), -1);
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(
         log.lines(),
         (Lines{
-            text("(ERR)  TestBody: sendto(%d, %p, 8, 64, ...) ERROR(11): Resource temporarily unavailable",
-                 pair.fd[0], static_cast<void*>(buf)),
-            text("(ERR)  TestBody: recvfrom(%d, %p, 8, 64, ...) ERROR(11): Resource temporarily unavailable",
-                 pair.fd[0], static_cast<void*>(buf))}));
+            format("(ERR)  TestBody: sendto(%d, %p, 8, 64, ...) ERROR(11): Resource temporarily unavailable",
+                   pair.ours.get(), static_cast<void*>(buf)),
+            format(
+                "(ERR)  TestBody: recvfrom(%d, %p, 8, 64, ...) ERROR(11): Resource temporarily unavailable",
+                pair.ours.get(), static_cast<void*>(buf))}));
 }
 
-TEST(Syswrap, kept_sendto_of_nothing_logs_an_error_and_returns_0)
+TEST_F(Syswrap, kept_sendto_of_nothing_logs_an_error_and_returns_0)
 {
-    const FdGuard guard;
-    LogCapture log;
     const Bound from(SOCK_DGRAM);
     const Bound to(SOCK_DGRAM);
     const char byte = 'x';
@@ -749,36 +676,34 @@ TEST(Syswrap, kept_sendto_of_nothing_logs_an_error_and_returns_0)
     const void* const at = &byte;
     EXPECT_EQ(
         log.lines(),
-        (Lines{text("(ERR)  TestBody: sendto(%d, %p, 0, 0, ...) ERROR(0): Success", from.fd, at),
-               text("(ERR)  TestBody: sendto(%d, %p, 0, 0, ...) ERROR(25): Inappropriate ioctl for device",
-                    from.fd, at)}));
+        (Lines{format("(ERR)  TestBody: sendto(%d, %p, 0, 0, ...) ERROR(0): Success", from.fd, at),
+               format("(ERR)  TestBody: sendto(%d, %p, 0, 0, ...) ERROR(25): Inappropriate ioctl for device",
+                      from.fd, at)}));
 }
 
-TEST(Syswrap, kept_recvfrom_of_nothing_logs_an_error_and_returns_0)
+TEST_F(Syswrap, kept_recvfrom_of_nothing_logs_an_error_and_returns_0)
 {
-    const FdGuard guard;
-    LogCapture log;
     const Bound to(SOCK_DGRAM);
     SocketPair pair;
-    pair.close_peer();
+    pair.peer.reset();
     char buf[8];
     ASSERT_EQ(sendto(to.fd, buf, 0, 0, raw(to.address), sizeof to.address), 0);
     errno = 0;
     EXPECT_EQ(Recvfrom(to.fd, buf, sizeof buf, 0, nullptr, nullptr), 0);
     EXPECT_EQ(errno, 0);
-    EXPECT_EQ(Recvfrom(pair.fd[0], buf, sizeof buf, 0, nullptr, nullptr), 0);
+    EXPECT_EQ(Recvfrom(pair.ours, buf, sizeof buf, 0, nullptr, nullptr), 0);
     void* const at = buf;
-    EXPECT_EQ(
-        log.lines(),
-        (Lines{text("(ERR)  TestBody: recvfrom(%d, %p, 8, 0, ...) ERROR(0): Success", to.fd, at),
-               text("(ERR)  TestBody: recvfrom(%d, %p, 8, 0, ...) ERROR(0): Success", pair.fd[0], at)}));
+    EXPECT_EQ(log.lines(),
+              (Lines{format("(ERR)  TestBody: recvfrom(%d, %p, 8, 0, ...) ERROR(0): Success", to.fd, at),
+                     format("(ERR)  TestBody: recvfrom(%d, %p, 8, 0, ...) ERROR(0): Success", pair.ours.get(),
+                            at)}));
 }
 
 // ---- names -------------------------------------------------------------------------------------------
 
-TEST(Syswrap, getaddrinfo_resolves_a_numeric_address)
+TEST_F(Syswrap, getaddrinfo_resolves_a_numeric_address)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     addrinfo hints{};
     hints.ai_flags = AI_NUMERICHOST;
     addrinfo* res = nullptr;
@@ -788,13 +713,12 @@ TEST(Syswrap, getaddrinfo_resolves_a_numeric_address)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(Syswrap, kept_getaddrinfo_of_an_unknown_name_is_silent)
+TEST_F(Syswrap, kept_getaddrinfo_of_an_unknown_name_is_silent)
 {
     if (const std::string why = support::netns_missing(); !why.empty()) {
         GTEST_SKIP() << "skipped: " << why;
     }
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const support::NetnsPair pair;
     addrinfo* res = nullptr;
     const int code = support::inside(pair, &support::NetnsPair::enter_a, [&] {
@@ -810,9 +734,8 @@ TEST(Syswrap, kept_getaddrinfo_of_an_unknown_name_is_silent)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(Syswrap, getaddrinfo_with_bad_flags_is_logged)
+TEST_F(Syswrap, getaddrinfo_with_bad_flags_is_logged)
 {
-    LogCapture log;
     addrinfo hints{};
     hints.ai_flags = 0x40000000;
     addrinfo* res = nullptr;
@@ -820,40 +743,41 @@ TEST(Syswrap, getaddrinfo_with_bad_flags_is_logged)
     EXPECT_EQ(Getaddrinfo("localhost", "80", &hints, &res), -1);
     EXPECT_EQ(errno, ENOTTY);
     EXPECT_EQ(Getaddrinfo("localhost", nullptr, &hints, &res), -1);
-    EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  TestBody: getaddrinfo(localhost, 80, %p, %p): ERROR(-1:25): Bad value for "
-                          "ai_flags",
-                          static_cast<void*>(&hints), static_cast<void*>(&res)),
-                     text("(ERR)  TestBody: getaddrinfo(localhost, (null), %p, %p): ERROR(-1:25): Bad value "
-                          "for ai_flags",
-                          static_cast<void*>(&hints), static_cast<void*>(&res))}));
+    EXPECT_EQ(
+        log.lines(),
+        (Lines{format("(ERR)  TestBody: getaddrinfo(localhost, 80, %p, %p): ERROR(-1:25): Bad value for "
+                      "ai_flags",
+                      static_cast<void*>(&hints), static_cast<void*>(&res)),
+               format("(ERR)  TestBody: getaddrinfo(localhost, (null), %p, %p): ERROR(-1:25): Bad value "
+                      "for ai_flags",
+                      static_cast<void*>(&hints), static_cast<void*>(&res))}));
 }
 
 // ---- waiting -----------------------------------------------------------------------------------------
 
-TEST(Syswrap, select_both_ways)
+TEST_F(Syswrap, select_both_ways)
 {
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const SocketPair pair;
     fd_set writable;
     FD_ZERO(&writable);
-    FD_SET(pair.fd[0], &writable);
+    FD_SET(pair.ours, &writable);
     timeval none{0, 0};
-    EXPECT_EQ(Select(pair.fd[0] + 1, nullptr, &writable, nullptr, nullptr), 1);
+    EXPECT_EQ(Select(pair.ours + 1, nullptr, &writable, nullptr, nullptr), 1);
     EXPECT_EQ(Select(0, nullptr, nullptr, nullptr, &none), 0);
     EXPECT_EQ(log.text(), "");
     EXPECT_EQ(Select(-1, nullptr, &writable, nullptr, &none), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(log.lines(),
-              (Lines{text("(ERR)  TestBody: select(-1, (nil), %p, (nil), %p) ERROR(22): Invalid argument",
-                          static_cast<void*>(&writable), static_cast<void*>(&none))}));
+              (Lines{format("(ERR)  TestBody: select(-1, (nil), %p, (nil), %p) ERROR(22): Invalid argument",
+                            static_cast<void*>(&writable), static_cast<void*>(&none))}));
 }
 
-TEST(Syswrap, select_that_a_signal_interrupts_is_logged_only_at_debug_level)
+TEST_F(Syswrap, select_that_a_signal_interrupts_is_logged_only_at_debug_level)
 {
     for (const int level : {NORM_level, INFO_level, DEBUG_level}) {
-        LogCapture log(level);
+        log.clear();
+        log.set_level(level);
         {
             const Interrupts interrupts;
             EXPECT_EQ(Select(0, nullptr, nullptr, nullptr, nullptr), -1);
@@ -866,22 +790,18 @@ TEST(Syswrap, select_that_a_signal_interrupts_is_logged_only_at_debug_level)
     }
 }
 
-TEST(Syswrap, poll_that_times_out_warns_with_the_milliseconds)
+TEST_F(Syswrap, poll_that_times_out_warns_with_the_milliseconds)
 {
-    const FdGuard guard;
-    LogCapture log;
     const SocketPair pair;
-    pollfd entry{pair.fd[0], POLLIN, 0};
+    pollfd entry{pair.ours, POLLIN, 0};
     EXPECT_EQ(Poll(&entry, 1, 7), 0);
     EXPECT_EQ(log.lines(), (Lines{"(WRN)  TestBody: poll() has timed out after 7 ms"}));
 }
 
-TEST(Syswrap, poll_both_ways)
+TEST_F(Syswrap, poll_both_ways)
 {
-    const FdGuard guard;
-    LogCapture log;
     const SocketPair pair;
-    pollfd entry{pair.fd[0], POLLOUT, 0};
+    pollfd entry{pair.ours, POLLOUT, 0};
     EXPECT_EQ(Poll(&entry, 1, -1), 1);
     EXPECT_EQ(entry.revents, POLLOUT);
     EXPECT_EQ(log.text(), "");
@@ -891,16 +811,15 @@ TEST(Syswrap, poll_both_ways)
         EXPECT_EQ(Poll(&entry, 1, -1), -1);
         EXPECT_EQ(errno, EINTR);
     }
-    EXPECT_EQ(log.lines(), (Lines{text("(ERR)  TestBody: poll(%p, 1, -1) ERROR(4): Interrupted system call",
-                                       static_cast<void*>(&entry))}));
+    EXPECT_EQ(log.lines(), (Lines{format("(ERR)  TestBody: poll(%p, 1, -1) ERROR(4): Interrupted system call",
+                                         static_cast<void*>(&entry))}));
 }
 
 // ---- processes ---------------------------------------------------------------------------------------
 
-TEST(Syswrap, dup2_both_ways)
+TEST_F(Syswrap, dup2_both_ways)
 {
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     EXPECT_EQ(Dup2(0, 77), 77);
     close(77);
     EXPECT_EQ(log.text(), "");
@@ -909,10 +828,9 @@ TEST(Syswrap, dup2_both_ways)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  TestBody: dup2(999, 77) ERROR(9): Bad file descriptor"}));
 }
 
-TEST(Syswrap, pipe_both_ways)
+TEST_F(Syswrap, pipe_both_ways)
 {
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     int ends[2] = {-1, -1};
     EXPECT_EQ(Pipe(ends), 0);
     char byte = 0;
@@ -934,9 +852,9 @@ TEST(Syswrap, pipe_both_ways)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  TestBody: pipe([-5,8]) ERROR(24): Too many open files"}));
 }
 
-TEST(Syswrap, fork_makes_a_child)
+TEST_F(Syswrap, fork_makes_a_child)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const pid_t pid = Fork();
     if (pid == 0) {
         _exit(41);
@@ -948,9 +866,8 @@ TEST(Syswrap, fork_makes_a_child)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(Syswrap, fork_that_fails_is_logged)
+TEST_F(Syswrap, fork_that_fails_is_logged)
 {
-    LogCapture log;
     g_fail_fork = true;
     EXPECT_EQ(Fork(), -1);
     EXPECT_EQ(errno, EAGAIN);
@@ -958,22 +875,21 @@ TEST(Syswrap, fork_that_fails_is_logged)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  TestBody: fork() ERROR(11): Resource temporarily unavailable"}));
 }
 
-TEST(Syswrap, kill_both_ways)
+TEST_F(Syswrap, kill_both_ways)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     EXPECT_EQ(Kill(getpid(), 0), 0);
     EXPECT_EQ(log.text(), "");
     EXPECT_EQ(Kill(getpid(), 999), -1);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(log.lines(), (Lines{text("(ERR)  TestBody: kill(%ld, 999) ERROR(22): Invalid argument",
-                                       static_cast<long>(getpid()))}));
+    EXPECT_EQ(log.lines(), (Lines{format("(ERR)  TestBody: kill(%ld, 999) ERROR(22): Invalid argument",
+                                         static_cast<long>(getpid()))}));
 }
 
 // ---- the pattern ---------------------------------------------------------------------------------------
 
-TEST(Syswrap, errno_survives_a_log_that_disturbs_it)
+TEST_F(Syswrap, errno_survives_a_log_that_disturbs_it)
 {
-    LogCapture log;
     log_set_hook(&g_log, nullptr, [](void*, const char*) { errno = ENOTTY; });
     EXPECT_EQ(Close(kBadFd), -1);
     EXPECT_EQ(errno, EBADF);
@@ -986,9 +902,8 @@ TEST(Syswrap, errno_survives_a_log_that_disturbs_it)
     EXPECT_EQ(log.lines().size(), 2U); // the line of sendfile goes on into the next
 }
 
-TEST(Syswrap, a_module_level_below_error_silences_the_line_and_keeps_errno)
+TEST_F(Syswrap, a_module_level_below_error_silences_the_line_and_keeps_errno)
 {
-    LogCapture log;
     set_loglevel(MLL_SYSWRAP, PANIC_level);
     EXPECT_EQ(Close(kBadFd), -1);
     EXPECT_EQ(errno, EBADF);
@@ -998,24 +913,21 @@ TEST(Syswrap, a_module_level_below_error_silences_the_line_and_keeps_errno)
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST(Syswrap, the_slot_of_the_wrappers_is_their_own)
+TEST_F(Syswrap, the_slot_of_the_wrappers_is_their_own)
 {
-    const FdGuard guard;
-    LogCapture log(NORM_level);
     set_loglevel(MLL_SYSWRAP, DEBUG_level);
     const int fd = Socket(AF_UNIX, SOCK_STREAM, 0);
     EXPECT_EQ(Close(fd), 0);
     EXPECT_EQ(log.lines().size(), 2U);
 }
 
-TEST(Syswrap, the_line_names_whoever_is_given_as_caller)
+TEST_F(Syswrap, the_line_names_whoever_is_given_as_caller)
 {
-    LogCapture log;
     EXPECT_EQ(W_close("somebody", kBadFd), -1);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  somebody: close(fd999) ERROR(9): Bad file descriptor"}));
 }
 
-TEST(Syswrap, nothing_is_allocated_by_a_call_or_its_line)
+TEST_F(Syswrap, nothing_is_allocated_by_a_call_or_its_line)
 {
     g_log = {};
     FILE* null = fopen("/dev/null", "w");

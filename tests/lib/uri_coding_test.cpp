@@ -8,15 +8,16 @@
 
 #include <gtest/gtest.h>
 
+#include "fixtures.h"
 #include "logcap.h"
 #include "oom.h"
+#include "text.h"
 
 using support::FailAllocation;
+using support::Lines;
 using support::LogCapture;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 // Decodes a text of a block that is exactly bound bytes long, with a terminator where there is room.
 std::string decoded(const std::string& text, size_t bound)
@@ -243,37 +244,39 @@ TEST(UriCoding, encoded_texts_without_percent_decode_to_themselves)
     }
 }
 
-TEST(UriQuery, reads_pairs)
+class UriQuery : public support::GuardedTest {};
+
+TEST_F(UriQuery, reads_pairs)
 {
     EXPECT_EQ(pairs("a=1"), (Pairs{{"a", "1"}}));
     EXPECT_EQ(pairs("a=1&b=2&c=3"), (Pairs{{"a", "1"}, {"b", "2"}, {"c", "3"}}));
     EXPECT_EQ(pairs("a=b=c"), (Pairs{{"a", "b=c"}}));
 }
 
-TEST(UriQuery, empty_value_is_a_null_pointer)
+TEST_F(UriQuery, empty_value_is_a_null_pointer)
 {
     EXPECT_EQ(pairs("a=&b=2"), (Pairs{{"a", "(null)"}, {"b", "2"}}));
     EXPECT_EQ(pairs("a="), (Pairs{{"a", "(null)"}}));
 }
 
-TEST(UriQuery, separator_at_the_end_is_stepped_over)
+TEST_F(UriQuery, separator_at_the_end_is_stepped_over)
 {
     EXPECT_EQ(pairs("a=1&"), (Pairs{{"a", "1"}}));
 }
 
-TEST(UriQuery, kept_separator_in_front_of_a_key_belongs_to_it)
+TEST_F(UriQuery, kept_separator_in_front_of_a_key_belongs_to_it)
 {
     EXPECT_EQ(pairs("a=1&&b=2"), (Pairs{{"a", "1"}, {"&b", "2"}}));
 }
 
-TEST(UriQuery, keys_and_values_are_decoded)
+TEST_F(UriQuery, keys_and_values_are_decoded)
 {
     EXPECT_EQ(pairs("a+b=c%20d"), (Pairs{{"a b", "c d"}}));
     EXPECT_EQ(pairs("%zz=1"), (Pairs{{"", "1"}}));
     EXPECT_EQ(pairs("a=%zz"), (Pairs{{"a", ""}}));
 }
 
-TEST(UriQuery, walk_ends_at_the_first_zero_byte)
+TEST_F(UriQuery, walk_ends_at_the_first_zero_byte)
 {
     const char text[] = "a=1\0b=2";
     skht_t table = 0;
@@ -282,7 +285,7 @@ TEST(UriQuery, walk_ends_at_the_first_zero_byte)
     skht_destroy(table, free);
 }
 
-TEST(UriQuery, empty_text_leaves_the_handle)
+TEST_F(UriQuery, empty_text_leaves_the_handle)
 {
     skht_t table = 77;
     EXPECT_EQ(parse_query("", &table), 0);
@@ -290,9 +293,8 @@ TEST(UriQuery, empty_text_leaves_the_handle)
     EXPECT_EQ(parse_query("", nullptr), 0);
 }
 
-TEST(UriQuery, pairs_without_key_or_mark_fail_silently)
+TEST_F(UriQuery, pairs_without_key_or_mark_fail_silently)
 {
-    LogCapture log;
     for (const char* query : {"=1", "a", "a=1&b", "&", "a=1&=2", "=", "a=1&&"}) {
         skht_t table = 77;
         EXPECT_EQ(parse_query(query, &table), -1) << query;
@@ -302,9 +304,8 @@ TEST(UriQuery, pairs_without_key_or_mark_fail_silently)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(UriQuery, keys_have_limits)
+TEST_F(UriQuery, keys_have_limits)
 {
-    LogCapture log;
     const std::string key31(31, 'k');
     EXPECT_EQ(pairs(key31 + "=1"), (Pairs{{key31, "1"}}));
     skht_t table = 77;
@@ -313,11 +314,10 @@ TEST(UriQuery, keys_have_limits)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(UriQuery, values_have_limits)
+TEST_F(UriQuery, values_have_limits)
 {
     const std::string value31(31, 'v');
     EXPECT_EQ(pairs("a=" + value31), (Pairs{{"a", value31}}));
-    LogCapture log;
     skht_t table = 77;
     EXPECT_EQ(parse_query("a=" + value31 + "vv", &table), -1);
     EXPECT_EQ(table, 0U);
@@ -325,9 +325,8 @@ TEST(UriQuery, values_have_limits)
               (Lines{"(ERR)  uri_query_parse: argument for query parameter [a] is too long [33]"}));
 }
 
-TEST(UriQuery, kept_value_of_32_characters_loses_its_last_in_decoding)
+TEST_F(UriQuery, kept_value_of_32_characters_loses_its_last_in_decoding)
 {
-    LogCapture log;
     EXPECT_EQ(pairs("a=" + std::string(32, 'v')), (Pairs{{"a", std::string(31, 'v')}}));
     EXPECT_EQ(pairs("a=" + std::string(31, 'v') + "%&b=1"),
               (Pairs{{"a", std::string(31, 'v') + "%"}, {"b", "1"}})); // refused by the decoding, so kept
@@ -335,11 +334,11 @@ TEST(UriQuery, kept_value_of_32_characters_loses_its_last_in_decoding)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(UriQuery, duplicate_key_ends_with_16)
+TEST_F(UriQuery, duplicate_key_ends_with_16)
 {
     for (const char* query : {"a=1&b=2&a=3&c=4", "a=&a=3", "a=1&a=", "a=1&%61=0&a=2"}) {
         SCOPED_TRACE(query);
-        LogCapture log;
+        log.clear();
         skht_t table = 77;
         EXPECT_EQ(parse_query(query, &table), EBUSY);
         EXPECT_EQ(table, 0U);
@@ -347,22 +346,20 @@ TEST(UriQuery, duplicate_key_ends_with_16)
     }
 }
 
-TEST(UriQuery, duplicate_may_arise_from_decoding)
+TEST_F(UriQuery, duplicate_may_arise_from_decoding)
 {
-    LogCapture log;
     skht_t table = 77;
     EXPECT_EQ(parse_query("A=1&%41=2", &table), EBUSY);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  uri_query_parse: duplicate query parameter [A]"}));
     EXPECT_EQ(parse_query("A=1&%41=2", nullptr), 0); // what is only judged is not decoded
 }
 
-TEST(UriQuery, at_129_pairs_the_count_is_shown)
+TEST_F(UriQuery, at_129_pairs_the_count_is_shown)
 {
     std::string query;
     for (int i = 0; i < 128; ++i) {
         query += (i > 0 ? "&k" : "k") + std::to_string(i) + "=" + std::to_string(i);
     }
-    LogCapture log;
     const auto all = pairs(query);
     EXPECT_EQ(all.size(), 128U);
     EXPECT_EQ(all.at("k127"), "127");
@@ -377,20 +374,19 @@ TEST(UriQuery, at_129_pairs_the_count_is_shown)
     }
 }
 
-TEST(UriQuery, pairs_are_judged_alone)
+TEST_F(UriQuery, pairs_are_judged_alone)
 {
-    LogCapture log;
     EXPECT_EQ(parse_query("a=1&b=2", nullptr), 0);
     EXPECT_EQ(parse_query("a=1&a=2", nullptr), EBUSY);
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST(UriQuery, each_failed_allocation_gives_12_and_leaves_nothing)
+TEST_F(UriQuery, each_failed_allocation_gives_12_and_leaves_nothing)
 {
     // Table, slots, then a value and a record for each of the two pairs.
     for (size_t n = 1; n <= 6; ++n) {
         SCOPED_TRACE(n);
-        LogCapture log;
+        log.clear();
         skht_t table = 77;
         int rc = 0;
         {
@@ -409,7 +405,7 @@ TEST(UriQuery, each_failed_allocation_gives_12_and_leaves_nothing)
     }
 }
 
-TEST(UriQuery, random_queries_agree_with_a_model)
+TEST_F(UriQuery, random_queries_agree_with_a_model)
 {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));

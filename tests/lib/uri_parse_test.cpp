@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "fixtures.h"
 #include "logcap.h"
 
 using support::LogCapture;
@@ -341,9 +342,10 @@ TEST(UriGet, scheme_of_seven_characters_passes_and_one_of_eight_does_not)
                                         "(ERR)  uri_extract: error parsing URI: [eight888://h]"}));
 }
 
-TEST(UriExtract, gives_kind_and_segments)
+class UriExtract : public support::GuardedTest {};
+
+TEST_F(UriExtract, gives_kind_and_segments)
 {
-    LogCapture log;
     const Extracted e("RTP://10.0.0.1@232.0.2.1:5056/x?ttl=3");
     EXPECT_EQ(e.kind, URI_RTP);
     EXPECT_STREQ(e.scheme, "RTP");
@@ -353,7 +355,7 @@ TEST(UriExtract, gives_kind_and_segments)
     EXPECT_EQ(log.lines(), kNoLines);
 }
 
-TEST(UriExtract, absent_authority_and_query_leave_their_buffers)
+TEST_F(UriExtract, absent_authority_and_query_leave_their_buffers)
 {
     const Extracted e("file:///tmp/a");
     EXPECT_EQ(e.kind, URI_FILE);
@@ -362,9 +364,8 @@ TEST(UriExtract, absent_authority_and_query_leave_their_buffers)
     EXPECT_STREQ(e.query, "#");
 }
 
-TEST(UriExtract, any_buffer_may_be_null)
+TEST_F(UriExtract, any_buffer_may_be_null)
 {
-    LogCapture log;
     EXPECT_EQ(uri_extract("udp://a@h?q", nullptr, nullptr, nullptr, nullptr), URI_UDP);
     // What is not wanted is not judged: neither an absent path nor a segment of any length.
     EXPECT_EQ(uri_extract("udp://?q", nullptr, nullptr, nullptr, nullptr), URI_UDP);
@@ -375,23 +376,21 @@ TEST(UriExtract, any_buffer_may_be_null)
     EXPECT_EQ(log.lines(), kNoLines);
 }
 
-TEST(UriExtract, refused_text_is_logged_twice)
+TEST_F(UriExtract, refused_text_is_logged_twice)
 {
-    LogCapture log;
     EXPECT_EQ(Extracted("udp://").kind, -1);
     EXPECT_EQ(log.lines(), (std::vector<std::string>{"(ERR)  extract: uri_parse ERROR",
                                                      "(ERR)  uri_extract: error parsing URI: [udp://]"}));
 }
 
-TEST(UriExtract, absent_path_fails_if_it_is_wanted)
+TEST_F(UriExtract, absent_path_fails_if_it_is_wanted)
 {
-    LogCapture log;
     EXPECT_EQ(Extracted("udp://?q").kind, -1);
     EXPECT_EQ(log.lines(), (std::vector<std::string>{"(ERR)  extract: uri_get_path ERROR",
                                                      "(ERR)  uri_extract: error parsing URI: [udp://?q]"}));
 }
 
-TEST(UriExtract, each_segment_passes_up_to_its_limit)
+TEST_F(UriExtract, each_segment_passes_up_to_its_limit)
 {
     struct Case {
         const char* name;
@@ -405,7 +404,7 @@ TEST(UriExtract, each_segment_passes_up_to_its_limit)
         {"query", URI_QUERY_MAX - 1, [](const std::string& t) { return "udp://h?" + t; }},
     };
     for (const Case& c : cases) {
-        LogCapture log;
+        log.clear();
         EXPECT_EQ(Extracted(c.uri(std::string(c.longest - 1, 'x'))).kind, URI_UDP) << c.name;
         EXPECT_EQ(Extracted(c.uri(std::string(c.longest, 'x'))).kind, URI_UDP) << c.name;
         EXPECT_EQ(log.lines(), kNoLines);
@@ -418,7 +417,7 @@ TEST(UriExtract, each_segment_passes_up_to_its_limit)
     }
 }
 
-TEST(UriExtract, longest_segments_arrive_whole)
+TEST_F(UriExtract, longest_segments_arrive_whole)
 {
     const std::string a(URI_AUTH_MAX - 1, 'a');
     const std::string p(URI_PATH_MAX - 1, 'p');

@@ -11,11 +11,10 @@
 #include <gtest/gtest.h>
 
 #include "child.h"
-#include "logcap.h"
+#include "fixtures.h"
 #include "wrap.h"
 
 using support::ChildResult;
-using support::LogCapture;
 using support::run_in_child;
 
 namespace {
@@ -32,7 +31,7 @@ struct {
     int fail_prctl = 0;
 } g_kernel;
 
-class UtilLimits : public testing::Test {
+class UtilLimits : public support::GuardedTest {
   protected:
     void SetUp() override
     {
@@ -101,7 +100,7 @@ int __wrap_prctl(int option, ...)
 
 TEST_F(UtilLimits, set_vmem_limit_changes_the_soft_limit_alone)
 {
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     g_kernel.limit = {RLIM_INFINITY, 1000};
     EXPECT_EQ(set_vmem_limit(500), 0);
     EXPECT_EQ(g_kernel.last_resource, RLIMIT_AS);
@@ -112,7 +111,7 @@ TEST_F(UtilLimits, set_vmem_limit_changes_the_soft_limit_alone)
 
 TEST_F(UtilLimits, kept_set_rss_limit_sets_the_same_resource)
 {
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     EXPECT_EQ(MEM_LIMIT, RLIMIT_AS);
     EXPECT_EQ(set_rss_limit(700), 0);
     EXPECT_EQ(g_kernel.last_resource, RLIMIT_AS);
@@ -122,7 +121,7 @@ TEST_F(UtilLimits, kept_set_rss_limit_sets_the_same_resource)
 
 TEST_F(UtilLimits, set_mem_limits_sets_only_the_first_value)
 {
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     EXPECT_EQ(set_mem_limits(1, 2), 0);
     EXPECT_EQ(g_kernel.set_calls, 1);
     EXPECT_EQ(g_kernel.limit.rlim_cur, 1U);
@@ -131,7 +130,7 @@ TEST_F(UtilLimits, set_mem_limits_sets_only_the_first_value)
 
 TEST_F(UtilLimits, set_mem_limits_takes_the_second_where_the_first_is_zero)
 {
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     EXPECT_EQ(set_mem_limits(0, 2), 0);
     EXPECT_EQ(g_kernel.set_calls, 1);
     EXPECT_EQ(g_kernel.limit.rlim_cur, 2U);
@@ -142,7 +141,7 @@ TEST_F(UtilLimits, set_mem_limits_takes_the_second_where_the_first_is_zero)
 
 TEST_F(UtilLimits, failures_are_logged)
 {
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     g_kernel.fail_get = EINVAL;
     EXPECT_EQ(set_vmem_limit(5), -1);
     EXPECT_EQ(errno, EINVAL);
@@ -171,7 +170,7 @@ TEST_F(UtilLimits, a_limited_process_gets_no_more_memory)
 
 TEST_F(UtilLimits, set_unlimited_core_lifts_both_limits)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     g_kernel.limit = {0, 4096};
     rlimit old{};
     EXPECT_EQ(set_unlimited_core(&old), 0);
@@ -185,7 +184,7 @@ TEST_F(UtilLimits, set_unlimited_core_lifts_both_limits)
 
 TEST_F(UtilLimits, set_unlimited_core_leaves_what_is_unlimited)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     g_kernel.limit = {RLIM_INFINITY, RLIM_INFINITY};
     EXPECT_EQ(set_unlimited_core(nullptr), 0);
     EXPECT_EQ(g_kernel.set_calls, 0);
@@ -194,7 +193,7 @@ TEST_F(UtilLimits, set_unlimited_core_leaves_what_is_unlimited)
 
 TEST_F(UtilLimits, set_unlimited_core_makes_the_process_dumpable)
 {
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     g_kernel.dumpable = 0;
     EXPECT_EQ(set_unlimited_core(nullptr), 0);
     EXPECT_EQ(g_kernel.dumpable, 1);
@@ -204,7 +203,6 @@ TEST_F(UtilLimits, set_unlimited_core_makes_the_process_dumpable)
 
 TEST_F(UtilLimits, set_unlimited_core_tells_what_failed)
 {
-    LogCapture log(NORM_level);
     g_kernel.fail_set = EPERM;
     EXPECT_EQ(set_unlimited_core(nullptr), -1);
     EXPECT_EQ(errno, EPERM);

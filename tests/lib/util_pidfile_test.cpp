@@ -14,21 +14,21 @@
 #include "asserted.h"
 #include "child.h"
 #include "fds.h"
+#include "fixtures.h"
 #include "logcap.h"
 #include "tempdir.h"
+#include "text.h"
 #include "wrap.h"
 
 using support::asserted_in;
-using support::ChildResult;
-using support::FdGuard;
+using support::expect_abort;
+using support::Lines;
 using support::LogCapture;
 using support::open_fds;
 using support::run_in_child;
 using support::TempDir;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 int g_fail_fcntl = 0; // errno of the lock
 bool g_fail_fstat = false;
@@ -98,7 +98,9 @@ int __wrap_fstat(int fd, struct stat* st)
 }
 }
 
-TEST(UtilPidfile, holds_the_pid_in_decimal_without_a_line_end)
+class UtilPidfile : public support::GuardedTest {};
+
+TEST_F(UtilPidfile, holds_the_pid_in_decimal_without_a_line_end)
 {
     TempDir dir;
     const std::string path = dir.path("p.pid");
@@ -111,7 +113,7 @@ TEST(UtilPidfile, holds_the_pid_in_decimal_without_a_line_end)
     EXPECT_EQ(st.st_mode & 07777, 0644 & ~mask);
 }
 
-TEST(UtilPidfile, an_old_file_is_replaced_as_a_whole)
+TEST_F(UtilPidfile, an_old_file_is_replaced_as_a_whole)
 {
     TempDir dir;
     dir.write("p.pid", "1234567890");
@@ -119,10 +121,9 @@ TEST(UtilPidfile, an_old_file_is_replaced_as_a_whole)
     EXPECT_EQ(dir.read("p.pid"), "42");
 }
 
-TEST(UtilPidfile, tells_the_inode)
+TEST_F(UtilPidfile, tells_the_inode)
 {
     TempDir dir;
-    FdGuard guard;
     ino_t inode = 0;
     {
         const auto before = open_fds();
@@ -138,9 +139,8 @@ TEST(UtilPidfile, tells_the_inode)
     EXPECT_EQ(inode, st.st_ino);
 }
 
-TEST(UtilPidfile, a_second_instance_fails_at_the_lock_and_leaves_the_file)
+TEST_F(UtilPidfile, a_second_instance_fails_at_the_lock_and_leaves_the_file)
 {
-    FdGuard guard;
     TempDir dir;
     const std::string path = dir.path("p.pid");
     const Holder holder(path);
@@ -152,16 +152,15 @@ TEST(UtilPidfile, a_second_instance_fails_at_the_lock_and_leaves_the_file)
     EXPECT_EQ(dir.read("p.pid"), "4242");
 }
 
-TEST(UtilPidfile, hushed_the_lock_message_is_short)
+TEST_F(UtilPidfile, hushed_the_lock_message_is_short)
 {
-    FdGuard guard;
     TempDir dir;
     const Holder holder(dir.path("p.pid"));
     EXPECT_EQ(outcome(dir.path("p.pid"), 99, CPFX_HUSH),
               "-1;11;0;(ERR)  Another instance is already running\n");
 }
 
-TEST(UtilPidfile, the_lock_ends_with_its_process)
+TEST_F(UtilPidfile, the_lock_ends_with_its_process)
 {
     TempDir dir;
     const std::string path = dir.path("p.pid");
@@ -173,7 +172,7 @@ TEST(UtilPidfile, the_lock_ends_with_its_process)
     EXPECT_EQ(dir.read("p.pid"), "8");
 }
 
-TEST(UtilPidfile, another_lock_error_is_told_as_it_is)
+TEST_F(UtilPidfile, another_lock_error_is_told_as_it_is)
 {
     TempDir dir;
     dir.write("p.pid", "old");
@@ -184,7 +183,7 @@ TEST(UtilPidfile, another_lock_error_is_told_as_it_is)
     EXPECT_EQ(dir.read("p.pid"), "old");
 }
 
-TEST(UtilPidfile, both_errors_of_a_locked_file_mean_another_instance)
+TEST_F(UtilPidfile, both_errors_of_a_locked_file_mean_another_instance)
 {
     TempDir dir;
     dir.write("p.pid", "old");
@@ -197,11 +196,12 @@ TEST(UtilPidfile, both_errors_of_a_locked_file_mean_another_instance)
     EXPECT_EQ(dir.read("p.pid"), "old");
 }
 
-TEST(UtilPidfile, an_empty_path_fails_without_touching_a_file)
+TEST_F(UtilPidfile, an_empty_path_fails_without_touching_a_file)
 {
     TempDir dir;
     const std::string seen = run_in_child([&] {
-                                 LogCapture log(INFO_level);
+                                 log.clear();
+                                 log.set_level(INFO_level);
                                  const int moved = chdir(dir.path().c_str());
                                  const int rc = create_pidfile_extra("", 7, nullptr, 0);
                                  printf("%d;%d;%s", moved, rc, log.text().c_str());
@@ -212,14 +212,14 @@ TEST(UtilPidfile, an_empty_path_fails_without_touching_a_file)
     EXPECT_EQ(outcome("", 7, CPFX_HUSH), "-1;0;0;(ERR)  create_pidfile_extra: no path specified\n");
 }
 
-TEST(UtilPidfile, a_path_that_cannot_be_opened_is_logged_by_the_open)
+TEST_F(UtilPidfile, a_path_that_cannot_be_opened_is_logged_by_the_open)
 {
     EXPECT_EQ(outcome("/nonexistent/p.pid", 7, 0),
               "-1;2;0;(ERR)  create_pidfile_extra: open('/nonexistent/p.pid', 321, 0x1a4) ERROR(2): "
               "No such file or directory\n");
 }
 
-TEST(UtilPidfile, a_file_that_cannot_be_emptied_fails)
+TEST_F(UtilPidfile, a_file_that_cannot_be_emptied_fails)
 {
     const std::string seen = outcome("/dev/null", 7, 0);
     EXPECT_EQ(seen.substr(0, 7), "-1;22;0") << seen;
@@ -227,13 +227,14 @@ TEST(UtilPidfile, a_file_that_cannot_be_emptied_fails)
     EXPECT_NE(seen.find("failed to create pidfile [/dev/null] with pid=7.\n"), std::string::npos) << seen;
 }
 
-TEST(UtilPidfile, a_failed_or_short_write_fails)
+TEST_F(UtilPidfile, a_failed_or_short_write_fails)
 {
     TempDir dir;
     const std::string path = dir.path("p.pid");
     for (const rlim_t room : {rlim_t{0}, rlim_t{2}}) {
         const std::string seen = run_in_child([&] {
-                                     LogCapture log(INFO_level);
+                                     log.clear();
+                                     log.set_level(INFO_level);
                                      signal(SIGXFSZ, SIG_IGN);
                                      const rlimit limit{room, room};
                                      setrlimit(RLIMIT_FSIZE, &limit);
@@ -247,7 +248,7 @@ TEST(UtilPidfile, a_failed_or_short_write_fails)
     EXPECT_EQ(dir.read("p.pid"), "12");
 }
 
-TEST(UtilPidfile, a_failed_fstat_is_logged_and_fails)
+TEST_F(UtilPidfile, a_failed_fstat_is_logged_and_fails)
 {
     TempDir dir;
     ino_t inode = 0;
@@ -259,20 +260,19 @@ TEST(UtilPidfile, a_failed_fstat_is_logged_and_fails)
     EXPECT_NE(seen.find(",..) ERROR(5): Input/output error\n"), std::string::npos) << seen;
 }
 
-TEST(UtilPidfile, no_path_or_no_pid_is_an_assertion)
+TEST_F(UtilPidfile, no_path_or_no_pid_is_an_assertion)
 {
     for (const pid_t pid : {0, -1, 1}) {
-        const ChildResult result = run_in_child([&] {
-            log_default(&g_log, stderr);
+        const std::string text = expect_abort("ASSERT at:\n", [&] {
             return create_pidfile_extra(pid == 1 ? nullptr : "/dev/null", pid, nullptr, 0);
         });
-        EXPECT_EQ(result.signal, SIGABRT);
-        EXPECT_NE(result.err.find("ASSERT at:\n"), std::string::npos) << result.err;
-        EXPECT_TRUE(asserted_in(result.err, "create_pidfile_extra")) << result.err;
+        EXPECT_TRUE(asserted_in(text, "create_pidfile_extra")) << text;
     }
 }
 
-TEST(UtilPidfileName, the_form_depends_on_the_id)
+class UtilPidfileName : public support::GuardedTest {};
+
+TEST_F(UtilPidfileName, the_form_depends_on_the_id)
 {
     char buf[128];
     EXPECT_EQ(mk_pidfile_name("/tmp", "app", "eth0", -1, buf, sizeof buf), buf);
@@ -285,9 +285,8 @@ TEST(UtilPidfileName, the_form_depends_on_the_id)
     EXPECT_STREQ(buf, "/tmp/app--1.pid");
 }
 
-TEST(UtilPidfileName, fits_with_its_terminator_or_gives_null)
+TEST_F(UtilPidfileName, fits_with_its_terminator_or_gives_null)
 {
-    LogCapture log;
     char buf[18];
     EXPECT_EQ(mk_pidfile_name("/tmp", "app", "eth0", -1, buf, 18), buf);
     EXPECT_EQ(log.text(), "");
@@ -298,9 +297,8 @@ TEST(UtilPidfileName, fits_with_its_terminator_or_gives_null)
                      "(ERR)  mk_pidfile_name: 17 bytes needed for filename, only 0 available."}));
 }
 
-TEST(UtilPidfileName, a_directory_that_is_not_writable_gives_null)
+TEST_F(UtilPidfileName, a_directory_that_is_not_writable_gives_null)
 {
-    LogCapture log;
     char buf[64];
     EXPECT_EQ(mk_pidfile_name("/nonexistent", "app", "x", -1, buf, sizeof buf), nullptr);
     EXPECT_EQ(errno, ENOENT);

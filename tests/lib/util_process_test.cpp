@@ -22,18 +22,17 @@
 
 #include "app_flags.h"
 #include "child.h"
-#include "logcap.h"
+#include "fixtures.h"
 #include "tempdir.h"
+#include "text.h"
 #include "wrap.h"
 
 using support::ChildResult;
-using support::LogCapture;
+using support::Lines;
 using support::run_in_child;
 using support::TempDir;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 // Countdowns: the n-th call from now fails with the errno given; 0: none.
 int g_fail_fork = 0;
@@ -164,7 +163,9 @@ int __wrap_sched_setaffinity(pid_t pid, size_t size, const cpu_set_t* set)
 }
 }
 
-TEST(UtilDaemon, lives_in_a_session_of_its_own_that_it_does_not_lead)
+class UtilDaemon : public support::GuardedTest {};
+
+TEST_F(UtilDaemon, lives_in_a_session_of_its_own_that_it_does_not_lead)
 {
     const pid_t session = getsid(0);
     ChildResult direct;
@@ -181,9 +182,9 @@ TEST(UtilDaemon, lives_in_a_session_of_its_own_that_it_does_not_lead)
     EXPECT_EQ(direct.exit_code, 0); // the parent ends well, and does not come back
 }
 
-TEST(UtilDaemon, kept_works_in_the_root_with_a_clean_umask_and_without_stdin_and_stdout)
+TEST_F(UtilDaemon, kept_works_in_the_root_with_a_clean_umask_and_without_stdin_and_stdout)
 {
-    const std::string report = report_of([](int fd) {
+    const std::string report = report_of([this](int fd) {
         umask(077);
         daemonize();
         dprintf(fd, "%s;%o;%d;%d;%d", own_cwd().c_str(), umask(0), fcntl(0, F_GETFD), fcntl(1, F_GETFD),
@@ -193,9 +194,9 @@ TEST(UtilDaemon, kept_works_in_the_root_with_a_clean_umask_and_without_stdin_and
     EXPECT_EQ(report, "/;0;-1;-1;0");
 }
 
-TEST(UtilDaemon, a_log_on_stdout_moves_to_stderr)
+TEST_F(UtilDaemon, a_log_on_stdout_moves_to_stderr)
 {
-    const std::string report = report_of([](int fd) {
+    const std::string report = report_of([this](int fd) {
         log_default(&g_log, stdout);
         daemonize();
         dprintf(fd, "%d", log_fp(&g_log) == stderr);
@@ -204,9 +205,9 @@ TEST(UtilDaemon, a_log_on_stdout_moves_to_stderr)
     EXPECT_EQ(report, "1");
 }
 
-TEST(UtilDaemon, a_log_on_any_stream_of_descriptor_2_moves_to_stderr)
+TEST_F(UtilDaemon, a_log_on_any_stream_of_descriptor_2_moves_to_stderr)
 {
-    const std::string report = report_of([](int fd) {
+    const std::string report = report_of([this](int fd) {
         log_default(&g_log, fdopen(STDERR_FILENO, "w"));
         daemonize();
         dprintf(fd, "%d", log_fp(&g_log) == stderr);
@@ -215,7 +216,7 @@ TEST(UtilDaemon, a_log_on_any_stream_of_descriptor_2_moves_to_stderr)
     EXPECT_EQ(report, "1");
 }
 
-TEST(UtilDaemon, a_log_on_a_file_stays)
+TEST_F(UtilDaemon, a_log_on_a_file_stays)
 {
     TempDir dir;
     const std::string report = report_of([&](int fd) {
@@ -229,17 +230,17 @@ TEST(UtilDaemon, a_log_on_a_file_stays)
     EXPECT_EQ(report, "0;1");
 }
 
-TEST(UtilDaemon, a_closed_log_and_a_log_without_descriptor_stay)
+TEST_F(UtilDaemon, a_closed_log_and_a_log_without_descriptor_stay)
 {
-    EXPECT_EQ(report_of([](int fd) {
+    EXPECT_EQ(report_of([this](int fd) {
                   g_log.fp = nullptr;
                   const int rc = daemonize();
                   dprintf(fd, "%d;%d", rc, log_fp(&g_log) == nullptr);
                   _exit(0);
               }),
               "0;1");
-    EXPECT_EQ(report_of([](int fd) {
-                  LogCapture log;
+    EXPECT_EQ(report_of([this](int fd) {
+                  log.clear();
                   FILE* before = log_fp(&g_log);
                   const int rc = daemonize();
                   dprintf(fd, "%d;%d", rc, log_fp(&g_log) == before);
@@ -248,12 +249,12 @@ TEST(UtilDaemon, a_closed_log_and_a_log_without_descriptor_stay)
               "0;1");
 }
 
-TEST(UtilDaemon, a_failed_fork_is_the_result)
+TEST_F(UtilDaemon, a_failed_fork_is_the_result)
 {
     ChildResult direct;
     const std::string report = report_of(
-        [](int fd) {
-            LogCapture log;
+        [this](int fd) {
+            log.clear();
             g_fail_fork = 1;
             g_errno = EAGAIN;
             const int rc = daemonize();
@@ -262,8 +263,8 @@ TEST(UtilDaemon, a_failed_fork_is_the_result)
         &direct);
     EXPECT_EQ(report, "-1;11;0");
     EXPECT_EQ(direct.exit_code, 77); // no process was left behind
-    EXPECT_EQ(report_of([](int fd) {
-                  LogCapture log;
+    EXPECT_EQ(report_of([this](int fd) {
+                  log.clear();
                   g_fail_fork = 2;
                   const int rc = daemonize();
                   dprintf(fd, "%d;%zu", rc, log.lines().size());
@@ -272,18 +273,18 @@ TEST(UtilDaemon, a_failed_fork_is_the_result)
               "-1;0");
 }
 
-TEST(UtilDaemon, a_failed_session_or_directory_is_logged_with_its_step)
+TEST_F(UtilDaemon, a_failed_session_or_directory_is_logged_with_its_step)
 {
-    EXPECT_EQ(report_of([](int fd) {
-                  LogCapture log;
+    EXPECT_EQ(report_of([this](int fd) {
+                  log.clear();
                   g_fail_setsid = 1;
                   const int rc = daemonize();
                   dprintf(fd, "%d;%d;%s", rc, errno, log.text().c_str());
                   _exit(0);
               }),
               "-1;1;(ERR)  daemonize: failed at setsid, ERROR(1): Operation not permitted\n");
-    EXPECT_EQ(report_of([](int fd) {
-                  LogCapture log;
+    EXPECT_EQ(report_of([this](int fd) {
+                  log.clear();
                   g_fail_chdir = 1;
                   g_errno = ENOENT;
                   const int rc = daemonize();
@@ -293,7 +294,7 @@ TEST(UtilDaemon, a_failed_session_or_directory_is_logged_with_its_step)
               "-1;2;(ERR)  daemonize: failed at chdir, ERROR(2): No such file or directory\n");
 }
 
-TEST(UtilDaemon, a_daemon_holds_its_pid_file_to_its_end)
+TEST_F(UtilDaemon, a_daemon_holds_its_pid_file_to_its_end)
 {
     TempDir dir;
     const std::string path = dir.path("pid");
@@ -332,7 +333,9 @@ TEST(UtilDaemon, a_daemon_holds_its_pid_file_to_its_end)
     EXPECT_EQ(dir.read("pid"), "1234");
 }
 
-TEST(UtilUser, run_as_user_becomes_the_user_and_his_group)
+class UtilUser : public support::GuardedTest {};
+
+TEST_F(UtilUser, run_as_user_becomes_the_user_and_his_group)
 {
     if (!is_root()) {
         GTEST_SKIP() << "skipped: needs root";
@@ -342,7 +345,7 @@ TEST(UtilUser, run_as_user_becomes_the_user_and_his_group)
     const uid_t uid = nobody->pw_uid;
     const gid_t gid = nobody->pw_gid;
     const ChildResult result = run_in_child([&] {
-        LogCapture log;
+        log.clear();
         uid_t real = 0;
         uid_t effective = 0;
         uid_t saved = 0;
@@ -355,7 +358,7 @@ TEST(UtilUser, run_as_user_becomes_the_user_and_his_group)
     EXPECT_EQ(result.out, "0;1;1;");
 }
 
-TEST(UtilUser, kept_run_as_user_leaves_supplementary_groups)
+TEST_F(UtilUser, kept_run_as_user_leaves_supplementary_groups)
 {
     if (!is_root()) {
         GTEST_SKIP() << "skipped: needs root";
@@ -372,16 +375,14 @@ TEST(UtilUser, kept_run_as_user_leaves_supplementary_groups)
     EXPECT_EQ(result.out, "0;2;11;22");
 }
 
-TEST(UtilUser, an_unknown_user_is_logged)
+TEST_F(UtilUser, an_unknown_user_is_logged)
 {
-    LogCapture log;
     EXPECT_EQ(run_as_user("no-such-user-here"), -1);
     EXPECT_EQ(log.lines(), Lines{"(ERR)  run_as_user: getpwnam: user no-such-user-here not found"});
 }
 
-TEST(UtilUser, an_error_from_before_is_not_taken_for_one_of_the_look_up)
+TEST_F(UtilUser, an_error_from_before_is_not_taken_for_one_of_the_look_up)
 {
-    LogCapture log;
     g_no_user = true;
     errno = EXDEV;
     EXPECT_EQ(run_as_user("somebody"), -1);
@@ -389,22 +390,21 @@ TEST(UtilUser, an_error_from_before_is_not_taken_for_one_of_the_look_up)
     EXPECT_EQ(log.text(), "(ERR)  run_as_user: getpwnam: user somebody not found\n");
 }
 
-TEST(UtilUser, a_failed_look_up_is_logged_with_its_error)
+TEST_F(UtilUser, a_failed_look_up_is_logged_with_its_error)
 {
-    LogCapture log;
     g_fail_getpwnam = true;
     EXPECT_EQ(run_as_user("somebody"), -1);
     g_fail_getpwnam = false;
     EXPECT_EQ(log.lines(), Lines{"(ERR)  run_as_user: getpwnam(somebody): Input/output error"});
 }
 
-TEST(UtilUser, run_as_user_id_fails_without_a_line)
+TEST_F(UtilUser, run_as_user_id_fails_without_a_line)
 {
     if (!is_root()) {
         GTEST_SKIP() << "skipped: needs root";
     }
-    const ChildResult result = run_in_child([] {
-        LogCapture log;
+    const ChildResult result = run_in_child([this] {
+        log.clear();
         const int first = run_as_user_id(65534, 65533);
         const int group = run_as_user_id(0, 0); // setgid fails already
         const bool still = getuid() == 65534;
@@ -415,7 +415,9 @@ TEST(UtilUser, run_as_user_id_fails_without_a_line)
     EXPECT_EQ(result.out, "0;-1;1;-1;3;");
 }
 
-TEST(UtilDir, goto_runtime_dir_takes_the_saved_directory)
+class UtilDir : public support::GuardedTest {};
+
+TEST_F(UtilDir, goto_runtime_dir_takes_the_saved_directory)
 {
     TempDir dir;
     const ChildResult result = run_in_child([&] {
@@ -426,7 +428,7 @@ TEST(UtilDir, goto_runtime_dir_takes_the_saved_directory)
     EXPECT_EQ(result.out, "0;" + dir.path());
 }
 
-TEST(UtilDir, without_a_saved_directory_the_home_serves)
+TEST_F(UtilDir, without_a_saved_directory_the_home_serves)
 {
     TempDir dir;
     const std::string home = dir.path();
@@ -441,13 +443,13 @@ TEST(UtilDir, without_a_saved_directory_the_home_serves)
     EXPECT_EQ(result.out, "0;" + home);
 }
 
-TEST(UtilDir, kept_only_eperm_falls_back_to_the_home)
+TEST_F(UtilDir, kept_only_eperm_falls_back_to_the_home)
 {
     TempDir dir;
     const std::string home = dir.path();
     for (const int err : {EPERM, EACCES, ENOENT}) {
         const ChildResult result = run_in_child([&] {
-            LogCapture log;
+            log.clear();
             passwd pw{};
             pw.pw_dir = const_cast<char*>(home.c_str());
             g_pwuid = &pw;
@@ -464,7 +466,7 @@ TEST(UtilDir, kept_only_eperm_falls_back_to_the_home)
     }
 }
 
-TEST(UtilDir, a_directory_that_may_not_be_entered_is_no_fall_back)
+TEST_F(UtilDir, a_directory_that_may_not_be_entered_is_no_fall_back)
 {
     if (!is_root()) {
         GTEST_SKIP() << "skipped: needs root";
@@ -474,7 +476,7 @@ TEST(UtilDir, a_directory_that_may_not_be_entered_is_no_fall_back)
     chmod(dir.path("closed").c_str(), 0700);
     chmod(dir.path().c_str(), 0711);
     const ChildResult result = run_in_child([&] {
-        LogCapture log;
+        log.clear();
         run_as_user_id(65534, 65534);
         const int rc = goto_runtime_dir(dir.path("closed").c_str());
         printf("%d;%s", rc, log.text().c_str());
@@ -483,13 +485,13 @@ TEST(UtilDir, a_directory_that_may_not_be_entered_is_no_fall_back)
     EXPECT_EQ(result.out, "-1;(ERR)  chdir(" + dir.path("closed") + ") ERROR(13): Permission denied\n");
 }
 
-TEST(UtilDir, an_unknown_user_has_no_home)
+TEST_F(UtilDir, an_unknown_user_has_no_home)
 {
     if (!is_root()) {
         GTEST_SKIP() << "skipped: needs root";
     }
-    const ChildResult result = run_in_child([] {
-        LogCapture log;
+    const ChildResult result = run_in_child([this] {
+        log.clear();
         if (seteuid(54321) != 0) {
             return 1;
         }
@@ -500,10 +502,10 @@ TEST(UtilDir, an_unknown_user_has_no_home)
     EXPECT_EQ(result.out, "-1;(ERR)  getpwuid(54321) ERROR(0): Success\n");
 }
 
-TEST(UtilDir, a_home_that_is_missing_is_logged)
+TEST_F(UtilDir, a_home_that_is_missing_is_logged)
 {
-    const ChildResult result = run_in_child([] {
-        LogCapture log;
+    const ChildResult result = run_in_child([this] {
+        log.clear();
         char home[] = "/nonexistent/home";
         passwd pw{};
         pw.pw_dir = home;
@@ -515,10 +517,13 @@ TEST(UtilDir, a_home_that_is_missing_is_logged)
     EXPECT_EQ(result.out, "-1;(ERR)  chdir(/nonexistent/home) ERROR(2): No such file or directory\n");
 }
 
-TEST(UtilPriority, kept_a_new_nice_value_is_logged_as_an_error)
+class UtilPriority : public support::GuardedTest {};
+
+TEST_F(UtilPriority, kept_a_new_nice_value_is_logged_as_an_error)
 {
-    const ChildResult result = run_in_child([] {
-        LogCapture log(INFO_level);
+    const ChildResult result = run_in_child([this] {
+        log.clear();
+        log.set_level(INFO_level);
         if (setpriority(PRIO_PROCESS, 0, 0) != 0) {
             return 1;
         }
@@ -534,13 +539,14 @@ TEST(UtilPriority, kept_a_new_nice_value_is_logged_as_an_error)
     EXPECT_EQ(result.out, "0;5;5;0;(INF)  nice value adjusted by 0.\n(ERR)  nice(5) ERROR(0): Success\n");
 }
 
-TEST(UtilPriority, a_refused_nice_value_keeps_errno)
+TEST_F(UtilPriority, a_refused_nice_value_keeps_errno)
 {
     if (!is_root()) {
         GTEST_SKIP() << "skipped: needs root";
     }
-    const ChildResult result = run_in_child([] {
-        LogCapture log(INFO_level);
+    const ChildResult result = run_in_child([this] {
+        log.clear();
+        log.set_level(INFO_level);
         run_as_user_id(65534, 65534);
         const int rc = set_nice(-1);
         printf("%d;%d;%s", rc, errno, log.text().c_str());
@@ -549,7 +555,7 @@ TEST(UtilPriority, a_refused_nice_value_keeps_errno)
     EXPECT_EQ(result.out, "-1;1;(ERR)  nice(-1) ERROR(1): Operation not permitted\n");
 }
 
-TEST(UtilPriority, pin2cpu_binds_to_one_cpu)
+TEST_F(UtilPriority, pin2cpu_binds_to_one_cpu)
 {
     const ChildResult result = run_in_child([] {
         cpu_set_t allowed;
@@ -567,7 +573,7 @@ TEST(UtilPriority, pin2cpu_binds_to_one_cpu)
     EXPECT_EQ(result.out, "0;1;1");
 }
 
-TEST(UtilPriority, pin2cpu_asks_for_the_first_and_the_last_cpu_that_there_can_be)
+TEST_F(UtilPriority, pin2cpu_asks_for_the_first_and_the_last_cpu_that_there_can_be)
 {
     for (const int number : {0, 1, CPU_SETSIZE - 1}) {
         cpu_set_t asked;
@@ -580,7 +586,7 @@ TEST(UtilPriority, pin2cpu_asks_for_the_first_and_the_last_cpu_that_there_can_be
     }
 }
 
-TEST(UtilPriority, pin2cpu_of_a_number_outside_the_set_is_refused)
+TEST_F(UtilPriority, pin2cpu_of_a_number_outside_the_set_is_refused)
 {
     const ChildResult result = run_in_child([] {
         for (const int number : {1024, 1023, -1, INT_MAX}) {
@@ -593,10 +599,12 @@ TEST(UtilPriority, pin2cpu_of_a_number_outside_the_set_is_refused)
     EXPECT_EQ(result.out, "-1;22 -1;22 -1;22 -1;22 ");
 }
 
-TEST(UtilSignal, handle_quit_signals_installs_for_all_three)
+class UtilSignal : public support::GuardedTest {};
+
+TEST_F(UtilSignal, handle_quit_signals_installs_for_all_three)
 {
-    const ChildResult result = run_in_child([] {
-        LogCapture log;
+    const ChildResult result = run_in_child([this] {
+        log.clear();
         printf("%d;", handle_quit_signals(note));
         for (const int signo : {SIGTERM, SIGQUIT, SIGINT}) {
             kill(getpid(), signo);
@@ -611,10 +619,10 @@ TEST(UtilSignal, handle_quit_signals_installs_for_all_three)
     EXPECT_EQ(result.out, "0;1,0,1;1,0,1;1,0,1;");
 }
 
-TEST(UtilSignal, handle_quit_signals_stops_at_the_first_failure)
+TEST_F(UtilSignal, handle_quit_signals_stops_at_the_first_failure)
 {
-    const ChildResult result = run_in_child([] {
-        LogCapture log;
+    const ChildResult result = run_in_child([this] {
+        log.clear();
         g_fail_sigaction = 2;
         g_errno = EINVAL;
         const int rc = handle_quit_signals(note);
@@ -631,10 +639,10 @@ TEST(UtilSignal, handle_quit_signals_stops_at_the_first_failure)
               "-1;22;1;0;(ERR)  handle_quit_signals: sigaction (quit) ERROR(22): Invalid argument\n");
 }
 
-TEST(UtilSignal, handle_sig_installs_one_or_logs)
+TEST_F(UtilSignal, handle_sig_installs_one_or_logs)
 {
-    const ChildResult result = run_in_child([] {
-        LogCapture log;
+    const ChildResult result = run_in_child([this] {
+        log.clear();
         const int rc = handle_sig(SIGUSR2, note);
         raise(SIGUSR2);
         const int refused = handle_sig(SIGKILL, note);
@@ -644,10 +652,10 @@ TEST(UtilSignal, handle_sig_installs_one_or_logs)
     EXPECT_EQ(result.out, "0;1;-1;22;(ERR)  handle_sig: sigaction (signo=9) ERROR(22): Invalid argument\n");
 }
 
-TEST(UtilSignal, ignore_sigpipe_turns_the_signal_into_an_error)
+TEST_F(UtilSignal, ignore_sigpipe_turns_the_signal_into_an_error)
 {
-    const ChildResult result = run_in_child([] {
-        LogCapture log;
+    const ChildResult result = run_in_child([this] {
+        log.clear();
         int ends[2];
         const int rc = ignore_sigpipe();
         if (pipe(ends) != 0) {
@@ -666,10 +674,10 @@ TEST(UtilSignal, ignore_sigpipe_turns_the_signal_into_an_error)
               "0;-1;32;-1;(ERR)  ignore_sigpipe: sigaction (SIGPIPE) ERROR(22): Invalid argument\n");
 }
 
-TEST(UtilSignal, kept_the_handlers_set_their_flags_and_log)
+TEST_F(UtilSignal, kept_the_handlers_set_their_flags_and_log)
 {
-    const ChildResult result = run_in_child([] {
-        LogCapture log;
+    const ChildResult result = run_in_child([this] {
+        log.clear();
         handle_sig(SIGHUP, on_sighup);
         handle_sig(SIGUSR1, on_sigusr1);
         handle_quit_signals(on_sigquit);
@@ -693,7 +701,7 @@ TEST(UtilSignal, kept_the_handlers_set_their_flags_and_log)
                           "(NRM)  QUIT-SIG(15)\n(NRM)  QUIT-SIG(2)\n");
 }
 
-TEST(UtilSignal, the_handlers_log_in_signal_context_and_keep_errno)
+TEST_F(UtilSignal, the_handlers_log_in_signal_context_and_keep_errno)
 {
     const ChildResult result = run_in_child([] {
         static std::string contexts;

@@ -15,19 +15,18 @@
 
 #include "child.h"
 #include "fds.h"
-#include "logcap.h"
+#include "fixtures.h"
 #include "tempdir.h"
+#include "text.h"
 #include "wrap.h"
 
 using support::ChildResult;
-using support::FdGuard;
-using support::LogCapture;
+using support::expect_abort;
+using support::Lines;
 using support::run_in_child;
 using support::TempDir;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 // The n-th dup2 from now fails; 0: none.
 int g_fail_dup2 = 0;
@@ -110,7 +109,9 @@ ssize_t __wrap_sendto(int fd, const void* buf, size_t len, int flags, const sock
 }
 }
 
-TEST(UtilPath, get_base_is_the_text_behind_the_last_slash)
+class UtilPath : public support::GuardedTest {};
+
+TEST_F(UtilPath, get_base_is_the_text_behind_the_last_slash)
 {
     EXPECT_STREQ(get_base("a/b/"), "");
     EXPECT_STREQ(get_base("/x"), "x");
@@ -119,7 +120,7 @@ TEST(UtilPath, get_base_is_the_text_behind_the_last_slash)
     EXPECT_STREQ(get_base("/usr//local/bin/zent"), "zent");
 }
 
-TEST(UtilPath, replace_dir_puts_the_base_name_under_the_directory)
+TEST_F(UtilPath, replace_dir_puts_the_base_name_under_the_directory)
 {
     bool ok = false;
     EXPECT_EQ(replaced("/etc/a.conf", "/run/x", 64, ok), "/run/x/a.conf");
@@ -128,9 +129,8 @@ TEST(UtilPath, replace_dir_puts_the_base_name_under_the_directory)
     EXPECT_EQ(replaced("a.conf", "d/", 64, ok), "d//a.conf");
 }
 
-TEST(UtilPath, replace_dir_fits_with_its_terminator_or_gives_null)
+TEST_F(UtilPath, replace_dir_fits_with_its_terminator_or_gives_null)
 {
-    LogCapture log;
     bool ok = false;
     EXPECT_EQ(replaced("/etc/a", "/b", 5, ok), "/b/a");
     EXPECT_EQ(log.text(), "");
@@ -142,7 +142,7 @@ TEST(UtilPath, replace_dir_fits_with_its_terminator_or_gives_null)
                                   "(ERR)  replace_dir: 1 characters required, 0 afforded"}));
 }
 
-TEST(UtilPath, fmode_str_names_each_type)
+TEST_F(UtilPath, fmode_str_names_each_type)
 {
     EXPECT_STREQ(fmode_str(S_IFREG | 0644), "FILE");
     EXPECT_STREQ(fmode_str(S_IFSOCK), "SOCK");
@@ -154,9 +154,8 @@ TEST(UtilPath, fmode_str_names_each_type)
     EXPECT_STREQ(fmode_str(0777), "{???}");
 }
 
-TEST(UtilPath, get_stat_mode_tells_the_type_of_a_descriptor)
+TEST_F(UtilPath, get_stat_mode_tells_the_type_of_a_descriptor)
 {
-    FdGuard guard;
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     mode_t mode = 0;
@@ -166,22 +165,18 @@ TEST(UtilPath, get_stat_mode_tells_the_type_of_a_descriptor)
     close(ends[1]);
 }
 
-TEST(UtilPath, get_stat_mode_of_a_bad_descriptor_ends_the_process)
+TEST_F(UtilPath, get_stat_mode_of_a_bad_descriptor_ends_the_process)
 {
-    const ChildResult result = run_in_child([] {
-        log_default(&g_log, stderr);
+    const std::string text = expect_abort("", [] {
         log_timefmt(&g_log, f_NO_TIME);
         mode_t mode = 0;
         get_stat_mode(-1, &mode);
-        return 0;
     });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_EQ(result.err, "(ERR)  get_stat_mode: FAILED to retrieve mode for fd=-1: Bad file descriptor\n");
+    EXPECT_EQ(text, "(ERR)  get_stat_mode: FAILED to retrieve mode for fd=-1: Bad file descriptor\n");
 }
 
-TEST(UtilPath, fopen_any_opens_in_the_first_directory_that_has_the_file)
+TEST_F(UtilPath, fopen_any_opens_in_the_first_directory_that_has_the_file)
 {
-    FdGuard guard;
     TempDir dir;
     dir.make_dir("one");
     dir.make_dir("two");
@@ -191,7 +186,7 @@ TEST(UtilPath, fopen_any_opens_in_the_first_directory_that_has_the_file)
     const std::string two = dir.path("two/");
     const char* dirs[] = {one.c_str(), two.c_str(), dir.path().c_str()};
     char path[256];
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     FILE* fp = fopen_any("f", "r", 3, dirs, path, sizeof path);
     ASSERT_NE(fp, nullptr);
     char text[16] = {};
@@ -203,7 +198,7 @@ TEST(UtilPath, fopen_any_opens_in_the_first_directory_that_has_the_file)
                                   "(DBG)  fopen_any: opened [" + two + "f]"}));
 }
 
-TEST(UtilPath, fopen_any_empties_the_path_where_nothing_opens)
+TEST_F(UtilPath, fopen_any_empties_the_path_where_nothing_opens)
 {
     TempDir dir;
     const char* dirs[] = {dir.path().c_str(), nullptr, "/"};
@@ -213,7 +208,7 @@ TEST(UtilPath, fopen_any_empties_the_path_where_nothing_opens)
     EXPECT_STREQ(path, "");
 }
 
-TEST(UtilPath, fopen_any_of_no_directories_empties_the_path)
+TEST_F(UtilPath, fopen_any_of_no_directories_empties_the_path)
 {
     const char* dirs[] = {"/"};
     char path[8] = "old";
@@ -222,9 +217,8 @@ TEST(UtilPath, fopen_any_of_no_directories_empties_the_path)
     EXPECT_EQ(fopen_any("f", "r", 0, dirs, path, 0), nullptr);
 }
 
-TEST(UtilPath, fopen_any_gives_up_at_a_path_that_does_not_fit)
+TEST_F(UtilPath, fopen_any_gives_up_at_a_path_that_does_not_fit)
 {
-    FdGuard guard;
     TempDir dir;
     dir.write("f", "x");
     const char* dirs[] = {"/a/very/long/directory", dir.path().c_str()};
@@ -234,9 +228,8 @@ TEST(UtilPath, fopen_any_gives_up_at_a_path_that_does_not_fit)
     EXPECT_STREQ(path, "");
 }
 
-TEST(UtilPath, fopen_any_uses_the_whole_buffer)
+TEST_F(UtilPath, fopen_any_uses_the_whole_buffer)
 {
-    FdGuard guard;
     TempDir dir;
     dir.write("f", "x");
     const char* dirs[] = {dir.path().c_str()};
@@ -248,7 +241,7 @@ TEST(UtilPath, fopen_any_uses_the_whole_buffer)
     fclose(fp);
 }
 
-TEST(UtilPath, pick_first_file_takes_the_first_that_exists)
+TEST_F(UtilPath, pick_first_file_takes_the_first_that_exists)
 {
     const char* paths[] = {"/nonexistent/a", "/proc/self/status", "/"};
     EXPECT_EQ(pick_first_file(paths, 3), paths[1]);
@@ -256,19 +249,19 @@ TEST(UtilPath, pick_first_file_takes_the_first_that_exists)
     EXPECT_EQ(pick_first_file(paths, 0), nullptr);
 }
 
-TEST(UtilFile, read_file_buf_reads_the_whole_file)
+class UtilFile : public support::GuardedTest {};
+
+TEST_F(UtilFile, read_file_buf_reads_the_whole_file)
 {
-    FdGuard guard;
     TempDir dir;
     dir.write("f", "hello");
-    LogCapture log;
     char buf[6] = "#####";
     EXPECT_EQ(read_file_buf(dir.path("f").c_str(), buf, 5), 5);
     EXPECT_EQ(std::string(buf, 6), std::string("hello\0", 6));
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(UtilFile, read_file_buf_of_an_empty_file_is_zero)
+TEST_F(UtilFile, read_file_buf_of_an_empty_file_is_zero)
 {
     TempDir dir;
     dir.write("f", "");
@@ -276,12 +269,10 @@ TEST(UtilFile, read_file_buf_of_an_empty_file_is_zero)
     EXPECT_EQ(read_file_buf(dir.path("f").c_str(), buf, 0), 0);
 }
 
-TEST(UtilFile, read_file_buf_refuses_a_file_above_the_buffer)
+TEST_F(UtilFile, read_file_buf_refuses_a_file_above_the_buffer)
 {
-    FdGuard guard;
     TempDir dir;
     dir.write("f", "hello");
-    LogCapture log;
     char buf[5] = "abcd";
     EXPECT_EQ(read_file_buf(dir.path("f").c_str(), buf, 4), -7);
     EXPECT_STREQ(buf, "abcd");
@@ -289,9 +280,8 @@ TEST(UtilFile, read_file_buf_refuses_a_file_above_the_buffer)
               Lines{"(ERR)  read_file_buf: file size (5 bytes) is too big for buffer (4 bytes)"});
 }
 
-TEST(UtilFile, read_file_buf_of_a_missing_file_logs_the_open)
+TEST_F(UtilFile, read_file_buf_of_a_missing_file_logs_the_open)
 {
-    LogCapture log;
     char buf[4];
     EXPECT_EQ(read_file_buf("/nonexistent/f", buf, sizeof buf), -1);
     EXPECT_EQ(errno, ENOENT);
@@ -299,10 +289,8 @@ TEST(UtilFile, read_file_buf_of_a_missing_file_logs_the_open)
                                  "file or directory"});
 }
 
-TEST(UtilFile, read_file_buf_of_a_directory_logs_the_read)
+TEST_F(UtilFile, read_file_buf_of_a_directory_logs_the_read)
 {
-    FdGuard guard;
-    LogCapture log;
     std::vector<char> buf(1 << 20);
     EXPECT_EQ(read_file_buf("/", buf.data(), buf.size()), -1);
     EXPECT_EQ(errno, EISDIR);
@@ -310,14 +298,12 @@ TEST(UtilFile, read_file_buf_of_a_directory_logs_the_read)
     EXPECT_NE(log.text().find("ERROR(21): Is a directory"), std::string::npos) << log.text();
 }
 
-TEST(UtilFile, read_file_buf_tells_of_fewer_bytes_than_the_size)
+TEST_F(UtilFile, read_file_buf_tells_of_fewer_bytes_than_the_size)
 {
     const char* path = "/sys/kernel/uevent_seqnum"; // such a file claims a page
     if (access(path, R_OK) != 0) {
         GTEST_SKIP() << "skipped: no " << path;
     }
-    FdGuard guard;
-    LogCapture log;
     char buf[65536];
     EXPECT_EQ(read_file_buf(path, buf, sizeof buf), -1);
     ASSERT_EQ(log.lines().size(), 1U);
@@ -325,9 +311,8 @@ TEST(UtilFile, read_file_buf_tells_of_fewer_bytes_than_the_size)
     EXPECT_NE(log.text().find("/4096\n"), std::string::npos) << log.text();
 }
 
-TEST(UtilFile, file_to_dest_sends_the_file_as_one_datagram)
+TEST_F(UtilFile, file_to_dest_sends_the_file_as_one_datagram)
 {
-    FdGuard guard;
     TempDir dir;
     const Receiver receiver;
     for (const size_t size : {size_t{1}, size_t{1400}}) {
@@ -338,14 +323,12 @@ TEST(UtilFile, file_to_dest_sends_the_file_as_one_datagram)
     }
 }
 
-TEST(UtilFile, file_to_dest_refuses_empty_and_too_long_files)
+TEST_F(UtilFile, file_to_dest_refuses_empty_and_too_long_files)
 {
-    FdGuard guard;
     TempDir dir;
     const Receiver receiver;
     dir.write("empty", "");
     dir.write("long", std::string(1401, 'x'));
-    LogCapture log;
     EXPECT_EQ(file_to_dest("127.0.0.1", receiver.port(), dir.path("empty").c_str()), -1);
     EXPECT_EQ(log.text(), "");
     EXPECT_EQ(file_to_dest("127.0.0.1", receiver.port(), dir.path("long").c_str()), -1);
@@ -354,29 +337,27 @@ TEST(UtilFile, file_to_dest_refuses_empty_and_too_long_files)
     EXPECT_EQ(file_to_dest("127.0.0.1", receiver.port(), dir.path("none").c_str()), -1);
 }
 
-TEST(UtilFile, file_to_dest_fails_where_no_socket_opens)
+TEST_F(UtilFile, file_to_dest_fails_where_no_socket_opens)
 {
-    FdGuard guard;
     TempDir dir;
     dir.write("f", "x");
-    LogCapture log;
     EXPECT_EQ(file_to_dest("127.0.0.1", "http", dir.path("f").c_str()), -1);
     EXPECT_EQ(file_to_dest("12345", "9", dir.path("f").c_str()), -1);
     EXPECT_EQ(log.lines().size(), 2U) << log.text();
 }
 
-TEST(UtilFile, file_to_dest_fails_where_the_datagram_is_refused)
+TEST_F(UtilFile, file_to_dest_fails_where_the_datagram_is_refused)
 {
-    FdGuard guard;
     TempDir dir;
     dir.write("f", "x");
-    LogCapture log;
     // No broadcast without SO_BROADCAST.
     EXPECT_EQ(file_to_dest("255.255.255.255", "9", dir.path("f").c_str()), -1);
     EXPECT_NE(log.text().find("file_to_dest: sendto("), std::string::npos) << log.text();
 }
 
-TEST(UtilOutput, redirect_output_takes_stdout_and_stderr)
+class UtilOutput : public support::GuardedTest {};
+
+TEST_F(UtilOutput, redirect_output_takes_stdout_and_stderr)
 {
     TempDir dir;
     dir.write("out", "");
@@ -394,7 +375,7 @@ TEST(UtilOutput, redirect_output_takes_stdout_and_stderr)
     EXPECT_EQ(dir.read("out"), "to stdout;to stderr;");
 }
 
-TEST(UtilOutput, redirect_output_serves_a_daemon_without_stdin_and_stdout)
+TEST_F(UtilOutput, redirect_output_serves_a_daemon_without_stdin_and_stdout)
 {
     TempDir dir;
     dir.write("out", "");
@@ -410,7 +391,7 @@ TEST(UtilOutput, redirect_output_serves_a_daemon_without_stdin_and_stdout)
     EXPECT_EQ(dir.read("out"), "0;-1;");
 }
 
-TEST(UtilOutput, redirect_output_keeps_a_file_that_opens_as_stdout)
+TEST_F(UtilOutput, redirect_output_keeps_a_file_that_opens_as_stdout)
 {
     TempDir dir;
     dir.write("out", "");
@@ -425,20 +406,16 @@ TEST(UtilOutput, redirect_output_keeps_a_file_that_opens_as_stdout)
     EXPECT_EQ(dir.read("out"), "0;x;");
 }
 
-TEST(UtilOutput, redirect_output_does_not_create_the_path)
+TEST_F(UtilOutput, redirect_output_does_not_create_the_path)
 {
-    FdGuard guard;
     TempDir dir;
-    LogCapture log;
     EXPECT_EQ(redirect_output(dir.path("none").c_str()), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST(UtilOutput, redirect_output_tells_which_duplication_failed)
+TEST_F(UtilOutput, redirect_output_tells_which_duplication_failed)
 {
-    FdGuard guard;
-    LogCapture log(NORM_level);
     const int out = dup(1);
     g_fail_dup2 = 1;
     EXPECT_EQ(redirect_output("/dev/null"), -2);
@@ -452,7 +429,9 @@ TEST(UtilOutput, redirect_output_tells_which_duplication_failed)
     EXPECT_EQ(log.lines().size(), 2U) << log.text();
 }
 
-TEST(UtilText, tag_index_ignores_case)
+class UtilText : public support::GuardedTest {};
+
+TEST_F(UtilText, tag_index_ignores_case)
 {
     const char* tags[] = {"alpha", "Beta", "GAMMA", nullptr};
     EXPECT_EQ(tag_index("alpha", tags), 0);
@@ -464,7 +443,7 @@ TEST(UtilText, tag_index_ignores_case)
     EXPECT_EQ(tag_index("alpha", none), -1);
 }
 
-TEST(UtilText, cpy_till_stops_at_the_first_delimiter)
+TEST_F(UtilText, cpy_till_stops_at_the_first_delimiter)
 {
     EXPECT_EQ(cut("key=value;x", "=;", 32), "key");
     EXPECT_EQ(cut("key=value;x", ";", 32), "key=value");
@@ -474,7 +453,7 @@ TEST(UtilText, cpy_till_stops_at_the_first_delimiter)
     EXPECT_EQ(cut("", "=", 32), "");
 }
 
-TEST(UtilText, cpy_till_never_leaves_the_buffer)
+TEST_F(UtilText, cpy_till_never_leaves_the_buffer)
 {
     EXPECT_EQ(cut("abcdef", "", 7), "abcdef");
     EXPECT_EQ(cut("abcdef", "", 6), "abcde");
@@ -483,10 +462,8 @@ TEST(UtilText, cpy_till_never_leaves_the_buffer)
     cut("abcdef", "", 0); // writes nothing at all
 }
 
-TEST(UtilText, close_pipe_closes_what_is_open)
+TEST_F(UtilText, close_pipe_closes_what_is_open)
 {
-    FdGuard guard;
-    LogCapture log;
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     const int reader = ends[0];
@@ -499,7 +476,7 @@ TEST(UtilText, close_pipe_closes_what_is_open)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(UtilText, close_pipe_closes_descriptor_0)
+TEST_F(UtilText, close_pipe_closes_descriptor_0)
 {
     const auto result = run_in_child([] {
         int ends[2] = {STDIN_FILENO, -1};
@@ -508,10 +485,8 @@ TEST(UtilText, close_pipe_closes_descriptor_0)
     EXPECT_EQ(result.exit_code, 0);
 }
 
-TEST(UtilText, close_pipe_stops_at_the_first_failure)
+TEST_F(UtilText, close_pipe_stops_at_the_first_failure)
 {
-    FdGuard guard;
-    LogCapture log;
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     close(ends[0]);

@@ -15,22 +15,20 @@
 #include <unistd.h>
 
 #include "fdrec.h"
-#include "fds.h"
-#include "logcap.h"
+#include "fixtures.h"
 #include "netns.h"
 #include "netops.h"
 #include "oom.h"
 #include "tempdir.h"
+#include "text.h"
 #include "uri.h"
 #include "wrap.h"
 
 using support::FailAllocation;
-using support::FdGuard;
 using support::inside;
-using support::LogCapture;
+using support::Lines;
 using support::NetnsPair;
 using support::TempDir;
-using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -86,12 +84,12 @@ int __wrap_uri_extract(const char* uri, char* scheme, char* authority, char* pat
 }
 }
 
-TEST(WebopsOpenUri, a_source_file_is_opened_for_reading)
+class WebopsOpenUri : public support::GuardedTest {};
+
+TEST_F(WebopsOpenUri, a_source_file_is_opened_for_reading)
 {
-    const FdGuard guard;
     const TempDir dir;
     dir.write("file", "content");
-    LogCapture log;
     int kind = 77;
     fdrec* const r = open_uri_src(("file://" + dir.path("file")).c_str(), nullptr, &kind);
     ASSERT_NE(r, nullptr);
@@ -106,9 +104,8 @@ TEST(WebopsOpenUri, a_source_file_is_opened_for_reading)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(WebopsOpenUri, a_destination_file_is_made_and_must_not_exist)
+TEST_F(WebopsOpenUri, a_destination_file_is_made_and_must_not_exist)
 {
-    const FdGuard guard;
     const TempDir dir;
     const std::string url = "file://" + dir.path("new");
     fdrec* const r = open_uri_dst(url.c_str(), nullptr);
@@ -117,7 +114,6 @@ TEST(WebopsOpenUri, a_destination_file_is_made_and_must_not_exist)
     EXPECT_EQ(write(r->fd, "abc", 3), 3);
     free_fdrec(r);
     EXPECT_EQ(dir.read("new"), "abc");
-    LogCapture log;
     int kind = 77;
     EXPECT_EQ(open_uri_dst(url.c_str(), &kind), nullptr);
     EXPECT_EQ(kind, 77);
@@ -125,10 +121,8 @@ TEST(WebopsOpenUri, a_destination_file_is_made_and_must_not_exist)
     EXPECT_NE(log.text().find("ERROR(17): File exists"), std::string::npos) << log.text();
 }
 
-TEST(WebopsOpenUri, a_source_file_that_is_missing_gives_null)
+TEST_F(WebopsOpenUri, a_source_file_that_is_missing_gives_null)
 {
-    const FdGuard guard;
-    LogCapture log;
     int kind = 77;
     EXPECT_EQ(open_uri_src("file:///nonexistent/file", nullptr, &kind), nullptr);
     EXPECT_EQ(kind, 77);
@@ -136,21 +130,19 @@ TEST(WebopsOpenUri, a_source_file_that_is_missing_gives_null)
                                   "file or directory"}));
 }
 
-TEST(WebopsOpenUri, kept_a_shared_memory_name_is_removed_by_a_failed_opening)
+TEST_F(WebopsOpenUri, kept_a_shared_memory_name_is_removed_by_a_failed_opening)
 {
     const std::string name = "/shm.open_uri_test." + std::to_string(getpid());
     const int fd = shm_open(name.c_str(), O_CREAT | O_RDWR, 0600);
     ASSERT_GE(fd, 0);
     close(fd);
-    LogCapture log;
     EXPECT_EQ(open_uri_src(("file://" + name).c_str(), nullptr, nullptr), nullptr);
     EXPECT_EQ(shm_open(name.c_str(), O_RDONLY, 0), -1);
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(WebopsOpenUri, tcp_and_http_connect_without_blocking_and_send_nothing)
+TEST_F(WebopsOpenUri, tcp_and_http_connect_without_blocking_and_send_nothing)
 {
-    const FdGuard guard;
     const Local server(SOCK_STREAM);
     for (const char* scheme : {"tcp", "http"}) {
         for (const bool inbound : {false, true}) {
@@ -181,19 +173,17 @@ TEST(WebopsOpenUri, tcp_and_http_connect_without_blocking_and_send_nothing)
     }
 }
 
-TEST(WebopsOpenUri, no_port_is_assumed)
+TEST_F(WebopsOpenUri, no_port_is_assumed)
 {
-    const FdGuard guard;
     for (const char* scheme : {"tcp", "udp", "rtp", "http"}) {
-        LogCapture log;
+        log.clear();
         EXPECT_EQ(open_uri_src((std::string(scheme) + "://127.0.0.1").c_str(), nullptr, nullptr), nullptr);
         EXPECT_EQ(log.lines(), (Lines{"(ERR)  open_socket: empty or invalid port []"})) << scheme;
     }
 }
 
-TEST(WebopsOpenUri, datagrams_go_from_a_destination_to_a_source)
+TEST_F(WebopsOpenUri, datagrams_go_from_a_destination_to_a_source)
 {
-    const FdGuard guard;
     for (const char* scheme : {"udp", "rtp"}) {
         std::string port;
         {
@@ -219,12 +209,11 @@ TEST(WebopsOpenUri, datagrams_go_from_a_destination_to_a_source)
     }
 }
 
-TEST(WebopsOpenUri, an_authority_is_the_source_of_an_inbound_datagram_url_alone)
+TEST_F(WebopsOpenUri, an_authority_is_the_source_of_an_inbound_datagram_url_alone)
 {
-    const FdGuard guard;
     const Local relay(SOCK_DGRAM);
     const Local server(SOCK_STREAM);
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     fdrec* r = open_uri_dst(("udp://10.1.2.3@127.0.0.1:" + relay.port).c_str(), nullptr);
     ASSERT_NE(r, nullptr);
     EXPECT_FALSE(r->sspec->is_ssm);
@@ -235,14 +224,13 @@ TEST(WebopsOpenUri, an_authority_is_the_source_of_an_inbound_datagram_url_alone)
     EXPECT_EQ(log.text().find("SSM source"), std::string::npos);
 }
 
-TEST(WebopsOpenUri, a_source_of_a_group_joins_it_for_one_sender)
+TEST_F(WebopsOpenUri, a_source_of_a_group_joins_it_for_one_sender)
 {
     if (const std::string why = support::netns_missing(); !why.empty()) {
         GTEST_SKIP() << "skipped: " << why;
     }
-    const FdGuard guard;
     const NetnsPair pair;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     fdrec* const r = inside(pair, &NetnsPair::enter_a,
                             [] { return open_uri_src("udp://10.0.0.2@239.1.2.9:5001", "va", nullptr); });
     ASSERT_NE(r, nullptr);
@@ -258,11 +246,10 @@ TEST(WebopsOpenUri, a_source_of_a_group_joins_it_for_one_sender)
               std::string::npos);
 }
 
-TEST(WebopsOpenUri, texts_that_are_no_url_give_null)
+TEST_F(WebopsOpenUri, texts_that_are_no_url_give_null)
 {
-    const FdGuard guard;
     for (const char* url : {"", "127.0.0.1:80", "ftp://127.0.0.1:80", "tcp://[::1"}) {
-        LogCapture log;
+        log.clear();
         int kind = 77;
         EXPECT_EQ(open_uri_src(url, nullptr, &kind), nullptr) << url;
         EXPECT_EQ(open_uri_dst(url, &kind), nullptr) << url;
@@ -271,21 +258,19 @@ TEST(WebopsOpenUri, texts_that_are_no_url_give_null)
     }
 }
 
-TEST(WebopsOpenUri, a_kind_that_is_none_is_logged_without_line_end)
+TEST_F(WebopsOpenUri, a_kind_that_is_none_is_logged_without_line_end)
 {
-    LogCapture log;
     g_forced_kind = 7;
     EXPECT_EQ(open_uri_src("udp://127.0.0.1:9", nullptr, nullptr), nullptr);
     g_forced_kind = 0;
     EXPECT_EQ(log.text(), "(ERR)  open_uri: unsupported type of URI [udp://127.0.0.1:9]");
 }
 
-TEST(WebopsOpenUri, each_allocation_may_fail)
+TEST_F(WebopsOpenUri, each_allocation_may_fail)
 {
     const Local relay(SOCK_DGRAM);
     for (size_t n = 1; n <= 2; ++n) {
-        const FdGuard guard;
-        LogCapture log;
+        log.clear();
         const FailAllocation failure(n);
         EXPECT_EQ(open_uri_dst(("udp://127.0.0.1:" + relay.port).c_str(), nullptr), nullptr) << n;
         EXPECT_TRUE(failure.happened());

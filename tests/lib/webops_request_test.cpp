@@ -7,15 +7,16 @@
 
 #include <gtest/gtest.h>
 
+#include "fixtures.h"
 #include "logcap.h"
 #include "oom.h"
+#include "text.h"
 
 using support::FailAllocation;
+using support::Lines;
 using support::LogCapture;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 // A text that ends at the end of a page which can only be read; behind it lies one that cannot even be that.
 class ReadOnlyText {
@@ -105,9 +106,10 @@ const std::string kEnd = " HTTP/1.1\r\nHost: h\r\n\r\n";
 
 } // namespace
 
-TEST(WebRequest, browser_head_in_read_only_memory)
+class WebRequest : public support::GuardedTest {};
+
+TEST_F(WebRequest, browser_head_in_read_only_memory)
 {
-    LogCapture log;
     const Parsed p = parsed("GET /udp/224.0.2.1:5056/?a=1 HTTP/1.1\r\nHost: box:8080\r\nUser-Agent: "
                             "Player/1.0 (X)\r\nAccept: */*\r\n\r\n");
     EXPECT_EQ(p.rc, 0);
@@ -119,7 +121,7 @@ TEST(WebRequest, browser_head_in_read_only_memory)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(WebRequest, segments_point_into_the_request)
+TEST_F(WebRequest, segments_point_into_the_request)
 {
     static const char request[] = "GET /a?b HTTP/1.1\r\n\r\n";
     struct http_header hdr;
@@ -128,7 +130,7 @@ TEST(WebRequest, segments_point_into_the_request)
     EXPECT_EQ(hdr.uri.query, request + 7);
 }
 
-TEST(WebRequest, head_parses_like_get)
+TEST_F(WebRequest, head_parses_like_get)
 {
     for (const char* word : {"HEAD", "head", "GET", "gEt"}) {
         const Parsed p = parsed(std::string(word) + " /udp/224.0.2.1:5056/ HTTP/1.0\r\n\r\n");
@@ -138,19 +140,19 @@ TEST(WebRequest, head_parses_like_get)
     }
 }
 
-TEST(WebRequest, methods_that_are_not_served)
+TEST_F(WebRequest, methods_that_are_not_served)
 {
     for (const char* word : {"POST", "PUT", "GETS", "OPTIONS", "HEA"}) {
-        LogCapture log;
+        log.clear();
         EXPECT_EQ(parsed(std::string(word) + " / HTTP/1.1\r\n\r\n").rc, EINVAL) << word;
         EXPECT_EQ(log.lines(), (Lines{"(ERR)  HTTP [" + std::string(word) + "] is NOT supported"}));
     }
 }
 
-TEST(WebRequest, method_of_the_wrong_length_gives_minus_one)
+TEST_F(WebRequest, method_of_the_wrong_length_gives_minus_one)
 {
     for (const char* text : {"", "GE /", " GET /", "PROPFIND /", "GETGETGET"}) {
-        LogCapture log;
+        log.clear();
         char expected[128];
         snprintf(expected, sizeof expected, "(ERR)  parse_http_header: failed to get HTTP method from %7s",
                  text);
@@ -159,9 +161,8 @@ TEST(WebRequest, method_of_the_wrong_length_gives_minus_one)
     }
 }
 
-TEST(WebRequest, ping_with_nothing_else)
+TEST_F(WebRequest, ping_with_nothing_else)
 {
-    LogCapture log;
     const Parsed p = parsed("GET /ping");
     EXPECT_EQ(p.rc, 0);
     EXPECT_EQ(p.path, "ping");
@@ -171,10 +172,10 @@ TEST(WebRequest, ping_with_nothing_else)
     EXPECT_EQ(endpoints("GET /ping").rc, RC_PING);
 }
 
-TEST(WebRequest, request_line_alone_is_served)
+TEST_F(WebRequest, request_line_alone_is_served)
 {
     for (const char* text : {"GET /a HTTP/1.1", "GET /a HTTP/1.1\r\n", "GET /a HTTP/1.", "GET\t/a", "GET"}) {
-        LogCapture log;
+        log.clear();
         const Parsed p = parsed(text);
         EXPECT_EQ(p.rc, 0) << text;
         EXPECT_EQ(p.path, strchr(text, 'a') != nullptr ? "a" : "");
@@ -182,10 +183,10 @@ TEST(WebRequest, request_line_alone_is_served)
     }
 }
 
-TEST(WebRequest, other_versions_are_refused)
+TEST_F(WebRequest, other_versions_are_refused)
 {
     for (const char* version : {"HTTP/2.0", "http/1.1", "HTTP/1", "x"}) {
-        LogCapture log;
+        log.clear();
         EXPECT_EQ(parsed(std::string("GET /a ") + version).rc, -1) << version;
         EXPECT_EQ(log.lines(),
                   (Lines{"(ERR)  parse_http_header: expected [HTTP/1.] to follow the URI path, got [" +
@@ -194,26 +195,25 @@ TEST(WebRequest, other_versions_are_refused)
     EXPECT_EQ(parsed("GET /a HTTP/1.x\r\n\r\n").rc, 0); // the rest is not looked at
 }
 
-TEST(WebRequest, target_that_is_no_uri)
+TEST_F(WebRequest, target_that_is_no_uri)
 {
-    LogCapture log;
     EXPECT_EQ(parsed("GET http:// HTTP/1.1\r\n\r\n").rc, -1);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  parse_http_header: failed to parse URL"}));
 }
 
-TEST(WebRequest, absolute_target_keeps_its_host_in_the_path)
+TEST_F(WebRequest, absolute_target_keeps_its_host_in_the_path)
 {
     EXPECT_EQ(parsed("GET http://h:1/a HTTP/1.1\r\n\r\n").path, "h:1/a");
 }
 
-TEST(WebRequest, zero_byte_ends_the_target)
+TEST_F(WebRequest, zero_byte_ends_the_target)
 {
     const Parsed p = parsed(std::string("GET /ab\0cd HTTP/1.1\r\n\r\n", 24));
     EXPECT_EQ(p.rc, 0);
     EXPECT_EQ(p.path, "ab");
 }
 
-TEST(WebRequest, target_goes_to_the_buffer_if_it_fits)
+TEST_F(WebRequest, target_goes_to_the_buffer_if_it_fits)
 {
     char url[8];
     memset(url, '#', sizeof url);
@@ -227,9 +227,8 @@ TEST(WebRequest, target_goes_to_the_buffer_if_it_fits)
     EXPECT_STREQ(url, "/xy");
 }
 
-TEST(WebRequest, host_has_limits)
+TEST_F(WebRequest, host_has_limits)
 {
-    LogCapture log;
     EXPECT_EQ(with_header("Host: " + std::string(62, 'h') + "\r\n").hdr.host, std::string(62, 'h'));
     EXPECT_EQ(log.lines(), Lines{});
     const Parsed p = with_header("Host: " + std::string(64, 'h') + "\r\nUser-Agent: u\r\n");
@@ -239,16 +238,14 @@ TEST(WebRequest, host_has_limits)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  parse_http_header: Host length is too long: 64"}));
 }
 
-TEST(WebRequest, kept_host_of_63_characters_is_cut_to_62)
+TEST_F(WebRequest, kept_host_of_63_characters_is_cut_to_62)
 {
-    LogCapture log;
     EXPECT_EQ(with_header("Host: " + std::string(63, 'h') + "\r\n").hdr.host, std::string(62, 'h'));
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(WebRequest, user_agent_has_limits)
+TEST_F(WebRequest, user_agent_has_limits)
 {
-    LogCapture log;
     EXPECT_EQ(with_header("User-Agent: " + std::string(126, 'u') + "\r\n").hdr.user_agent,
               std::string(126, 'u'));
     EXPECT_EQ(with_header("User-Agent: " + std::string(127, 'u') + "\r\n").hdr.user_agent,
@@ -260,9 +257,8 @@ TEST(WebRequest, user_agent_has_limits)
     EXPECT_EQ(log.lines(), (Lines{"(WRN)  parse_http_header: User-Agent length is too long: 128"}));
 }
 
-TEST(WebRequest, user_agent_is_encoded_and_cut)
+TEST_F(WebRequest, user_agent_is_encoded_and_cut)
 {
-    LogCapture log;
     EXPECT_STREQ(with_header("User-Agent: a b c\r\n").hdr.user_agent, "a%20b%20c");
     std::string blanks;
     std::string expected;
@@ -274,21 +270,21 @@ TEST(WebRequest, user_agent_is_encoded_and_cut)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(WebRequest, encoded_user_agent_has_126_characters)
+TEST_F(WebRequest, encoded_user_agent_has_126_characters)
 {
     std::string escapes;
     for (int i = 0; i < 42; ++i) {
         escapes += "%2C";
     }
     EXPECT_EQ(with_header("User-Agent: " + std::string(42, ',') + "y\r\n").hdr.user_agent, escapes);
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     with_header("User-Agent: " + std::string(127, 'u') + "\r\n");
     EXPECT_EQ(log.lines().back(), "(DBG)  parse_http_header: User-Agent: " + std::string(126, 'u'));
 }
 
-TEST(WebRequest, debug_lines_show_the_request)
+TEST_F(WebRequest, debug_lines_show_the_request)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const std::string request = "HEAD /a?b HTTP/1.1\r\nHost: h\r\nUser-Agent: u v\r\n\r\n";
     char url[16];
     EXPECT_EQ(parsed(request, url, sizeof url).rc, 0);
@@ -382,39 +378,40 @@ TEST(WebPathQuery, failures_are_told)
                   std::string(76, ' ') + "defg...");
 }
 
-TEST(WebUrq, source_and_destination)
+class WebUrq : public support::GuardedTest {};
+
+TEST_F(WebUrq, source_and_destination)
 {
-    LogCapture log;
     EXPECT_EQ(endpoints("GET /udp/224.0.2.1:5056/" + kEnd), (Endpoints{0, "udp://224.0.2.1:5056", ""}));
     EXPECT_EQ(endpoints("GET /src/a/dst/b/" + kEnd), (Endpoints{0, "a", "b/"}));
     EXPECT_EQ(endpoints("GET /$alias" + kEnd), (Endpoints{0, "$alias", ""}));
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(WebUrq, parts_are_decoded_after_the_split)
+TEST_F(WebUrq, parts_are_decoded_after_the_split)
 {
     EXPECT_EQ(endpoints("GET /src/a%2Fb+c/dst/d%20e" + kEnd), (Endpoints{0, "a/b c", "d e"}));
 }
 
-TEST(WebUrq, query_goes_to_the_source)
+TEST_F(WebUrq, query_goes_to_the_source)
 {
     EXPECT_EQ(endpoints("GET /udp/224.0.2.1:5056/?a=1" + kEnd),
               (Endpoints{0, "udp://224.0.2.1:5056?a=1", ""}));
     EXPECT_EQ(endpoints("GET /src/s/dst/d?a=%41" + kEnd), (Endpoints{0, "s?a=%41", "d"}));
 }
 
-TEST(WebUrq, source_that_ends_in_a_slash_has_no_query)
+TEST_F(WebUrq, source_that_ends_in_a_slash_has_no_query)
 {
     EXPECT_EQ(endpoints("GET /udp/a:1/?x=/" + kEnd), (Endpoints{0, "udp://a:1", ""}));
 }
 
-TEST(WebUrq, kept_bytes_that_decoding_leaves_stand_in_front_of_the_query)
+TEST_F(WebUrq, kept_bytes_that_decoding_leaves_stand_in_front_of_the_query)
 {
     // "a%20b" shrinks to "a b", and "b" of the old text stays behind its terminator.
     EXPECT_EQ(endpoints("GET /src/a%20b/dst/d?q=1" + kEnd), (Endpoints{0, "a b?bq=1", "d"}));
 }
 
-TEST(WebUrq, user_header_is_filled_whatever_follows)
+TEST_F(WebUrq, user_header_is_filled_whatever_follows)
 {
     struct http_header hdr = {};
     EXPECT_EQ(endpoints("HEAD /tcp/x HTTP/1.1\r\nHost: box\r\n\r\n", 64, &hdr).rc, -1);
@@ -425,33 +422,31 @@ TEST(WebUrq, user_header_is_filled_whatever_follows)
     EXPECT_STREQ(hdr.host, "");
 }
 
-TEST(WebUrq, root_is_refused)
+TEST_F(WebUrq, root_is_refused)
 {
-    LogCapture log;
     EXPECT_EQ(endpoints("GET / HTTP/1.1\n\n").rc, -1);
     EXPECT_EQ(log.text(), "(ERR)  web_parse_urq: no path in URL [GET / HTTP/1.1\n\n]\n");
     EXPECT_EQ(endpoints("GET /?x=1" + kEnd).rc, -1);
 }
 
-TEST(WebUrq, favicon_drops_its_query)
+TEST_F(WebUrq, favicon_drops_its_query)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     EXPECT_EQ(endpoints("GET /favicon.ico?x=1" + kEnd).rc, RC_FAVICON);
     EXPECT_EQ(log.lines().back(), "(DBG)  web_parse_urq: favicon request received.");
     EXPECT_EQ(endpoints("GET /FavIcon.ICO" + kEnd).rc, RC_FAVICON);
     EXPECT_EQ(endpoints("GET /favicon.icon" + kEnd).rc, -1);
 }
 
-TEST(WebUrq, ping_is_told_and_leaks_no_query)
+TEST_F(WebUrq, ping_is_told_and_leaks_no_query)
 {
-    LogCapture log(INFO_level);
+    log.set_level(INFO_level);
     EXPECT_EQ(endpoints("GET /ping?x=1" + kEnd), (Endpoints{RC_PING, "", ""}));
     EXPECT_EQ(log.lines(), (Lines{"(INF)  Handling user-side PING request"}));
 }
 
-TEST(WebUrq, query_has_limits)
+TEST_F(WebUrq, query_has_limits)
 {
-    LogCapture log;
     const std::string query(255, 'q');
     EXPECT_EQ(endpoints("GET /udp/a:1/?" + query + kEnd, 1024), (Endpoints{0, "udp://a:1?" + query, ""}));
     EXPECT_EQ(log.lines(), Lines{});
@@ -460,10 +455,9 @@ TEST(WebUrq, query_has_limits)
               (Lines{"(ERR)  web_parse_urq: URI query length (256 bytes) is beyond the limit: 256"}));
 }
 
-TEST(WebUrq, room_for_the_query)
+TEST_F(WebUrq, room_for_the_query)
 {
     // "udp://a:1" is 9, the mark and the query 4, the terminator 1.
-    LogCapture log;
     EXPECT_EQ(endpoints("GET /udp/a:1/?q=1" + kEnd, 14), (Endpoints{0, "udp://a:1?q=1", ""}));
     EXPECT_EQ(log.lines(), Lines{});
     EXPECT_EQ(endpoints("GET /udp/a:1/?q=1" + kEnd, 13).rc, 7);
@@ -475,15 +469,14 @@ TEST(WebUrq, room_for_the_query)
                      "discarding request"}));
 }
 
-TEST(WebUrq, old_bytes_up_to_the_end_of_the_buffer_leave_no_room_for_a_query)
+TEST_F(WebUrq, old_bytes_up_to_the_end_of_the_buffer_leave_no_room_for_a_query)
 {
     // The alias fills the buffer without a terminator; decoding shortens it, and no zero byte is left behind.
-    LogCapture log;
     EXPECT_EQ(endpoints("GET /$%41bcdefgh?q=1" + kEnd, 11).rc, 7);
     EXPECT_EQ(endpoints("GET /$%41bcdefgh" + kEnd, 11).rc, 0);
 }
 
-TEST(WebUrq, paths_without_endpoints_are_refused)
+TEST_F(WebUrq, paths_without_endpoints_are_refused)
 {
     struct Case {
         const char* path;
@@ -491,16 +484,15 @@ TEST(WebUrq, paths_without_endpoints_are_refused)
     };
 
     for (const Case& c : {Case{"tcp/x", -1}, Case{"udp/", 22}, Case{"src/a/", 1}, Case{"name", 3}}) {
-        LogCapture log;
+        log.clear();
         EXPECT_EQ(endpoints(std::string("GET /") + c.path + kEnd).rc, -1);
         EXPECT_EQ(log.lines(), (Lines{"(ERR)  web_parse_urq: error(" + std::to_string(c.rc) +
                                       ") parsing request data [" + c.path + "]"}));
     }
 }
 
-TEST(WebUrq, decoding_that_fails)
+TEST_F(WebUrq, decoding_that_fails)
 {
-    LogCapture log;
     EXPECT_EQ(endpoints("GET /$abc%" + kEnd, 5).rc, -1); // the bare '%' is the last byte of the buffer
     EXPECT_EQ(endpoints("GET /src/a/dst/abcd%" + kEnd, 8), (Endpoints{0, "a", "abcd"}));
     EXPECT_EQ(endpoints("GET /src/a/dst/abc%" + kEnd, 4).rc, -1);
@@ -508,9 +500,8 @@ TEST(WebUrq, decoding_that_fails)
                                   "(ERR)  web_parse_urq: error URI-decoding"}));
 }
 
-TEST(WebUrq, buffers_of_nothing_are_refused)
+TEST_F(WebUrq, buffers_of_nothing_are_refused)
 {
-    LogCapture log;
     char http[] = "GET /udp/a:1/?q=1 HTTP/1.1\r\n\r\n";
     char src[1] = {'#'};
     EXPECT_EQ(web_parse_urq(http, sizeof http - 1, src, src, 0, nullptr), -1);
@@ -520,9 +511,8 @@ TEST(WebUrq, buffers_of_nothing_are_refused)
     EXPECT_EQ(src[0], '#');
 }
 
-TEST(WebUrq, without_memory_for_the_query)
+TEST_F(WebUrq, without_memory_for_the_query)
 {
-    LogCapture log;
     char http[] = "GET /udp/a:1/?q=1";
     char src[64] = {};
     char dst[64] = {};
@@ -536,7 +526,7 @@ TEST(WebUrq, without_memory_for_the_query)
     EXPECT_EQ(log.lines().size(), 2U); // of the missing headers, and of the allocation
 }
 
-TEST(WebUrq, the_terminator_behind_the_path_stays)
+TEST_F(WebUrq, the_terminator_behind_the_path_stays)
 {
     char http[] = "GET /udp/a:1/?q=1 HTTP/1.1\r\n\r\n";
     const std::string before(http, sizeof http);

@@ -14,17 +14,15 @@
 
 #include <gtest/gtest.h>
 
-#include "asserted.h"
 #include "child.h"
-#include "fds.h"
-#include "logcap.h"
+#include "fixtures.h"
+#include "text.h"
 
-using support::FdGuard;
-using support::LogCapture;
+using support::expect_abort;
+using support::expect_assertion;
+using support::Lines;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 struct http_response plain(int code)
 {
@@ -185,20 +183,19 @@ TEST(WebResponse, server_and_reason_may_be_long)
 TEST(WebResponse, missing_fields_end_the_process)
 {
     for (int missing = 0; missing < 3; ++missing) {
-        const auto result = support::run_in_child([missing] {
-            log_default(&g_log, stderr);
+        expect_assertion("mk_http_response", [missing] {
             struct http_response r = plain(missing == 0 ? 0 : 200);
             r.reason = missing == 1 ? nullptr : r.reason;
             r.server = missing == 2 ? nullptr : r.server;
             char buf[256];
             return static_cast<int>(mk_http_response(&r, buf, sizeof buf));
         });
-        EXPECT_EQ(result.signal, SIGABRT) << missing;
-        EXPECT_TRUE(support::asserted_in(result.err, "mk_http_response")) << result.err;
     }
 }
 
-TEST(WebCanned, records_and_their_codes)
+class WebCanned : public support::GuardedTest {};
+
+TEST_F(WebCanned, records_and_their_codes)
 {
     for (const Canned& c : kCanned) {
         SCOPED_TRACE(c.code);
@@ -217,14 +214,14 @@ TEST(WebCanned, records_and_their_codes)
     }
 }
 
-TEST(WebCanned, what_a_user_writes_stays)
+TEST_F(WebCanned, what_a_user_writes_stays)
 {
     match_http_response(302)->location = "http://h/";
     EXPECT_STREQ(match_http_response(302)->location, "http://h/");
     g_resp_tmoved.location = nullptr;
 }
 
-TEST(WebCanned, a_code_that_a_user_writes_does_not_change_which_record_is_matched)
+TEST_F(WebCanned, a_code_that_a_user_writes_does_not_change_which_record_is_matched)
 {
     g_resp_err.code = 503;
     EXPECT_EQ(match_http_response(500), &g_resp_err);
@@ -232,21 +229,19 @@ TEST(WebCanned, a_code_that_a_user_writes_does_not_change_which_record_is_matche
     g_resp_err.code = 500;
 }
 
-TEST(WebCanned, without_server_the_process_ends)
+TEST_F(WebCanned, without_server_the_process_ends)
 {
-    const auto result = support::run_in_child([] { return send_http_response(1, &g_resp_ok); });
-    EXPECT_EQ(result.signal, SIGABRT);
+    expect_abort("", [] { return send_http_response(1, &g_resp_ok); });
 }
 
-TEST(WebCanned, each_is_sent_as_composed)
+TEST_F(WebCanned, each_is_sent_as_composed)
 {
-    const FdGuard fds;
     for (const Canned& c : kCanned) {
         int pair[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
         struct http_response* r = match_http_response(c.code);
         r->server = "test";
-        LogCapture log;
+        log.clear();
         EXPECT_EQ(send_http_response(pair[0], r), 0);
         EXPECT_EQ(log.lines(), Lines{});
         close(pair[0]);
@@ -257,12 +252,11 @@ TEST(WebCanned, each_is_sent_as_composed)
     }
 }
 
-TEST(WebCanned, curl_understands_each)
+TEST_F(WebCanned, curl_understands_each)
 {
     if (access("/usr/bin/curl", X_OK) != 0) {
         GTEST_SKIP() << "skipped: no curl here";
     }
-    const FdGuard fds;
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in addr = {};
     addr.sin_family = AF_INET;
@@ -300,21 +294,21 @@ TEST(WebCanned, curl_understands_each)
     close(listener);
 }
 
-TEST(WebSendResponse, head_that_does_not_fit)
+class WebSendResponse : public support::GuardedTest {};
+
+TEST_F(WebSendResponse, head_that_does_not_fit)
 {
     const std::string text(4096, 's');
     struct http_response r = plain(200);
     r.server = text.c_str();
-    LogCapture log;
     EXPECT_EQ(send_http_response(1, &r), -1);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  send_http_response: error compiling HTTP response for fd=1"}));
 }
 
-TEST(WebSendResponse, kept_failed_write_logs_the_line_of_a_short_one_too)
+TEST_F(WebSendResponse, kept_failed_write_logs_the_line_of_a_short_one_too)
 {
     const struct http_response r = plain(200);
     const std::string length = std::to_string(composed(r).size());
-    LogCapture log;
     EXPECT_EQ(send_http_response(-1, &r), -1);
     EXPECT_EQ(errno, EBADF);
     ASSERT_EQ(log.lines().size(), 4U); // the first is that of the call itself
@@ -323,9 +317,8 @@ TEST(WebSendResponse, kept_failed_write_logs_the_line_of_a_short_one_too)
     EXPECT_EQ(log.lines()[3], "(ERR)  send_http_response: error compiling HTTP response for fd=-1");
 }
 
-TEST(WebSendResponse, kept_short_write_is_a_success)
+TEST_F(WebSendResponse, kept_short_write_is_a_success)
 {
-    const FdGuard fds;
     char name[] = "/tmp/webops_short_XXXXXX";
     const int fd = mkstemp(name);
     ASSERT_GE(fd, 0);
@@ -346,13 +339,13 @@ TEST(WebSendResponse, kept_short_write_is_a_success)
     close(fd);
 }
 
-TEST(WebSendResponse, success_is_shown_at_debug_level)
+TEST_F(WebSendResponse, success_is_shown_at_debug_level)
 {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
     const struct http_response r = plain(200);
     const std::string head = composed(r);
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     EXPECT_EQ(send_http_response(pair[0], &r), 0);
     EXPECT_EQ(log.text(), "(DBG)  send_http_response: sent HTTP response (" + std::to_string(head.size()) +
                               " bytes) to fd=" + std::to_string(pair[0]) + ":\n" + head + "\n");
@@ -445,14 +438,16 @@ TEST(WebEscape, table_of_sequences)
     EXPECT_EQ(web_SEQ[web_SEQ_COUNT - 1], nullptr);
 }
 
-TEST(WebHls, relative_items_are_joined)
+class WebHls : public support::GuardedTest {};
+
+TEST_F(WebHls, relative_items_are_joined)
 {
     EXPECT_EQ(item_url("http://h/a/l.m3u8", "s1.ts"), (Item{0, "http://h/a/s1.ts"}));
     EXPECT_EQ(item_url("HTTP://h/l.m3u8", "b/s1.ts"), (Item{0, "HTTP://h/b/s1.ts"}));
     EXPECT_EQ(item_url("http://h/", ""), (Item{0, "http://h/"}));
 }
 
-TEST(WebHls, rest_of_the_buffer_becomes_zero)
+TEST_F(WebHls, rest_of_the_buffer_becomes_zero)
 {
     char buf[16];
     memset(buf, '#', sizeof buf);
@@ -460,13 +455,13 @@ TEST(WebHls, rest_of_the_buffer_becomes_zero)
     EXPECT_EQ(std::string(buf, sizeof buf), "http://h/s" + std::string(6, '\0'));
 }
 
-TEST(WebHls, kept_root_path_and_other_schemes_are_joined_like_any_other)
+TEST_F(WebHls, kept_root_path_and_other_schemes_are_joined_like_any_other)
 {
     EXPECT_EQ(item_url("http://h/a/l.m3u8", "/s1.ts"), (Item{0, "http://h/a//s1.ts"}));
     EXPECT_EQ(item_url("http://h/a/l.m3u8", "https://x/y"), (Item{0, "http://h/a/https://x/y"}));
 }
 
-TEST(WebHls, kept_absolute_item_that_fills_the_buffer_has_no_terminator)
+TEST_F(WebHls, kept_absolute_item_that_fills_the_buffer_has_no_terminator)
 {
     EXPECT_EQ(item_url("anything", "Http://x/y"), (Item{0, "Http://x/y"}));
     EXPECT_EQ(item_url("anything", "http://x/y", 10).url, "http://x/y"); // fills the buffer: no terminator
@@ -474,9 +469,8 @@ TEST(WebHls, kept_absolute_item_that_fills_the_buffer_has_no_terminator)
     EXPECT_EQ(item_url("anything", "http://x/y", 0), (Item{0, "#"}));
 }
 
-TEST(WebHls, playlists_that_are_none)
+TEST_F(WebHls, playlists_that_are_none)
 {
-    LogCapture log;
     EXPECT_EQ(item_url("https://h/a", "s").rc, EINVAL);
     EXPECT_EQ(item_url("", "s").rc, EINVAL);
     EXPECT_EQ(item_url("http://h", "s").rc, EINVAL);
@@ -487,9 +481,8 @@ TEST(WebHls, playlists_that_are_none)
                                   "(ERR)  mk_hls_item_url: pfx-len=7 bad m3u URL: http:///x"}));
 }
 
-TEST(WebHls, room_for_the_url)
+TEST_F(WebHls, room_for_the_url)
 {
-    LogCapture log;
     EXPECT_EQ(item_url("http://h/l", "s", 11), (Item{0, "http://h/s"}));
     EXPECT_EQ(item_url("http://h/l", "s", 10), (Item{EINVAL, "##########"}));
     EXPECT_EQ(item_url("http://h/l", "s", 0), (Item{EINVAL, "#"}));

@@ -16,25 +16,27 @@
 
 #include "child.h"
 #include "fds.h"
+#include "fixtures.h"
 #include "log.h"
 #include "logcap.h"
 #include "netns.h"
 #include "oom.h"
 #include "scripted_server.h"
 #include "tempdir.h"
+#include "text.h"
 #include "uri.h"
 #include "wait.h"
 #include "webops.h"
 #include "wrap.h"
 
+using support::expect_abort;
 using support::FailAllocation;
-using support::FdGuard;
+using support::Lines;
 using support::LogCapture;
-using support::run_in_child;
 using support::ScriptedServer;
+using support::SocketPair;
 using support::TempDir;
 using support::wait_until;
-using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -88,35 +90,13 @@ int close_lost_descriptor(const std::set<int>& before)
     return -1;
 }
 
-// A connected pair of stream sockets; the first is what is tested.
-struct Pair {
-    Pair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fd), 0); }
-
-    Pair(const Pair&) = delete;
-    Pair& operator=(const Pair&) = delete;
-
-    ~Pair()
-    {
-        close(fd[0]);
-        close_peer();
-    }
-
+struct Pair : SocketPair {
     void feed(const std::string& text) const
     {
-        EXPECT_EQ(send(fd[1], text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+        EXPECT_EQ(send(peer, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
     }
 
-    void close_peer()
-    {
-        if (fd[1] >= 0) {
-            close(fd[1]);
-        }
-        fd[1] = -1;
-    }
-
-    void do_not_block() const { fcntl(fd[0], F_SETFL, O_NONBLOCK); }
-
-    int fd[2];
+    void do_not_block() const { fcntl(ours, F_SETFL, O_NONBLOCK); }
 };
 
 // A response buffer of a given size.
@@ -177,9 +157,10 @@ int __wrap_recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ct
 
 // ---- the exchange on opening ---------------------------------------------------------------------------
 
-TEST(WopenHttp, a_body_that_came_with_the_head_stands_in_the_buffer)
+class WopenHttp : public support::GuardedTest {};
+
+TEST_F(WopenHttp, a_body_that_came_with_the_head_stands_in_the_buffer)
 {
-    const FdGuard guard;
     ScriptedServer server("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nbody, ");
     usock_ctx uc = {};
     uc.inbound = true;
@@ -198,10 +179,9 @@ TEST(WopenHttp, a_body_that_came_with_the_head_stands_in_the_buffer)
     expect_closed(uc);
 }
 
-TEST(WopenHttp, a_head_alone_leaves_the_buffer_empty)
+TEST_F(WopenHttp, a_head_alone_leaves_the_buffer_empty)
 {
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     ScriptedServer server("HTTP/1.0 200 OK\r\n\r\n");
     usock_ctx uc = {};
     const int fd = usock_open(url_of(server).c_str(), &uc);
@@ -214,10 +194,9 @@ TEST(WopenHttp, a_head_alone_leaves_the_buffer_empty)
     usock_close(fd, &uc);
 }
 
-TEST(WopenHttp, the_tail_is_told_at_debug_level)
+TEST_F(WopenHttp, the_tail_is_told_at_debug_level)
 {
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const ScriptedServer server("HTTP/1.1 200 OK\r\n\r\n12345");
     usock_ctx uc = {};
     const int fd = usock_open(url_of(server).c_str(), &uc);
@@ -227,9 +206,8 @@ TEST(WopenHttp, the_tail_is_told_at_debug_level)
     usock_close(fd, &uc);
 }
 
-TEST(WopenHttp, flags_of_the_request_choose_version_and_connection)
+TEST_F(WopenHttp, flags_of_the_request_choose_version_and_connection)
 {
-    const FdGuard guard;
     ScriptedServer server("HTTP/1.1 200 OK\r\n\r\n");
     usock_ctx uc = {};
     uc.http_flags = RQFLAG_HTTP10_GET | RQFLAG_KEEPALIVE;
@@ -239,10 +217,9 @@ TEST(WopenHttp, flags_of_the_request_choose_version_and_connection)
     usock_close(fd, &uc);
 }
 
-TEST(WopenHttp, kept_the_global_setting_of_version_1_0_is_told_and_has_no_effect)
+TEST_F(WopenHttp, kept_the_global_setting_of_version_1_0_is_told_and_has_no_effect)
 {
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     ScriptedServer server("HTTP/1.1 200 OK\r\n\r\n");
     EXPECT_FALSE(g_usock_flags.use_http10_get);
     g_usock_flags.use_http10_get = true;
@@ -255,14 +232,13 @@ TEST(WopenHttp, kept_the_global_setting_of_version_1_0_is_told_and_has_no_effect
     usock_close(fd, &uc);
 }
 
-TEST(WopenHttp, a_url_without_a_port_goes_to_port_80_and_its_host_header_has_none)
+TEST_F(WopenHttp, a_url_without_a_port_goes_to_port_80_and_its_host_header_has_none)
 {
     if (const std::string why = support::netns_missing(); !why.empty()) {
         GTEST_SKIP() << "skipped: " << why;
     }
-    const FdGuard guard;
     const support::NetnsPair pair;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     support::inside(pair, &support::NetnsPair::enter_a, [&] {
         ScriptedServer server("HTTP/1.1 200 OK\r\n\r\n", 80);
         usock_ctx uc = {};
@@ -274,10 +250,9 @@ TEST(WopenHttp, a_url_without_a_port_goes_to_port_80_and_its_host_header_has_non
     EXPECT_TRUE(has_line(log, "(DBG)  usock_open: assuming HTTP port 80 for [http://127.0.0.1/x]"));
 }
 
-TEST(WopenHttp, an_authority_is_no_source_of_a_group)
+TEST_F(WopenHttp, an_authority_is_no_source_of_a_group)
 {
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     ScriptedServer server("HTTP/1.1 200 OK\r\n\r\n");
     usock_ctx uc = {};
     uc.inbound = true;
@@ -289,9 +264,8 @@ TEST(WopenHttp, an_authority_is_no_source_of_a_group)
     usock_close(fd, &uc);
 }
 
-TEST(WopenHttp, skip_http_only_connects)
+TEST_F(WopenHttp, skip_http_only_connects)
 {
-    const FdGuard guard;
     ScriptedServer server("");
     usock_ctx uc = {};
     uc.skip_http = true;
@@ -304,13 +278,12 @@ TEST(WopenHttp, skip_http_only_connects)
     usock_close(fd, &uc);
 }
 
-TEST(WopenHttp, kept_every_code_but_200_fails_and_the_connection_is_lost_open)
+TEST_F(WopenHttp, kept_every_code_but_200_fails_and_the_connection_is_lost_open)
 {
     for (const char* status : {"302 Found\r\nLocation: /other\r\nContent-Length: 0", "301 Moved",
                                "201 Created", "206 Partial", "404 Not Found"}) {
-        const FdGuard guard;
         const auto before = support::open_fds();
-        LogCapture log;
+        log.clear();
         ScriptedServer server("HTTP/1.1 " + std::string(status) + "\r\n\r\n");
         const auto with_server = support::open_fds();
         usock_ctx uc = {};
@@ -341,10 +314,10 @@ TEST(WopenHttp, kept_every_code_but_200_fails_and_the_connection_is_lost_open)
     }
 }
 
-TEST(WopenHttp, a_head_of_1023_bytes_passes_and_one_of_1024_does_not)
+TEST_F(WopenHttp, a_head_of_1023_bytes_passes_and_one_of_1024_does_not)
 {
     for (const size_t length : {size_t{1022}, size_t{1023}, size_t{1024}}) {
-        LogCapture log;
+        log.clear();
         ScriptedServer server(head_of(length));
         const auto before = support::open_fds();
         usock_ctx uc = {};
@@ -365,9 +338,8 @@ TEST(WopenHttp, a_head_of_1023_bytes_passes_and_one_of_1024_does_not)
     }
 }
 
-TEST(WopenHttp, a_head_of_1024_bytes_without_an_end_fails)
+TEST_F(WopenHttp, a_head_of_1024_bytes_without_an_end_fails)
 {
-    LogCapture log;
     ScriptedServer server("HTTP/1.1 200 OK\r\nX: " + std::string(1003, 'x'));
     const auto before = support::open_fds();
     usock_ctx uc = {};
@@ -378,9 +350,8 @@ TEST(WopenHttp, a_head_of_1024_bytes_without_an_end_fails)
     close_lost_descriptor(before);
 }
 
-TEST(WopenHttp, a_peer_that_closes_early_fails_the_opening)
+TEST_F(WopenHttp, a_peer_that_closes_early_fails_the_opening)
 {
-    LogCapture log;
     const auto before = support::open_fds();
     {
         auto server = std::make_unique<ScriptedServer>("HTTP/1.1 200 OK\r\n");
@@ -394,15 +365,13 @@ TEST(WopenHttp, a_peer_that_closes_early_fails_the_opening)
     close_lost_descriptor(before);
 }
 
-TEST(WopenHttp, kept_the_exchange_is_tried_after_a_failed_connect)
+TEST_F(WopenHttp, kept_the_exchange_is_tried_after_a_failed_connect)
 {
-    const FdGuard guard;
     std::string url;
     {
         const ScriptedServer server("");
         url = url_of(server);
     }
-    LogCapture log;
     usock_ctx uc = {};
     EXPECT_EQ(usock_open(url.c_str(), &uc), -1);
     EXPECT_NE(log.text().find("Connection refused"), std::string::npos) << log.text();
@@ -414,10 +383,8 @@ TEST(WopenHttp, kept_the_exchange_is_tried_after_a_failed_connect)
     expect_closed(uc);
 }
 
-TEST(WopenHttp, a_path_that_cannot_be_split_fails_twice)
+TEST_F(WopenHttp, a_path_that_cannot_be_split_fails_twice)
 {
-    const FdGuard guard;
-    LogCapture log;
     usock_ctx uc = {};
     EXPECT_EQ(usock_open("http://[::1", &uc), -1);
     EXPECT_TRUE(has_line(log, "(ERR)  fwd_http_rq: URI has no path tail: http://[::1"));
@@ -425,10 +392,8 @@ TEST(WopenHttp, a_path_that_cannot_be_split_fails_twice)
     expect_closed(uc);
 }
 
-TEST(WopenHttp, without_memory_for_the_buffer_no_exchange_is_tried)
+TEST_F(WopenHttp, without_memory_for_the_buffer_no_exchange_is_tried)
 {
-    const FdGuard guard;
-    LogCapture log;
     usock_ctx uc = {};
     const FailAllocation failure(1);
     EXPECT_EQ(usock_open("http://127.0.0.1:9/x", &uc), -1);
@@ -436,7 +401,7 @@ TEST(WopenHttp, without_memory_for_the_buffer_no_exchange_is_tried)
     expect_closed(uc);
 }
 
-TEST(WopenHttp, an_unfinished_response_fails_a_non_blocking_opening)
+TEST_F(WopenHttp, an_unfinished_response_fails_a_non_blocking_opening)
 {
     const auto before = support::open_fds();
     auto server = std::make_unique<ScriptedServer>("HTTP/1.1 200 OK\r\n");
@@ -458,10 +423,9 @@ TEST(WopenHttp, an_unfinished_response_fails_a_non_blocking_opening)
     EXPECT_EQ(support::open_fds(), before);
 }
 
-TEST(WopenHttp, kept_a_blocking_socket_waits_through_its_receive_timeouts)
+TEST_F(WopenHttp, kept_a_blocking_socket_waits_through_its_receive_timeouts)
 {
-    const FdGuard guard;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     g_waits = 0;
     ScriptedServer server("HTTP/1.1 200 OK\r\n\r\n", 0, [] { wait_until([] { return g_waits >= 3; }); });
     usock_ctx uc = {};
@@ -474,9 +438,8 @@ TEST(WopenHttp, kept_a_blocking_socket_waits_through_its_receive_timeouts)
     usock_close(fd, &uc);
 }
 
-TEST(WopenHttp, a_file_of_a_real_server_arrives_whole)
+TEST_F(WopenHttp, a_file_of_a_real_server_arrives_whole)
 {
-    const FdGuard guard;
     if (access("/usr/sbin/nginx", X_OK) != 0) {
         GTEST_SKIP() << "skipped: nginx is not installed";
     }
@@ -520,7 +483,7 @@ TEST(WopenHttp, a_file_of_a_real_server_arrives_whole)
 
 // ---- requests ------------------------------------------------------------------------------------------
 
-TEST(WopenHttp, the_agent_tag_is_sent_and_cut_to_127_characters)
+TEST_F(WopenHttp, the_agent_tag_is_sent_and_cut_to_127_characters)
 {
     EXPECT_STREQ(g_apptag, "#ERR#");
     usock_set_apptag("player/1.0");
@@ -540,27 +503,21 @@ TEST(WopenHttp, the_agent_tag_is_sent_and_cut_to_127_characters)
     usock_set_apptag("#ERR#");
 }
 
-TEST(WopenHttp, a_null_agent_tag_is_asserted)
+TEST_F(WopenHttp, a_null_agent_tag_is_asserted)
 {
-    const auto result = run_in_child([] {
-        usock_set_apptag(nullptr);
-        return 0;
-    });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.err.find("apptag"), std::string::npos);
+    expect_abort("apptag", [] { usock_set_apptag(nullptr); });
 }
 
-TEST(WopenHttp, kept_a_query_beyond_126_characters_is_sent_cut)
+TEST_F(WopenHttp, kept_a_query_beyond_126_characters_is_sent_cut)
 {
     // "/p?" and the query; snprintf has room for 126 characters.
     for (const size_t length : {size_t{126}, size_t{127}, size_t{128}, size_t{300}}) {
-        const FdGuard guard;
-        LogCapture log;
+        log.clear();
         const Pair pair;
         const std::string request = "/p?" + std::string(length - 3, 'q');
-        EXPECT_EQ(usock_http_get(pair.fd[0], ("http://host" + request).c_str(), 0), 0) << length;
+        EXPECT_EQ(usock_http_get(pair.ours, ("http://host" + request).c_str(), 0), 0) << length;
         char block[4096];
-        const ssize_t n = recv(pair.fd[1], block, sizeof block, 0);
+        const ssize_t n = recv(pair.peer, block, sizeof block, 0);
         ASSERT_GT(n, 0);
         EXPECT_EQ(std::string(block, static_cast<size_t>(n)), request_text(request.substr(0, 126), "host"));
         EXPECT_EQ(log.lines(), length <= 127 ? Lines{}
@@ -569,28 +526,28 @@ TEST(WopenHttp, kept_a_query_beyond_126_characters_is_sent_cut)
     }
 }
 
-TEST(WopenHttp, a_request_for_a_text_that_is_no_url_is_refused)
+TEST_F(WopenHttp, a_request_for_a_text_that_is_no_url_is_refused)
 {
-    LogCapture log;
     const Pair pair;
-    EXPECT_EQ(usock_http_get(pair.fd[0], "no url", 0), -1);
-    EXPECT_EQ(usock_http_get(pair.fd[0], "http://[::1", 0), -1);
+    EXPECT_EQ(usock_http_get(pair.ours, "no url", 0), -1);
+    EXPECT_EQ(usock_http_get(pair.ours, "http://[::1", 0), -1);
     EXPECT_TRUE(has_line(log, "(ERR)  fwd_http_rq: URI has no path tail: http://[::1"));
     char byte;
-    EXPECT_EQ(recv(pair.fd[1], &byte, 1, MSG_DONTWAIT), -1);
+    EXPECT_EQ(recv(pair.peer, &byte, 1, MSG_DONTWAIT), -1);
 }
 
 // ---- responses on sockets that do not block -----------------------------------------------------------
 
-TEST(WopenHttp, get_response_takes_the_codes_from_200_to_299)
+TEST_F(WopenHttp, get_response_takes_the_codes_from_200_to_299)
 {
     for (const int code : {199, 200, 204, 299, 300, 404}) {
-        LogCapture log(INFO_level);
+        log.clear();
+        log.set_level(INFO_level);
         const Pair pair;
         Response response(512);
         pair.feed("HTTP/1.1 " + std::to_string(code) + " Reason\r\n\r\ntail");
         const bool good = code >= 200 && code <= 299;
-        EXPECT_EQ(usock_http_get_response(pair.fd[0], &response.resp), good ? 0 : 13) << code;
+        EXPECT_EQ(usock_http_get_response(pair.ours, &response.resp), good ? 0 : 13) << code;
         EXPECT_EQ(response.resp.ctx.code, code);
         EXPECT_STREQ(response.resp.buf + response.resp.ctx.tail, "tail");
         EXPECT_EQ(log.lines(),
@@ -600,25 +557,24 @@ TEST(WopenHttp, get_response_takes_the_codes_from_200_to_299)
     }
 }
 
-TEST(WopenHttp, get_response_tells_a_tail_at_debug_level)
+TEST_F(WopenHttp, get_response_tells_a_tail_at_debug_level)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Pair pair;
     Response response(512);
     pair.feed("HTTP/1.1 200 OK\r\n\r\ntail");
-    EXPECT_EQ(usock_http_get_response(pair.fd[0], &response.resp), 0);
-    const std::string fd = std::to_string(pair.fd[0]);
+    EXPECT_EQ(usock_http_get_response(pair.ours, &response.resp), 0);
+    const std::string fd = std::to_string(pair.ours);
     EXPECT_TRUE(has_line(log, "(DBG)  usock_http_get_response: reading HTTP response from fd=" + fd));
     EXPECT_TRUE(has_line(log, "(DBG)  usock_http_get_response: got HTTP tail of 4 bytes from fd" + fd));
 }
 
-TEST(WopenHttp, get_response_leaves_the_head_as_a_text_from_which_length_and_type_are_read)
+TEST_F(WopenHttp, get_response_leaves_the_head_as_a_text_from_which_length_and_type_are_read)
 {
-    LogCapture log;
     const Pair pair;
     Response response(512);
     pair.feed("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 4\r\n\r\ntail");
-    ASSERT_EQ(usock_http_get_response(pair.fd[0], &response.resp), 0);
+    ASSERT_EQ(usock_http_get_response(pair.ours, &response.resp), 0);
     EXPECT_EQ(extract_num_hdr("Content-Length:", response.resp.buf, 0), 4);
     size_t length = 0;
     const char* type = find_http_header("Content-Type:", response.resp.buf, &length);
@@ -627,42 +583,41 @@ TEST(WopenHttp, get_response_leaves_the_head_as_a_text_from_which_length_and_typ
     EXPECT_EQ(response.resp.ctx.content_length, 0) << "which the context has of a redirection alone";
 }
 
-TEST(WopenHttp, get_response_without_data_gives_11)
+TEST_F(WopenHttp, get_response_without_data_gives_11)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Pair pair;
     pair.do_not_block();
     Response response(512);
-    EXPECT_EQ(usock_http_get_response(pair.fd[0], &response.resp), 11);
+    EXPECT_EQ(usock_http_get_response(pair.ours, &response.resp), 11);
     EXPECT_TRUE(has_line(log, "(DBG)  usock_http_get_response: [0 bytes] in, expecting more data from fd" +
-                                  std::to_string(pair.fd[0])));
+                                  std::to_string(pair.ours)));
     pair.feed("HTTP/1.1 200 OK\r\n\r\n");
-    EXPECT_EQ(usock_http_get_response(pair.fd[0], &response.resp), 0);
+    EXPECT_EQ(usock_http_get_response(pair.ours, &response.resp), 0);
 }
 
-TEST(WopenHttp, kept_a_second_piece_of_a_head_lands_at_twice_the_count)
+TEST_F(WopenHttp, kept_a_second_piece_of_a_head_lands_at_twice_the_count)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Pair pair;
     pair.do_not_block();
     Response response(512);
     const std::string first = "HTTP/1.1 200 OK\r\n";
     pair.feed(first);
-    EXPECT_EQ(usock_http_get_response(pair.fd[0], &response.resp), 11);
+    EXPECT_EQ(usock_http_get_response(pair.ours, &response.resp), 11);
     EXPECT_EQ(response.resp.ctx.total, 17);
     EXPECT_TRUE(has_line(log, "(DBG)  usock_http_get_response: [17 bytes] in, expecting more data from fd" +
-                                  std::to_string(pair.fd[0])));
+                                  std::to_string(pair.ours)));
     pair.feed("X: y\r\n\r\n");
-    EXPECT_EQ(usock_http_get_response(pair.fd[0], &response.resp), -1); // no status line where it looks
+    EXPECT_EQ(usock_http_get_response(pair.ours, &response.resp), -1); // no status line where it looks
     EXPECT_EQ(std::string(response.resp.buf, 17), first);
     EXPECT_EQ(std::string(response.resp.buf + 34, 7), "X: y\r\n\r");
     EXPECT_TRUE(has_line(log, "(ERR)  usock_http_get_response: err=-1 getting HTTP response from fd" +
-                                  std::to_string(pair.fd[0])));
+                                  std::to_string(pair.ours)));
 }
 
-TEST(WopenHttp, pieces_of_a_head_never_leave_the_buffer)
+TEST_F(WopenHttp, pieces_of_a_head_never_leave_the_buffer)
 {
-    LogCapture log;
     for (size_t size = 1; size < 60; ++size) {
         const Pair pair;
         pair.do_not_block();
@@ -670,56 +625,50 @@ TEST(WopenHttp, pieces_of_a_head_never_leave_the_buffer)
         int rc = 11;
         for (int i = 0; i < 200 && rc == 11; ++i) {
             pair.feed("HTTP");
-            rc = usock_http_get_response(pair.fd[0], &response.resp);
+            rc = usock_http_get_response(pair.ours, &response.resp);
         }
         EXPECT_TRUE(rc == -1 || rc == 7) << size << " " << rc;
     }
 }
 
-TEST(WopenHttp, get_response_with_a_full_buffer_gives_7)
+TEST_F(WopenHttp, get_response_with_a_full_buffer_gives_7)
 {
-    LogCapture log;
     const Pair pair;
     Response response(32);
     response.resp.ctx.total = 32;
-    EXPECT_EQ(usock_http_get_response(pair.fd[0], &response.resp), 7);
+    EXPECT_EQ(usock_http_get_response(pair.ours, &response.resp), 7);
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  usock_http_get_response: buffer is full, size=32"}));
     response.resp.ctx.total = 33;
-    EXPECT_EQ(usock_http_get_response(pair.fd[0], &response.resp), 7);
+    EXPECT_EQ(usock_http_get_response(pair.ours, &response.resp), 7);
 }
 
-TEST(WopenHttp, get_response_of_a_closed_peer_gives_minus_1)
+TEST_F(WopenHttp, get_response_of_a_closed_peer_gives_minus_1)
 {
-    LogCapture log;
     Pair pair;
-    pair.close_peer();
+    pair.peer.reset();
     Response response(512);
-    EXPECT_EQ(usock_http_get_response(pair.fd[0], &response.resp), -1);
+    EXPECT_EQ(usock_http_get_response(pair.ours, &response.resp), -1);
     EXPECT_TRUE(has_line(log, "(ERR)  usock_http_get_response: err=-1 getting HTTP response from fd" +
-                                  std::to_string(pair.fd[0])));
+                                  std::to_string(pair.ours)));
 }
 
-TEST(WopenHttp, get_response_without_a_buffer_is_asserted)
+TEST_F(WopenHttp, get_response_without_a_buffer_is_asserted)
 {
     char byte = 0;
     const http_resp_buf cases[] = {{nullptr, 5, {}}, {&byte, 0, {}}};
     for (const http_resp_buf& each : cases) {
-        const auto result = run_in_child([&] {
+        expect_abort("Assertion `resp->buf && resp->len > 0' failed", [&] {
             http_resp_buf resp = each;
             usock_http_get_response(-1, &resp);
-            return 0;
         });
-        EXPECT_EQ(result.signal, SIGABRT);
-        EXPECT_NE(result.err.find("Assertion `resp->buf && resp->len > 0' failed"), std::string::npos)
-            << result.err;
     }
 }
 
 // ---- bodies --------------------------------------------------------------------------------------------
 
-TEST(WopenHttp, a_full_block_is_complete_at_once)
+TEST_F(WopenHttp, a_full_block_is_complete_at_once)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Body body(100, 100);
     EXPECT_EQ(usock_http_get_body(-1, body.block), 0);
     EXPECT_EQ(log.lines(), (Lines{"(DBG)  usock_http_get_body: complete at 100 bytes"}));
@@ -728,60 +677,50 @@ TEST(WopenHttp, a_full_block_is_complete_at_once)
     EXPECT_EQ(usock_http_get_body(-1, nothing.block), 0);
 }
 
-TEST(WopenHttp, kept_a_block_that_lacks_bytes_is_asserted)
+TEST_F(WopenHttp, kept_a_block_that_lacks_bytes_is_asserted)
 {
-    const auto result = run_in_child([] {
-        log_default(&g_log, stderr);
+    const std::string text = expect_abort("ASSERT at:", [] {
         set_loglevel(MLL_COMMON, DEBUG_level);
         const Body body(100, 99);
         usock_http_get_body(-1, body.block);
-        return 0;
     });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_EQ(result.err.find("complete at"), std::string::npos) << result.err;
-    EXPECT_NE(result.err.find("ASSERT at:"), std::string::npos) << result.err;
+    EXPECT_EQ(text.find("complete at"), std::string::npos) << text;
 }
 
-TEST(WopenHttp, kept_a_block_that_holds_too_much_reads_as_much_again_and_is_asserted)
+TEST_F(WopenHttp, kept_a_block_that_holds_too_much_reads_as_much_again_and_is_asserted)
 {
-    const auto result = run_in_child([] {
+    const char* line = " 0 left to read\n(DBG)  usock_http_get_body: complete at 10100 bytes\n";
+    expect_abort(line, [] {
         log_timefmt(&g_log, f_NO_TIME);
-        log_default(&g_log, stderr);
         set_loglevel(MLL_COMMON, DEBUG_level);
         const Pair pair;
         pair.feed(std::string(5000, 'x'));
         const Body body(100, 5100);
-        usock_http_get_body(pair.fd[0], body.block);
-        return 0;
+        usock_http_get_body(pair.ours, body.block);
     });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.err.find(" 0 left to read\n(DBG)  usock_http_get_body: complete at 10100 bytes\n"),
-              std::string::npos)
-        << result.err;
 }
 
-TEST(WopenHttp, what_is_read_for_a_body_never_lands_in_the_block)
+TEST_F(WopenHttp, what_is_read_for_a_body_never_lands_in_the_block)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     const Pair pair;
     pair.do_not_block();
     const Body body(100, 103);
     pair.feed("xy");
-    EXPECT_EQ(usock_http_get_body(pair.fd[0], body.block), 11);
+    EXPECT_EQ(usock_http_get_body(pair.ours, body.block), 11);
     EXPECT_EQ(body.block->data_len, 105U);
     EXPECT_TRUE(body.is_untouched());
-    EXPECT_TRUE(has_line(log, "(DBG)  usock_http_get_body: read(fd" + std::to_string(pair.fd[0]) +
+    EXPECT_TRUE(has_line(log, "(DBG)  usock_http_get_body: read(fd" + std::to_string(pair.ours) +
                                   "..) 2 bytes, 1 left to read"));
 }
 
-TEST(WopenHttp, a_body_of_a_peer_that_closed_gives_minus_1_and_an_error_its_number)
+TEST_F(WopenHttp, a_body_of_a_peer_that_closed_gives_minus_1_and_an_error_its_number)
 {
-    LogCapture log;
     Pair pair;
-    pair.close_peer();
+    pair.peer.reset();
     const Body body(100, 101);
     errno = ENOTTY;
-    EXPECT_EQ(usock_http_get_body(pair.fd[0], body.block), -1);
+    EXPECT_EQ(usock_http_get_body(pair.ours, body.block), -1);
     EXPECT_EQ(usock_http_get_body(-1, body.block), EBADF);
     EXPECT_EQ(body.block->data_len, 101U);
 }

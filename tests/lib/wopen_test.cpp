@@ -14,23 +14,25 @@
 
 #include "child.h"
 #include "fds.h"
+#include "fixtures.h"
 #include "log.h"
 #include "logcap.h"
 #include "netns.h"
 #include "oom.h"
 #include "tempdir.h"
+#include "text.h"
 #include "uri.h"
 #include "wait.h"
 #include "wrap.h"
 
+using support::expect_abort;
 using support::FailAllocation;
 using support::FdGuard;
 using support::inside;
+using support::Lines;
 using support::LogCapture;
 using support::NetnsPair;
-using support::run_in_child;
 using support::TempDir;
-using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -163,12 +165,13 @@ int __wrap_uri_extract(const char* uri, char* scheme, char* authority, char* pat
 
 // ---- files -----------------------------------------------------------------------------------------
 
-TEST(Wopen, a_file_url_opens_its_absolute_path)
+class Wopen : public support::GuardedTest {};
+
+TEST_F(Wopen, a_file_url_opens_its_absolute_path)
 {
-    const FdGuard guard;
     const TempDir dir;
     dir.write("file", "content");
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     usock_ctx uc = {};
     uc.inbound = true;
     const int fd = usock_open(("file://" + dir.path("file")).c_str(), &uc);
@@ -186,9 +189,8 @@ TEST(Wopen, a_file_url_opens_its_absolute_path)
     EXPECT_TRUE(has_line(log, "(DBG)  usock_close: CLOSED(fd" + std::to_string(fd) + ")"));
 }
 
-TEST(Wopen, kept_a_file_is_opened_for_reading_in_both_directions)
+TEST_F(Wopen, kept_a_file_is_opened_for_reading_in_both_directions)
 {
-    const FdGuard guard;
     const TempDir dir;
     dir.write("file", "content");
     usock_ctx uc = {};
@@ -200,10 +202,8 @@ TEST(Wopen, kept_a_file_is_opened_for_reading_in_both_directions)
     usock_close(fd, &uc);
 }
 
-TEST(Wopen, a_file_that_is_missing_is_logged_and_leaves_nothing)
+TEST_F(Wopen, a_file_that_is_missing_is_logged_and_leaves_nothing)
 {
-    const FdGuard guard;
-    LogCapture log;
     usock_ctx uc = {};
     EXPECT_EQ(usock_open("file:///nonexistent/file", &uc), -1);
     EXPECT_EQ(uc.url_kind, URI_FILE);
@@ -213,9 +213,8 @@ TEST(Wopen, a_file_that_is_missing_is_logged_and_leaves_nothing)
                      "or directory"}));
 }
 
-TEST(Wopen, every_other_kind_can_be_polled)
+TEST_F(Wopen, every_other_kind_can_be_polled)
 {
-    const FdGuard guard;
     const Local peer(SOCK_DGRAM);
     usock_ctx uc = {};
     uc.non_pollable = true;
@@ -227,12 +226,11 @@ TEST(Wopen, every_other_kind_can_be_polled)
 
 // ---- refusals ----------------------------------------------------------------------------------------
 
-TEST(Wopen, a_text_that_is_no_url_gives_kind_minus_1_and_allocates_nothing)
+TEST_F(Wopen, a_text_that_is_no_url_gives_kind_minus_1_and_allocates_nothing)
 {
-    const FdGuard guard;
     usock_ctx uc = {};
     for (const char* url : {"", "127.0.0.1:80", "ftp://127.0.0.1:80", "udp://"}) {
-        LogCapture log;
+        log.clear();
         uc.url_kind = 5;
         EXPECT_EQ(usock_open(url, &uc), -1) << url;
         EXPECT_EQ(uc.url_kind, -1) << url;
@@ -241,7 +239,7 @@ TEST(Wopen, a_text_that_is_no_url_gives_kind_minus_1_and_allocates_nothing)
     }
 }
 
-TEST(Wopen, a_bad_url_is_refused_before_the_record_is_looked_at)
+TEST_F(Wopen, a_bad_url_is_refused_before_the_record_is_looked_at)
 {
     usock_ctx uc = {};
     char path[] = "still set";
@@ -250,36 +248,27 @@ TEST(Wopen, a_bad_url_is_refused_before_the_record_is_looked_at)
     EXPECT_EQ(uc.url_path, path);
 }
 
-TEST(Wopen, a_record_that_is_still_open_is_asserted)
+TEST_F(Wopen, a_record_that_is_still_open_is_asserted)
 {
-    const auto result = run_in_child([] {
+    expect_abort("Assertion `((void *)0) == uc->url_path' failed", [] {
         usock_ctx uc = {};
         char path[] = "still set";
         uc.url_path = path;
         usock_open("udp://127.0.0.1:9", &uc);
-        return 0;
     });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.err.find("Assertion `((void *)0) == uc->url_path' failed"), std::string::npos)
-        << result.err;
 }
 
-TEST(Wopen, a_path_without_memory_for_its_copy_is_asserted)
+TEST_F(Wopen, a_path_without_memory_for_its_copy_is_asserted)
 {
-    const auto result = run_in_child([] {
+    expect_abort("Assertion `uc->url_path' failed", [] {
         usock_ctx uc = {};
         g_fail_strdup = true;
         usock_open("udp://127.0.0.1:9", &uc);
-        return 0;
     });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.err.find("Assertion `uc->url_path' failed"), std::string::npos) << result.err;
 }
 
-TEST(Wopen, a_kind_that_is_none_is_logged_without_line_end)
+TEST_F(Wopen, a_kind_that_is_none_is_logged_without_line_end)
 {
-    const FdGuard guard;
-    LogCapture log;
     g_forced_kind = 7;
     usock_ctx uc = {};
     EXPECT_EQ(usock_open("udp://127.0.0.1:9", &uc), -1);
@@ -288,27 +277,25 @@ TEST(Wopen, a_kind_that_is_none_is_logged_without_line_end)
     expect_closed(uc);
 }
 
-TEST(Wopen, only_http_has_a_port_by_default)
+TEST_F(Wopen, only_http_has_a_port_by_default)
 {
     for (const char* scheme : {"tcp", "udp", "rtp"}) {
-        LogCapture log;
+        log.clear();
         expect_refused(std::string(scheme) + "://127.0.0.1");
         EXPECT_EQ(log.lines(), (Lines{"(ERR)  open_socket: empty or invalid port []"}));
     }
 }
 
-TEST(Wopen, a_path_that_cannot_be_split_is_refused)
+TEST_F(Wopen, a_path_that_cannot_be_split_is_refused)
 {
-    LogCapture log;
     expect_refused("tcp://[::1");
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
 // ---- TCP -----------------------------------------------------------------------------------------------
 
-TEST(Wopen, a_tcp_url_connects_and_has_a_buffer)
+TEST_F(Wopen, a_tcp_url_connects_and_has_a_buffer)
 {
-    const FdGuard guard;
     const Local server(SOCK_STREAM);
     for (const bool inbound : {false, true}) {
         usock_ctx uc = {};
@@ -339,9 +326,8 @@ TEST(Wopen, a_tcp_url_connects_and_has_a_buffer)
     }
 }
 
-TEST(Wopen, a_tcp_url_may_connect_without_blocking)
+TEST_F(Wopen, a_tcp_url_may_connect_without_blocking)
 {
-    const FdGuard guard;
     const Local server(SOCK_STREAM);
     usock_ctx uc = {};
     uc.non_blocking = true;
@@ -355,11 +341,9 @@ TEST(Wopen, a_tcp_url_may_connect_without_blocking)
     usock_close(fd, &uc);
 }
 
-TEST(Wopen, a_tcp_url_without_memory_for_its_buffer_is_refused)
+TEST_F(Wopen, a_tcp_url_without_memory_for_its_buffer_is_refused)
 {
-    const FdGuard guard;
     const Local server(SOCK_STREAM);
-    LogCapture log;
     usock_ctx uc = {};
     const FailAllocation failure(1);
     EXPECT_EQ(usock_open(("tcp://127.0.0.1:" + server.port).c_str(), &uc), -1);
@@ -368,27 +352,25 @@ TEST(Wopen, a_tcp_url_without_memory_for_its_buffer_is_refused)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  usock_open: calloc(1, 2048) ERROR(12): Cannot allocate memory"}));
 }
 
-TEST(Wopen, a_tcp_url_without_a_server_is_refused)
+TEST_F(Wopen, a_tcp_url_without_a_server_is_refused)
 {
     std::string port;
     {
         const Local server(SOCK_STREAM);
         port = server.port;
     }
-    LogCapture log;
     expect_refused("tcp://127.0.0.1:" + port);
     ASSERT_EQ(log.lines().size(), 1U);
     EXPECT_NE(log.text().find("ERROR(111): Connection refused"), std::string::npos);
 }
 
-TEST(Wopen, names_of_the_hosts_file_resolve)
+TEST_F(Wopen, names_of_the_hosts_file_resolve)
 {
     if (std::ostringstream hosts; (hosts << std::ifstream("/etc/hosts").rdbuf()),
                                   hosts.str().find("127.0.0.1") == std::string::npos ||
                                       hosts.str().find("localhost") == std::string::npos) {
         GTEST_SKIP() << "skipped: /etc/hosts does not know localhost";
     }
-    const FdGuard guard;
     const Local server(SOCK_STREAM);
     usock_ctx uc = {};
     const int fd = usock_open(("tcp://localhost:" + server.port).c_str(), &uc);
@@ -399,11 +381,9 @@ TEST(Wopen, names_of_the_hosts_file_resolve)
 
 // ---- UDP and RTP ---------------------------------------------------------------------------------------
 
-TEST(Wopen, a_report_target_is_a_non_blocking_sender_of_datagrams)
+TEST_F(Wopen, a_report_target_is_a_non_blocking_sender_of_datagrams)
 {
-    const FdGuard guard;
     const Local relay(SOCK_DGRAM);
-    LogCapture log;
     usock_ctx uc = {};
     uc.non_blocking = true;
     const int fd = usock_open(("udp://127.0.0.1:" + relay.port).c_str(), &uc);
@@ -423,9 +403,8 @@ TEST(Wopen, a_report_target_is_a_non_blocking_sender_of_datagrams)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(Wopen, udp_and_rtp_readers_receive_what_is_sent_to_them)
+TEST_F(Wopen, udp_and_rtp_readers_receive_what_is_sent_to_them)
 {
-    const FdGuard guard;
     for (const char* scheme : {"udp", "rtp"}) {
         std::string port;
         {
@@ -449,11 +428,10 @@ TEST(Wopen, udp_and_rtp_readers_receive_what_is_sent_to_them)
     }
 }
 
-TEST(Wopen, an_authority_is_ignored_by_a_writer)
+TEST_F(Wopen, an_authority_is_ignored_by_a_writer)
 {
-    const FdGuard guard;
     const Local relay(SOCK_DGRAM);
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     usock_ctx uc = {};
     const int fd = usock_open(("udp://10.1.2.3@127.0.0.1:" + relay.port).c_str(), &uc);
     ASSERT_GE(fd, 0);
@@ -462,9 +440,9 @@ TEST(Wopen, an_authority_is_ignored_by_a_writer)
     usock_close(fd, &uc);
 }
 
-TEST(Wopen, an_authority_is_the_source_of_a_reader)
+TEST_F(Wopen, an_authority_is_the_source_of_a_reader)
 {
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     expect_refused("udp://nonsense@127.0.0.1:5000", [] {
         usock_ctx uc = {};
         uc.inbound = true;
@@ -474,9 +452,8 @@ TEST(Wopen, an_authority_is_the_source_of_a_reader)
     EXPECT_TRUE(has_line(log, "(DBG)  usock_open: SSM source=[nonsense]"));
 }
 
-TEST(Wopen, a_timeout_is_set_by_direction_on_blocking_sockets_alone)
+TEST_F(Wopen, a_timeout_is_set_by_direction_on_blocking_sockets_alone)
 {
-    const FdGuard guard;
     const Local peer(SOCK_DGRAM);
     const Local server(SOCK_STREAM);
     for (const std::string& url : {"udp://127.0.0.1:" + peer.port, "tcp://127.0.0.1:" + server.port}) {
@@ -502,9 +479,8 @@ TEST(Wopen, a_timeout_is_set_by_direction_on_blocking_sockets_alone)
     }
 }
 
-TEST(Wopen, a_udp_reader_has_a_receive_timeout)
+TEST_F(Wopen, a_udp_reader_has_a_receive_timeout)
 {
-    const FdGuard guard;
     usock_ctx uc = {};
     uc.inbound = true;
     uc.timeout_ms = 20;
@@ -516,22 +492,20 @@ TEST(Wopen, a_udp_reader_has_a_receive_timeout)
     usock_close(fd, &uc);
 }
 
-TEST(Wopen, a_timeout_that_the_kernel_refuses_fails_the_opening)
+TEST_F(Wopen, a_timeout_that_the_kernel_refuses_fails_the_opening)
 {
     const Local peer(SOCK_DGRAM);
     usock_ctx uc = {};
     uc.timeout_ms = -5;
-    LogCapture log;
     expect_refused("udp://127.0.0.1:" + peer.port, uc);
     EXPECT_NE(log.text().find("ERROR(33)"), std::string::npos) << log.text();
 }
 
 // ---- groups --------------------------------------------------------------------------------------------
 
-TEST(Wopen, a_reader_of_a_group_joins_it_and_leaves_it_when_closed)
+TEST_F(Wopen, a_reader_of_a_group_joins_it_and_leaves_it_when_closed)
 {
     SKIP_WITHOUT_NAMESPACES();
-    const FdGuard guard;
     const NetnsPair pair;
     usock_ctx reader = {};
     reader.inbound = true;
@@ -554,7 +528,6 @@ TEST(Wopen, a_reader_of_a_group_joins_it_and_leaves_it_when_closed)
     EXPECT_EQ(received(in), "to the group");
 
     const int kept = dup(in); // the membership must end by the leave, not by the close
-    LogCapture log;
     usock_close(in, &reader);
     EXPECT_FALSE(inside(pair, &NetnsPair::enter_a, [] { return is_joined("030201EF"); }));
     EXPECT_EQ(log.text(), "");
@@ -564,10 +537,9 @@ TEST(Wopen, a_reader_of_a_group_joins_it_and_leaves_it_when_closed)
     close(kept);
 }
 
-TEST(Wopen, a_reader_of_an_ipv6_group_joins_it)
+TEST_F(Wopen, a_reader_of_an_ipv6_group_joins_it)
 {
     SKIP_WITHOUT_NAMESPACES();
-    const FdGuard guard;
     const NetnsPair pair;
     usock_ctx reader = {};
     reader.inbound = true;
@@ -590,12 +562,11 @@ TEST(Wopen, a_reader_of_an_ipv6_group_joins_it)
     usock_close(out, &writer);
 }
 
-TEST(Wopen, a_source_specific_reader_hears_its_source)
+TEST_F(Wopen, a_source_specific_reader_hears_its_source)
 {
     SKIP_WITHOUT_NAMESPACES();
-    const FdGuard guard;
     const NetnsPair pair;
-    LogCapture log(DEBUG_level);
+    log.set_level(DEBUG_level);
     usock_ctx reader = {};
     reader.inbound = true;
     reader.ifc_tag = "va";
@@ -620,10 +591,8 @@ TEST(Wopen, a_source_specific_reader_hears_its_source)
 
 // ---- closing -------------------------------------------------------------------------------------------
 
-TEST(Wopen, closing_takes_a_descriptor_without_a_record_and_a_record_without_a_descriptor)
+TEST_F(Wopen, closing_takes_a_descriptor_without_a_record_and_a_record_without_a_descriptor)
 {
-    const FdGuard guard;
-    LogCapture log;
     usock_close(dup(0), nullptr);
     usock_close(-1, nullptr);
     usock_ctx uc = {};
@@ -639,9 +608,8 @@ TEST(Wopen, closing_takes_a_descriptor_without_a_record_and_a_record_without_a_d
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(Wopen, kept_a_reader_of_a_group_without_a_descriptor_is_left_too_with_two_lines)
+TEST_F(Wopen, kept_a_reader_of_a_group_without_a_descriptor_is_left_too_with_two_lines)
 {
-    LogCapture log;
     usock_ctx uc = {};
     uc.sspec.multicast = 1;
     auto* const group = reinterpret_cast<sockaddr_in*>(&uc.sspec.addr_ss);
@@ -656,7 +624,7 @@ TEST(Wopen, kept_a_reader_of_a_group_without_a_descriptor_is_left_too_with_two_l
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(Wopen, a_length_without_a_buffer_stays)
+TEST_F(Wopen, a_length_without_a_buffer_stays)
 {
     usock_ctx uc = {};
     uc.buflen = 7;
@@ -664,9 +632,8 @@ TEST(Wopen, a_length_without_a_buffer_stays)
     EXPECT_EQ(uc.buflen, 7U);
 }
 
-TEST(Wopen, a_closed_record_can_be_opened_again)
+TEST_F(Wopen, a_closed_record_can_be_opened_again)
 {
-    const FdGuard guard;
     const Local relay(SOCK_DGRAM);
     const Local server(SOCK_STREAM);
     usock_ctx uc = {};
@@ -679,9 +646,8 @@ TEST(Wopen, a_closed_record_can_be_opened_again)
     }
 }
 
-TEST(Wopen, the_index_of_the_loop_is_left_alone)
+TEST_F(Wopen, the_index_of_the_loop_is_left_alone)
 {
-    const FdGuard guard;
     const Local relay(SOCK_DGRAM);
     usock_ctx uc = {};
     uc.nopoll_idx = 77;

@@ -14,30 +14,15 @@
 #include "child.h"
 #include "oom.h"
 
+using support::expect_assertion;
+
 namespace {
 
 constexpr size_t kSize = sizeof(long);
 
-void expect_assertion(const std::string& function, const std::string& expression,
-                      const std::function<void()>& body)
-{
-    const support::ChildResult result = support::run_in_child([&body] {
-        body();
-        return 0;
-    });
-    EXPECT_EQ(result.signal, SIGABRT) << expression;
-    EXPECT_NE(result.err.find("Assertion `" + expression + "' failed"), std::string::npos) << result.err;
-    EXPECT_NE(result.err.find(function), std::string::npos) << result.err;
-}
-
 void expect_abort_without_words(const std::function<void()>& body)
 {
-    const support::ChildResult result = support::run_in_child([&body] {
-        body();
-        return 0;
-    });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(support::expect_abort("", body), "");
 }
 
 long& element(void* data, size_t index)

@@ -17,56 +17,24 @@
 #include <thread>
 #include <unistd.h>
 
+#include "fds.h"
 #include "tempdir.h"
 
 using namespace sinks;
+using support::PipePair;
 
 namespace {
 
-class Pipe {
-  public:
-    Pipe() { EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0); }
-
-    ~Pipe()
-    {
-        close_reader();
-        close_writer();
+// Everything up to the end of the writers.
+std::string read_all(const PipePair& pipe)
+{
+    std::string text;
+    char block[65536];
+    for (ssize_t n = read(pipe.in, block, sizeof block); n > 0; n = read(pipe.in, block, sizeof block)) {
+        text.append(block, static_cast<size_t>(n));
     }
-
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-
-    int reader() const { return ends_[0]; }
-
-    int writer() const { return ends_[1]; }
-
-    void close_reader() { close_end(ends_[0]); }
-
-    void close_writer() { close_end(ends_[1]); }
-
-    // Everything up to the end of the writers.
-    std::string read_all() const
-    {
-        std::string text;
-        char block[65536];
-        for (ssize_t n = read(ends_[0], block, sizeof block); n > 0;
-             n = read(ends_[0], block, sizeof block)) {
-            text.append(block, static_cast<size_t>(n));
-        }
-        return text;
-    }
-
-  private:
-    static void close_end(int& fd)
-    {
-        if (fd >= 0) {
-            close(fd);
-            fd = -1;
-        }
-    }
-
-    int ends_[2] = {-1, -1};
-};
+    return text;
+}
 
 std::vector<std::string> lines_of(const std::string& text)
 {
@@ -163,8 +131,8 @@ class MonOutput : public SinkTest {
 
 TEST_F(MonOutput, each_event_is_a_line_with_the_event_object)
 {
-    Pipe pipe;
-    JsonOutput output(pipe.writer(), notices);
+    PipePair pipe(O_CLOEXEC);
+    JsonOutput output(pipe.out, notices);
     ASSERT_EQ(output.start(), 0);
     std::string expected;
     for (const EventKind kind : {EventKind::join, EventKind::leave, EventKind::expire}) {
@@ -174,15 +142,15 @@ TEST_F(MonOutput, each_event_is_a_line_with_the_event_object)
         output.on_event(event);
     }
     output.stop();
-    pipe.close_writer();
-    EXPECT_EQ(pipe.read_all(), expected);
+    pipe.out.reset();
+    EXPECT_EQ(read_all(pipe), expected);
     EXPECT_EQ(dropped(output), 0u);
 }
 
 TEST_F(MonOutput, a_reader_that_does_not_read_costs_whole_lines_and_they_are_counted)
 {
-    Pipe pipe;
-    JsonOutput output(pipe.writer(), notices);
+    PipePair pipe(O_CLOEXEC);
+    JsonOutput output(pipe.out, notices);
     ASSERT_EQ(output.start(), 0);
     uint64_t sent = 0;
     while (dropped(output) < 1000) { // ends only if nothing here waits for the reader
@@ -190,9 +158,9 @@ TEST_F(MonOutput, a_reader_that_does_not_read_costs_whole_lines_and_they_are_cou
         ++sent;
     }
     std::string text;
-    std::thread reader([&] { text = pipe.read_all(); });
+    std::thread reader([&] { text = read_all(pipe); });
     output.stop(30'000);
-    pipe.close_writer();
+    pipe.out.reset();
     reader.join();
     const std::vector<std::string> lines = lines_of(text);
     EXPECT_EQ(lines.size() + dropped(output), sent);
@@ -204,24 +172,24 @@ TEST_F(MonOutput, a_reader_that_does_not_read_costs_whole_lines_and_they_are_cou
 
 TEST_F(MonOutput, a_reader_that_hangs_does_not_hold_up_the_end)
 {
-    Pipe pipe;
+    PipePair pipe(O_CLOEXEC);
     {
-        JsonOutput output(pipe.writer(), notices);
+        JsonOutput output(pipe.out, notices);
         ASSERT_EQ(output.start(), 0);
         while (dropped(output) == 0) {
             output.on_event(events.next(EventKind::join, group(1), who));
         }
         output.stop(10);
     }
-    pipe.close_reader(); // the writer that was left behind ends with this
+    pipe.in.reset(); // the writer that was left behind ends with this
     EXPECT_TRUE(run_until_logged("json: no more lines go out: Broken pipe"));
 }
 
 TEST_F(MonOutput, a_reader_that_is_gone_is_told_once_and_every_line_is_counted)
 {
-    Pipe pipe;
-    pipe.close_reader();
-    JsonOutput output(pipe.writer(), notices);
+    PipePair pipe(O_CLOEXEC);
+    pipe.in.reset();
+    JsonOutput output(pipe.out, notices);
     ASSERT_EQ(output.start(), 0);
     for (int i = 0; i < 100; ++i) {
         output.on_event(events.next(EventKind::join, group(1), who));
@@ -234,17 +202,17 @@ TEST_F(MonOutput, a_reader_that_is_gone_is_told_once_and_every_line_is_counted)
 
 TEST_F(MonOutput, a_descriptor_that_somebody_made_non_blocking_loses_nothing)
 {
-    Pipe pipe;
-    fcntl(pipe.writer(), F_SETFL, O_NONBLOCK);
-    JsonOutput output(pipe.writer(), notices);
+    PipePair pipe(O_CLOEXEC);
+    fcntl(pipe.out, F_SETFL, O_NONBLOCK);
+    JsonOutput output(pipe.out, notices);
     ASSERT_EQ(output.start(), 0);
     for (int i = 0; i < 2000; ++i) {
         output.on_event(events.next(EventKind::join, group(1), who));
     }
     std::string text;
-    std::thread reader([&] { text = pipe.read_all(); });
+    std::thread reader([&] { text = read_all(pipe); });
     output.stop(30'000);
-    pipe.close_writer();
+    pipe.out.reset();
     reader.join();
     EXPECT_EQ(lines_of(text).size(), 2000u);
 }

@@ -12,6 +12,9 @@
 
 #include <gtest/gtest.h>
 
+#include "asserted.h"
+#include "log.h"
+
 namespace support {
 
 namespace {
@@ -123,14 +126,29 @@ ChildResult run_in_child(const std::function<int()>& body, std::chrono::seconds 
     return result;
 }
 
-void expect_abort(const std::function<void()>& body, const std::string& text)
+std::string expect_abort(const std::string& text, const std::function<void()>& body)
 {
     const ChildResult child = run_in_child([&] {
+        log_default(&g_log, stderr);
         body();
         return 0;
     });
-    EXPECT_EQ(child.signal, SIGABRT) << "exit code " << child.exit_code;
+    EXPECT_EQ(child.signal, SIGABRT) << "exit code " << child.exit_code << ", stderr: " << child.err;
     EXPECT_NE(child.err.find(text), std::string::npos) << child.err;
+    return child.err;
+}
+
+void expect_assertion(const std::string& function, const std::function<void()>& body)
+{
+    const std::string text = expect_abort(body);
+    EXPECT_TRUE(asserted_in(text, function)) << text;
+}
+
+void expect_assertion(const std::string& function, const std::string& expression,
+                      const std::function<void()>& body)
+{
+    const std::string text = expect_abort("Assertion `" + expression + "' failed", body);
+    EXPECT_NE(text.find(function), std::string::npos) << text;
 }
 
 ChildResult run_program(const std::vector<std::string>& argv, std::chrono::seconds limit)

@@ -26,8 +26,20 @@ struct ChildResult {
 ChildResult run_in_child(const std::function<int()>& body, std::chrono::seconds limit = kLimit);
 
 // Expects that the body ends the process by abort(), as an assertion does, and that its stderr holds the
-// text.
-void expect_abort(const std::function<void()>& body, const std::string& text = "Assertion");
+// text; what it logs goes there too. Gives all of that stderr.
+std::string expect_abort(const std::string& text, const std::function<void()>& body);
+
+inline std::string expect_abort(const std::function<void()>& body)
+{
+    return expect_abort("Assertion", body);
+}
+
+// The same, by an ASSERT of the library in that function.
+void expect_assertion(const std::string& function, const std::function<void()>& body);
+
+// The same, by an assert() of that expression.
+void expect_assertion(const std::string& function, const std::string& expression,
+                      const std::function<void()>& body);
 
 // Runs a program to its end. An element of argv is passed as it is; no shell.
 ChildResult run_program(const std::vector<std::string>& argv, std::chrono::seconds limit = kLimit);
