@@ -5,10 +5,15 @@
 #include <csignal>
 
 #include "agent_run.h"
+#include "fixtures.h"
 #include "frames.h"
 #include "paths.h"
+#include "relay_lines.h"
 
+using support::count;
 using support::igmp_frame;
+using support::join_line;
+using support::leave_line;
 using support::NetnsPair;
 using support::Process;
 using support::SegmentHost;
@@ -53,15 +58,9 @@ class ForegroundAgent {
     Process process_;
 };
 
-class Capture : public testing::Test {
+class Capture : public support::SegmentTest {
   protected:
-    void SetUp() override
-    {
-        const std::string why = support::netns_missing();
-        if (!why.empty()) {
-            GTEST_SKIP() << "skipped: " << why;
-        }
-    }
+    void SetUp() override { NEEDS_SEGMENT(); }
 };
 
 constexpr const char* kLastGroup = "239.9.9.9"; // its line tells that everything before it has been seen
@@ -71,34 +70,13 @@ void send_last(const SegmentHost& host)
     host.send(support::report_frame(kLastGroup));
 }
 
-std::string join_line(const std::string& group)
-{
-    return "JOIN UDP://" + group + "\n";
-}
-
-std::string leave_line(const std::string& group)
-{
-    return "LEAVE UDP://" + group + "\n";
-}
-
-// How often a text occurs in another.
-size_t count(const std::string& text, const std::string& part)
-{
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-        ++n;
-    }
-    return n;
-}
-
 } // namespace
 
 TEST_F(Capture, kernel_hosts_join_and_leave_by_version_2)
 {
-    const NetnsPair pair;
-    SegmentHost host(pair);
+    SegmentHost host(segment());
     host.use_igmp(2);
-    ForegroundAgent agent(pair);
+    ForegroundAgent agent(segment());
     host.join("239.1.1.1");
     host.join("239.1.1.1");
     host.join("239.1.1.2");
@@ -116,10 +94,9 @@ TEST_F(Capture, kernel_hosts_join_and_leave_by_version_2)
 
 TEST_F(Capture, version_1_hosts_join_and_never_leave)
 {
-    const NetnsPair pair;
-    SegmentHost host(pair);
+    SegmentHost host(segment());
     host.use_igmp(1);
-    ForegroundAgent agent(pair);
+    ForegroundAgent agent(segment());
     host.join("239.1.1.1");
     host.leave("239.1.1.1");
     host.join("239.1.1.2");
@@ -132,10 +109,9 @@ TEST_F(Capture, version_1_hosts_join_and_never_leave)
 
 TEST_F(Capture, version_3_hosts_are_not_seen)
 {
-    const NetnsPair pair;
-    SegmentHost host(pair);
+    SegmentHost host(segment());
     host.use_igmp(3);
-    ForegroundAgent agent(pair, {"-L", "debug"});
+    ForegroundAgent agent(segment(), {"-L", "debug"});
     host.join("239.1.1.1");
     send_last(host);
     EXPECT_EQ(agent.out_with(join_line(kLastGroup)), join_line(kLastGroup));
@@ -146,9 +122,8 @@ TEST_F(Capture, version_3_hosts_are_not_seen)
 
 TEST_F(Capture, frames_of_every_kind_give_their_lines_and_no_others)
 {
-    const NetnsPair pair;
-    SegmentHost host(pair);
-    ForegroundAgent agent(pair);
+    SegmentHost host(segment());
+    ForegroundAgent agent(segment());
     std::string expected;
     for (uint8_t ihl = 5; ihl <= 15; ++ihl) {
         const std::string group = "239.2.0." + std::to_string(ihl);
@@ -183,14 +158,13 @@ TEST_F(Capture, frames_of_every_kind_give_their_lines_and_no_others)
 
 TEST_F(Capture, range_and_list_decide_what_is_reported)
 {
-    const NetnsPair pair;
-    SegmentHost host(pair);
+    SegmentHost host(segment());
     const support::TempDir dir;
     const std::string list = dir.path("groups");
     FILE* fp = fopen(list.c_str(), "w");
     fputs("224.5.5.5\r\n232.1.1.200\n", fp);
     fclose(fp);
-    ForegroundAgent agent(pair, {"-g", "239.1.0.0", "-G", "239.9.255.255", "-F", list});
+    ForegroundAgent agent(segment(), {"-g", "239.1.0.0", "-G", "239.9.255.255", "-F", list});
     for (const char* group :
          {"239.0.0.1", "239.1.0.0", "239.10.0.0", "224.5.5.5", "232.1.1.200", "0.0.0.0"}) {
         host.send(support::report_frame(group));
@@ -203,9 +177,8 @@ TEST_F(Capture, range_and_list_decide_what_is_reported)
 
 TEST_F(Capture, kept_report_of_the_zero_group_ends_the_process)
 {
-    const NetnsPair pair;
-    SegmentHost host(pair);
-    ForegroundAgent agent(pair);
+    SegmentHost host(segment());
+    ForegroundAgent agent(segment());
     host.send(support::report_frame("239.1.1.1"));
     host.send(support::report_frame("0.0.0.0"));
     const auto result = agent.process().wait();
@@ -215,10 +188,9 @@ TEST_F(Capture, kept_report_of_the_zero_group_ends_the_process)
 
 TEST_F(Capture, bad_options_end_with_their_codes)
 {
-    const NetnsPair pair;
     const auto run = [&](std::vector<std::string> options) {
         options.insert(options.begin(), support::zent_path());
-        return start_in_a(pair, options).wait();
+        return start_in_a(segment(), options).wait();
     };
     EXPECT_EQ(run({}).exit_code, 1);
     EXPECT_EQ(run({"-?"}).exit_code, 1);
@@ -238,9 +210,8 @@ TEST_F(Capture, bad_options_end_with_their_codes)
 
 TEST_F(Capture, interface_that_goes_away_ends_the_run_with_2)
 {
-    const NetnsPair pair;
-    ForegroundAgent agent(pair);
-    support::inside(pair, &NetnsPair::enter_a, [] {
+    ForegroundAgent agent(segment());
+    support::inside(segment(), &NetnsPair::enter_a, [] {
         support::must_run("ip link del va");
         return 0;
     });
@@ -251,8 +222,7 @@ TEST_F(Capture, interface_that_goes_away_ends_the_run_with_2)
 
 TEST_F(Capture, runs_in_one_thread)
 {
-    const NetnsPair pair;
-    ForegroundAgent agent(pair);
+    ForegroundAgent agent(segment());
     const std::string dir = "/proc/" + std::to_string(agent.process().pid());
     EXPECT_NE(support::read_file(dir + "/status").find("Threads:\t1\n"), std::string::npos);
     EXPECT_EQ(agent.stop().exit_code, 0);

@@ -14,34 +14,20 @@
 #include <unistd.h>
 
 #include "agent_run.h"
+#include "fixtures.h"
 #include "frames_v3.h"
 #include "paths.h"
+#include "relay_lines.h"
 
+using support::count;
+using support::join_line;
+using support::leave_line;
 using support::NetnsPair;
 using support::Process;
 
 namespace {
 
 const std::string kUnit = support::source_path("packaging/systemd/zent@.service");
-
-std::string join_line(const std::string& group)
-{
-    return "JOIN UDP://" + group + "\n";
-}
-
-std::string leave_line(const std::string& group)
-{
-    return "LEAVE UDP://" + group + "\n";
-}
-
-size_t count(const std::string& text, const std::string& part)
-{
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-        ++n;
-    }
-    return n;
-}
 
 // Memberships of one socket in namespace b, on "vb", as any program there would have them.
 class Member {
@@ -140,15 +126,9 @@ class FeaturedAgent {
     Process process_;
 };
 
-class FeaturesOnSegment : public testing::Test {
+class FeaturesOnSegment : public support::SegmentTest {
   protected:
-    void SetUp() override
-    {
-        const std::string why = support::netns_missing();
-        if (!why.empty()) {
-            GTEST_SKIP() << "skipped: " << why;
-        }
-    }
+    void SetUp() override { NEEDS_SEGMENT(); }
 };
 
 constexpr const char* kAll = "exact,immediate,igmpv3";
@@ -231,11 +211,10 @@ TEST(FeaturesAtStart, usage_text_for_want_of_arguments_comes_first)
 
 TEST_F(FeaturesOnSegment, stock_host_is_seen_at_once_by_the_command_of_the_unit)
 {
-    const NetnsPair pair;
-    const Member host(pair);
+    const Member host(segment());
     const UnitCommand unit = unit_command();
     EXPECT_EQ(unit.environment.at("ZENT_FEATURES"), kAll);
-    Process zent = start_in_a(pair, unit.argv);
+    Process zent = start_in_a(segment(), unit.argv);
     // It shows no line when it is ready; a group that is joined anew until it is seen tells.
     ASSERT_TRUE(support::wait_until([&] {
         host.join("239.0.0.1");
@@ -254,10 +233,9 @@ TEST_F(FeaturesOnSegment, stock_host_is_seen_at_once_by_the_command_of_the_unit)
 
 TEST_F(FeaturesOnSegment, immediate_capture_without_the_right_to_it_ends_with_2_and_the_reason)
 {
-    const NetnsPair pair;
-    Process zent = start_in_a(pair, {"env", "ZENT_FEATURES=immediate", "setpriv", "--reuid", "65534",
-                                     "--regid", "65534", "--clear-groups", "--bounding-set", "-all",
-                                     support::zent_path(), "-i", "va", "-l", "/dev/null"});
+    Process zent = start_in_a(segment(), {"env", "ZENT_FEATURES=immediate", "setpriv", "--reuid", "65534",
+                                          "--regid", "65534", "--clear-groups", "--bounding-set", "-all",
+                                          support::zent_path(), "-i", "va", "-l", "/dev/null"});
     const auto result = zent.wait();
     EXPECT_EQ(result.exit_code, 2);
     EXPECT_NE(result.err.find("(ERR)  pcap_setup: pcap_activate(va): FAILED: "), std::string::npos)
@@ -267,9 +245,8 @@ TEST_F(FeaturesOnSegment, immediate_capture_without_the_right_to_it_ends_with_2_
 
 TEST_F(FeaturesOnSegment, interface_that_goes_away_ends_an_immediate_capture_with_2)
 {
-    const NetnsPair pair;
-    FeaturedAgent agent(pair, std::string(kAll) + ",expire=10");
-    support::inside(pair, &NetnsPair::enter_a, [] {
+    FeaturedAgent agent(segment(), std::string(kAll) + ",expire=10");
+    support::inside(segment(), &NetnsPair::enter_a, [] {
         support::must_run("ip link del va");
         return 0;
     });
@@ -279,8 +256,7 @@ TEST_F(FeaturesOnSegment, interface_that_goes_away_ends_an_immediate_capture_wit
 
 TEST_F(FeaturesOnSegment, info_tells_what_is_on)
 {
-    const NetnsPair pair;
-    FeaturedAgent agent(pair, " igmpv3 , exact,expire=260");
+    FeaturedAgent agent(segment(), " igmpv3 , exact,expire=260");
     EXPECT_TRUE(support::wait_for_file(agent.log_path(),
                                        "expiry of groups is suspended: no general query within 260 s\n"));
     EXPECT_NE(agent.log().find("(INF)  app_run: features on: exact,igmpv3,expire=260\n"), std::string::npos)
@@ -290,9 +266,8 @@ TEST_F(FeaturesOnSegment, info_tells_what_is_on)
 
 TEST_F(FeaturesOnSegment, source_specific_membership_gets_a_join_and_no_leave)
 {
-    const NetnsPair pair;
-    const Member host(pair);
-    FeaturedAgent agent(pair, kAll);
+    const Member host(segment());
+    FeaturedAgent agent(segment(), kAll);
     host.join_source("232.1.1.1", "10.0.0.1");
     EXPECT_TRUE(agent.process().wait_for_out(join_line("232.1.1.1")));
     host.join_source("232.1.1.1", "10.0.0.7");
@@ -307,9 +282,8 @@ TEST_F(FeaturesOnSegment, source_specific_membership_gets_a_join_and_no_leave)
 
 TEST_F(FeaturesOnSegment, thousand_groups_of_a_stock_host_give_a_thousand_joins_and_leaves)
 {
-    const NetnsPair pair;
-    Member host(pair);
-    FeaturedAgent agent(pair, kAll, "va", "debug");
+    Member host(segment());
+    FeaturedAgent agent(segment(), kAll, "va", "debug");
     const auto lines = [&](const std::string& part) { return count(agent.process().out(), part); };
     for (int n = 0; n < 1000; ++n) {
         host.join("239." + std::to_string(n % 4) + "." + std::to_string(n / 250) + "." +
@@ -319,7 +293,7 @@ TEST_F(FeaturesOnSegment, thousand_groups_of_a_stock_host_give_a_thousand_joins_
     // All are reported again, as after each query of a querier; nothing is new.
     const std::string again = ": type=2 sources=0\n";
     EXPECT_EQ(count(agent.log(), again), 0U);
-    support::inside(pair, &NetnsPair::enter_a, [&] {
+    support::inside(segment(), &NetnsPair::enter_a, [&] {
         const int raw = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
         sockaddr_ll to = {};
         to.sll_family = AF_PACKET;
@@ -347,8 +321,7 @@ TEST_F(FeaturesOnSegment, thousand_groups_of_a_stock_host_give_a_thousand_joins_
 // A bridge asks every second; the host's cable is pulled, so that it can say no goodbye.
 TEST_F(FeaturesOnSegment, group_of_a_host_that_is_gone_expires_while_a_querier_asks)
 {
-    const NetnsPair pair;
-    support::inside(pair, &NetnsPair::enter_a, [] {
+    support::inside(segment(), &NetnsPair::enter_a, [] {
         support::must_run(
             "ip link add br0 type bridge mcast_snooping 1 mcast_router 2 mcast_querier 1 mcast_igmp_version 3 "
             "mcast_query_use_ifaddr 1 mcast_query_interval 200 mcast_query_response_interval 100 "
@@ -358,10 +331,10 @@ TEST_F(FeaturesOnSegment, group_of_a_host_that_is_gone_expires_while_a_querier_a
         support::must_run("ip link set br0 up");
         return 0;
     });
-    const Member host(pair);
+    const Member host(segment());
     host.join("239.1.1.1");
     host.join_source("232.1.1.1", "10.0.0.1");
-    FeaturedAgent agent(pair, std::string(kAll) + ",expire=10", "br0");
+    FeaturedAgent agent(segment(), std::string(kAll) + ",expire=10", "br0");
     EXPECT_TRUE(support::wait_for_file(agent.log_path(), "expiry of groups is running")) << agent.log();
     EXPECT_TRUE(agent.process().wait_for_out(join_line("239.1.1.1"))) << agent.log();
     EXPECT_TRUE(agent.process().wait_for_out(join_line("232.1.1.1"))) << agent.log();
@@ -369,7 +342,7 @@ TEST_F(FeaturesOnSegment, group_of_a_host_that_is_gone_expires_while_a_querier_a
     EXPECT_TRUE(agent.process().wait_for_out(leave_line("232.1.1.1"))) << agent.log();
     EXPECT_EQ(agent.process().out().find(leave_line("239.1.1.1")), std::string::npos)
         << "it is reported every second";
-    support::inside(pair, &NetnsPair::enter_a, [] {
+    support::inside(segment(), &NetnsPair::enter_a, [] {
         support::must_run("ip link set va nomaster");
         return 0;
     });

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "agent_run.h"
+#include "fixtures.h"
 #include "frames.h"
 #include "paths.h"
 
@@ -59,20 +60,14 @@ class Relay {
     int fd_ = -1;
 };
 
-class RelayRun : public testing::Test {
+class RelayRun : public support::SegmentTest {
   protected:
-    void SetUp() override
-    {
-        const std::string why = support::netns_missing();
-        if (!why.empty()) {
-            GTEST_SKIP() << "skipped: " << why;
-        }
-    }
+    void SetUp() override { NEEDS_SEGMENT(); }
 
-    Process start(const NetnsPair& pair, const std::string& target)
+    Process start(const std::string& target)
     {
         Process agent =
-            start_in_a(pair, {support::zent_path(), "-T", "-i", "va", "-l", log_path(), "-R", target});
+            start_in_a(segment(), {support::zent_path(), "-T", "-i", "va", "-l", log_path(), "-R", target});
         EXPECT_TRUE(support::wait_for_file(log_path(), "is running as UID=")) << agent.err();
         return agent;
     }
@@ -95,11 +90,10 @@ void stop(Process& agent)
 
 TEST_F(RelayRun, kernel_joins_and_leaves_arrive_as_exact_datagrams)
 {
-    const NetnsPair pair;
-    const Relay relay(pair);
-    SegmentHost host(pair);
+    const Relay relay(segment());
+    SegmentHost host(segment());
     host.use_igmp(2);
-    Process agent = start(pair, "10.0.0.2:4554");
+    Process agent = start("10.0.0.2:4554");
     host.join("239.1.1.1");
     EXPECT_EQ(relay.receive(), "JOIN UDP://239.1.1.1\n");
     host.leave("239.1.1.1");
@@ -109,10 +103,9 @@ TEST_F(RelayRun, kernel_joins_and_leaves_arrive_as_exact_datagrams)
 
 TEST_F(RelayRun, multicast_target_reaches_its_members)
 {
-    const NetnsPair pair;
-    const Relay relay(pair, "239.200.1.1");
-    const SegmentHost host(pair);
-    Process agent = start(pair, "239.200.1.1:4554");
+    const Relay relay(segment(), "239.200.1.1");
+    const SegmentHost host(segment());
+    Process agent = start("239.200.1.1:4554");
     host.send(support::report_frame("239.1.1.1"));
     host.send(support::leave_frame("239.1.1.1"));
     EXPECT_EQ(relay.receive(), "JOIN UDP://239.1.1.1\n");
@@ -122,13 +115,12 @@ TEST_F(RelayRun, multicast_target_reaches_its_members)
 
 TEST_F(RelayRun, relay_that_is_down_loses_its_lines_and_gets_the_next_ones_when_it_is_back)
 {
-    const NetnsPair pair;
-    const SegmentHost host(pair);
-    Process agent = start(pair, "10.0.0.2:4554");
+    const SegmentHost host(segment());
+    Process agent = start("10.0.0.2:4554");
     host.send(support::report_frame("239.1.1.1"));
     // The line has been handed to the system, where nobody takes it.
     EXPECT_TRUE(support::wait_for_file(log_path(), "JOIN UDP://239.1.1.1"));
-    const Relay relay(pair);
+    const Relay relay(segment());
     host.send(support::report_frame("239.1.1.1")); // known: no second line
     host.send(support::report_frame("239.1.1.2"));
     EXPECT_EQ(relay.receive(), "JOIN UDP://239.1.1.2\n");
@@ -137,28 +129,26 @@ TEST_F(RelayRun, relay_that_is_down_loses_its_lines_and_gets_the_next_ones_when_
 
 TEST_F(RelayRun, kept_unreachable_relay_costs_a_line_in_the_log_and_the_group_stays_joined)
 {
-    const NetnsPair pair;
-    const SegmentHost host(pair);
-    support::inside(pair, &NetnsPair::enter_a, [] {
+    const SegmentHost host(segment());
+    support::inside(segment(), &NetnsPair::enter_a, [] {
         support::must_run("ip route add blackhole 10.77.0.0/16");
         return 0;
     });
-    Process agent = start(pair, "10.77.0.1:4554");
+    Process agent = start("10.77.0.1:4554");
     host.send(support::report_frame("239.1.1.1"));
     host.send(support::report_frame("239.1.1.1"));
     host.send(support::report_frame("239.1.1.2"));
     EXPECT_TRUE(support::wait_for_file(log_path(), "relay_msg: failed to relay: JOIN UDP://239.1.1.2\n"));
-    const std::string log = support::read_file(log_path());
-    EXPECT_EQ(log.find("failed to relay: JOIN UDP://239.1.1.1"),
-              log.rfind("failed to relay: JOIN UDP://239.1.1.1"));
+    const std::string written = support::read_file(log_path());
+    EXPECT_EQ(written.find("failed to relay: JOIN UDP://239.1.1.1"),
+              written.rfind("failed to relay: JOIN UDP://239.1.1.1"));
     stop(agent);
 }
 
 TEST_F(RelayRun, target_that_cannot_be_opened_ends_the_start_with_2)
 {
-    const NetnsPair pair;
-    const auto result = start_in_a(pair, {support::zent_path(), "-T", "-i", "va", "-l", log_path(), "-R",
-                                          "no.such.host.invalid:1"})
+    const auto result = start_in_a(segment(), {support::zent_path(), "-T", "-i", "va", "-l", log_path(), "-R",
+                                               "no.such.host.invalid:1"})
                             .wait();
     EXPECT_EQ(result.exit_code, 2);
     EXPECT_NE(

@@ -12,32 +12,25 @@
 
 #include "agent_run.h"
 #include "check.h"
+#include "fixtures.h"
 #include "frames.h"
 #include "netns.h"
 #include "paths.h"
+#include "text.h"
 #include "wait.h"
 #include "zentctl_run.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
-class CheckTest : public testing::Test {
+class CheckTest : public SegmentTest {
   protected:
     void SetUp() override
     {
-        if (const std::string missing = netns_missing(); !missing.empty()) {
-            GTEST_SKIP() << "skipped: " << missing;
-        }
-        pair_ = std::make_unique<NetnsPair>();
-        host_ = std::make_unique<SegmentHost>(*pair_);
+        NEEDS_SEGMENT();
+        host_ = std::make_unique<SegmentHost>(segment());
         systemctl("exit 1"); // the machine's own systemd is no part of these tests
-    }
-
-    void TearDown() override
-    {
-        host_.reset();
-        pair_.reset();
     }
 
     // What the program systemctl does in a test.
@@ -62,7 +55,7 @@ class CheckTest : public testing::Test {
         args.insert(args.begin(), {"check", "--json"});
         const auto command = zentctl_command(args);
         argv.insert(argv.end(), command.begin(), command.end());
-        return start_in_a(*pair_, argv);
+        return start_in_a(segment(), argv);
     }
 
     // Without listening.
@@ -92,7 +85,7 @@ class CheckTest : public testing::Test {
 
     void in_a(const std::string& command) const
     {
-        inside(*pair_, &NetnsPair::enter_a, [&] {
+        inside(segment(), &NetnsPair::enter_a, [&] {
             must_run(command);
             return 0;
         });
@@ -100,7 +93,7 @@ class CheckTest : public testing::Test {
 
     void in_b(const std::string& command) const
     {
-        inside(*pair_, &NetnsPair::enter_b, [&] {
+        inside(segment(), &NetnsPair::enter_b, [&] {
             must_run(command);
             return 0;
         });
@@ -110,9 +103,9 @@ class CheckTest : public testing::Test {
     Process agent(std::vector<std::string> args) const
     {
         args.insert(args.begin(), {zent_path(), "-T", "-i", "va", "-l", "/dev/null"});
-        Process process = start_in_a(*pair_, args);
+        Process process = start_in_a(segment(), args);
         EXPECT_TRUE(wait_until([&] {
-            return inside(*pair_, &NetnsPair::enter_a, [] {
+            return inside(segment(), &NetnsPair::enter_a, [] {
                 const std::string sockets = read_file("/proc/thread-self/net/packet");
                 return std::count(sockets.begin(), sockets.end(), '\n') >= 2;
             });
@@ -121,7 +114,6 @@ class CheckTest : public testing::Test {
     }
 
     TempDir dir_;
-    std::unique_ptr<NetnsPair> pair_;
     std::unique_ptr<SegmentHost> host_;
 };
 
@@ -224,7 +216,7 @@ TEST_F(CheckTest, a_port_of_a_bridge)
 
 TEST_F(CheckTest, vlans_above_the_interface)
 {
-    const bool has_vlans = inside(*pair_, &NetnsPair::enter_a, [] {
+    const bool has_vlans = inside(segment(), &NetnsPair::enter_a, [] {
         return run_program({"ip", "link", "add", "link", "va", "name", "va.5", "type", "vlan", "id", "5"})
                    .exit_code == 0;
     });
@@ -241,7 +233,7 @@ TEST_F(CheckTest, no_right_to_capture)
     std::vector<std::string> argv{"setpriv", "--bounding-set=-all", "--inh-caps=-all", "--no-new-privs"};
     const auto command = zentctl_command({"check", "--json", "--watch", "0", "va"});
     argv.insert(argv.end(), command.begin(), command.end());
-    const ChildResult result = start_in_a(*pair_, argv).wait();
+    const ChildResult result = start_in_a(segment(), argv).wait();
     expect_fault(result, "error", "no-right");
     EXPECT_NE(result.out.find("setcap cap_net_raw+ep"), std::string::npos);
 }
@@ -342,7 +334,7 @@ TEST_F(CheckTest, a_target_where_nobody_listens)
 
 TEST_F(CheckTest, a_target_that_takes_lines)
 {
-    const int fd = inside(*pair_, &NetnsPair::enter_b, [] {
+    const int fd = inside(segment(), &NetnsPair::enter_b, [] {
         const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         sockaddr_in address = {};
         address.sin_family = AF_INET;
@@ -484,7 +476,7 @@ TEST_F(CheckTest, worst_first_one_verdict_a_line_each_with_its_cure)
     const auto command = zentctl_command(
         {"check", "va", "--watch", "0", "-G", "239.255.255.255", "--target", "10.0.0.2:4554"});
     argv.insert(argv.end(), command.begin(), command.end());
-    const std::string out = start_in_a(*pair_, argv).wait().out;
+    const std::string out = start_in_a(segment(), argv).wait().out;
     EXPECT_EQ(out.find("error   port-closed: 10.0.0.2:4554 is closed: nobody listens there. Cure: "), 0U)
         << out;
     const size_t warning = out.find("\nwarning no-lower-bound: ");
@@ -495,15 +487,12 @@ TEST_F(CheckTest, worst_first_one_verdict_a_line_each_with_its_cure)
 TEST_F(CheckTest, a_wrong_bound_of_its_own_is_a_usage_error)
 {
     EXPECT_EQ(check({"va", "-g", "10.0.0.1"}).exit_code, 2);
-    EXPECT_EQ(zentctl({"check", "va", "--watch", "3601"}).exit_code, 2);
+    EXPECT_EQ(run_zentctl({"check", "va", "--watch", "3601"}).exit_code, 2);
 }
 
 TEST(SplitWords, are_those_of_systemd)
 {
-    using Words = std::vector<std::string>;
     EXPECT_EQ(zentctl::split_words("  a \"b c\" 'd \"e' f\\ g \"\" "),
-              (Words{"a", "b c", "d \"e", "f g", ""}));
-    EXPECT_EQ(zentctl::split_words(""), Words{});
+              (Lines{"a", "b c", "d \"e", "f g", ""}));
+    EXPECT_EQ(zentctl::split_words(""), Lines{});
 }
-
-} // namespace support

@@ -13,12 +13,12 @@
 #include "tempdir.h"
 #include "zentctl_run.h"
 
-namespace support {
+using namespace support;
 
 TEST(Expand, a_prefix_a_range_and_a_group_become_one_sorted_list)
 {
     const ChildResult result =
-        zentctl({"expand", "239.1.2.0/30", "239.1.1.9-239.1.1.10", "239.1.2.1", "224.0.1.1"});
+        run_zentctl({"expand", "239.1.2.0/30", "239.1.1.9-239.1.1.10", "239.1.2.1", "224.0.1.1"});
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_EQ(result.out, "224.0.1.1\n239.1.1.9\n239.1.1.10\n239.1.2.0\n239.1.2.1\n239.1.2.2\n239.1.2.3\n");
     EXPECT_EQ(result.err, "");
@@ -26,7 +26,7 @@ TEST(Expand, a_prefix_a_range_and_a_group_become_one_sorted_list)
 
 TEST(Expand, one_range_is_told_as_the_options_of_the_agent)
 {
-    const ChildResult result = zentctl({"expand", "239.1.1.0/30", "239.1.1.4"});
+    const ChildResult result = run_zentctl({"expand", "239.1.1.0/30", "239.1.1.4"});
     EXPECT_EQ(result.err,
               "zentctl expand: ok      one-range: the same as a range: -g 239.1.1.0 -G 239.1.1.4\n");
     EXPECT_EQ(result.exit_code, 0);
@@ -36,7 +36,7 @@ TEST(Expand, a_list_may_have_comments_empty_lines_and_any_of_the_forms)
 {
     const TempDir dir;
     dir.write("list", "# head\r\n\n239.1.1.1 # one\n 239.1.2.0/31\n239.1.3.1 - 239.1.3.2\n");
-    EXPECT_EQ(zentctl({"expand", dir.path("list")}).out,
+    EXPECT_EQ(run_zentctl({"expand", dir.path("list")}).out,
               "239.1.1.1\n239.1.2.0\n239.1.2.1\n239.1.3.1\n239.1.3.2\n");
 }
 
@@ -45,30 +45,31 @@ TEST(Expand, what_is_no_group_is_an_error_and_nothing_is_printed)
     for (const char* text :
          {"10.0.0.0/24", "239.0.0.0/3", "240.0.0.1", "239.1.1.2-239.1.1.1", "239.255.255.0-240.0.0.1",
           "nosuchfile", "239.1.1.1/33", "239.1.1.1/", "239.1.1", "0xef010101", ""}) {
-        const ChildResult result = zentctl({"expand", "239.1.1.1", text});
+        const ChildResult result = run_zentctl({"expand", "239.1.1.1", text});
         EXPECT_EQ(result.exit_code, 1) << text;
         EXPECT_EQ(result.out, "") << text;
         EXPECT_NE(result.err.find("not-a-group"), std::string::npos) << text;
     }
     const TempDir dir;
     dir.write("list", "239.1.1.1\n  10.0.0.1\n");
-    EXPECT_NE(zentctl({"expand", dir.path("list")}).err.find("10.0.0.1 is not within 224.0.0.0/4, line 2"),
-              std::string::npos);
+    EXPECT_NE(
+        run_zentctl({"expand", dir.path("list")}).err.find("10.0.0.1 is not within 224.0.0.0/4, line 2"),
+        std::string::npos);
 }
 
 TEST(Expand, at_most_a_million_groups_or_fewer_by_option)
 {
-    EXPECT_EQ(zentctl({"expand", "239.0.0.0/12"}).exit_code, 1); // 1,048,576
-    EXPECT_EQ(zentctl({"expand", "224.0.0.0/4"}).exit_code, 1);
-    EXPECT_EQ(zentctl({"expand", "--max", "4", "239.1.1.0/30"}).exit_code, 0);
-    EXPECT_EQ(zentctl({"expand", "--max", "3", "239.1.1.0/30"}).exit_code, 1);
-    EXPECT_EQ(zentctl({"expand", "--max=1000001", "239.1.1.0/30"}).exit_code, 2);
-    EXPECT_EQ(zentctl({"expand", "--max", "0", "239.1.1.0/30"}).exit_code, 2);
+    EXPECT_EQ(run_zentctl({"expand", "239.0.0.0/12"}).exit_code, 1); // 1,048,576
+    EXPECT_EQ(run_zentctl({"expand", "224.0.0.0/4"}).exit_code, 1);
+    EXPECT_EQ(run_zentctl({"expand", "--max", "4", "239.1.1.0/30"}).exit_code, 0);
+    EXPECT_EQ(run_zentctl({"expand", "--max", "3", "239.1.1.0/30"}).exit_code, 1);
+    EXPECT_EQ(run_zentctl({"expand", "--max=1000001", "239.1.1.0/30"}).exit_code, 2);
+    EXPECT_EQ(run_zentctl({"expand", "--max", "0", "239.1.1.0/30"}).exit_code, 2);
 }
 
 TEST(Expand, a_million_groups_come_out_whole)
 {
-    const ChildResult result = zentctl({"expand", "239.0.0.0-239.15.66.63"});
+    const ChildResult result = run_zentctl({"expand", "239.0.0.0-239.15.66.63"});
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 1'000'000);
     EXPECT_TRUE(result.out.ends_with("\n239.15.66.63\n"));
@@ -76,7 +77,7 @@ TEST(Expand, a_million_groups_come_out_whole)
 
 TEST(Expand, bits_behind_a_prefix_are_dropped_with_a_warning)
 {
-    const ChildResult result = zentctl({"expand", "239.1.1.5/31"});
+    const ChildResult result = run_zentctl({"expand", "239.1.1.5/31"});
     EXPECT_EQ(result.out, "239.1.1.4\n239.1.1.5\n");
     EXPECT_NE(result.err.find("host-bits"), std::string::npos);
     EXPECT_EQ(result.exit_code, 0);
@@ -84,12 +85,12 @@ TEST(Expand, bits_behind_a_prefix_are_dropped_with_a_warning)
 
 TEST(Expand, last_octets_that_need_the_feature_exact_are_counted)
 {
-    EXPECT_NE(zentctl({"expand", "239.1.1.0/24"}).err.find("unmatched: 128 groups"), std::string::npos);
+    EXPECT_NE(run_zentctl({"expand", "239.1.1.0/24"}).err.find("unmatched: 128 groups"), std::string::npos);
 }
 
 TEST(Expand, json_holds_groups_and_range)
 {
-    EXPECT_EQ(zentctl({"expand", "--json", "239.1.1.0/31"}).out,
+    EXPECT_EQ(run_zentctl({"expand", "--json", "239.1.1.0/31"}).out,
               R"({"command":"expand","exit":0,"findings":[{"level":"ok","code":"one-range","text":)"
               R"("the same as a range: -g 239.1.1.0 -G 239.1.1.1"}],"data":{"count":2,)"
               R"("groups":["239.1.1.0","239.1.1.1"],"least":"239.1.1.0","most":"239.1.1.1"}})"
@@ -134,7 +135,7 @@ TEST(Expand, random_operands_give_what_a_plain_set_gives)
         for (const uint32_t group : model) {
             expected += zentctl::address_text(group) + "\n";
         }
-        const ChildResult result = zentctl(args);
+        const ChildResult result = run_zentctl(args);
         ASSERT_EQ(result.out, expected) << testing::PrintToString(args);
         const bool is_range = *model.rbegin() - *model.begin() + 1 == model.size();
         ASSERT_EQ(result.err.find("one-range") != std::string::npos, is_range)
@@ -144,21 +145,21 @@ TEST(Expand, random_operands_give_what_a_plain_set_gives)
 
 TEST(Zentctl, helps_with_each_command)
 {
-    const std::string all = zentctl({"help"}).out;
+    const std::string all = run_zentctl({"help"}).out;
     for (const zentctl::Command& command : zentctl::all_commands()) {
         EXPECT_NE(all.find(std::string("  ") + command.name + " "), std::string::npos) << command.name;
-        const ChildResult result = zentctl({"help", command.name});
+        const ChildResult result = run_zentctl({"help", command.name});
         EXPECT_EQ(result.exit_code, 0);
         EXPECT_NE(result.out.find(std::string("Usage: zentctl ") + command.name), std::string::npos);
-        EXPECT_EQ(zentctl({command.name, "--help"}).out, result.out);
+        EXPECT_EQ(run_zentctl({command.name, "--help"}).out, result.out);
     }
 }
 
 TEST(Zentctl, a_command_that_is_none_is_2)
 {
-    EXPECT_EQ(zentctl({"doctor"}).exit_code, 2);
-    EXPECT_EQ(zentctl({}).exit_code, 2);
-    EXPECT_EQ(zentctl({"help", "doctor"}).exit_code, 2);
+    EXPECT_EQ(run_zentctl({"doctor"}).exit_code, 2);
+    EXPECT_EQ(run_zentctl({}).exit_code, 2);
+    EXPECT_EQ(run_zentctl({"help", "doctor"}).exit_code, 2);
 }
 
 TEST(Zentctl, its_codes_are_words_each_told_once)
@@ -170,12 +171,10 @@ TEST(Zentctl, its_codes_are_words_each_told_once)
                   std::string::npos);
         EXPECT_NE(std::string(code.meaning), "");
     }
-    EXPECT_EQ(zentctl({"help", "codes"}).exit_code, 0);
+    EXPECT_EQ(run_zentctl({"help", "codes"}).exit_code, 0);
 }
 
 TEST(Zentctl, a_full_disk_is_no_success)
 {
     EXPECT_EQ(run_program({"sh", "-c", zentctl_path() + " expand 239.1.1.1 >/dev/full"}).exit_code, 2);
 }
-
-} // namespace support

@@ -15,7 +15,7 @@
 #include "zent.h"
 #include "zentctl_run.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
@@ -26,7 +26,7 @@ class Lint : public testing::Test {
         dir_.write("list", text);
         options.insert(options.begin(), "lint");
         options.push_back(dir_.path("list"));
-        return zentctl(options);
+        return run_zentctl(options);
     }
 
     // The line without the path before it.
@@ -190,10 +190,10 @@ TEST_F(Lint, reads_the_standard_input)
 
 TEST_F(Lint, what_cannot_be_read_is_no_verdict)
 {
-    const ChildResult result = zentctl({"lint", "--json", dir_.path("none")});
+    const ChildResult result = run_zentctl({"lint", "--json", dir_.path("none")});
     EXPECT_EQ(result.exit_code, 2);
     EXPECT_TRUE(has_finding(result.out, "error", "unreadable")) << result.out;
-    EXPECT_EQ(zentctl({"lint", dir_.path()}).exit_code, 2);
+    EXPECT_EQ(run_zentctl({"lint", dir_.path()}).exit_code, 2);
 }
 
 TEST_F(Lint, a_wrong_bound_is_a_usage_error)
@@ -202,7 +202,7 @@ TEST_F(Lint, a_wrong_bound_is_a_usage_error)
     EXPECT_EQ(lint("", {"-g", "here"}).exit_code, 2);
     EXPECT_EQ(lint("", {"-g", "239.2.0.0", "-G", "239.1.0.0"}).exit_code, 2);
     EXPECT_EQ(lint("", {"--nothing"}).exit_code, 2);
-    EXPECT_TRUE(has_finding(zentctl({"lint", "--json"}).out, "error", "usage"));
+    EXPECT_TRUE(has_finding(run_zentctl({"lint", "--json"}).out, "error", "usage"));
 }
 
 namespace {
@@ -346,5 +346,3 @@ TEST_F(Lint, with_exact_every_entry_has_an_effect)
         run_program({"env", "ZENT_FEATURES=exactly", zentctl_path(), "lint", dir_.path("list")}).exit_code,
         2);
 }
-
-} // namespace support

@@ -9,8 +9,9 @@
 #include "querier.h"
 #include "segment.h"
 #include "sender.h"
+#include "text.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
@@ -63,7 +64,6 @@ class QuerierTest : public testing::Test {
         return result;
     }
 
-    using Lines = std::vector<std::string>;
     int64_t now_ = 1000;
     Querier querier_{address("10.0.0.5"), 100'000, 1000};
 };
@@ -294,5 +294,3 @@ TEST(Segment, what_is_not_sound_says_nothing)
     damaged.back() ^= 1;
     EXPECT_EQ(said(damaged), "nothing");
 }
-
-} // namespace support

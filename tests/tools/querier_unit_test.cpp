@@ -8,7 +8,7 @@
 #include "match.h"
 #include "paths.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
@@ -69,5 +69,3 @@ TEST(QuerierUnit, has_the_right_to_capture_alone)
     EXPECT_NE(unit.find("\nDynamicUser=yes\n"), std::string::npos);
     EXPECT_EQ(unit.find("\nUser="), std::string::npos);
 }
-
-} // namespace support

@@ -12,13 +12,14 @@
 #include <gtest/gtest.h>
 
 #include "agent_run.h"
+#include "fixtures.h"
 #include "frames.h"
 #include "netns.h"
 #include "paths.h"
 #include "wait.h"
 #include "zentctl_run.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
@@ -73,27 +74,21 @@ class Ear {
     int fd_ = -1;
 };
 
-class QueryTest : public testing::Test {
+class QueryTest : public SegmentTest {
   protected:
-    void SetUp() override
-    {
-        if (const std::string missing = netns_missing(); !missing.empty()) {
-            GTEST_SKIP() << "skipped: " << missing;
-        }
-        pair_ = std::make_unique<NetnsPair>();
-    }
+    void SetUp() override { NEEDS_SEGMENT(); }
 
     Process query(std::vector<std::string> args) const
     {
         args.insert(args.begin(), {"query", "va"});
-        return start_in_a(*pair_, zentctl_command(args));
+        return start_in_a(segment(), zentctl_command(args));
     }
 
     ChildResult query_to_its_end(const std::vector<std::string>& args) const { return query(args).wait(); }
 
     void in_b(const std::string& command) const
     {
-        inside(*pair_, &NetnsPair::enter_b, [&] {
+        inside(segment(), &NetnsPair::enter_b, [&] {
             must_run(command);
             return 0;
         });
@@ -107,8 +102,6 @@ class QueryTest : public testing::Test {
             "mcast_query_interval 100 mcast_startup_query_interval 100 forward_delay 0 && ip link set vb master br0 && "
             "ip addr add 10.0.0.2/24 dev br0 && ip link set br0 up && ip link set br0 type bridge mcast_querier 1");
     }
-
-    std::unique_ptr<NetnsPair> pair_;
 };
 
 std::string bytes(const std::string& frame, size_t at, size_t count)
@@ -145,8 +138,8 @@ void expect_query(const std::string& frame, const std::string& mac, const std::s
 
 TEST_F(QueryTest, its_frames_are_those_of_rfc_2236)
 {
-    Ear ear(*pair_);
-    SegmentHost host(*pair_);
+    Ear ear(segment());
+    SegmentHost host(segment());
     Process querier = query({"--force", "--interval", "11"});
     expect_query(ear.next(0x11, "10.0.0.1"), "01005e000001", "e0000001", "1164ee9b00000000");
     host.use_igmp(2);
@@ -168,8 +161,8 @@ TEST_F(QueryTest, its_frames_are_those_of_rfc_2236)
 
 TEST_F(QueryTest, once_shows_who_reports_and_makes_kernel_hosts_speak_version_2)
 {
-    Ear ear(*pair_);
-    SegmentHost host(*pair_);
+    Ear ear(segment());
+    SegmentHost host(segment());
     host.join("239.1.2.3");
     host.join("239.1.2.200");
     const ChildResult result = query_to_its_end({"--once"});
@@ -183,7 +176,7 @@ TEST_F(QueryTest, once_shows_who_reports_and_makes_kernel_hosts_speak_version_2)
     expect_query(ear.next(0x11, "10.0.0.1"), "01005e000001", "e0000001", "1132eecd00000000");
     EXPECT_EQ(ear.next(0x11, "10.0.0.1", std::chrono::milliseconds(0)), ""); // one, and no second
     const std::string kernel =
-        inside(*pair_, &NetnsPair::enter_b, [] { return read_file("/proc/thread-self/net/igmp"); });
+        inside(segment(), &NetnsPair::enter_b, [] { return read_file("/proc/thread-self/net/igmp"); });
     EXPECT_NE(kernel.find("V2\n", kernel.find("vb")), std::string::npos) << kernel;
 }
 
@@ -198,7 +191,7 @@ TEST_F(QueryTest, once_without_an_answer_is_a_finding)
 TEST_F(QueryTest, a_bridge_with_the_higher_address_goes_quiet)
 {
     make_bridge();
-    Ear ear(*pair_, "vb");
+    Ear ear(segment(), "vb");
     ASSERT_NE(ear.next(0x11, "10.0.0.2"), ""); // it queries, each second
     Process querier = query({"--force"});
     ASSERT_TRUE(querier.wait_for_out("querier on va"));
@@ -210,12 +203,12 @@ TEST_F(QueryTest, a_bridge_with_the_higher_address_goes_quiet)
 
 TEST_F(QueryTest, is_quiet_where_a_bridge_has_the_lower_address)
 {
-    inside(*pair_, &NetnsPair::enter_a, [] {
+    inside(segment(), &NetnsPair::enter_a, [] {
         must_run("ip addr flush dev va scope global && ip addr add 10.0.0.9/24 dev va");
         return 0;
     });
     make_bridge();
-    Ear ear(*pair_, "vb");
+    Ear ear(segment(), "vb");
     Process querier = query({"--force", "--interval", "11"});
     EXPECT_TRUE(querier.wait_for_out("quiet: 10.0.0.2 queries and has the lower address\n")) << querier.out();
     ASSERT_NE(ear.next(0x11, "10.0.0.2"), ""); // the bridge goes on
@@ -231,7 +224,7 @@ TEST_F(QueryTest, refuses_beside_a_version_3_querier_unless_forced)
          "mcast_igmp_version 3 mcast_query_interval 50 mcast_startup_query_interval 50 forward_delay 0 && "
          "ip link set vb master br0 && ip addr add 10.0.0.2/24 dev br0 && ip link set br0 up && "
          "ip link set br0 type bridge mcast_querier 1");
-    Ear ear(*pair_, "vb");
+    Ear ear(segment(), "vb");
     ASSERT_NE(ear.next(0x11, "10.0.0.2"), "");
     const ChildResult refused = query_to_its_end({"--json"});
     EXPECT_EQ(refused.exit_code, 2);
@@ -243,7 +236,7 @@ TEST_F(QueryTest, refuses_beside_a_version_3_querier_unless_forced)
 
 TEST_F(QueryTest, is_refused_without_an_ipv4_address)
 {
-    inside(*pair_, &NetnsPair::enter_a, [] {
+    inside(segment(), &NetnsPair::enter_a, [] {
         must_run("ip -4 addr flush dev va");
         return 0;
     });
@@ -254,7 +247,7 @@ TEST_F(QueryTest, is_refused_without_an_ipv4_address)
 
 TEST_F(QueryTest, is_refused_on_an_interface_that_is_none)
 {
-    const ChildResult result = zentctl({"query", "--json", "nosuch0"});
+    const ChildResult result = run_zentctl({"query", "--json", "nosuch0"});
     EXPECT_EQ(result.exit_code, 2);
     EXPECT_TRUE(has_finding(result.out, "error", "no-interface")) << result.out;
 }
@@ -277,21 +270,21 @@ TEST_F(QueryTest, is_refused_without_the_right_to_capture)
     std::vector<std::string> argv{"setpriv", "--bounding-set=-all", "--inh-caps=-all", "--no-new-privs"};
     const auto command = zentctl_command({"query", "--json", "va"});
     argv.insert(argv.end(), command.begin(), command.end());
-    const ChildResult result = start_in_a(*pair_, argv).wait();
+    const ChildResult result = start_in_a(segment(), argv).wait();
     EXPECT_EQ(result.exit_code, 2);
     EXPECT_TRUE(has_finding(result.out, "error", "no-right")) << result.out << result.err;
 }
 
 TEST_F(QueryTest, needs_nothing_but_the_right_to_capture)
 {
-    Ear ear(*pair_);
+    Ear ear(segment());
     std::vector<std::string> argv{"setpriv",        "--reuid",        "65534",          "--regid",
                                   "65534",          "--clear-groups", "--inh-caps",     "-all,+net_raw",
                                   "--ambient-caps", "-all,+net_raw",  "--bounding-set", "-all,+net_raw",
                                   "--no-new-privs"};
     const auto command = zentctl_command({"query", "--force", "va"});
     argv.insert(argv.end(), command.begin(), command.end());
-    Process querier = start_in_a(*pair_, argv);
+    Process querier = start_in_a(segment(), argv);
     EXPECT_NE(ear.next(0x11, "10.0.0.1"), "") << querier.err();
     querier.kill(SIGTERM);
     EXPECT_EQ(querier.wait().exit_code, 0);
@@ -307,10 +300,11 @@ TEST_F(QueryTest, ends_when_the_interface_does)
 
 TEST_F(QueryTest, an_interval_at_or_below_the_response_time_is_a_usage_error)
 {
-    EXPECT_EQ(zentctl({"query", "lo", "--interval", "10"}).exit_code, 2);
-    EXPECT_TRUE(has_finding(zentctl({"query", "lo", "--interval", "10", "--json"}).out, "error", "usage"));
+    EXPECT_EQ(run_zentctl({"query", "lo", "--interval", "10"}).exit_code, 2);
     EXPECT_TRUE(
-        has_finding(zentctl({"query", "lo", "--once", "--interval", "20", "--json"}).out, "error", "usage"));
+        has_finding(run_zentctl({"query", "lo", "--interval", "10", "--json"}).out, "error", "usage"));
+    EXPECT_TRUE(has_finding(run_zentctl({"query", "lo", "--once", "--interval", "20", "--json"}).out, "error",
+                            "usage"));
 }
 
 namespace {
@@ -345,12 +339,10 @@ void expect_groups_after_one_query(const NetnsPair& pair, const std::string& fea
 
 TEST_F(QueryTest, a_restarted_agent_knows_its_groups_after_one_query)
 {
-    expect_groups_after_one_query(*pair_, "");
+    expect_groups_after_one_query(segment(), "");
 }
 
 TEST_F(QueryTest, a_restarted_agent_with_immediate_knows_its_groups_after_one_query)
 {
-    expect_groups_after_one_query(*pair_, "immediate");
+    expect_groups_after_one_query(segment(), "immediate");
 }
-
-} // namespace support

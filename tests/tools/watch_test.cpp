@@ -17,7 +17,7 @@
 #include "wait.h"
 #include "zentctl_run.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
@@ -39,7 +39,7 @@ class WatchTest : public testing::Test {
     {
         zentmon_ = Process({build_path("zentmon"), "--listen", "127.0.0.1:" + std::to_string(lines_),
                             "--http", "127.0.0.1:" + std::to_string(http_)});
-        EXPECT_TRUE(wait_until([&] { return zentctl({"groups", url()}).exit_code == 0; }));
+        EXPECT_TRUE(wait_until([&] { return run_zentctl({"groups", url()}).exit_code == 0; }));
     }
 
     void stop_zentmon()
@@ -54,7 +54,9 @@ class WatchTest : public testing::Test {
     bool say(const std::string& line, const std::string& in_table)
     {
         EXPECT_TRUE(sender_->send(line + "\n"));
-        return wait_until([&] { return zentctl({"groups", url()}).out.find(in_table) != std::string::npos; });
+        return wait_until([&] {
+            return run_zentctl({"groups", url()}).out.find(in_table) != std::string::npos;
+        });
     }
 
     int lines_ = 0;
@@ -133,17 +135,17 @@ TEST_F(WatchTest, groups_is_a_table_of_what_is_joined)
 {
     ASSERT_TRUE(say("JOIN UDP://239.1.2.3", "239.1.2.3"));
     ASSERT_TRUE(say("JOIN UDP://239.2.2.3", "239.2.2.3"));
-    const ChildResult all = zentctl({"groups", url()});
+    const ChildResult all = run_zentctl({"groups", url()});
     EXPECT_EQ(all.exit_code, 0);
     EXPECT_TRUE(all.out.starts_with(
         "GROUP            AGENT      SINCE                 JOINS  LEAVES  STATE\n239.1.2.3 "))
         << all.out;
     EXPECT_NE(all.out.find("1       0  joined\n"), std::string::npos) << all.out;
-    const ChildResult some = zentctl({"groups", "--filter", "239.2.0.0/16", url() + "/"});
+    const ChildResult some = run_zentctl({"groups", "--filter", "239.2.0.0/16", url() + "/"});
     EXPECT_EQ(some.out.find("239.1.2.3"), std::string::npos);
     EXPECT_NE(some.out.find("239.2.2.3"), std::string::npos);
-    EXPECT_EQ(zentctl({"groups", "--agent", "nobody here", url()}).out.find("239."), std::string::npos);
-    const ChildResult json = zentctl({"groups", "--json", url()});
+    EXPECT_EQ(run_zentctl({"groups", "--agent", "nobody here", url()}).out.find("239."), std::string::npos);
+    const ChildResult json = run_zentctl({"groups", "--json", url()});
     EXPECT_NE(json.out.find(R"("group":"239.1.2.3","agent":"127.0.0.1")"), std::string::npos) << json.out;
 }
 
@@ -189,11 +191,11 @@ TEST(Feed, nobody_at_the_url_is_told)
 {
     const std::string url = "http://127.0.0.1:" + std::to_string(free_port(SOCK_STREAM));
     for (const char* command : {"groups", "watch"}) {
-        const ChildResult result = zentctl({command, "--json", url});
+        const ChildResult result = run_zentctl({command, "--json", url});
         EXPECT_EQ(result.exit_code, 2);
         EXPECT_TRUE(has_finding(result.out, "error", "unreachable")) << result.out;
     }
-    EXPECT_EQ(zentctl({"groups", "ftp://127.0.0.1"}).exit_code, 2);
+    EXPECT_EQ(run_zentctl({"groups", "ftp://127.0.0.1"}).exit_code, 2);
 }
 
 TEST(Feed, the_servers_own_words_are_shown_when_it_refuses)
@@ -261,5 +263,3 @@ TEST(Feed, what_stands_in_a_query_is_encoded)
 {
     EXPECT_EQ(zentctl::percent_encoded("a b/239.1&\xc3\xa4"), "a%20b%2F239.1%26%C3%A4");
 }
-
-} // namespace support

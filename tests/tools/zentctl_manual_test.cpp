@@ -13,7 +13,7 @@
 #include "wait.h"
 #include "zentctl_run.h"
 
-namespace support {
+using namespace support;
 
 namespace {
 
@@ -207,5 +207,3 @@ TEST(Completions, of_zentmon_know_every_option)
         EXPECT_NE(in_fish.find(" -l " + name + " "), std::string::npos) << name;
     }
 }
-
-} // namespace support

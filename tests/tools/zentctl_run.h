@@ -23,7 +23,7 @@ inline std::vector<std::string> zentctl_command(std::vector<std::string> args)
     return args;
 }
 
-inline ChildResult zentctl(const std::vector<std::string>& args)
+inline ChildResult run_zentctl(const std::vector<std::string>& args)
 {
     return run_program(zentctl_command(args));
 }
