@@ -105,7 +105,7 @@ TEST(SysInfo, is_null_when_uname_fails_and_asks_again_the_next_time)
     EXPECT_EQ(get_sysinfo(), running_system());
 }
 
-TEST(AppInfo, is_the_banner)
+TEST(AppInfo, banner_names_the_program_its_description_the_system_and_the_checksum)
 {
     EXPECT_EQ(get_app_info("zent", nullptr),
               banner("zent", "Tavrel IGMP agent", running_system(), "f61e0a7b"));
@@ -118,7 +118,7 @@ TEST(AppInfo, without_a_checksum_has_that_of_the_build)
     EXPECT_NE(text.find("] f61e0a7b; built on "), std::string::npos) << text;
 }
 
-TEST(AppInfo, takes_another_checksum)
+TEST(AppInfo, banner_shows_a_checksum_that_is_given)
 {
     EXPECT_EQ(get_app_info("zent", "0badcafe"),
               banner("zent", "Tavrel IGMP agent", running_system(), "0badcafe"));
@@ -136,12 +136,12 @@ TEST(AppInfo, knows_the_relay_daemon)
               banner("tvd", "Tavrel relay daemon", running_system(), "f61e0a7b"));
 }
 
-TEST(AppInfo, of_an_unknown_program_stands_with_an_error_for_its_description)
+TEST(AppInfo, banner_of_an_unknown_program_has_the_error_text_for_its_description)
 {
     EXPECT_EQ(get_app_info("zentx", nullptr), banner("zentx", "#error#", running_system(), "f61e0a7b"));
 }
 
-TEST(AppInfo, of_a_prefix_of_a_program_is_that_of_an_unknown_one)
+TEST(AppInfo, banner_of_a_prefix_of_a_program_is_that_of_an_unknown_one)
 {
     EXPECT_EQ(get_app_info("zen", nullptr), banner("zen", "#error#", running_system(), "f61e0a7b"));
 }
@@ -169,7 +169,7 @@ TEST(AppInfo, keeps_the_null_of_a_failed_uname)
     EXPECT_EQ(g_uname.calls, 1);
 }
 
-TEST(AppInfo, of_254_characters_is_whole)
+TEST(AppInfo, banner_of_254_characters_is_whole)
 {
     const std::string name(254 - bare_length(), 'n');
     EXPECT_EQ(get_app_info(name.c_str(), nullptr), banner(name, "#error#", running_system(), "f61e0a7b"));
@@ -184,20 +184,20 @@ TEST(AppInfo, kept_of_255_characters_passes_and_loses_its_last_one)
     EXPECT_EQ(get_app_info(name.c_str(), nullptr), expected);
 }
 
-TEST(AppInfo, of_256_characters_is_an_error)
+TEST(AppInfo, banner_of_256_characters_becomes_the_error_text)
 {
     const std::string name(256 - bare_length(), 'n');
     EXPECT_STREQ(get_app_info(name.c_str(), nullptr), "#error#");
 }
 
-TEST(AppInfo, of_any_greater_length_is_an_error_and_stays_one)
+TEST(AppInfo, banner_of_any_greater_length_becomes_the_error_text_and_stays_it)
 {
     const std::string name(5000, 'n');
     EXPECT_STREQ(get_app_info(name.c_str(), nullptr), "#error#");
     EXPECT_STREQ(get_app_info("zent", nullptr), "#error#");
 }
 
-TEST(AppTag, is_name_and_version)
+TEST(AppTag, tag_is_name_and_version)
 {
     EXPECT_STREQ(get_app_tag("zent"), "zent/0.1-6.0 (master)");
 }
@@ -216,14 +216,14 @@ TEST(AppTag, has_room_for_127_characters_and_kept_loses_the_last_of_them)
     EXPECT_EQ(get_app_tag(name.c_str()), (name + rest).substr(0, 126));
 }
 
-TEST(AppTag, of_126_characters_is_whole)
+TEST(AppTag, tag_of_126_characters_is_whole)
 {
     const std::string rest = "/0.1-6.0 (master)";
     const std::string name(126 - rest.size(), 'n');
     EXPECT_EQ(get_app_tag(name.c_str()), name + rest);
 }
 
-TEST(AppTag, of_128_characters_is_an_error)
+TEST(AppTag, tag_of_128_characters_becomes_the_error_text)
 {
     const std::string rest = "/0.1-6.0 (master)";
     const std::string name(128 - rest.size(), 'n');

@@ -56,17 +56,17 @@ TEST_F(DaemonExit, without_arguments_is_1_with_the_usage_text)
     expect_usage({});
 }
 
-TEST_F(DaemonExit, of_the_question_mark_is_1_with_the_usage_text)
+TEST_F(DaemonExit, code_of_the_question_mark_is_1_with_the_usage_text)
 {
     expect_usage({"-?"});
 }
 
-TEST_F(DaemonExit, of_an_unknown_option_is_1_with_the_usage_text)
+TEST_F(DaemonExit, code_of_an_unknown_option_is_1_with_the_usage_text)
 {
     expect_usage({"-x"}, binary() + ": invalid option -- 'x'\n");
 }
 
-TEST_F(DaemonExit, of_an_option_without_its_argument_is_1_with_the_usage_text)
+TEST_F(DaemonExit, code_of_an_option_without_its_argument_is_1_with_the_usage_text)
 {
     expect_usage({"-T", "-i"}, binary() + ": option requires an argument -- 'i'\n");
 }
@@ -76,29 +76,29 @@ TEST_F(DaemonExit, without_an_interface_is_1_with_the_usage_text)
     expect_usage({"-T"}, "zent: interface must be specified\n");
 }
 
-TEST_F(DaemonExit, of_a_range_that_ends_before_it_begins_is_1)
+TEST_F(DaemonExit, code_of_a_range_that_ends_before_it_begins_is_1)
 {
     const ChildResult result = result_of({"-T", "-i", "va", "-g", "239.0.0.2", "-G", "239.0.0.1"});
     EXPECT_EQ(result.exit_code, 1);
     EXPECT_EQ(result.err, "zent: BAD g/G: min (0xef000002) > max (0xef000001) for group addresses\n");
 }
 
-TEST_F(DaemonExit, of_an_unknown_interface_is_2)
+TEST_F(DaemonExit, code_of_an_unknown_interface_is_2)
 {
     expect_refused({"-T", "-i", "nosuch"}, "Invalid interface name: nosuch\n");
 }
 
-TEST_F(DaemonExit, of_a_least_group_that_is_no_address_is_2)
+TEST_F(DaemonExit, code_of_a_least_group_that_is_no_address_is_2)
 {
     expect_refused({"-T", "-i", "va", "-g", "somewhere"}, "Invalid address: somewhere\n");
 }
 
-TEST_F(DaemonExit, of_a_greatest_group_that_is_not_multicast_is_2)
+TEST_F(DaemonExit, code_of_a_greatest_group_that_is_not_multicast_is_2)
 {
     expect_refused({"-T", "-i", "va", "-G", "10.0.0.1"}, "Non-multicast address: 10.0.0.1 (0x100000a)\n");
 }
 
-TEST_F(DaemonExit, of_a_user_without_capture_rights_is_2_with_the_reason_before_any_fork)
+TEST_F(DaemonExit, code_of_a_user_without_capture_rights_is_2_with_the_reason_before_any_fork)
 {
     const ChildResult result = result_of({"-i", "va", "-l", "/dev/null", "-p", path("pid")}, become_nobody);
     EXPECT_EQ(result.exit_code, 2);
@@ -107,21 +107,21 @@ TEST_F(DaemonExit, of_a_user_without_capture_rights_is_2_with_the_reason_before_
     EXPECT_NE(result.err.find("ermission"), std::string::npos) << result.err;
 }
 
-TEST_F(DaemonExit, of_a_list_that_cannot_be_read_is_2)
+TEST_F(DaemonExit, code_of_a_list_that_cannot_be_read_is_2)
 {
     EXPECT_EQ(result_of({"-T", "-i", "va", "-l", path("log"), "-F", path("no-list")}).exit_code, 2);
     EXPECT_NE(log().find("(ERR)  load_group_list: failed to open ["), std::string::npos);
     EXPECT_NE(log().find("(INF)  zent is exiting with rc=2\n"), std::string::npos);
 }
 
-TEST_F(DaemonExit, of_a_log_that_cannot_be_opened_is_2)
+TEST_F(DaemonExit, code_of_a_log_that_cannot_be_opened_is_2)
 {
     const ChildResult result = result_of({"-T", "-i", "va", "-l", path("missing/log")});
     EXPECT_EQ(result.exit_code, 2);
     EXPECT_NE(result.err.find("do_open: uid/gig=0/0 fopen("), std::string::npos) << result.err;
 }
 
-TEST_F(DaemonExit, of_a_signal_is_0)
+TEST_F(DaemonExit, code_of_a_signal_is_0)
 {
     Process zent = foreground({"-T", "-i", "va", "-l", path("log")});
     ASSERT_TRUE(wait_for_log(" is running as UID="));

@@ -27,7 +27,7 @@ TEST_F(DaemonLife, has_a_session_that_it_does_not_lead_and_no_terminal)
     EXPECT_EQ(daemon.stat().terminal, 0);
 }
 
-TEST_F(DaemonLife, of_root_has_umask_0_and_stands_in_the_root_directory)
+TEST_F(DaemonLife, daemon_of_root_has_umask_0_and_stands_in_the_root_directory)
 {
     const Daemon daemon = start_usual();
     EXPECT_EQ(proc_status(daemon.pid(), "Umask"), "0000");
@@ -85,7 +85,7 @@ TEST_F(DaemonLife, says_on_stderr_what_happens_before_the_log_is_open_and_nothin
     EXPECT_EQ(read_file(path("stdout")), "");
 }
 
-TEST_F(DaemonLife, in_the_foreground_keeps_parent_directory_and_descriptors)
+TEST_F(DaemonLife, agent_in_the_foreground_keeps_parent_directory_and_descriptors)
 {
     Process zent = foreground({"-T", "-i", "va", "-l", path("log")});
     ASSERT_TRUE(wait_for_log(" is running as UID=0, pid="));
@@ -98,7 +98,7 @@ TEST_F(DaemonLife, in_the_foreground_keeps_parent_directory_and_descriptors)
     EXPECT_EQ(zent.wait().exit_code, 0);
 }
 
-TEST_F(DaemonLife, in_the_foreground_does_not_change_the_user)
+TEST_F(DaemonLife, agent_in_the_foreground_does_not_change_the_user)
 {
     Process zent = foreground({"-T", "-i", "va", "-l", path("log"), "-u", "nobody"});
     ASSERT_TRUE(wait_for_log(" is running as UID=0, pid="));

@@ -33,7 +33,7 @@ TEST_F(DaemonLog, that_stands_there_is_moved_aside_under_its_modification_time)
     EXPECT_EQ(log().find("old"), std::string::npos);
 }
 
-TEST_F(DaemonLog, of_each_run_is_kept_by_the_next)
+TEST_F(DaemonLog, log_of_each_run_is_kept_by_the_next)
 {
     Daemon first = start_usual();
     first.stop();
@@ -95,7 +95,7 @@ TEST_F(DaemonLog, that_cannot_be_opened_ends_the_daemon_with_2_and_the_reason_on
         << read_file(path("stderr"));
 }
 
-TEST_F(DaemonLog, of_a_path_above_128_characters_is_refused)
+TEST_F(DaemonLog, log_path_above_128_characters_is_refused)
 {
     const std::string name(129, 'l');
     Daemon daemon = start({"-i", "va", "-l", name, "-p", path("pid")});
@@ -104,7 +104,7 @@ TEST_F(DaemonLog, of_a_path_above_128_characters_is_refused)
               std::string::npos);
 }
 
-TEST_F(DaemonLog, at_info_shows_the_start_and_the_end)
+TEST_F(DaemonLog, log_at_info_shows_the_start_and_the_end)
 {
     Daemon daemon = start_usual();
     daemon.stop();
@@ -117,7 +117,7 @@ TEST_F(DaemonLog, at_info_shows_the_start_and_the_end)
     EXPECT_EQ(log().find("(DBG)"), std::string::npos);
 }
 
-TEST_F(DaemonLog, at_norm_has_the_relay_lines_alone)
+TEST_F(DaemonLog, log_at_norm_has_the_relay_lines_alone)
 {
     Daemon daemon = start({"-i", "va", "-l", path("log"), "-p", path("pid"), "-L", "norm"});
     ASSERT_TRUE(wait_until([&] { return file_exists(path("pid")); }));
@@ -142,7 +142,7 @@ TEST_F(DaemonLog, kept_at_debug_a_daemon_mirrors_to_a_closed_stderr_and_runs_on)
     EXPECT_NE(log().find("(DBG)  reporter_setup: reporting to STDOUT\n"), std::string::npos) << log();
 }
 
-TEST_F(DaemonLog, at_debug_in_the_foreground_goes_to_stderr_too)
+TEST_F(DaemonLog, log_at_debug_in_the_foreground_goes_to_stderr_too)
 {
     Process zent = foreground({"-T", "-i", "va", "-l", path("log"), "-L", "section"});
     EXPECT_TRUE(zent.wait_for_err("(DBG)  app_run: waiting for packets\n"));

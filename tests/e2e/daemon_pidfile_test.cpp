@@ -116,7 +116,7 @@ TEST_F(DaemonPidFile, kept_is_required_of_a_daemon_which_the_starter_does_not_le
     EXPECT_NE(log().find("(INF)  zent is exiting with rc=2\n"), std::string::npos) << log();
 }
 
-TEST_F(DaemonPidFile, in_a_directory_that_is_missing_ends_it_with_2)
+TEST_F(DaemonPidFile, pid_file_in_a_missing_directory_ends_the_agent_with_2)
 {
     Daemon daemon = start({"-i", "va", "-l", path("log"), "-p", path("missing/pid")});
     EXPECT_EQ(daemon.starter.exit_code, 0);

@@ -70,7 +70,7 @@ TEST_F(DaemonRelay, kept_its_socket_takes_the_place_of_stderr)
     EXPECT_TRUE(daemon.fd(2).starts_with("socket:[")) << daemon.fd(2);
 }
 
-TEST_F(DaemonRelay, gets_one_datagram_for_each_change_and_the_pid_file_none)
+TEST_F(DaemonRelay, relay_gets_one_datagram_for_each_change_and_the_pid_file_none)
 {
     const Relay relay(segment());
     Daemon daemon = start_usual({"-R", relay.target(), "-g", "239.0.0.0"});
@@ -87,7 +87,7 @@ TEST_F(DaemonRelay, gets_one_datagram_for_each_change_and_the_pid_file_none)
     EXPECT_TRUE(relay.is_empty());
 }
 
-TEST_F(DaemonRelay, gets_nothing_of_the_text_of_the_signal_handler)
+TEST_F(DaemonRelay, relay_gets_nothing_of_the_text_of_the_signal_handler)
 {
     const Relay relay(segment());
     Daemon daemon = start_usual({"-R", relay.target(), "-L", "debug"});

@@ -32,17 +32,17 @@ class DaemonSignal : public DaemonTest {
     }
 };
 
-TEST_F(DaemonSignal, sigterm_stops_it)
+TEST_F(DaemonSignal, sigterm_stops_the_agent)
 {
     expect_clean_end(SIGTERM);
 }
 
-TEST_F(DaemonSignal, sigint_stops_it)
+TEST_F(DaemonSignal, sigint_stops_the_agent)
 {
     expect_clean_end(SIGINT);
 }
 
-TEST_F(DaemonSignal, sigquit_stops_it)
+TEST_F(DaemonSignal, sigquit_stops_the_agent)
 {
     expect_clean_end(SIGQUIT);
 }
@@ -83,7 +83,7 @@ TEST_F(DaemonSignal, sigint_is_told_by_its_number)
     EXPECT_NE(result.err.find("\nSIG(2)\n"), std::string::npos) << result.err;
 }
 
-TEST_F(DaemonSignal, at_the_end_joined_groups_are_not_left)
+TEST_F(DaemonSignal, groups_that_are_joined_at_the_end_are_not_left)
 {
     Process zent = foreground({"-T", "-i", "va", "-l", path("log")});
     ASSERT_TRUE(wait_for_log(" is running as UID="));

@@ -45,7 +45,7 @@ class DaemonSyslog : public DaemonTest {
     int socket_ = -1;
 };
 
-TEST_F(DaemonSyslog, gets_errors_with_facility_local0_name_and_process_id)
+TEST_F(DaemonSyslog, errors_go_to_syslog_with_facility_local0_name_and_process_id)
 {
     Daemon daemon = start({"-i", "va", "-l", path("log"), "-p", path("pid"), "-F", path("no-list")});
     const std::string pid = std::to_string(daemon.pid());
@@ -61,14 +61,14 @@ TEST_F(DaemonSyslog, gets_errors_with_facility_local0_name_and_process_id)
         << log();
 }
 
-TEST_F(DaemonSyslog, gets_nothing_of_a_run_without_errors)
+TEST_F(DaemonSyslog, a_run_without_errors_sends_nothing_to_syslog)
 {
     Daemon daemon = start_usual();
     EXPECT_EQ(daemon.stop().exit_code, 0);
     EXPECT_EQ(received(), std::vector<std::string>{});
 }
 
-TEST_F(DaemonSyslog, gets_nothing_of_what_fails_before_the_pid_file_stands)
+TEST_F(DaemonSyslog, what_fails_before_the_pid_file_stands_sends_nothing_to_syslog)
 {
     Daemon daemon = start({"-i", "va", "-l", path("log")});
     EXPECT_EQ(daemon.wait().exit_code, 2);
@@ -76,7 +76,7 @@ TEST_F(DaemonSyslog, gets_nothing_of_what_fails_before_the_pid_file_stands)
     EXPECT_EQ(received(), std::vector<std::string>{});
 }
 
-TEST_F(DaemonSyslog, gets_nothing_of_an_agent_in_the_foreground)
+TEST_F(DaemonSyslog, an_agent_in_the_foreground_sends_nothing_to_syslog)
 {
     const ChildResult result =
         foreground({"-T", "-i", "va", "-l", path("log"), "-F", path("no-list")}).wait();
@@ -84,7 +84,7 @@ TEST_F(DaemonSyslog, gets_nothing_of_an_agent_in_the_foreground)
     EXPECT_EQ(received(), std::vector<std::string>{});
 }
 
-TEST_F(DaemonSyslog, gets_errors_whatever_the_level)
+TEST_F(DaemonSyslog, errors_go_to_syslog_whatever_the_level)
 {
     Daemon daemon =
         start({"-i", "va", "-l", "/dev/null", "-p", path("pid"), "-L", "err", "-F", path("no-list")});

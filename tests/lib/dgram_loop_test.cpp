@@ -187,7 +187,7 @@ void check_times(const Daemon& daemon)
 
 class DgramLoop : public support::GuardedTest {};
 
-TEST_F(DgramLoop, raw_datagrams)
+TEST_F(DgramLoop, raw_datagrams_have_the_times_of_their_arrival)
 {
     log.set_level(ERR_level);
     constexpr size_t kDatagrams = 300;

@@ -110,7 +110,7 @@ class Dgram : public support::GuardedTest {
 
 } // namespace
 
-TEST_F(Dgram, sizes)
+TEST_F(Dgram, constants_have_their_values)
 {
     EXPECT_EQ(MAX_TSLOTS, 100);
     EXPECT_EQ(DGRAM_INCR, 8);
@@ -156,7 +156,7 @@ TEST_F(Dgram, preconditions_of_an_index)
     expect_abort("free_dgram_idx", [] { free_dgram_idx(nullptr); });
 }
 
-TEST_F(Dgram, memory_runs_out)
+TEST_F(Dgram, an_index_without_memory_is_null_and_told)
 {
     {
         const FailAllocation fail(1);
@@ -174,7 +174,7 @@ TEST_F(Dgram, memory_runs_out)
     EXPECT_EQ(log.lines(), Lines{"(ERR)  mk_dgram_idx: failed to reserve 4 elements"});
 }
 
-TEST_F(Dgram, life_is_told)
+TEST_F(Dgram, debug_lines_tell_of_an_index_from_its_making_to_its_end)
 {
     log.set_level(DEBUG_level);
     dgram_idx* di = mk_dgram_idx(4, 2500);

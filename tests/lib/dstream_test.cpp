@@ -157,7 +157,7 @@ TEST_F(ProbeSegment, a_part_of_a_packet_makes_it_raw)
     EXPECT_EQ(log.text(), "") << "from an unknown type it is no switch";
 }
 
-TEST_F(ProbeSegment, type_switches)
+TEST_F(ProbeSegment, the_type_follows_what_a_segment_holds)
 {
     size_t plen = 0;
     EXPECT_EQ(probe(repeat(plain_packet(), 2), STY_RAW.num, &plen), STY_MPEGTS.num);
@@ -517,7 +517,7 @@ TEST_F(ExtractPayload, the_hint_keeps_rtp_out)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(ExtractPayload, two_packets)
+TEST_F(ExtractPayload, two_transport_packets_behind_an_rtp_header_are_given_alone)
 {
     const Buffer payload = join({pat_packet(), plain_packet()});
     Buffer bytes = rtp(payload);

@@ -323,7 +323,7 @@ TEST(TsFindHead, time_stamps_stand_before_the_first_packet)
     EXPECT_EQ(size, 192U);
 }
 
-TEST(TsFindHead, no_sync_byte)
+TEST(TsFindHead, bytes_without_a_sync_byte_have_no_head)
 {
     size_t size = kUntouched;
     EXPECT_EQ(ts_find_head(nullptr, 0, &size), -1);
@@ -416,7 +416,7 @@ TEST(TsFindHead, agrees_with_its_description_on_random_buffers)
 
 class TsPcrDelta : public support::GuardedTest {};
 
-TEST_F(TsPcrDelta, across_the_wrap)
+TEST_F(TsPcrDelta, a_clock_that_wraps_goes_on_counting)
 {
     EXPECT_EQ(ts_pcr_delta(P2_33 - 100, 50), 150U);
     EXPECT_EQ(ts_pcr_delta(P2_33 - 44999, 0), 44999U);
@@ -440,13 +440,13 @@ TEST_F(TsPcrDelta, kept_after_a_clock_of_zero_any_distance_is_believed)
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(TsPcrDelta, backwards)
+TEST_F(TsPcrDelta, a_clock_that_runs_backwards_is_a_warning_and_0)
 {
     EXPECT_EQ(ts_pcr_delta(100, 99), 0U);
     EXPECT_EQ(log.lines(), Lines{"(WRN)  ts_pcr_delta: PCR last=99 < first=100 diff=18446744073709551615"});
 }
 
-TEST_F(TsPcrDelta, too_far)
+TEST_F(TsPcrDelta, a_gap_of_more_than_half_a_second_is_a_warning_and_0)
 {
     EXPECT_EQ(ts_pcr_delta(10, 45010), 45000U);
     EXPECT_EQ(ts_pcr_delta(10, 10), 0U);
@@ -480,7 +480,7 @@ TEST(FindPcr, kept_the_packet_at_the_start_is_not_the_last_one)
     EXPECT_EQ(last_pcr(pcr_packet(1000), 188, &pcr), -1);
 }
 
-TEST(FindPcr, none)
+TEST(FindPcr, a_stream_without_a_clock_has_none_and_leaves_the_result_alone)
 {
     uint64_t pcr = kUntouched;
     EXPECT_EQ(first_pcr(repeat(plain_packet(), 4), 188, &pcr), -1);

@@ -356,7 +356,7 @@ TEST_F(NetopsText, domain_bytes_beyond_the_path_field_are_not_read)
     g_getnameinfo_rc = 0;
 }
 
-TEST(NetopsDump, address_line)
+TEST(NetopsDump, an_address_is_shown_behind_its_title_and_family)
 {
     sockaddr_storage v4 = addr("192.0.2.1", 80);
     sockaddr_storage v6 = addr("::1", 443);
@@ -379,7 +379,7 @@ TEST(NetopsDump, address_that_cannot_be_shown_is_told_on_the_stream)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(NetopsDump, look_up_result)
+TEST(NetopsDump, a_look_up_result_is_shown_with_all_its_fields)
 {
     sockaddr_storage ss = addr("192.0.2.1", 80);
     addrinfo ai{};

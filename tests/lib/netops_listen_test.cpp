@@ -454,7 +454,7 @@ TEST_F(NetopsDomain, kept_quit_is_told_as_connected)
     g_quit = 0;
 }
 
-TEST_F(NetopsOptions, tcp_switches)
+TEST_F(NetopsOptions, nodelay_and_cork_are_turned_on_and_off)
 {
     log.set_level(INFO_level);
     const Fd fd(socket(AF_INET, SOCK_STREAM, 0));
@@ -490,7 +490,7 @@ TEST_F(NetopsOptions, failures_are_logged_once_by_the_checked_call)
     fails(set_send_timeout(999, 1), "set_socket_timeout");
 }
 
-TEST_F(NetopsOptions, keepalive)
+TEST_F(NetopsOptions, keepalive_is_turned_on_and_off)
 {
     log.set_level(DEBUG_level);
     const Fd fd(socket(AF_INET, SOCK_STREAM, 0));

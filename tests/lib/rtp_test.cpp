@@ -52,7 +52,7 @@ TEST(Rtp, sizes_and_types)
     EXPECT_EQ(P_MPGTS, 33);
 }
 
-TEST(Rtp, accessors)
+TEST(Rtp, accessors_give_the_fields_of_the_header)
 {
     const Buffer all = {0xff, 0xff, 0x12, 0x34, 7};
     EXPECT_EQ(rtp_version(all.data()), 3U);
@@ -146,7 +146,7 @@ TEST(RtpHeader, may_exceed_the_packet)
     EXPECT_EQ(header_len(bytes), 12 + 65536 * 4);
 }
 
-TEST(RtpHeader, extension)
+TEST(RtpHeader, an_extension_counts_by_its_length_field)
 {
     Buffer bytes = rtp_packet(0x90, 33);
     bytes[15] = 2;

@@ -912,7 +912,7 @@ TEST(WebHeader, numbers_of_a_header)
     EXPECT_EQ(extract_num_hdr("N:", ("N: " + std::string(31, '9') + "\r\n").c_str(), 0), LONG_MAX);
 }
 
-TEST(WebReset, releases_and_zeroes)
+TEST(WebReset, a_reset_releases_the_location_and_zeroes_the_rest)
 {
     struct http_resp_ctx ctx = {302, 10, 5, "type", 7, strdup("loc")};
     LogCapture log(DEBUG_level);

@@ -332,7 +332,7 @@ TEST(WebFullUrl, missing_parts_give_22)
     EXPECT_STREQ(buf, "#");
 }
 
-TEST(WebPathQuery, copies_both)
+TEST(WebPathQuery, path_and_query_are_copied)
 {
     char path[4];
     char query[4];
@@ -345,7 +345,7 @@ TEST(WebPathQuery, copies_both)
     EXPECT_STREQ(query, "");
 }
 
-TEST(WebPathQuery, failures_are_told)
+TEST(WebPathQuery, failures_of_path_and_query_are_told)
 {
     char path[4] = "#";
     char query[4] = "#";

@@ -143,7 +143,7 @@ TEST(ZentctlManual, its_examples_run_as_written)
     EXPECT_EQ(read_file(dir.path() + "/groups.txt").substr(0, 20), "239.1.0.0\n239.1.0.1\n");
 }
 
-TEST(Completions, of_bash)
+TEST(Completions, complete_commands_and_options_in_bash)
 {
     EXPECT_EQ(bash("zentctl", "zentctl ch"), "check\n");
     EXPECT_EQ(bash("zentctl", "zentctl query --"), "--once --interval --force --json --help\n");
@@ -153,7 +153,7 @@ TEST(Completions, of_bash)
     EXPECT_EQ(bash("zentmon", "zentmon --mqtt-us"), "--mqtt-user\n");
 }
 
-TEST(Completions, of_bash_know_every_option)
+TEST(Completions, in_bash_know_every_option_of_zentctl)
 {
     for (const zentctl::Command& command : zentctl::all_commands()) {
         const std::string words = " " + bash("zentctl", std::string("zentctl ") + command.name + " -");
@@ -164,7 +164,7 @@ TEST(Completions, of_bash_know_every_option)
     }
 }
 
-TEST(Completions, of_fish)
+TEST(Completions, complete_commands_and_options_in_fish)
 {
     if (!has_program("fish")) {
         GTEST_SKIP() << "skipped: fish is not installed";
@@ -179,7 +179,7 @@ TEST(Completions, of_fish)
     EXPECT_NE(fish("zentmon", "zentmon --mqtt-us").find("--mqtt-user"), std::string::npos);
 }
 
-TEST(Completions, of_zsh)
+TEST(Completions, complete_commands_and_options_in_zsh)
 {
     if (!has_program("zsh")) {
         GTEST_SKIP() << "skipped: zsh is not installed";
@@ -191,7 +191,7 @@ TEST(Completions, of_zsh)
 }
 
 // Each option of zentmon's own help stands in its three completions.
-TEST(Completions, of_zentmon_know_every_option)
+TEST(Completions, know_every_option_of_zentmon)
 {
     const std::string help = run_program({build_path("zentmon"), "--help"}).out;
     if (help.empty()) {
