@@ -140,6 +140,8 @@ void refused(const Sources& s, Writer& w)
     for (size_t i = 0; i < s.counters.bad_lines.of.size(); ++i) {
         w.value("reason", bad_line_name(static_cast<BadLine>(i)), s.counters.bad_lines.of[i]);
     }
+    w.family("zentmon_empty_datagrams_total", "counter", "Datagrams without a byte: they mean nothing.");
+    w.value(s.counters.empty_datagrams);
     w.family("zentmon_denied_total", "counter", "Datagrams of sources that --allow does not name.");
     w.value(s.counters.denied);
     w.family("zentmon_limit_dropped_total", "counter", "Lines that a limit refused.");

@@ -265,6 +265,7 @@ TEST(MonApi, metrics_pass_promtool)
           "process_cpu_seconds_total ", "process_open_fds ", "process_start_time_seconds 1"}) {
         EXPECT_NE(answer.body.find(std::string("\n") + line), std::string::npos) << line;
     }
+    EXPECT_NE(answer.body.find("\nzentmon_empty_datagrams_total 0\n"), std::string::npos);
     EXPECT_EQ(answer.body.find("group=\""), std::string::npos);
     if (access("/usr/bin/promtool", X_OK) != 0) {
         GTEST_SKIP() << "promtool (package prometheus) is not installed";
