@@ -2,10 +2,7 @@
 #include "logsink.h"
 
 #include <cerrno>
-#include <chrono>
-#include <csignal>
 #include <fcntl.h>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -16,6 +13,7 @@ namespace zentmon {
 namespace {
 
 constexpr size_t kRing = size_t{1} << 18; // bytes that wait
+constexpr int64_t kLastWordsMs = 1000;    // for what is left at the end
 
 // All of a text, as far as the file takes it.
 void write_all(int fd, const std::string& text)
@@ -78,20 +76,12 @@ int LogSink::start_stream()
         return errno;
     }
     setvbuf(stream_, nullptr, _IOLBF, 4096);
-    // Signals are for the thread of the loop.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &before);
-    int error = 0;
-    try {
-        thread_ = std::thread([this] { work(); });
-    } catch (const std::system_error& failure) {
-        error = failure.code().value();
+    if (worker_.start("zentmon-log", [this] { work(); }) != 0) {
+        const int error = errno;
         fclose(std::exchange(stream_, nullptr));
+        return error;
     }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return error;
+    return 0;
 }
 
 LogSink::~LogSink()
@@ -108,15 +98,13 @@ bool LogSink::stop()
     fclose(stream_);
     stream_ = nullptr;
     {
-        std::unique_lock<std::mutex> lock(mutex_);
+        const std::lock_guard<std::mutex> lock(mutex_);
         ends_ = true;
         fresh_.notify_one();
-        if (!empty_.wait_for(lock, std::chrono::seconds(1), [this] { return ring_.empty() && !busy_; })) {
-            thread_.detach();
-            return false;
-        }
     }
-    thread_.join();
+    if (!worker_.join_within(kLastWordsMs)) {
+        return false;
+    }
     close_file();
     return true;
 }
@@ -148,7 +136,6 @@ void LogSink::work()
         }
         piece.clear();
         piece.swap(ring_);
-        busy_ = true;
         lock.unlock();
         if (reopen_.exchange(false)) {
             const int fresh = open_file();
@@ -158,8 +145,6 @@ void LogSink::work()
         }
         write_all(fd_, piece);
         lock.lock();
-        busy_ = false;
-        empty_.notify_one();
     }
 }
 

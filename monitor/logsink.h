@@ -10,7 +10,8 @@
 #include <cstdio>
 #include <mutex>
 #include <string>
-#include <thread>
+
+#include "worker.h"
 
 namespace zentmon {
 
@@ -50,13 +51,11 @@ class LogSink {
     FILE* stream_ = nullptr;
     std::mutex mutex_;
     std::condition_variable fresh_;
-    std::condition_variable empty_;
     std::string ring_; // what is not written yet
-    bool busy_ = false;
     bool ends_ = false;
     std::atomic<bool> reopen_{false};
     std::atomic<uint64_t> dropped_{0};
-    std::thread thread_;
+    Worker worker_;
 };
 
 } // namespace zentmon

@@ -50,6 +50,7 @@ int Worker::start(const char* name, std::function<void()> body)
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (error != 0) {
         log_err("%s: no thread: %s\n", name, strerror(error));
+        errno = error;
         return -1;
     }
     pthread_setname_np(life->thread.native_handle(), name);

@@ -16,7 +16,7 @@ class Worker {
 
     // Runs body in a thread of that name (15 characters) with all signals blocked: they are the loop's. What
     // body uses must live as long as the thread may, since it may be left behind: hold it by shared_ptr. 0,
-    // or -1 with a line where the system gives no thread.
+    // or -1 with errno and a line where the system gives no thread.
     int start(const char* name, std::function<void()> body);
 
     // Waits for the end of body. False where the time is over: the thread hangs in the kernel and is left
