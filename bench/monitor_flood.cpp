@@ -1,9 +1,12 @@
 // Sends lines to a receiver as agents would: each agent from an address of its own in 127.1.0.0/16, each line
 // a change: JOIN of all groups of all agents, then LEAVE of all, and again.
 //
-// usage: monitor_flood PORT LINES_PER_SECOND TOTAL AGENTS GROUPS
+// usage: monitor_flood PORT LINES_PER_SECOND TOTAL AGENTS GROUPS [SENDERS]
 //
-// A rate of 0 is as fast as it goes. It says "sent N seconds S" on stdout.
+// A rate of 0 is as fast as it goes. SENDERS processes share the agents (1). A sender that was late does not
+// send more than 2 ms of its lines at once: the rate is that of each moment. It says "sent N seconds S" on
+// stdout.
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdint>
 #include <cstdio>
@@ -13,11 +16,14 @@
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
 
-constexpr size_t kBatch = 25; // lines of one agent at a time
+constexpr size_t kBatch = 25;       // lines of one agent at a time
+constexpr double kMostLate = 0.002; // what is later is not made up for
 
 double seconds()
 {
@@ -56,28 +62,32 @@ void wait_for(double due)
 
 class Flood {
   public:
-    Flood(uint16_t port, size_t agents, size_t groups) : groups_(groups)
+    // Of the agents from the first on, each `step`-th one.
+    Flood(uint16_t port, size_t first, size_t step, size_t agents, size_t groups)
     {
         const struct rlimit files = {65536, 65536};
         setrlimit(RLIMIT_NOFILE, &files);
-        for (size_t i = 0; i < agents; ++i) {
+        for (size_t i = first; i < agents; i += step) {
             sockets_.push_back(open_agent(static_cast<unsigned>(i), port));
+        }
+        for (size_t i = 0; i < groups; ++i) {
+            const std::string group = "239." + std::to_string(1 + (i >> 16 & 0x7f)) + "." +
+                                      std::to_string(i >> 8 & 0xff) + "." + std::to_string(i & 0xff) + "\n";
+            joins_.push_back("JOIN UDP://" + group);
+            leaves_.push_back("LEAVE UDP://" + group);
         }
     }
 
     // The next lines of one agent. How many were sent.
     size_t send_batch(size_t most)
     {
-        char text[kBatch][40];
+        std::vector<std::string>& lines = leaving_ ? leaves_ : joins_;
         struct iovec iov[kBatch];
         struct mmsghdr messages[kBatch] = {};
         size_t count = 0;
-        for (; count < kBatch && count < most && group_ + count < groups_; ++count) {
-            const auto group = static_cast<unsigned>(group_ + count);
-            const int n = snprintf(text[count], sizeof text[count], "%s UDP://239.%u.%u.%u\n",
-                                   leaving_ ? "LEAVE" : "JOIN", 1 + (group >> 16 & 0x7f), group >> 8 & 0xff,
-                                   group & 0xff);
-            iov[count] = {text[count], static_cast<size_t>(n)};
+        for (; count < kBatch && count < most && group_ + count < lines.size(); ++count) {
+            std::string& line = lines[group_ + count];
+            iov[count] = {line.data(), line.size()};
             messages[count].msg_hdr.msg_iov = &iov[count];
             messages[count].msg_hdr.msg_iovlen = 1;
         }
@@ -90,7 +100,7 @@ class Flood {
     void advance(size_t sent)
     {
         group_ += sent;
-        if (group_ < groups_) {
+        if (group_ < joins_.size()) {
             return;
         }
         group_ = 0;
@@ -101,32 +111,51 @@ class Flood {
     }
 
     std::vector<int> sockets_;
-    size_t groups_;
+    std::vector<std::string> joins_, leaves_; // a line each group
     size_t group_ = 0;
     size_t agent_ = 0;
     bool leaving_ = false;
 };
 
-} // namespace
-
-int main(int argc, char** argv)
+// Sends at a rate. How many.
+size_t run(Flood& flood, double rate, size_t total)
 {
-    if (argc != 6) {
-        fprintf(stderr, "usage: monitor_flood PORT LINES_PER_SECOND TOTAL AGENTS GROUPS\n");
-        return 2;
-    }
-    const double rate = atof(argv[2]);
-    const auto total = static_cast<size_t>(atol(argv[3]));
-    Flood flood(static_cast<uint16_t>(atoi(argv[1])), static_cast<size_t>(atol(argv[4])),
-                static_cast<size_t>(atol(argv[5])));
-    const double start = seconds();
+    double start = seconds();
     size_t sent = 0;
     while (sent < total) {
         sent += flood.send_batch(total - sent);
         if (rate > 0) {
-            wait_for(start + static_cast<double>(sent) / rate);
+            const double due = start + static_cast<double>(sent) / rate;
+            wait_for(due);
+            start += std::max(0.0, seconds() - due - kMostLate);
         }
     }
-    printf("sent %zu seconds %.3f\n", sent, seconds() - start);
-    return 0;
+    return sent;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 6 && argc != 7) {
+        fprintf(stderr, "usage: monitor_flood PORT LINES_PER_SECOND TOTAL AGENTS GROUPS [SENDERS]\n");
+        return 2;
+    }
+    const auto number = [argv](int n) { return static_cast<size_t>(atol(argv[n])); };
+    const size_t senders = argc == 7 ? number(6) : 1;
+    const auto share = static_cast<double>(senders);
+    const double start = seconds();
+    for (size_t i = 0; i < senders; ++i) {
+        if (fork() == 0) {
+            Flood flood(static_cast<uint16_t>(number(1)), i, senders, number(4), number(5));
+            run(flood, static_cast<double>(number(2)) / share, number(3) / senders);
+            _exit(0);
+        }
+    }
+    bool fine = true;
+    for (int status = 0; wait(&status) > 0;) {
+        fine = fine && status == 0;
+    }
+    printf("sent %zu seconds %.3f\n", number(3) / senders * senders, seconds() - start);
+    return fine ? 0 : 1;
 }
