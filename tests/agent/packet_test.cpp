@@ -7,9 +7,9 @@
 
 #include "app_flags.h"
 #include "child.h"
-#include "fixtures.h"
 #include "frames.h"
 #include "log.h"
+#include "running_agent.h"
 #include "text.h"
 #include "zent.h"
 
@@ -22,54 +22,15 @@ using support::report_frame;
 
 namespace {
 
-// The agent between set-up and shutdown, with its lines going to memory.
-class Packet : public support::GuardedTest {
+class Packet : public RunningAgent {
   protected:
-    void SetUp() override
-    {
-        g_cfg = {};
-        g_ctx = {};
-        g_cfg.log_level = INFO_level;
-        ASSERT_EQ(nkht_create(&g_ctx.wgrp_ht, MAX_ZENT_CHANNELS, tw_shift), 0);
-        g_ctx.rep.sockfd = -1;
-        g_ctx.rep.fp = open_memstream(&text_, &length_);
-    }
-
-    void TearDown() override
-    {
-        fclose(g_ctx.rep.fp);
-        free(text_);
-        nkht_destroy(g_ctx.wgrp_ht, nullptr);
-        if (g_ctx.scope_ht != 0) {
-            nkht_destroy(g_ctx.scope_ht, nullptr);
-        }
-        g_ctx = {};
-    }
-
-    // A frame in a heap block of its exact size, so that a read beyond it is seen.
-    static void feed(const std::vector<uint8_t>& frame)
-    {
-        const auto block = std::make_unique<uint8_t[]>(frame.size());
-        memcpy(block.get(), frame.data(), frame.size());
-        pcap_pkthdr header = {};
-        header.caplen = static_cast<bpf_u_int32>(frame.size());
-        header.len = 60;
-        on_pcap_pkt(nullptr, &header, block.get());
-    }
+    static void feed(const std::vector<uint8_t>& frame) { RunningAgent::feed(frame, 60); }
 
     static void feed_spec(const FrameSpec& spec) { feed(igmp_frame(spec)); }
 
-    std::string relayed()
-    {
-        fflush(g_ctx.rep.fp);
-        return {text_, length_};
-    }
+    std::string relayed() { return all_relayed(); }
 
     static size_t joined() { return nkht_count(g_ctx.wgrp_ht); }
-
-  private:
-    char* text_ = nullptr;
-    size_t length_ = 0;
 };
 
 // A stream that notes each line written to it by one letter.

@@ -1,12 +1,11 @@
 // Version 3 reports and the stricter way of the features, on byte arrays.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <memory>
+#include <utility>
 
-#include "fixtures.h"
 #include "frames_v3.h"
 #include "log.h"
+#include "running_agent.h"
 #include "text.h"
 #include "zent.h"
 
@@ -19,46 +18,23 @@ using support::V3Record;
 
 namespace {
 
-// The agent between set-up and shutdown, with version 3 read and its lines going to memory.
-class PacketV3 : public support::GuardedTest {
+// With version 3 read.
+class PacketV3 : public RunningAgent {
   protected:
     void SetUp() override
     {
-        g_cfg = {};
-        g_ctx = {};
-        g_cfg.log_level = INFO_level;
+        RunningAgent::SetUp();
         g_cfg.features = {.any = true, .exact = false, .immediate = false, .igmpv3 = true, .expire = 0};
-        ASSERT_EQ(nkht_create(&g_ctx.wgrp_ht, MAX_ZENT_CHANNELS, tw_shift), 0);
-        g_ctx.rep.sockfd = -1;
-        g_ctx.rep.fp = open_memstream(&text_, &length_);
     }
 
-    void TearDown() override
-    {
-        fclose(g_ctx.rep.fp);
-        free(text_);
-        nkht_destroy(g_ctx.wgrp_ht, nullptr);
-        g_cfg = {};
-        g_ctx = {};
-    }
-
-    // A frame in a heap block of its exact size, so that a read beyond it is seen.
-    static void feed(const std::vector<uint8_t>& frame)
-    {
-        const auto block = std::make_unique<uint8_t[]>(frame.size());
-        memcpy(block.get(), frame.data(), frame.size());
-        pcap_pkthdr header = {};
-        header.caplen = static_cast<bpf_u_int32>(frame.size());
-        header.len = header.caplen;
-        on_pcap_pkt(nullptr, &header, block.get());
-    }
+    static void feed(const std::vector<uint8_t>& frame) { RunningAgent::feed(frame, frame.size()); }
 
     // What was relayed since the last call, with the lines' common words left out: "J 239.1.1.1,L 239.1.1.1".
     std::string relayed()
     {
-        fflush(g_ctx.rep.fp);
-        std::string all(text_ + taken_, length_ - taken_);
-        taken_ = length_;
+        std::string all = all_relayed();
+        const size_t before = std::exchange(taken_, all.size());
+        all.erase(0, before);
         std::string brief;
         for (size_t end = 0; !all.empty(); all.erase(0, end + 1)) {
             end = all.find('\n');
@@ -75,8 +51,6 @@ class PacketV3 : public support::GuardedTest {
     }
 
   private:
-    char* text_ = nullptr;
-    size_t length_ = 0;
     size_t taken_ = 0;
 };
 
