@@ -300,5 +300,8 @@ int main(int argc, char** argv)
         Close(g_listener.fd);
     }
     rqs_destroy();
+    if (rc != 0) {
+        log_err("an error ends the server\n");
+    }
     return rc == 0 ? 0 : 1;
 }

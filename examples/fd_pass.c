@@ -13,6 +13,7 @@
 #include <morvane/fdio.h>
 #include <morvane/log.h>
 #include <morvane/syswrap.h>
+#include <morvane/util.h>
 
 DECLARE_MLL(MLL_COMMON);
 
@@ -63,6 +64,9 @@ int main(int argc, char** argv)
     if (argc != 2) {
         fprintf(stderr, "usage: fd_pass FILE\n");
         return 2;
+    }
+    if (ignore_sigpipe() != 0) { /* of a child that is gone */
+        return 1;
     }
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         perror("fd_pass: socketpair");

@@ -62,8 +62,9 @@ static int fetch(const char* url, const char* file, int timeout_ms)
     if (total >= 0 && fflush(out) == 0) {
         fprintf(stderr, "fetch: %ld bytes\n", total);
     }
-    if (file != NULL) {
-        total = fclose(out) == 0 ? total : -1;
+    if (file != NULL && fclose(out) != 0) {
+        fprintf(stderr, "fetch: %s: %s\n", file, strerror(errno));
+        total = -1;
     }
     return total >= 0 ? 0 : 1;
 }

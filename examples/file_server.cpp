@@ -185,11 +185,18 @@ int main(int argc, char** argv)
     log_set_rota(&g_log, 1 << 20, 4); // a megabyte, and four old files
     const char* tags[] = {"requests", nullptr};
     psensors_init(tags, sensors ? 1 : 0);
-    if ((pidfile != nullptr && create_pidfile(pidfile, getpid()) != 0) || chdir(argv[optind + 2]) != 0 ||
+    if (chdir(argv[optind + 2]) != 0) {
+        log_err("%s: %s\n", argv[optind + 2], strerror(errno));
+        return 1;
+    }
+    if ((pidfile != nullptr && create_pidfile(pidfile, getpid()) != 0) ||
         handle_quit_signals(on_sigquit) != 0 || ignore_sigpipe() != 0 || fdio_init(-1) != 0) {
         return 1;
     }
     const int rc = serve(argv[optind], argv[optind + 1]);
+    if (rc != 0) {
+        log_err("an error ends the server\n");
+    }
     fdio_destroy();
     psensors_dump(stdout);
     if (pidfile != nullptr) {

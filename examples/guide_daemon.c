@@ -192,6 +192,9 @@ int main(int argc, char** argv)
         return 1;
     }
     rc = run(argv[optind]);
+    if (rc != 0) {
+        log_err("an error ends the daemon\n");
+    }
     if (foreground) {
         psensors_dump(stdout);
     }

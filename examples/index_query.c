@@ -116,6 +116,7 @@ int main(int argc, char** argv)
         return 2;
     }
     if (load(argv[1]) != 0) {
+        fprintf(stderr, "index_query: %s could not be loaded\n", argv[1]);
         return 2;
     }
     for (i = 2; i < argc; ++i) {

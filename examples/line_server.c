@@ -258,5 +258,9 @@ int main(int argc, char** argv)
     if (handle_quit_signals(on_signal) != 0 || ignore_sigpipe() != 0) {
         return 1;
     }
-    return run(port, tick) == 0 ? 0 : 1;
+    if (run(port, tick) != 0) {
+        log_err("an error ends the server\n");
+        return 1;
+    }
+    return 0;
 }

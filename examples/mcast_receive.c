@@ -112,5 +112,9 @@ int main(int argc, char** argv)
     if (handle_quit_signals(on_signal) != 0) {
         return 1;
     }
-    return receive(argv[optind], ifc) == 0 ? 0 : 1;
+    if (receive(argv[optind], ifc) != 0) {
+        log_err("nothing is received from %s\n", argv[optind]);
+        return 1;
+    }
+    return 0;
 }

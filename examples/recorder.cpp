@@ -175,6 +175,9 @@ int main(int argc, char** argv)
     spec.socktype = SOCK_DGRAM;
     const int sock = open_socket(argv[optind], argv[optind + 1], nullptr, &spec, nullptr, nullptr);
     const int rc = sock == -1 ? -1 : record(sock, argv[optind + 2], options.megabytes << 20);
+    if (rc != 0) {
+        log_err("an error ends the recording\n");
+    }
     fdio_destroy();
     if (options.sensors) {
         psensors_dump(stdout);
