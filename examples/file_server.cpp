@@ -18,6 +18,7 @@
 #include <morvane/netops.h>
 #include <morvane/psensor.h>
 #include <morvane/rqs.h>
+#include <morvane/sigsafe.h>
 #include <morvane/syswrap.h>
 #include <morvane/uri.h>
 #include <morvane/util.h>
@@ -48,6 +49,13 @@ struct Client {
 };
 
 Client g_clients[128]; // the first is the listener
+
+// Sets the flags; the wake-up ends the wait, or the one that is about to begin.
+void on_signal(int signo)
+{
+    on_sigquit(signo);
+    sigsafe_wake();
+}
 
 // The record is at once free for the next client: no other event of this batch belongs to its descriptor.
 int finish(Client* c)
@@ -118,6 +126,9 @@ int on_client(Client* c)
 
 int on_readable(int, int, void* udata, void*)
 {
+    if (sigsafe_is_wakeup(udata)) {
+        return 0;
+    }
     if (udata != &g_clients[0]) {
         return on_client(static_cast<Client*>(udata));
     }
@@ -151,12 +162,13 @@ int serve(const char* address, const char* port)
     config.cb.write = on_writable;
     config.cb.error = [](int, int, void* udata, void*) { return finish(static_cast<Client*>(udata)); };
     g_clients[0].fd = open_socket(address, port, nullptr, &spec, nullptr, nullptr);
-    if (g_clients[0].fd == -1 || rqs_init(&config) != 0 ||
+    if (g_clients[0].fd == -1 || rqs_init(&config) != 0 || sigsafe_open() != 0 ||
         rqs_add_reader(g_clients[0].fd, &g_clients[0]) != 0) {
         return -1;
     }
     log_norm("serving\n");
     const int rc = rqs_event_loop();
+    sigsafe_close();
     rqs_destroy(); // descriptors that are still open end with the process
     return rc;
 }
@@ -190,7 +202,7 @@ int main(int argc, char** argv)
         return 1;
     }
     if ((pidfile != nullptr && create_pidfile(pidfile, getpid()) != 0) ||
-        handle_quit_signals(on_sigquit) != 0 || ignore_sigpipe() != 0 || fdio_init(-1) != 0) {
+        handle_quit_signals(on_signal) != 0 || ignore_sigpipe() != 0 || fdio_init(-1) != 0) {
         return 1;
     }
     const int rc = serve(argv[optind], argv[optind + 1]);

@@ -22,6 +22,7 @@
 #include <morvane/netops.h>
 #include <morvane/psensor.h>
 #include <morvane/rqs.h>
+#include <morvane/sigsafe.h>
 #include <morvane/syswrap.h>
 #include <morvane/util.h>
 
@@ -53,10 +54,20 @@ struct Recorder {
 
 Recorder g_recorder = {{"udp"}, 0, 0, nullptr, nullptr};
 
+// Sets the flags; the wake-up ends the wait, or the one that is about to begin.
+void on_signal(int signo)
+{
+    on_sigquit(signo);
+    sigsafe_wake();
+}
+
 // One datagram goes straight from the socket into the mapped file. The loop is level-triggered: what is left
 // calls again.
 int on_readable(int, int, void* udata, void*)
 {
+    if (sigsafe_is_wakeup(udata)) {
+        return 0;
+    }
     auto* r = static_cast<Recorder*>(udata);
     const off_t begin = r->offset;
     ssize_t length = 0;
@@ -81,13 +92,14 @@ int run_loop(int sock)
     config.cb.write = config.cb.error = [](int, int, void*, void*) { return 0; };
     int rc = rqs_init(&config);
     if (rc == 0) {
-        rc = rqs_add_reader(sock, &g_recorder);
+        rc = sigsafe_open() == 0 ? rqs_add_reader(sock, &g_recorder) : -1;
     }
     if (rc == 0) {
         log_norm("recording\n");
         rc = rqs_event_loop();
         rqs_rm_fd(sock, true, false);
     }
+    sigsafe_close();
     rqs_destroy();
     return rc;
 }
@@ -167,7 +179,7 @@ int main(int argc, char** argv)
     log_set_pid(&g_log, getpid());
     psensors_init(nullptr, options.sensors ? 1 : 0);
     if ((options.pidfile != nullptr && create_pidfile(options.pidfile, getpid()) != 0) ||
-        handle_quit_signals(on_sigquit) != 0 || fdio_init(-1) != 0) {
+        handle_quit_signals(on_signal) != 0 || fdio_init(-1) != 0) {
         return 1;
     }
     socket_spec spec = {};
