@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <iterator>
+#include <sstream>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -14,6 +16,7 @@
 
 #include "asserted.h"
 #include "log.h"
+#include "paths.h"
 
 namespace support {
 
@@ -96,9 +99,25 @@ ChildResult collect(pid_t pid, int out_fd, int err_fd, std::string out, std::str
     return result;
 }
 
+// Where EXAMPLES_UNDER is set, an example runs by the command in it: scripts/valgrind.
+std::vector<std::string> runner_of(const std::string& program)
+{
+    std::vector<std::string> words;
+    const char* const command = getenv("EXAMPLES_UNDER");
+    if (command != nullptr && program.starts_with(build_path("examples/"))) {
+        std::istringstream text(command);
+        words.assign(std::istream_iterator<std::string>(text), {});
+    }
+    return words;
+}
+
 [[noreturn]] void exec(const std::vector<std::string>& argv)
 {
+    const std::vector<std::string> runner = runner_of(argv[0]);
     std::vector<char*> args;
+    for (const std::string& word : runner) {
+        args.push_back(const_cast<char*>(word.c_str()));
+    }
     for (const std::string& arg : argv) {
         args.push_back(const_cast<char*>(arg.c_str()));
     }
