@@ -200,19 +200,37 @@ TEST_F(Install, a_tree_works_from_the_prefix_that_it_was_put_under_and_from_wher
     expect_runs(work_ / "program");
 }
 
-// All of them, as a reader copies the folder and types make.
+// All of them, as a reader on a bare machine copies the folder and types make: with nothing of this build in
+// the environment, without a compiler cache, and from what is installed alone.
 TEST_F(Install, the_examples_build_by_make_where_they_lie)
 {
     if (!instrument_flags().empty()) {
         GTEST_SKIP() << "the release build's test builds them";
     }
-    fs::copy(prefix_ / "share/doc/morvane/examples", work_ / "examples", fs::copy_options::recursive);
+    const fs::path examples = work_ / "examples";
+    fs::copy(prefix_ / "share/doc/morvane/examples", examples, fs::copy_options::recursive);
     const std::string pkg_config = "PKG_CONFIG=env PKG_CONFIG_LIBDIR=" + (libdir_ / "pkgconfig").string() +
                                    " PKG_CONFIG_SYSROOT_DIR=" + root_.path() + " pkg-config";
-    must_do({"make", "-s", "-C", work_ / "examples", pkg_config, "CFLAGS=-O0", "CXXFLAGS=-O0"});
+    const ChildResult made = run_program({"env", "-i", "PATH=/usr/bin:/bin", "make", "-C", examples,
+                                          pkg_config, "CFLAGS=-O0 -g", "CXXFLAGS=-O0 -g"},
+                                         std::chrono::seconds(100));
+    ASSERT_EQ(made.exit_code, 0) << made.out << made.err;
+    for (const std::string& of_the_build : {source_path(""), build_path(""), std::string("ccache")}) {
+        EXPECT_EQ(made.out.find(of_the_build), std::string::npos) << made.out;
+    }
     for (const auto& source : fs::directory_iterator(source_path("examples"))) {
-        if (source.path().extension() == ".c" || source.path().extension() == ".cpp") {
-            EXPECT_TRUE(fs::is_regular_file(work_ / "examples" / source.path().stem())) << source.path();
+        if (source.path().extension() != ".c" && source.path().extension() != ".cpp") {
+            continue;
         }
+        const fs::path program = examples / source.path().stem();
+        ASSERT_TRUE(fs::is_regular_file(program)) << source.path();
+        // Its debug information and its paths for the loader tell where it was made from.
+        const std::string bytes = read_file(program);
+        EXPECT_EQ(bytes.find(source_path("")), std::string::npos) << program;
+        EXPECT_EQ(bytes.find(build_path("")), std::string::npos) << program;
+        const ChildResult loads =
+            run_program({"env", "-i", "LD_LIBRARY_PATH=" + libdir_.string(), "/usr/bin/ldd", program});
+        EXPECT_NE(loads.out.find("=> " + (libdir_ / "libmorvane.so.1").string()), std::string::npos)
+            << loads.out;
     }
 }
