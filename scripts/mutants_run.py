@@ -1,0 +1,317 @@
+#!/usr/bin/env python3
+"""The work of scripts/mutants, which says what the options are. A mutant costs one compilation without optimisation and
+one link: its object goes in front of the library, or in the place of the original's, in the test program's own link."""
+import argparse
+import concurrent.futures
+import glob
+import json
+import os
+import random
+import re
+import shlex
+import subprocess
+import sys
+import tempfile
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+
+# Test programs of the agent are named after what they look at; those of the library after the module.
+AGENT_TESTS = {
+    "capture": ["capture_setup_test", "capture_features_test", "lifecycle_test", "zent_replay"],
+    "config": ["config_test", "zent_replay"],
+    "expire": ["capture_features_test", "zent_replay"],
+    "features": ["features_test", "zent_replay"],
+    "lifecycle": ["lifecycle_test", "zent_replay"],
+    "meta": ["meta_test"],
+    "packet": ["packet_test", "packet_v3_test", "zent_replay"],
+    "reporter": ["reporter_test", "zent_replay"],
+    "scope": ["scope_test", "zent_replay"],
+    "usage": ["usage_test"],
+}
+
+RELATIONS = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "=="}
+SWAPPED = {"&&": "||", "||": "&&", "+": "-", "-": "+"}
+
+
+def sources():
+    files = glob.glob("lib/*.cpp", root_dir=ROOT) + glob.glob("agent/*.cpp", root_dir=ROOT) + ["common/meta.cpp"]
+    return {os.path.basename(path)[:-4]: path for path in sorted(files) if path != "agent/zent.cpp"}
+
+
+def programs_of(module, path):
+    if not path.startswith("lib/"):
+        return AGENT_TESTS[module]
+    own = glob.glob(f"tests/lib/{module}_test.cpp", root_dir=ROOT)
+    parts = glob.glob(f"tests/lib/{module}_*_test.cpp", root_dir=ROOT)
+    return [os.path.basename(test)[:-4] for test in sorted(own + parts)]
+
+
+def without_texts(text):
+    """The source with comments and literals blanked, character for character."""
+    pattern = r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])\''
+    return re.sub(pattern, lambda m: re.sub(r"[^\n]", "\x01", m.group()), text, flags=re.S)
+
+
+def changed_result(value):
+    return {"true": "false", "false": "true", "nullptr": None, "{}": None}.get(
+        value, str(int(value) + 1) if re.fullmatch(r"-?\d+", value) else "{}")
+
+
+def mutants_of_line(code):
+    """(first column, last column, text in its place) of each."""
+    found = []
+    for m in re.finditer(r" (<=|>=|==|!=|<|>) ", code):
+        found.append((m.start(1), m.end(1), RELATIONS[m.group(1)]))
+    for m in re.finditer(r" (&&|\|\||\+|-) ", code):
+        if "&&" != m.group(1) or not re.search(r"\b(auto|operator)\W*$", code[:m.start()]):
+            found.append((m.start(1), m.end(1), SWAPPED[m.group(1)]))
+    for m in re.finditer(r"(?<![\w.'])(\d+)(?![\w.'x])", code):
+        found.append((m.start(), m.end(), str(int(m.group()) + 1)))
+    m = re.fullmatch(r"\s+((?:\w+(?:\.|->|::))*\w+\([^{}]*\);)", code)
+    if m and not m.group(1).startswith(("return", "static_assert", "sizeof")):
+        found.append((m.start(1), m.end(1), ";"))
+    m = re.fullmatch(r"\s+(?:\} else )?(?:if|while) \((.*)\) \{", code)
+    if m and ";" not in m.group(1) and not re.match(r"(const |auto |int |size_t |ssize_t )", m.group(1)):
+        found.append((m.start(1), m.end(1), f"!({{}})"))
+    m = re.fullmatch(r"\s+(?:case .*: )?return (.+);", code)
+    if m and changed_result(m.group(1)):
+        found.append((m.start(1), m.end(1), changed_result(m.group(1))))
+    return found
+
+
+class Mutant:
+    def __init__(self, module, path, line, columns, new):
+        self.module, self.path, self.line, self.columns, self.new = module, path, line, columns, new
+
+    def apply(self):
+        with open(os.path.join(ROOT, self.path), encoding="utf-8") as file:
+            lines = file.read().split("\n")
+        text = lines[self.line - 1]
+        first, last = self.columns
+        lines[self.line - 1] = text[:first] + self.new.replace("{}", text[first:last], self.new == "!({})") + text[last:]
+        self.before, self.after = text.strip(), lines[self.line - 1].strip()
+        return f'#line 1 "{os.path.join(ROOT, self.path)}"\n' + "\n".join(lines)
+
+
+def all_mutants(module, path):
+    with open(os.path.join(ROOT, path), encoding="utf-8") as file:
+        text = without_texts(file.read())
+    found = []
+    for number, code in enumerate(text.split("\n"), 1):
+        if code.startswith((" ", "\t")):  # what stands at the left edge declares
+            found += [Mutant(module, path, number, (first, last), new) for first, last, new in mutants_of_line(code)]
+    return found
+
+
+def planted(order):
+    path, line, old, new = order.split(":", 3)
+    module = os.path.basename(path)[:-4]
+    if sources().get(module) != path:
+        sys.exit(f"{path} is no source that can be chosen")
+    with open(os.path.join(ROOT, path), encoding="utf-8") as file:
+        at = file.read().split("\n")[int(line) - 1].find(old)
+    if at < 0:
+        sys.exit(f"{path}:{line} has no '{old}'")
+    return Mutant(module, path, int(line), (at, at + len(old)), new)
+
+
+class Build:
+    """The commands of a configured and built tree."""
+
+    def __init__(self, preset):
+        self.tree = os.path.join(ROOT, "build", preset)
+        self.compiles = {}
+        with open(os.path.join(self.tree, "compile_commands.json"), encoding="utf-8") as file:
+            for entry in json.load(file):
+                self.compiles.setdefault(os.path.relpath(entry["file"], ROOT), shlex.split(entry["command"]))
+        self.links = {}
+
+    def find_links(self, programs):
+        for program in programs:
+            name = f"tests/model/{program}" if program == "zent_replay" else f"tests/{program}"
+            listed = subprocess.run(["ninja", "-C", self.tree, "-t", "commands", "-s", name], check=True,
+                                    capture_output=True, text=True).stdout
+            self.links[program] = shlex.split(listed.strip().split("\n")[-1].split(" && ")[1])
+
+    def compile(self, path, source, output, optimised=False):
+        words = [w for w in self.compiles[path] if w not in ("-g", "-Werror") and not w.startswith("-D_FORTIFY_SOURCE")]
+        if not optimised:
+            words = ["-O0" if re.fullmatch(r"-O\d", w) else w for w in words]
+        words[words.index("-o") + 1] = output
+        words[words.index("-c") + 1] = source
+        return subprocess.run(words + ["-w", "-I", os.path.join(ROOT, os.path.dirname(path))], cwd=self.tree,
+                              capture_output=True, check=False).returncode == 0
+
+    def link(self, program, path, mutant, output):
+        words = list(self.links[program])
+        original = [i for i, w in enumerate(words) if w.endswith(f"/{path}.o")]
+        if original:
+            words[original[0]] = mutant
+        else:  # nothing asks the library for what is defined already
+            words.insert(words.index("libmorvane.a"), mutant)
+        words[words.index("-o") + 1] = output
+        done = subprocess.run(words, cwd=self.tree, capture_output=True, check=False, text=True)
+        if done.returncode != 0:
+            sys.exit(f"{program} cannot be linked: {done.stderr}")
+
+
+class Trial:
+    """One process of one mutant after the other; several run at once, each with a folder of its own."""
+
+    def __init__(self, build):
+        self.build = build
+        self.took = {}  # seconds that a program of sound code takes
+        self.apart = {}  # tests of the programs whose tests need a process each
+
+    def run(self, program, path, obj, folder, limit):
+        """Whether all tests pass."""
+        binary = os.path.join(folder, program)
+        self.build.link(program, path, obj, binary)
+        if program == "zent_replay":
+            model = os.path.join(ROOT, "scripts", "model_run.py")
+            return self.passes([sys.executable, "-B", model, binary, "8000", "26"], limit)
+        words = [binary, "--gtest_fail_fast", "--gtest_brief=1"]
+        if program in self.apart:
+            return all(self.passes([*words, f"--gtest_filter={test}"], limit) for test in self.apart[program])
+        return self.passes(words, limit)
+
+    def passes(self, words, limit):
+        child = subprocess.Popen(words, cwd=os.path.join(self.build.tree, "tests"), stdin=subprocess.DEVNULL,
+                                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+        try:
+            return child.wait(limit) == 0
+        except subprocess.TimeoutExpired:
+            os.killpg(child.pid, 9)
+            child.wait()
+            return False
+
+    def sound(self, module, path):
+        """The module as it is has to pass: how long does it take?"""
+        with tempfile.TemporaryDirectory(prefix="zent-mutants-") as folder:
+            obj = os.path.join(folder, "sound.o")
+            if not self.build.compile(path, os.path.join(ROOT, path), obj):
+                sys.exit(f"{path} does not compile")
+            for program in programs_of(module, path):
+                start = time.monotonic()
+                if self.run(program, path, obj, folder, 600):
+                    self.took[program] = time.monotonic() - start
+                    continue
+                self.apart[program] = self.tests_of(os.path.join(folder, program))
+                start = time.monotonic()
+                if not self.run(program, path, obj, folder, 600):
+                    sys.exit(f"{program} fails with the sound {path}")
+                self.took[program] = time.monotonic() - start
+
+    @staticmethod
+    def tests_of(binary):
+        listed = subprocess.run([binary, "--gtest_list_tests"], capture_output=True, text=True, check=True).stdout
+        found, suite = [], ""
+        for line in listed.split("\n"):
+            words = line.split()
+            if words and not line.startswith(" "):
+                suite = words[0]
+            elif words:
+                found.append(suite + words[0])
+        return found
+
+    def judge(self, mutant):
+        """'killed', 'survives', 'no program' (it does not compile) or 'equal' (the optimised code is the same)."""
+        with tempfile.TemporaryDirectory(prefix="zent-mutants-") as folder:
+            source, obj = os.path.join(folder, "mutant.cpp"), os.path.join(folder, "mutant.o")
+            with open(source, "w", encoding="utf-8") as file:
+                file.write(mutant.apply())
+            if not self.build.compile(mutant.path, source, obj):
+                return "no program"
+            for program in programs_of(mutant.module, mutant.path):
+                if not self.run(program, mutant.path, obj, folder, 20 + 10 * self.took[program]):
+                    return "killed"
+            return "equal" if self.same_code(mutant, source, folder) else "survives"
+
+    def same_code(self, mutant, source, folder):
+        texts = []
+        for name, of in (("a.o", source), ("b.o", os.path.join(ROOT, mutant.path))):
+            out = os.path.join(folder, name)
+            self.build.compile(mutant.path, of, out, optimised=True)
+            shown = subprocess.run(["objdump", "-drs", "-j", ".text", "-j", ".rodata", out], capture_output=True,
+                                   check=False).stdout
+            texts.append(shown.split(b"\n", 3)[-1])
+        return texts[0] == texts[1]
+
+
+def arguments():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("-n", type=int, default=60)
+    parser.add_argument("-s", type=int, default=random.randrange(10**6))
+    parser.add_argument("-p", action="append", default=[])
+    parser.add_argument("-b", default="release")
+    parser.add_argument("--programs", action="store_true")
+    parser.add_argument("modules", nargs="*")
+    return parser.parse_args()
+
+
+def drawn(options, modules):
+    """Evenly: a module's turn comes again when each other has had its turn, as long as it has any left."""
+    rng = random.Random(options.s)
+    heaps = []
+    for module, path in modules.items():
+        heap = all_mutants(module, path)
+        rng.shuffle(heap)
+        heaps.append(heap)
+    rng.shuffle(heaps)
+    while True:
+        for heap in heaps:
+            if heap:
+                yield heap.pop()
+        if not any(heaps):
+            return
+
+
+def main():
+    options = arguments()
+    known = sources()
+    plants = [planted(order) for order in options.p]
+    names = [m.module for m in plants] if plants else options.modules or list(known)
+    unknown = [name for name in names if name not in known]
+    if unknown:
+        sys.exit(f"no such module: {', '.join(unknown)}; there are {', '.join(known)}")
+    modules = {name: known[name] for name in dict.fromkeys(names)}
+    programs = sorted({p for name, path in modules.items() for p in programs_of(name, path)})
+    if options.programs:
+        print(" ".join(programs))
+        return 0
+
+    build = Build(options.b)
+    build.find_links(programs)
+    trial = Trial(build)
+    start = time.monotonic()
+    tally = {"killed": 0, "survives": 0, "equal": 0, "no program": 0}
+    wanted, chosen = options.n, iter(plants) if plants else drawn(options, modules)
+    if plants:
+        wanted = len(plants)
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        list(pool.map(lambda item: trial.sound(*item), modules.items()))
+        open_ones = {}
+        while True:
+            # What does not compile is no mutant: another is drawn.
+            while len(open_ones) < os.cpu_count() and len(open_ones) + tally["killed"] + tally["survives"] < wanted:
+                mutant = next(chosen, None)
+                if mutant is None:
+                    break
+                open_ones[pool.submit(trial.judge, mutant)] = mutant
+            if not open_ones:
+                break
+            for done in concurrent.futures.wait(open_ones, return_when="FIRST_COMPLETED").done:
+                mutant, result = open_ones.pop(done), done.result()
+                tally[result] += 1
+                if result == "survives" or plants:
+                    print(f"{result}: {mutant.path}:{mutant.line}\n  - {mutant.before}\n  + {mutant.after}", flush=True)
+    total = tally["killed"] + tally["survives"]
+    print(f"{total} mutants in {len(modules)} modules: {tally['killed']} killed, {tally['survives']} survive "
+          f"({100 * tally['killed'] / max(total, 1):.1f} % killed); besides, {tally['equal']} that change no code and "
+          f"{tally['no program']} that do not compile; seed {options.s}, {time.monotonic() - start:.0f} s")
+    return 1 if tally["survives"] else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
