@@ -211,7 +211,7 @@ Fields take_fields(fuzz::Input& input)
     fields.flags = input.take<uint8_t>();
     const auto form = input.take<uint8_t>();
     fields.form = kForms[form % 8] | (form >= 248 ? 2 : 0);
-    fields.level = input.take<int8_t>();
+    fields.level = (input.take<uint8_t>() ^ 0x80) - 0x80; // a signed byte
     fields.pid = input.take<int32_t>();
     fields.group.num64 = (fields.flags & 1) != 0 ? input.take<uint64_t>() : 0;
     fields.group.sym8[7] = 0;
@@ -282,8 +282,6 @@ bool set_zone()
 FILE* const g_nowhere = fopen("/dev/null", "w");
 
 } // namespace
-
-extern "C" volatile sig_atomic_t g_sigctx;
 
 extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* now)
 {

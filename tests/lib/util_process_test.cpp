@@ -184,7 +184,7 @@ TEST_F(UtilDaemon, lives_in_a_session_of_its_own_that_it_does_not_lead)
 
 TEST_F(UtilDaemon, kept_works_in_the_root_with_a_clean_umask_and_without_stdin_and_stdout)
 {
-    const std::string report = report_of([this](int fd) {
+    const std::string report = report_of([](int fd) {
         umask(077);
         daemonize();
         dprintf(fd, "%s;%o;%d;%d;%d", own_cwd().c_str(), umask(0), fcntl(0, F_GETFD), fcntl(1, F_GETFD),
@@ -196,7 +196,7 @@ TEST_F(UtilDaemon, kept_works_in_the_root_with_a_clean_umask_and_without_stdin_a
 
 TEST_F(UtilDaemon, a_log_on_stdout_moves_to_stderr)
 {
-    const std::string report = report_of([this](int fd) {
+    const std::string report = report_of([](int fd) {
         log_default(&g_log, stdout);
         daemonize();
         dprintf(fd, "%d", log_fp(&g_log) == stderr);
@@ -207,7 +207,7 @@ TEST_F(UtilDaemon, a_log_on_stdout_moves_to_stderr)
 
 TEST_F(UtilDaemon, a_log_on_any_stream_of_descriptor_2_moves_to_stderr)
 {
-    const std::string report = report_of([this](int fd) {
+    const std::string report = report_of([](int fd) {
         log_default(&g_log, fdopen(STDERR_FILENO, "w"));
         daemonize();
         dprintf(fd, "%d", log_fp(&g_log) == stderr);
@@ -232,7 +232,7 @@ TEST_F(UtilDaemon, a_log_on_a_file_stays)
 
 TEST_F(UtilDaemon, a_closed_log_and_a_log_without_descriptor_stay)
 {
-    EXPECT_EQ(report_of([this](int fd) {
+    EXPECT_EQ(report_of([](int fd) {
                   g_log.fp = nullptr;
                   const int rc = daemonize();
                   dprintf(fd, "%d;%d", rc, log_fp(&g_log) == nullptr);
