@@ -11,13 +11,15 @@
 namespace {
 
 // A stopwatch without a clock would tell wrong times for good, and its callers look at no result: the end.
+// Told on stderr: this module stands beside the log and does not use it.
 [[noreturn]] void give_up(const char* call)
 {
     perror(call);
     abort();
 }
 
-// Reads what the flags ask for and nothing else: getrusage() costs several times what the clock does.
+// Reads what the flags ask for and nothing else: getrusage() costs several times what the clock does. The
+// monotonic clock, so that a span does not change with the time of day.
 void capture(const struct prfm* r, struct prfm_metrics* m)
 {
     if ((r->flags & prfm_TIME) != 0 && clock_gettime(CLOCK_MONOTONIC, &m->tm) != 0) {
@@ -40,6 +42,7 @@ void clear(const struct prfm* r, struct prfm_metrics* m)
 }
 
 // All fields that struct rusage has, those that Linux leaves at 0 included: scripts read the lines by place.
+// Times are seconds and microseconds, maxrss is in kilobytes, and the rest are counts (getrusage(2)).
 void dump_rusage(FILE* fp, const struct rusage& ru)
 {
     fputs("== resource usage:\n", fp);
@@ -79,6 +82,7 @@ void prfm_start(struct prfm* r)
 
 void prfm_stop(struct prfm* r)
 {
+    // Not cleared: what the flags leave unread here is not looked at below.
     struct prfm_metrics now;
     capture(r, &now); // first of all: what follows is not to be part of the span
     if ((r->flags & prfm_TIME) != 0) {
@@ -86,6 +90,7 @@ void prfm_stop(struct prfm* r)
         timespecadd(&r->accum.tm, &now.tm);
     }
     if ((r->flags & prfm_RUSAGE) != 0) {
+        // Of maxrss, a high-water mark, that is the growth within the span: it never falls.
         rusage_sub(&now.ru, &r->start.ru, &now.ru);
         rusage_add(&r->accum.ru, &now.ru, &r->accum.ru);
     }
@@ -107,6 +112,7 @@ void prfm_dump(FILE* fp, const struct prfm* r, const char* fmt, ...)
         va_end(args);
     }
     if ((r->flags & prfm_TIME) != 0) {
+        // Nanoseconds, where the lines of the resources have microseconds: each shows what its call gives.
         fprintf(fp, "== time:\t%ld.%09ld\n", static_cast<long>(r->accum.tm.tv_sec), r->accum.tm.tv_nsec);
     }
     if ((r->flags & prfm_RUSAGE) != 0) {

@@ -38,12 +38,15 @@ constexpr char kPidfile[] = "create_pidfile_extra";
 constexpr char kSetUnlimitedCore[] = "set_unlimited_core";
 
 constexpr mode_t kPidfileMode = 0644;
+// A long in decimal with its sign, and the terminator.
 constexpr size_t kPidTextMax = 21;
 constexpr size_t kDatagramMax = 1400;
+// -E2BIG, written out: callers and documents know the number.
 constexpr ssize_t kTooBig = -7;
 
 // A new session in "/" with a clean umask and without stdin and stdout. 0, or the result of the step that
-// failed.
+// failed. In "/" the daemon keeps no file system from being unmounted; stderr stays for what goes wrong
+// before there is a log. The first failure ends it, with umask and descriptors untouched.
 int leave_terminal()
 {
     const char* step = "setsid";
@@ -105,7 +108,10 @@ class SignalContext {
     KeptErrno kept_;
 };
 
-// Of the whole file, on the descriptor that stays open: the lock goes with the process, however it ends.
+// Of the whole file, on the descriptor that stays open: the lock goes with the process, however it ends. A
+// lock by fcntl is the process's own: a child does not inherit it, so it is taken after daemonize(), and the
+// close of any descriptor of the file, in any part of the process, gives it up. Length 0 reaches to the end
+// of the file wherever that is.
 int write_lock(int fd, const char* fpath, uint32_t flags)
 {
     struct flock lock;
@@ -168,9 +174,10 @@ int fill_pidfile(int fd, const char* fpath, pid_t pid, ino_t* inode, uint32_t fl
     return rc;
 }
 
-// The soft limit alone: the hard one is the administrator's, and once lowered does not come back.
+// The soft limit alone: the hard one is the administrator's, and once lowered does not come back. In bytes.
 int set_limit(int lid, u_long new_lim, const char* tag)
 {
+    // glibc declares the two calls with this enumeration, which C++ does not make of an int by itself.
     const auto resource = static_cast<__rlimit_resource>(lid);
     struct rlimit limit;
     if (getrlimit(resource, &limit) != 0) {
@@ -188,7 +195,8 @@ int set_limit(int lid, u_long new_lim, const char* tag)
     return 0;
 }
 
-// A process that changed its user is not dumpable any more, and a core limit alone would bring no core.
+// A process that changed its user is not dumpable any more, and a core limit alone would bring no core. The
+// state 2, whose core only root may read, counts as dumpable.
 int ensure_dumpable()
 {
     if (prctl(PR_GET_DUMPABLE) != 0) {
@@ -203,7 +211,7 @@ int ensure_dumpable()
     return 0;
 }
 
-// Whether the result of a snprintf with room for size bytes is a whole text.
+// Whether the result of a snprintf with room for size bytes is a whole text. A size of 0 fits nothing.
 bool fits(int n, size_t size)
 {
     return n >= 0 && static_cast<size_t>(n) < size;
@@ -235,12 +243,14 @@ int run_as_user(const char* user)
         }
         return -1;
     }
+    // pw is libc's own record, which the next look-up overwrites: both numbers go out by value.
     return run_as_user_id(pw->pw_uid, pw->pw_gid);
 }
 
 int run_as_user_id(uid_t uid, gid_t gid)
 {
-    // Kept: the supplementary groups stay; daemons rely on them for their devices.
+    // Kept: the supplementary groups stay; daemons rely on them for their devices. The group first: without
+    // root's rights, which setuid() takes away, no group could be set.
     return setgid(gid) == 0 && setuid(uid) == 0 ? 0 : -1;
 }
 
@@ -252,6 +262,8 @@ int goto_runtime_dir(const char* saved)
     }
     // Kept: EPERM alone leads to the home directory; a directory that may not be entered gives EACCES.
     if (dir == nullptr || errno == EPERM) {
+        // The effective user, whose rights count for all that the daemon does there. An errno of 0 in the
+        // line below tells a user who is not there from a look-up that failed.
         const uid_t uid = geteuid();
         errno = 0;
         const struct passwd* pw = getpwuid(uid);
@@ -352,6 +364,7 @@ void on_sigquit(int signo)
 
 void reset_getopt_state(void)
 {
+    // glibc's way to begin anew: 1 would leave it inside a cluster of short options, and with the old order.
     optind = 0;
 }
 
@@ -362,7 +375,8 @@ int create_pidfile_extra(const char* fpath, pid_t pid, ino_t* inode, uint32_t fl
         log_err("%s: no path specified\n", __func__);
         return -1;
     }
-    // Not truncated here: the file may hold the pid of an instance that runs.
+    // Not truncated here: the file may hold the pid of an instance that runs. O_NOCTTY: a path that leads to
+    // a terminal must not make it the daemon's.
     mv::OwnedFd fd{Open3(fpath, O_WRONLY | O_CREAT | O_NOCTTY, kPidfileMode)};
     if (!fd) {
         return -1;
@@ -388,6 +402,8 @@ int create_pidfile_extra(const char* fpath, pid_t pid, ino_t* inode, uint32_t fl
 char* mk_pidfile_name(const char* dir, const char* app, const char* strid, long int numid, char* buf,
                       size_t buflen)
 {
+    // By the real user's rights, as access() asks: in a program that runs under another effective user the
+    // creation of the file may go otherwise.
     if (access(dir, W_OK) != 0) {
         const KeptErrno e;
         log_err("%s: directory [%s] is not writable: ERROR(%d): %s\n", __func__, dir, e.number(), e.text());
@@ -415,6 +431,7 @@ int set_unlimited_core(struct rlimit* old)
         return -1;
     }
     struct rlimit local;
+    // Filled before anything is changed: a caller whose limit stands already gets it too.
     struct rlimit* current = old != nullptr ? old : &local;
     if (getrlimit(RLIMIT_CORE, current) != 0) {
         const KeptErrno e;
@@ -427,6 +444,7 @@ int set_unlimited_core(struct rlimit* old)
     }
     log_dbg("%s: current=%ld/%ld\n", __func__, static_cast<long>(current->rlim_cur),
             static_cast<long>(current->rlim_max));
+    // The hard limit too: where that is lower, a process without CAP_SYS_RESOURCE is refused, and both stay.
     const struct rlimit unlimited = {RLIM_INFINITY, RLIM_INFINITY};
     if (setrlimit(RLIMIT_CORE, &unlimited) != 0) {
         const KeptErrno e;
@@ -450,6 +468,7 @@ int set_rss_limit(u_long new_lim)
 
 int set_mem_limits(u_long rss, u_long vmem)
 {
+    // One of the two: both set the same resource, and the second would undo the first. 0 sets none.
     if (rss != 0) {
         return set_rss_limit(rss);
     }
@@ -480,6 +499,7 @@ void get_stat_mode(int fd, mode_t* st_mode)
     if (fstat(fd, &st) != 0) {
         const KeptErrno e;
         log_err("%s: FAILED to retrieve mode for fd=%d: %s\n", __func__, fd, e.text());
+        // Callers pass what they have just opened: a failure is an error of the program.
         abort();
     }
     *st_mode = st.st_mode;
@@ -540,6 +560,7 @@ int redirect_output(const char* dst_path)
         return -1;
     }
     int rc = 0;
+    // Both get the one opening and so one position in the file: neither writes over the other.
     if (Dup2(fd, STDOUT_FILENO) == -1) {
         rc = -2;
     } else if (Dup2(fd, STDERR_FILENO) == -1) {
@@ -560,7 +581,8 @@ ssize_t read_file_buf(const char* fpath, char* buf, size_t buflen)
     if (!fd || fstat(fd.get(), &st) != 0) {
         return -1;
     }
-    // By the size first: a file is read whole or not at all, and never in part.
+    // By the size first: a file is read whole or not at all, and never in part. What has no size of its own
+    // (a pipe, a file of /proc) tells 0 and counts as empty.
     const auto size = static_cast<size_t>(st.st_size);
     if (size > buflen) {
         log_err("%s: file size (%ld bytes) is too big for buffer (%ld bytes)\n", __func__,
@@ -586,6 +608,7 @@ int file_to_dest(const char* addr, const char* port, const char* fpath)
     struct socket_spec spec;
     memset(&spec, 0, sizeof spec);
     spec.writer = 1;
+    // The look-up of the name may wait; the datagram goes at once or not at all.
     spec.non_blocking = 1;
     spec.socktype = SOCK_DGRAM;
     const int fd = open_socket(addr, port, nullptr, &spec, nullptr, nullptr);
