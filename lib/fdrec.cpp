@@ -21,8 +21,10 @@ using mv::KeptErrno;
 
 constexpr char kFreeFdrec[] = "free_fdrec"; // whose steps report under its name
 
+// Two addresses of 18 characters, or one with a kind and a descriptor: nothing is ever cut.
 constexpr size_t kTagMax = 64;
 
+// The leading slash is what POSIX wants of such a name; on Linux the object stands in /dev/shm.
 constexpr char kShmPrefix[] = "/shm.";
 
 // Both ways in which a record says that it has none: never mapped, and a mapping that failed.
@@ -39,6 +41,7 @@ bool is_shm(const char* path)
     return strncmp(path, kShmPrefix, sizeof kShmPrefix - 1) == 0;
 }
 
+// Makes one or ends the process: callers put the result straight behind a %s.
 void mk_dbg_tag(struct fdrec* r)
 {
     ASSERT(r->dbg_tag == nullptr);
@@ -54,7 +57,8 @@ void mk_dbg_tag(struct fdrec* r)
     }
 }
 
-// Of the steps of free_fdrec none stops the ones behind it: whatever fails, the record goes.
+// Of the steps of free_fdrec none stops the ones behind it: whatever fails, the record goes. The bytes must
+// be those of the mmap(): fewer would leave a part of the area mapped for good.
 void unmap(struct fdrec* r)
 {
     if (munmap(r->mmbuf, r->mmbuf_size) != 0) {
@@ -90,6 +94,8 @@ struct fdrec* alloc_fdrec(void)
 
 void init_fdrec(struct fdrec* r)
 {
+    // Not the 0 of fresh memory, which is a descriptor that free_fdrec() would close. Every other owned field
+    // says "none" by its zeros.
     r->fd = -1;
     r->wd = -1;
 }
@@ -124,6 +130,7 @@ void free_fdrec(struct fdrec* r)
     } else {
         log_dbg("%s: freeing r=%p\n", __func__, static_cast<void*>(r));
     }
+    // free_dgram_idx() asserts its argument, unlike free().
     if (r->dgram != nullptr) {
         free_dgram_idx(r->dgram);
     }
@@ -143,6 +150,7 @@ int set_fdrec_tag(struct fdrec* r, const char* tag)
     char* const copy = tag != nullptr ? strdup(tag) : nullptr;
     free(r->dbg_tag); // not before the copy: tag may be this very text
     r->dbg_tag = copy;
+    // Without memory the record has no tag rather than a wrong one; get_fdrec_tag() makes the usual one then.
     if (tag != nullptr && copy == nullptr) {
         log_crit("%s: out of memory\n", __func__);
         return -1;

@@ -17,6 +17,7 @@
 #include "detail/shown_realloc.h"
 #include "log.h"
 
+// A level of their own: an application can silence the lines of the calls and keep those of the modules.
 DECLARE_MLL(MLL_SYSWRAP);
 
 namespace {
@@ -29,6 +30,7 @@ using mv::shown;
 // What Open() without a mode creates files with: mode 0 would make one that nobody may open again.
 constexpr mode_t kDefaultMode = 0644;
 
+// Generic, since the results are of many types: int, ssize_t, off_t, pid_t.
 constexpr auto is_minus_one = [](auto result) { return result == -1; };
 constexpr auto is_nonzero = [](int result) { return result != 0; };
 constexpr auto is_null = [](const void* result) { return result == nullptr; };
@@ -44,6 +46,8 @@ long length_shown(const socklen_t* length)
 
 } // namespace
 
+// Not for a size of 0: glibc frees the block then and gives NULL, which would read as a failure with the
+// block still there.
 void* mv::shown_realloc(const char* caller, void* ptr, size_t size, size_t shown_size)
 {
     const void* const old = ptr; // only its value is shown, a failed realloc() has left the block alone
@@ -65,6 +69,7 @@ int no_fault(int err, u_int32_t guilty)
 
 int W_open(const char* caller, const char* pathname, int flags, mode_t mode)
 {
+    // The mode goes along without O_CREAT too: the kernel does not look at it then.
     return checked([&] { return open(pathname, flags, mode != 0 ? mode : kDefaultMode); }, is_minus_one,
                    [&](const KeptErrno& e) {
                        log_err("%s: open('%s', %d, 0x%lx) ERROR(%d): %s\n", caller, pathname, flags,
@@ -74,6 +79,8 @@ int W_open(const char* caller, const char* pathname, int flags, mode_t mode)
 
 int W_close(const char* caller, int fd)
 {
+    // Never repeated, EINTR included: Linux has given the descriptor up whatever close() says, and a second
+    // call would close somebody else's.
     const int rc = checked([&] { return close(fd); }, is_nonzero,
                            [&](const KeptErrno& e) {
                                log_err("%s: close(fd%d) ERROR(%d): %s\n", caller, fd, e.number(), e.text());
@@ -128,6 +135,7 @@ int W_ftruncate(const char* caller, int fd, off_t length)
 
 int W_connect(const char* caller, int sockfd, const struct sockaddr* addr, socklen_t addrlen)
 {
+    // Taken out here: inside the lambda __func__ is "operator()".
     const char* const self = __func__;
     return checked([&] { return connect(sockfd, addr, addrlen); }, is_nonzero,
                    [&](const KeptErrno& e) {
@@ -142,6 +150,8 @@ int W_connect(const char* caller, int sockfd, const struct sockaddr* addr, sockl
                    });
 }
 
+// Of these four a non-zero flags asks for every error. They stand in the paths of streams, where a peer that
+// goes or has to be waited for is nothing to tell of.
 ssize_t W_write_f(const char* caller, int fd, const void* buf, size_t count, u_int32_t flags)
 {
     return checked([&] { return write(fd, buf, count); }, is_minus_one,
@@ -177,6 +187,7 @@ ssize_t W_pread_f(const char* caller, int fd, void* buf, size_t count, off_t off
 
 ssize_t W_sendfile_f(const char* caller, int out_fd, int in_fd, off_t* offset, size_t count, u_int32_t fflags)
 {
+    // offset is not NULL: the line shows where the kernel left it.
     return checked([&] { return sendfile(out_fd, in_fd, offset, count); }, is_minus_one,
                    [&](const KeptErrno& e) {
                        if (no_fault(e.number(), fflags) == 0) {
@@ -242,7 +253,8 @@ int W_getaddrinfo(const char* caller, const char* node, const char* service, con
                   struct addrinfo** res)
 {
     // Kept: of all its codes -1, EAI_BADFLAGS, alone is a failure here. Callers test for non-zero, and look
-    // up names that may be missing without filling the log.
+    // up names that may be missing without filling the log. EAI_SYSTEM, the one code with an errno, is among
+    // the silent ones.
     return checked([&] { return getaddrinfo(node, service, hints, res); }, is_minus_one,
                    [&](const KeptErrno& e) {
                        log_err("%s: getaddrinfo(%s, %s, %p, %p): ERROR(%d:%d): %s\n", caller, shown(node),
@@ -306,6 +318,7 @@ int W_dup2(const char* caller, int oldfd, int newfd)
 
 int W_pipe(const char* caller, int pipefd[2])
 {
+    // A pipe() that fails leaves both numbers alone: the line shows what the caller had put there.
     return checked([&] { return pipe(pipefd); }, is_minus_one,
                    [&](const KeptErrno& e) {
                        log_err("%s: pipe([%d,%d]) ERROR(%d): %s\n", caller, pipefd[0], pipefd[1], e.number(),

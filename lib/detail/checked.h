@@ -8,7 +8,9 @@
 namespace mv {
 
 // Makes the call once. A result that failed() knows goes through report(errno), which may disturb errno: it
-// is put back. Returns the call's own result.
+// is put back. Returns the call's own result. The three come by value, as lambdas of a few references:
+// nothing is allocated, and the compiler makes one function of all. unlikely: the line and its arguments are
+// made out of the way of a call that works.
 template <class Call, class Failed, class Report>
 inline auto checked(Call call, Failed failed, Report report)
 {
