@@ -10,6 +10,7 @@
 
 namespace {
 
+// Constants, not what the build finds: two builds of one source give one library.
 constexpr const char* g_LIB_CKSUM = "d15a4342";
 constexpr unsigned int g_LIB_UTIME = 1557583422; // time of the build, seconds since the epoch
 
@@ -19,6 +20,7 @@ char g_libtag[64];
 
 const char* lbmvn_info(void)
 {
+    // The text has 38 characters: the limit is there for whoever changes the constants.
     constexpr size_t kLimit = sizeof g_libtag - 1;
     if (g_libtag[0] != 0) {
         return g_libtag;

@@ -57,6 +57,7 @@ class DescriptorOwner {
 
   private:
     int fd_ = -1;
+    // A closer without state takes no room: an OwnedFd is as large as the descriptor.
     [[no_unique_address]] Closer closer_ = {};
 };
 
@@ -74,6 +75,7 @@ class OwnedBlock {
 
     OwnedBlock& operator=(OwnedBlock&& other) noexcept
     {
+        // A move to itself is harmless: release() has emptied the owner before reset() frees what is there.
         reset(other.release());
         return *this;
     }

@@ -23,7 +23,8 @@ inline const struct sockaddr* as_sockaddr(const struct sockaddr_storage* ss)
     return reinterpret_cast<const struct sockaddr*>(ss);
 }
 
-// A field of the structure that stands behind a generic address.
+// A field of the structure that stands behind a generic address. By memcpy: the storage is of another type,
+// and a pointer that a caller gives need not be aligned for it.
 template <class Field>
 Field field_at(const struct sockaddr* sa, size_t offset)
 {
@@ -63,7 +64,8 @@ inline int af_level(int af)
     }
 }
 
-// A domain address whose path is terminated whatever the length says.
+// A domain address whose path is terminated whatever the length says. The kernel's paths may fill sun_path
+// without a terminator (unix(7)).
 struct DomainAddr {
     struct sockaddr_un un = {};
     char end = 0;
@@ -74,7 +76,8 @@ struct DomainAddr {
     }
 };
 
-// Host and service of an address as numbers.
+// Host and service of an address as numbers. NI_NUMERIC...: no name server is asked, which could hold the
+// loop up for seconds.
 struct NumericName {
     char host[NI_MAXHOST] = {};
     char serv[NI_MAXSERV] = {};
