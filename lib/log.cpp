@@ -33,12 +33,14 @@ namespace {
 
 using mv::KeptErrno;
 
-// Under these the steps of a line and of a rotation report.
+// What goes wrong here is told on stderr: a line of the log would come back to where it failed. Lines are
+// logged only where a log is open again. Under these names the steps of a line and of a rotation report.
 constexpr char kLogWrite[] = "log_write";
 constexpr char kLogRotate[] = "log_rotate";
 
 constexpr size_t kLineMax = 2048;
 constexpr int kFrames = 16;
+// The longest name that a log stores, a dot and the 20 digits of a time fit.
 constexpr size_t kRotatedNameMax = 160;
 constexpr size_t kMovedNameMax = 128;
 
@@ -48,6 +50,7 @@ struct log_module_ctx {
 };
 
 log_module_ctx g_logmod;
+// Static: a line asks for no memory, and so can tell that there is none.
 char g_outbuf[kLineMax];
 char g_sigbuf[kLineMax]; // of a handler, so that the line it interrupts stays whole
 
@@ -86,7 +89,8 @@ struct LevelName {
     int syslog_pri;
 };
 
-// Kept: the spelling of "ctitical", which scripts match.
+// Kept: the spelling of "ctitical", which scripts match. The order is that of the levels from PANIC_level on,
+// by which a row is found. Not LOG_EMERG: syslog daemons show that to everybody who is logged in.
 constexpr LevelName kLevels[] = {
     {"(PNC)", "panic", LOG_ALERT},     {"(ERR)", "error", LOG_ERR},     {"(CRI)", "ctitical", LOG_CRIT},
     {"(WRN)", "warning", LOG_WARNING}, {"(NRM)", "normal", LOG_NOTICE}, {"(INF)", "info", LOG_INFO},
@@ -94,6 +98,7 @@ constexpr LevelName kLevels[] = {
 };
 constexpr LevelName kSection = {"(SCT)", "section", LOG_DEBUG};
 constexpr LevelName kNoLevel = {"( ? )", "??", LOG_DEBUG};
+// Of each tag above.
 constexpr size_t kTagLength = 5;
 
 static_assert(std::size(kLevels) == DEBUG_level - PANIC_level + 1, "one row a level");
@@ -117,7 +122,8 @@ int flags2clock(uint32_t flags)
     return -1;
 }
 
-// The line that is being built: the place of the next byte and the room behind it.
+// The line that is being built: the place of the next byte and the room behind it. One byte of the buffer is
+// held back for the terminator of output().
 struct Line {
     char* start;
     char* at;
@@ -158,6 +164,8 @@ bool put_time(const struct log_ctx* log, Line& line)
         perror("clock_gettime");
         return false;
     }
+    // Below zero too where a handler came in the middle of a conversion: its line is lost here rather than
+    // wait for a lock of libc that the interrupted code holds.
     const ssize_t n = mk_timestr(&now, log->time_format, line.at, line.room);
     if (n <= 0 || static_cast<size_t>(n) >= line.room) {
         fprintf(stderr, "%s: time buffer error (n=%d)\n", kLogWrite, static_cast<int>(n));
@@ -174,6 +182,7 @@ bool put_pid(const struct log_ctx* log, Line& line)
     if (log->pid <= 0) {
         return true;
     }
+    // The digits of the greatest pid_t.
     char digits[10];
     char* const end = std::end(digits);
     char* at = end;
@@ -206,6 +215,7 @@ bool put_group(const struct log_ctx* log, Line& line)
     if (log->group.num64 == 0) {
         return true;
     }
+    // The number is a text of up to seven characters, and this is its terminator.
     assert(log->group.sym8[7] == 0);
     const int n = line.put_field(log->group.sym8, strlen(log->group.sym8));
     if (n < 0) {
@@ -220,6 +230,7 @@ struct Text {
     char* at;
     size_t room;
 
+    // One byte stays free, as it would behind vsnprintf: both ways refuse the same messages.
     bool put(const char* bytes, size_t count)
     {
         if (count >= room) {
@@ -248,6 +259,7 @@ struct Text {
 
     bool put_signed(long number)
     {
+        // Negated without a sign: the least long has no positive counterpart.
         const auto bits = static_cast<unsigned long>(number);
         return put_number(number < 0 ? 0 - bits : bits, number < 0);
     }
@@ -287,8 +299,10 @@ MV_PRINTF(2, 0) int put_simple(const Line& line, const char* fmt, va_list args)
     }
 }
 
+// MV_PRINTF with 0, here and above: the format is checked, its arguments come as a list and cannot be.
 MV_PRINTF(2, 0) bool put_message(Line& line, const char* fmt, va_list args)
 {
+    // A copy: where put_simple gives up in the middle it has used a part of args.
     va_list again;
     va_copy(again, args);
     int n = put_simple(line, fmt, args);
@@ -315,7 +329,8 @@ bool put_header(const struct log_ctx* log, int level, Line& line)
 void output(struct log_ctx* log, const Line& line)
 {
     *line.at = 0;
-    // Kept: a zero byte in the message ends what is written, not what is counted.
+    // Kept: a zero byte in the message ends what is written, not what is counted. Unlocked: a log belongs to
+    // one thread.
     fputs_unlocked(line.start, log->fp);
     log->total_out += static_cast<size_t>(line.at - line.start);
     if (log->mirror_fp != nullptr && fileno(log->mirror_fp) != fileno(log->fp)) {
@@ -331,7 +346,8 @@ bool must_rotate(const struct log_ctx* log)
 
 // ---- destinations ------------------------------------------------------------------------------
 
-// Opens file or pipe as log->is_pipe says. 0 or -1; on -1 the log is closed.
+// Opens file or pipe as log->is_pipe says. 0 or -1; on -1 the log is closed, but as it was if the path is too
+// long.
 int do_open(struct log_ctx* log, const char* filecmd)
 {
     assert(g_logmod.is_ready);
@@ -347,7 +363,8 @@ int do_open(struct log_ctx* log, const char* filecmd)
             return -1;
         }
         // Stored at once: where it fails the log is closed, and lines are dropped without a look at anything
-        // else.
+        // else. "a": the kernel puts each line at the end, also after somebody else has written to the file
+        // or cut it.
         log->fp = log->is_pipe != 0 ? popen(filecmd, "w") : fopen(filecmd, "a+");
         log->is_dead = 0;
         if (log->fp == nullptr) {
@@ -378,7 +395,9 @@ int do_open(struct log_ctx* log, const char* filecmd)
     return 0;
 }
 
-// Renames a regular file of some length out of the way, after its modification time.
+// Renames a regular file of some length out of the way, after its modification time. stat() looks through a
+// symbolic link and rename() moves the link itself. log_open does not look at the result: what could not be
+// moved is continued.
 int move_if_present(const char* fpath)
 {
     // What is no regular file (/dev/null, a terminal) or empty stays where it is and is used.
@@ -425,10 +444,12 @@ bool rotated_name(const struct log_ctx* log, const char* caller, time_t tm, char
 void handle_rotation(struct log_ctx* log, time_t now, const char* prev_log)
 {
     struct rotation_ctx& rota = log->rota;
+    // max_idx may have become smaller since the last rotation.
     if (rota.next_idx < 0 || static_cast<size_t>(rota.next_idx) >= rota.max_idx) {
         rota.next_idx = 0;
     }
     const ssize_t idx = rota.next_idx++;
+    // To g_log, whichever log it was that rotated.
     log_norm("[%s]: previous log rotated to [%s] tm=%ld, idx=%ld\n", g_logmod.app_tag, prev_log,
              static_cast<long>(now), static_cast<long>(idx));
     if (rota.tm[idx] != 0) {
@@ -505,6 +526,7 @@ int rotate(struct log_ctx* log)
         return rc;
     }
     if (!renamed) {
+        // From 0, though the file is as long as it was: by its length every further line would try to rotate.
         log->total_out = 0;
         log_err("%s: %s - rotation cancelled this time\n", kLogRotate, errmsg);
         return 0;
@@ -520,6 +542,7 @@ int rotate(struct log_ctx* log)
 
 void mll_sect_pushset(struct loglevel_ctx* ctx, int idx)
 {
+    // sec_sp is the index of the section saved last, -1 for none.
     ASSERT(ctx->sec_sp < LL_STACK_DEPTH - 1);
     ASSERT(idx >= 0 && idx < LL_MAX_SECTIONS);
     ctx->sec_stack[++ctx->sec_sp] = ctx->sec;
@@ -570,6 +593,7 @@ void log_write(struct log_ctx* log, int level, const char* fmt, ...)
     if (level < 0 && log->use_syslog != 0) {
         const mv::SyslogMark mark; // libc stamps the message with local time
         va_start(args, fmt);       // anew: the list was used up by the line
+        // With its facility in each message, so that an openlog() of the application does not move the lines.
         vsyslog(get_syslog_pri(level) | LOG_LOCAL0, fmt, args);
         va_end(args);
     }
@@ -585,6 +609,7 @@ void log_default(struct log_ctx* log, FILE* fp)
 {
     log->fp = fp;
     log->is_dead = 0;
+    // Above DEBUG_level: the gate keeps sections shut until their level, or a module's, is set otherwise.
     if (log == &g_log && log->llst.sec_ll_set == 0) {
         log_set_sections(log, SECTION_level);
     }
@@ -667,6 +692,7 @@ int get_syslog_pri(int level)
 
 int match_log_level(const char* str, int* level)
 {
+    // No word for PANIC_level, at which a log would not even show errors.
     static constexpr struct {
         const char* word;
         int level;
@@ -692,6 +718,7 @@ int read_level_env(const char* varname, int default_level)
     if (text == nullptr) {
         return default_level;
     }
+    // strtol() gives 0 for a text without digits as well: only the plain "0" is taken for the number.
     const int number = static_cast<int>(strtol(text, nullptr, 10));
     if (number != 0) {
         return number;
@@ -726,6 +753,7 @@ int btrace_to_buf(char* buf, size_t buflen)
         }
         buf += n;
     }
+    // One block holds the pointers and the texts.
     free(symbols);
     return 0;
 }
@@ -809,6 +837,8 @@ void log_close(struct log_ctx* log)
     const bool is_pipe = log->is_pipe != 0;
     const int rc = is_pipe ? pclose(log->fp) : fclose(log->fp);
     const KeptErrno e;
+    // Where SIGCHLD is ignored the kernel reaps the command by itself, and pclose() finds no child: no
+    // failure.
     if (rc < 0 && !(is_pipe && e.number() == ECHILD)) {
         fprintf(stderr, "%s: %s error(%d) for the application log: %s\n", __func__,
                 is_pipe ? "pclose" : "fclose", e.number(), e.text());
