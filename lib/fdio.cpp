@@ -63,6 +63,7 @@ struct trfbuf {
 };
 
 constexpr size_t kPage = 4096;
+// The caller's half of a flag word; the results of a step stand above it.
 constexpr uint32_t kOptionBits = 0xffff;
 
 trfbuf g_trf;
@@ -75,10 +76,13 @@ struct Step {
     int error = 0;
 };
 
+// What a result of 0 says: to a read the end of the file, to a write that errno has to be looked at.
 enum class Zero { Ends, IsFailure };
 
 // The one loop of nread, nwrite, npread and nsendfile: io(caller) moves up to count bytes; only EINTR makes
-// it go round. Kept: a short count ends it, the rest is the caller's business.
+// it go round. Kept: a short count ends it, the rest is the caller's business. The sensor is a template
+// argument: its slot is checked when this is compiled. A g_quit that ends the loop leaves an errno of 0,
+// since nothing has failed.
 template <off_t sensor, Zero zero, class Io>
 ssize_t until_moved(const char* caller, size_t count, Io io)
 {
@@ -88,6 +92,7 @@ ssize_t until_moved(const char* caller, size_t count, Io io)
     for (;;) {
         psensor_start(sensor);
         const ssize_t moved = io(caller);
+        // Before the sensor, whose clock may change it.
         const int err = errno;
         psensor_stop(sensor);
         if (moved > 0 || (moved == 0 && zero == Zero::Ends) || err != EINTR) {
@@ -106,6 +111,7 @@ ssize_t zero_if_failed(ssize_t result)
     return result < 0 ? 0 : result;
 }
 
+// A descriptor that is not open (POLLNVAL) is "not ready" too, 1.
 short int wait_for(int sockfd, short int event, int tmout)
 {
     const short int revents = poll_on_socket(sockfd, event, tmout);
@@ -126,7 +132,8 @@ bool carries_descriptors(const struct cmsghdr* cmsg)
     return cmsg->cmsg_level == SOL_SOCKET && cmsg->cmsg_type == SCM_RIGHTS;
 }
 
-// Closes what came and is not handed out: a peer could exhaust our table otherwise.
+// Closes what came and is not handed out: a peer could exhaust our table otherwise. There are two at most:
+// the kernel installs as many as the room takes, and drops the rest itself.
 void drop_descriptors(struct cmsghdr* cmsg)
 {
     if (cmsg == nullptr || !carries_descriptors(cmsg)) {
@@ -207,6 +214,7 @@ ssize_t send_datagram(const struct transfer_spec* tsp, const char* src, size_t c
 
 ssize_t transfer_out(struct transfer_spec* tsp, const char* src, size_t count)
 {
+    // nwrite() of nothing gives 0 without a call, and the step would be taken for the end of the stream.
     ASSERT(count != 0);
     const bool to_address = (*tsp->flags & FDIO_SENDTO) != 0;
     const ssize_t n =
@@ -279,6 +287,7 @@ void memory_step(struct transfer_spec* tsp, size_t portion, Step* step)
         }
     }
     step->written = step->total;
+    // 0 unless a call below has failed: transfer() has cleared it, and lines of the log keep it.
     step->error = errno;
 }
 
@@ -308,7 +317,9 @@ void buffer_step(struct transfer_spec* tsp, size_t portion, Step* step)
         if (step->error != 0) {
             return;
         }
+        // A total beyond the buffer would send what stands behind it in memory.
         ASSERT(step->total >= 0 && static_cast<size_t>(step->total) <= g_trf.buflen);
+        // What goes on, not what came: FDIO_TRF_RWEQ compares the write with this.
         step->read = step->total;
     }
     step->written = transfer_out(tsp, io_buffer(), static_cast<size_t>(step->read));
@@ -339,6 +350,7 @@ int trf_err_correct(int err, uint32_t flags)
     if (err == EAGAIN) {
         return 0;
     }
+    // EBUSY is what sendfile() of other systems gives where the data would have to come from the disk first.
     const bool lost_reader = err == EPIPE || (err == EBUSY && (flags & FDIO_SENDFILE) != 0);
     return (flags & FDIO_ERR_WRITE) != 0 && lost_reader ? 0 : err;
 }
@@ -447,6 +459,8 @@ ssize_t send_fd(int dst_fd, void* ptr, size_t nbytes, int sendfd)
 {
     Message message(ptr, nbytes);
     struct msghdr& msg = message.header;
+    // A stream socket wants at least one byte of data to carry the descriptor (unix(7)). A peer that is gone
+    // raises SIGPIPE: see ignore_sigpipe().
     struct cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
     cmsg->cmsg_len = CMSG_LEN(sizeof sendfd);
     cmsg->cmsg_level = SOL_SOCKET;
@@ -491,6 +505,7 @@ int open_src_file(const char* fpath)
 
 int open_dst_file(const char* fpath, uint32_t flags)
 {
+    // O_EXCL refuses a symbolic link as well, so that nobody can lead the file elsewhere.
     const int fd = Open3(fpath, O_WRONLY | O_CREAT | O_EXCL | O_TRUNC, kDstMode);
     if (fd != -1 && (flags & FDIO_UNLINK_DST) != 0 && Unlink(fpath) != 0) {
         // Kept: the descriptor stays open. The file is there, and somebody else may be at work on it.
@@ -546,7 +561,8 @@ int set_trf_bufsize(size_t newsize)
                 static_cast<long>(MIN_TRF_BUFSIZE));
         return -1;
     }
-    // A page more, so that the I/O can begin at a page boundary wherever the block starts.
+    // A page more, so that the I/O can begin at a page boundary wherever the block starts. A size without
+    // room for it becomes one that realloc() refuses.
     const size_t with_page = newsize <= SIZE_MAX - kPage ? newsize + kPage : SIZE_MAX;
     // Kept: without memory the old block is lost, and buflen still tells its size.
     g_trf.buf = static_cast<char*>(mv::shown_realloc(__func__, g_trf.buf, with_page, newsize));
@@ -563,6 +579,7 @@ struct transfer_spec* new_transfer_spec(int in_fd, int out_fd, off_t* offset, ui
                                         ssize_t aux_len)
 {
     auto* tsp = static_cast<struct transfer_spec*>(Calloc(1, sizeof(struct transfer_spec)));
+    // flags is the caller's word, not a copy: steps report in it, and its owner reads them there.
     ASSERT(tsp != nullptr && flags != nullptr);
     tsp->in_fd = in_fd;
     tsp->out_fd = out_fd;
@@ -581,6 +598,7 @@ int transfer(struct transfer_spec* tsp, size_t count, ssize_t* tbytes)
     *tsp->flags &= kOptionBits; // what the last step reported must not be taken for this one's
     errno = 0;
     Step step;
+    // Of the buffer's size at most, in memory too; sendfile needs no buffer and gets count as it is.
     const size_t portion = count == 0 || count > g_trf.buflen ? g_trf.buflen : count;
     bool position_moved = false; // by the system
     if (tsp->mmem != nullptr && !prefer_sendfile(*tsp->flags)) {

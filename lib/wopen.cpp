@@ -32,8 +32,10 @@ using mv::UrlParts;
 constexpr char kUsockOpen[] = "usock_open"; // who the lines of its stages name
 constexpr char kHttpPort[] = "80";
 constexpr size_t kBufferSize = 2048;
+// A longer head is refused. What of the body came along stands behind it.
 constexpr size_t kHeadMax = 1024;
 constexpr size_t kRequestMax = 128;
+// Of reads whose data nobody wants: the size of one read, and no limit.
 constexpr size_t kScratchSize = 2048;
 constexpr struct timespec kHeadTimeout = {5, 0};
 
@@ -91,6 +93,7 @@ int read_head(const char* caller, int sockfd, ResponseText& head)
     struct timespec start;
     int rc = -1;
     set_now(&start);
+    // A descriptor whose flags cannot be read (-1) counts as impatient: a broken one must not be waited for.
     const bool is_patient = is_non_blocking(sockfd) == 0;
     // Kept: the timer starts anew right before each test, so the limit never runs out between two reads.
     while (timed_out(&start, &kHeadTimeout) == 0) {
@@ -99,6 +102,7 @@ int read_head(const char* caller, int sockfd, ResponseText& head)
             break;
         }
         log_dbg("%s: expecting more data from fd%d\n", caller, sockfd);
+        // On a blocking socket EAGAIN is a receive time-out (SO_RCVTIMEO) that ran out: worth another try.
         if (!is_patient) {
             break;
         }
@@ -111,6 +115,7 @@ int read_head(const char* caller, int sockfd, ResponseText& head)
 void take_tail(const char* caller, int sockfd, const ResponseText& head, char* tail, size_t tail_cap,
                size_t* tail_size)
 {
+    // The marker ends inside what was read, so tail is never above total.
     size_t n = static_cast<size_t>(head.ctx.total - head.ctx.tail);
     if (tail != nullptr && tail_size != nullptr) {
         if (n > tail_cap) {
@@ -162,7 +167,8 @@ Opening open_file(struct usock_ctx* uc)
     return opening;
 }
 
-// The buffer that goes with a TCP or HTTP socket.
+// The buffer that goes with a TCP or HTTP socket. It outlives the opening: the beginning of the body stands
+// in it until usock_close().
 bool make_buffer(struct usock_ctx* uc)
 {
     uc->buf = static_cast<char*>(W_calloc(kUsockOpen, 1, kBufferSize));
@@ -175,7 +181,7 @@ bool make_buffer(struct usock_ctx* uc)
 }
 
 // What the kind of the URL means for the socket: its type, the buffer, the source of a group. False without
-// memory for the buffer.
+// memory for the buffer. The default is not reached: open_by_kind() lets no other kind come here.
 bool set_by_kind(const UrlParts& url, struct usock_ctx* uc, const char** source)
 {
     switch (uc->url_kind) {
@@ -222,6 +228,7 @@ Opening open_net(const char* text, UrlParts& url, struct usock_ctx* uc)
     return opening;
 }
 
+// By the order of the kinds in uri.h: the file first, those of the network side by side behind it.
 Opening open_by_kind(const char* text, UrlParts& url, struct usock_ctx* uc)
 {
     if (uc->url_kind == URI_FILE) {
@@ -243,6 +250,7 @@ int usock_open(const char* url, struct usock_ctx* uc)
     if (uc->url_kind == URI_BAD) {
         return -1;
     }
+    // The text of the assertion is told to callers as it stands here, blanks included.
     // clang-format off
     assert(((void *)0) == uc->url_path);
     // clang-format on
@@ -269,7 +277,8 @@ int usock_open(const char* url, struct usock_ctx* uc)
 void usock_close(int fd, struct usock_ctx* uc)
 {
     if (uc != nullptr) {
-        // While the descriptor is open: a group is left through the socket that joined it.
+        // While the descriptor is open: a group is left through the socket that joined it. The record's own
+        // address says which group, as open_socket() left it there.
         if (uc->sspec.multicast != 0 && uc->sspec.writer == 0) {
             mcast_leave(fd, &uc->sspec.addr_ss, uc->mifc);
         }
@@ -342,6 +351,7 @@ int usock_http_get_body(int sockfd, struct http_body_buf* bb)
     while (left > 0) {
         char scratch[kScratchSize];
         const size_t wanted = static_cast<size_t>(left);
+        // Tells the peer's end, which sets no number, from a read that failed.
         errno = 0;
         const ssize_t n = nread(sockfd, scratch, wanted < kScratchSize ? wanted : kScratchSize, 0);
         if (n < 1) {
