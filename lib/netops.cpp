@@ -82,6 +82,7 @@ constexpr FamilyWord kFamilyWords[] = {
     {"anyaddr", AF_UNSPEC},
 };
 
+// The result for another family is greater than every room, so that no test of a length lets it pass.
 socklen_t family_size(const char* caller, int family)
 {
     switch (family) {
@@ -116,6 +117,7 @@ void cpy_anyaddr(int family, struct sockaddr_storage* ss)
     ss->ss_family = static_cast<sa_family_t>(family);
 }
 
+// Addresses alone: neither the port counts nor the scope.
 bool saddr_equal(const struct sockaddr* a, const struct sockaddr* b)
 {
     ASSERT(a->sa_family == b->sa_family);
@@ -158,7 +160,9 @@ IfaddrsList list_interfaces(const char* caller, const char* ifc, int family, int
     return IfaddrsList(list);
 }
 
-// Reads a numeric address of a family that sockets can be made of here. 0, or an error.
+// Reads a numeric address of a family that sockets can be made of here. 0, or an error. AI_NUMERICHOST: no
+// name server is asked for a text that is no address. The look-up gives an address for stream, datagram and
+// raw each; the first that works will do.
 int numeric_addr(const char* caller, const char* text, struct sockaddr_storage* ss)
 {
     struct addrinfo hints = {};
@@ -307,6 +311,7 @@ int is_ipv6_mc_local(struct sockaddr* sa)
         return 0;
     }
     const struct in6_addr addr = ipv6_of(sa);
+    // The low half of the second byte: 1 is interface-local, 2 link-local (RFC 4291, 2.7).
     const int scope = addr.s6_addr[1] & 0x0F;
     return addr.s6_addr[0] == 0xFF && (scope == 1 || scope == 2) ? 1 : 0;
 }
@@ -320,6 +325,7 @@ char* saddr_str(struct sockaddr* sa, socklen_t salen, char* buf, size_t len)
 {
     NumericName name;
     int rc = name.resolve(sa, salen);
+    // glibc shows a domain address; where the C library refuses the family, the path stands for the host.
     if ((rc == EAFNOSUPPORT || rc == EAI_FAMILY) && sa->sa_family == AF_UNIX) {
         const DomainAddr domain(sa, salen);
         memcpy(name.host, domain.un.sun_path, strnlen(domain.un.sun_path, sizeof domain.un.sun_path));
@@ -426,6 +432,7 @@ struct ifc_info* get_ifc_info(int af, const char* tag)
         error = e.number();
         log_err("%s: if_indextoname(%d, buf): %s\n", __func__, static_cast<int>(info->idx), e.text());
     }
+    // Found by its name: by an address, that would stand here already.
     if (info->ss.ss_family == AF_UNSPEC) {
         error = ifc_addr_lookup(af, info->name, as_sockaddr(&info->ss), sizeof info->ss);
     }
@@ -498,7 +505,8 @@ bool is_decimal(const char* str)
     return *str != 0 && *end == 0;
 }
 
-// A datagram socket is never connected: a writer sends to addr_ss, and a reader takes what comes.
+// A datagram socket is never connected: a writer sends to addr_ss, and a reader takes what comes. What
+// is neither that nor a stream is connected on both sides, the server's after its bind.
 bool should_connect(int is_server, const struct socket_spec* spec)
 {
     switch (spec->socktype) {
@@ -547,6 +555,7 @@ int setup_client(int sockfd, const struct addrinfo* airp, struct socket_spec* sp
         if (errno != EINPROGRESS) {
             return -1;
         }
+        // No failure of the set-up: how it ends is told by socket_error() once the socket is writable.
         spec->async_connect = 1;
     }
     log_info("%s: %s CONNECT [fd%d]\n", __func__, spec->async_connect != 0 ? "ASYNC" : "IMMEDIATE", sockfd);
@@ -555,6 +564,8 @@ int setup_client(int sockfd, const struct addrinfo* airp, struct socket_spec* sp
 
 int setup_listener(int sockfd, const struct addrinfo* airp, const struct socket_spec* spec)
 {
+    // So that [::] serves IPv4 too, whatever net.ipv6.bindv6only says; the kernel takes the option before the
+    // bind alone.
     if (airp->ai_family == AF_INET6 && is_unspecified(airp->ai_addr) == 1) {
         set_ipv6only(sockfd, 0);
     }
@@ -583,6 +594,8 @@ int setup_mcast_writer(int sockfd, const struct addrinfo* airp, const struct ifc
         return set_ipv6_sock_ifc(sockfd, mifc->idx);
     }
     if (airp->ai_family == AF_INET) {
+        // In network byte order, as the option wants it. The any-address would give the choice back to the
+        // kernel.
         const struct in_addr addr = ipv4_of(as_sockaddr(&mifc->ss));
         ASSERT(addr.s_addr != INADDR_ANY);
         return Setsockopt(sockfd, IPPROTO_IP, IP_MULTICAST_IF, &addr, sizeof addr);
@@ -594,6 +607,7 @@ int setup_mcast_reader(int sockfd, const struct addrinfo* airp, struct ifc_info*
                        struct sockaddr_storage* msrc)
 {
     report_mcast_setup(__func__, sockfd, mifc);
+    // The kernel binds to such a group only with the interface in the address, as its scope id.
     if (is_ipv6_mc_local(airp->ai_addr) != 0) {
         if (is_named(mifc)) {
             sync_ipv6addr_scope_id(airp->ai_addr, mifc->name, &mifc->ss);
@@ -601,6 +615,8 @@ int setup_mcast_reader(int sockfd, const struct addrinfo* airp, struct ifc_info*
             log_err("%s: network interface must be specified to use link/local-scope multicast\n", __func__);
         }
     }
+    // To the group: a socket on the any-address gets the datagrams of every group that anybody on this
+    // machine has joined, if they come to its port.
     if (const int rc = reuse_and_bind(sockfd, airp->ai_addr, airp->ai_addrlen); rc != 0) {
         return rc;
     }
@@ -655,6 +671,7 @@ AddrinfoList resolve(const char* addr, const char* port, const struct socket_spe
     struct addrinfo hints = {};
     hints.ai_family = spec->family;
     hints.ai_socktype = spec->socktype;
+    // AI_PASSIVE acts on a missing host alone, and one is always given below.
     hints.ai_flags = spec->passive != 0 ? AI_PASSIVE : 0;
     const char* text = addr;
     if (text == nullptr) {
@@ -689,6 +706,7 @@ bool try_entry(const struct addrinfo* ai, struct socket_spec* spec, const char* 
     }
     attempt.socket = OwnedSocket(fd, {kOpenSocket});
     spec->family = ai->ai_family;
+    // Set and never cleared: the record's next use must begin with zeros.
     spec->multicast |= static_cast<unsigned int>(is_multicast(ai->ai_addr)) & 1U;
     if (spec->non_blocking != 0 && set_nblock(fd, 1) != 0) {
         const KeptErrno e;
@@ -860,7 +878,8 @@ int reuse_and_bind(int sock, struct sockaddr* addr, socklen_t addrlen)
     if (Setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
         return errno;
     }
-    // Where the kernel lacks the option nothing is lost.
+    // Where the kernel lacks the option nothing is lost. All sockets of one port must have it, and belong to
+    // one user; the kernel spreads unicast datagrams over them.
     (void)setsockopt(sock, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
     if (Bind(sock, addr, addrlen) != 0) {
         return errno;
@@ -886,7 +905,7 @@ struct net_options {
 struct net_options g_opt = {};
 
 // The older IPv4 options name an interface by its address: one that the record lacks is put into it. 0, or
-// the failure of the look-up.
+// the failure of the look-up. The look-up logs its failure, so that callers pass it up without a line.
 int complete_ipv4_addr(const char* ifc_name, struct sockaddr_storage* ifc)
 {
     ASSERT(ifc != nullptr);
@@ -970,6 +989,7 @@ int ssm_proto_op(const char* caller, const char* ifc_name, uint32_t ifc_idx,
         rc = apply(__func__, sockfd, mv::ipv4_source(grp, src, ifc, is_join));
     } else if (grp->ss_family == AF_INET6) {
         log_err("%s: (%s) IPv6-specific SSM not supported\n", caller, __func__);
+        // RFC 3678 has no older option for IPv6: its sources exist in the generic form alone.
         rc = -EINVAL;
         errno = EINVAL;
     }
@@ -1101,6 +1121,7 @@ void store_port(const char* caller, const struct sockaddr_storage* ss, const cha
         log_err("%s: invalid network family: %d\n", caller, ss->ss_family);
         return;
     }
+    // One place for both families.
     static_assert(offsetof(struct sockaddr_in, sin_port) == offsetof(struct sockaddr_in6, sin6_port));
     // Kept: the caller's record takes the port, though it is declared const.
     put_field_at(as_sockaddr(const_cast<struct sockaddr_storage*>(ss)),
@@ -1149,7 +1170,8 @@ Time split_msec(long msec, long units_per_msec)
 }
 
 // Tries to connect until it works, the attempts are spent, g_quit is set or a signal ends a pause. 0 or -1;
-// *attempt counts the attempts that failed and were waited for.
+// *attempt counts the attempts that failed and were waited for. The same socket is tried again: on Linux a
+// domain socket whose connect failed is as it was.
 int connect_patiently(const char* caller, int fd, const char* path, size_t max_attempts, long pause_msec,
                       size_t* attempt)
 {
@@ -1172,12 +1194,14 @@ int connect_patiently(const char* caller, int fd, const char* path, size_t max_a
 
 int set_socket_buflen(int sockfd, int option, size_t length)
 {
-    // Kept: the full width of a size_t, of which the kernel reads the first four bytes.
+    // Kept: the full width of a size_t, of which the kernel reads the first four bytes. It doubles the number
+    // for its own records and cuts it at net.core.wmem_max or rmem_max (socket(7)).
     return Setsockopt(sockfd, SOL_SOCKET, option, &length, sizeof length);
 }
 
 int set_socket_timeout(int sockfd, int optname, int ms)
 {
+    // To the kernel 0 is no limit, not a limit of nothing.
     const auto limit = split_msec<struct timeval>(ms, 1000);
     return Setsockopt(sockfd, SOL_SOCKET, optname, &limit, sizeof limit);
 }
@@ -1267,6 +1291,8 @@ int set_tcp_nodelay(int sockfd, int is_on)
 
 int set_tcp_cork(int sockfd, int is_on)
 {
+    // The kernel holds a part of a segment back for 200 ms at most, whether or not the cork is drawn
+    // (tcp(7)).
     const int rc = Setsockopt(sockfd, IPPROTO_TCP, TCP_CORK, &is_on, sizeof is_on);
     if (rc == 0) {
         log_info("TCP_CORK turned %s for [fd=%d]\n", on_or_off(is_on), sockfd);
@@ -1276,6 +1302,7 @@ int set_tcp_cork(int sockfd, int is_on)
 
 int set_keepalive(int sockfd, int optval)
 {
+    // The bare call: the line below is the only one of its failure.
     const int rc = setsockopt(sockfd, SOL_SOCKET, SO_KEEPALIVE, &optval, sizeof optval);
     if (rc != 0) {
         const KeptErrno e;
