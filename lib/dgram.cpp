@@ -78,7 +78,8 @@ long diff_ms(const struct timespec* a, const struct timespec* b)
     return tms2ms(&delta);
 }
 
-// Slots grow with the time-out, in steps, so that a fixed number of them always covers it.
+// Slots grow with the time-out, in steps, so that a fixed number of them always covers it. MAX_TSLOTS is that
+// number: whatever the time-out, that many slots are as long or longer.
 u_long slot_width(u_long tmout_ms)
 {
     if (tmout_ms < 1000) {
@@ -88,7 +89,7 @@ u_long slot_width(u_long tmout_ms)
 }
 
 // Notes the packet with a PAT of a segment before which the sequence had so many packets. A number that does
-// not fit its field is not noted.
+// not fit its field is not noted. Packets count from 1 here, so that 0 says "none".
 void note_pat(struct dgram_seq* seq, size_t before, const struct sseg_ctx& sseg)
 {
     const size_t packet = before + sseg.pat_idx;
@@ -181,6 +182,8 @@ ssize_t stay(const char* caller, struct dgram_idx* di, struct dgram_seq* seq, co
     if (index > seq->max_tslot) {
         seq->max_tslot = index;
     }
+    // The packets of a sequence lie side by side in the store: every offset is reckoned from that, and a hole
+    // would make them all wrong.
     const off_t expected = offset_of(seq, before);
     if (seg.offset != expected) {
         log_panic("%s: offset=%ld mismatch: expected=%ld\n", caller, static_cast<long>(seg.offset),
@@ -214,6 +217,7 @@ ssize_t add_segment(const char* caller, struct dgram_idx* di, size_t seg_len, si
     if (di->seq.len == 0) {
         return add_initial(caller, di, seg, buf);
     }
+    // Not to be used behind add_seq(), which may move the storage.
     struct dgram_seq* seq = seq_at(di, di->seq.len - 1);
     ASSERT(seq->count != 0 && seq->pkt_size != 0);
     // Kept: a segment that is about to close the sequence still gives it its time.
@@ -242,6 +246,7 @@ uint32_t spread(const struct dgram_idx* di, const struct dgram_seq* seq, size_t 
     uint32_t delta = 0;
     for (size_t slot = 0; slot <= seq->max_tslot; ++slot) {
         const size_t n = seq->tslot_count[slot];
+        // An empty slot never gets in here, so that nothing is divided by 0.
         if (left < n) {
             return delta + static_cast<uint32_t>(left * di->tslot_ms / n);
         }
@@ -262,7 +267,8 @@ struct timespec later(struct timespec time, uint32_t delta_ms)
     return time;
 }
 
-// The sequence that an asker means by dseq, sequence 0 for a number that is not positive.
+// The sequence that an asker means by dseq, sequence 0 for a number that is not positive. Held against the
+// storage, not the count: what is not in use yet is zeros, which read as an empty sequence.
 const struct dgram_seq* asked_seq(const struct dgram_idx* di, ssize_t dseq)
 {
     const size_t index = dseq > 0 ? static_cast<size_t>(dseq) : 0;

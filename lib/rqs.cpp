@@ -45,6 +45,7 @@ using mv::KeptErrno;
 enum { INOTIFY_BUFLEN = 4096, INO_WFD_CAP = 1024 };
 
 constexpr int32_t INO_TAG = std::bit_cast<int32_t>(std::to_array(INO_STR));
+// What on_file_modified is told of. IN_IGNORED comes without being asked for, when a watch ends.
 constexpr uint32_t kWatchMask = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_DELETE_SELF | IN_MOVE_SELF;
 static_assert(kWatchMask == 0xc0e);
 
@@ -85,6 +86,7 @@ struct inotify_ctx {
     ssize_t wfd_count;
 };
 
+// Zeros: a loopfd of 0 is a loop that was not set up.
 struct rqs_context g_rqs;
 struct rqs_config g_config;
 struct inotify_ctx g_ino = {{INO_STR}, -1, 0, {0}, 0, 0};
@@ -244,7 +246,7 @@ void process_record(const char* caller, const struct inotify_event* iev)
 }
 
 // Not inlined: the events of descriptors come far more often, and the walk over records would crowd their
-// path.
+// path. The read does not wait: it asks for no more than is there.
 [[gnu::noinline]] int process_inotify_records(int fd_err, void* udata)
 {
     ASSERT(udata == &g_ino);
@@ -282,7 +284,8 @@ void process_record(const char* caller, const struct inotify_event* iev)
     return 0;
 }
 
-// Table and descriptor: 0, the table's code, or -1 without a descriptor.
+// Table and descriptor: 0, the table's code, or -1 without a descriptor. The two are closed together: by
+// close_watches(), also after a failure here.
 int open_watches(const char* caller)
 {
     g_ino.wfd_count = 0;
@@ -300,6 +303,7 @@ int open_watches(const char* caller)
     return rc;
 }
 
+// The close takes the descriptor out of epoll as well; rqs_destroy() clears the count that it stood in.
 void close_watches()
 {
     if (g_ino.fd >= 0) {
@@ -415,7 +419,8 @@ void report_failed_wait(const char* caller, const KeptErrno& e)
     }
 }
 
-// The count of events, or the negative result of a wait that failed, with errno.
+// The count of events, or the negative result of a wait that failed, with errno. There is room for every
+// registered descriptor, so that one wait tells of all that are ready and none waits for the next turn.
 int wait4events()
 {
     if (g_rqs.poll_fds > g_rqs.events.max_len &&
@@ -540,6 +545,7 @@ bool wait_stage(Run& run)
     }
     refresh_tmout();
     if (wait4events() < 0) {
+        // An EINTR that does not end the loop stays in rc until this cycle's purge puts its result there.
         run.rc = errno;
         if (run.rc != EINTR || g_quit != 0) {
             return false;
@@ -557,7 +563,8 @@ bool purge_stage(Run& run)
     return run.rc == 0;
 }
 
-// Kept: the queue is emptied, so what was queued outside the stages that purge is lost.
+// Kept: the queue is emptied, so what was queued outside the stages that purge is lost. Room is
+// reserved only where the events have outgrown it: a cycle allocates nothing otherwise.
 void prepare_removals()
 {
     if (g_rqs.nopoll.len > g_rqs.nopoll_rm.max_len &&
@@ -641,6 +648,7 @@ int rqs_init(const struct rqs_config* cfg)
     g_config = *cfg; // a copy: the caller's may go
     g_rqs = {};
     mv::g_loop_now = {};
+    // The number says nothing to the kernel, but must be above 0 (epoll_create(2)).
     g_rqs.loopfd = epoll_create(128);
     if (g_rqs.loopfd < 0) {
         const KeptErrno e;
@@ -648,6 +656,7 @@ int rqs_init(const struct rqs_config* cfg)
         return -1;
     }
     make_nopoll_lists(__func__);
+    // No limit, until update_tmout sets one.
     g_rqs.tmout.tv_sec = -1;
     const int rc = open_watches(__func__);
     if (rc < 0) {
@@ -666,6 +675,7 @@ int rqs_event_loop(void)
     while (run.rc == 0 && g_quit == 0 && run_cycle(run)) {
     }
     psensor_stop(PRF_EVLOOP); // a cycle that was left in the middle has not done it
+    // A wait that g_quit has ended is the end that was asked for.
     if (run.rc == EINTR && g_quit != 0) {
         run.rc = 0;
     }
@@ -707,6 +717,7 @@ int rqs_mod(int fd, void* udata, int read_write)
 {
     uint32_t mask = (read_write & RQS_READ) != 0 ? EPOLLIN : 0U;
     mask |= (read_write & RQS_WRITE) != 0 ? EPOLLOUT : 0U;
+    // EPOLLHUP and EPOLLERR come whether asked for or not: the mask for neither direction adds nothing.
     return change_fd(EPOLL_CTL_MOD, fd, mask != 0 ? mask : EPOLLHUP, udata);
 }
 
@@ -718,6 +729,7 @@ int rqs_rm_fd(int fd, bool is_reader, bool is_writer)
         return 0;
     }
     struct epoll_event ev = {};
+    // ev says nothing here; kernels before 2.6.9 want a pointer all the same (epoll_ctl(2)).
     const int rc = epoll_ctl(g_rqs.loopfd, EPOLL_CTL_DEL, fd, &ev);
     if (rc == 0) {
         --g_rqs.poll_fds;
@@ -814,6 +826,8 @@ struct timespec rqs_now(void)
 
 int rqs_add_file_watch(void* udata, const char* filepath)
 {
+    // The kernel has one watch for a file, whatever path leads to it: a second call gives the number of the
+    // first.
     const int wd = inotify_add_watch(g_ino.fd, filepath, kWatchMask);
     if (wd < 0) {
         const KeptErrno e;
