@@ -72,6 +72,7 @@ char* map_of(struct xvlst* l)
     return l->taken;
 }
 
+// By an offset: a list that was copied or is mapped elsewhere has no pointer to be mended.
 char* map_of(struct emblst* el)
 {
     return reinterpret_cast<char*>(el) + el->taken_offt;
@@ -105,13 +106,15 @@ size_t enlarged(size_t len, size_t plus)
 }
 
 // Whole growth blocks for new_max elements, and their bytes; false if a block of memory cannot be that big.
+// new_max is above 0: for 0 there is nothing to do, and nobody comes here.
 bool whole_blocks(size_t new_max, size_t blksz, size_t growblk, size_t* count, size_t* bytes)
 {
     return !__builtin_mul_overflow((new_max - 1) / growblk + 1, growblk, count) &&
            !__builtin_mul_overflow(*count, blksz, bytes) && *bytes <= kSizeMax;
 }
 
-// Apart, so that an add with room left is short enough to be inlined where it is called.
+// Apart, so that an add with room left is short enough to be inlined where it is called. A fixed vector is
+// asked for its room here, since xvec_expand() refuses it in any case.
 [[gnu::noinline]] ssize_t add_slowly(struct xvec* v, size_t blksz, size_t growblk)
 {
     if ((v->flags & XV_FIXED_SIZE) != 0 ? v->len >= v->max_len : xvec_expand(v, 1, blksz, growblk) != 0) {
@@ -181,7 +184,8 @@ int walk_slots(List* list, bool stop, size_t* pos, Call call)
     return rc;
 }
 
-// The lowest free slot above s, which is the lowest that was free and is taken now.
+// The lowest free slot above s, which is the lowest that was free and is taken now. Above last everything is
+// free: the slot behind it needs no look.
 template <class List>
 ssize_t search_free(List* list, size_t s)
 {
@@ -225,7 +229,8 @@ ssize_t find_avail(struct emblst* el, size_t s)
     return fills(el) ? -1 : search_free(el, s);
 }
 
-// Takes slot avail, which is a free one.
+// Takes slot avail, which is a free one. In this order: the search goes by last as it will be, and by a count
+// that leaves this slot out.
 template <class List>
 ssize_t take_slot(List* list)
 {
@@ -288,12 +293,15 @@ int free_slot(List* list, size_t index, void (*cleanup)(void* data, size_t index
     return 0;
 }
 
-// Slots of blksz bytes, each with its byte of the map, that fit in room bytes.
+// Slots of blksz bytes, each with its byte of the map, that fit in room bytes. The map stands behind the
+// slots, since bytes need no alignment.
 size_t slots_in(size_t room, size_t blksz)
 {
     return blksz == 0 || blksz == SIZE_MAX ? 0 : room / (blksz + 1);
 }
 
+// The length is reckoned anew from the element size: another one than was mapped would unmap what is not
+// ours.
 void unmap(const struct xvlst* l, size_t blksz)
 {
     size_t bytes = 0;
@@ -335,10 +343,12 @@ int xvec_reserve(struct xvec* v, size_t new_max, size_t blksz, size_t growblk)
     if (!whole_blocks(new_max, blksz, growblk, &count, &bytes)) {
         return out_of_memory();
     }
+    // At least a byte: realloc() of 0 bytes would free the block, and a pointer stands for "has storage".
     void* data = realloc(v->data, std::max(bytes, size_t{1}));
     if (data == nullptr) {
         return out_of_memory();
     }
+    // Nothing but the growth: what was there before is the caller's.
     memset(static_cast<char*>(data) + v->max_len * blksz, 0, (count - v->max_len) * blksz);
     v->data = data;
     v->max_len = count;
@@ -634,6 +644,7 @@ void* emblst_copy(const struct emblst* se, void* dst, size_t dstlen)
         errno = EINVAL;
         return nullptr;
     }
+    // The two buffers may overlap.
     return memmove(dst, se, bytes);
 }
 
