@@ -133,8 +133,10 @@ const void* get_lkey(const struct hrec* rec)
     return as_key(number_of(rec));
 }
 
+// Indexed by the ktype of a table.
 constexpr struct htfunc g_htf[2] = {{s_cmp, s_mkhrec, get_skey}, {l_cmp, l_mkhrec, get_lkey}};
 
+// Each step can be undone (odd factors, shifts that are mixed in), so that no two numbers get one hash.
 uint64_t mix(uint64_t x)
 {
     x = (x << 21) - x - 1;
@@ -147,16 +149,20 @@ uint64_t mix(uint64_t x)
     return x;
 }
 
+// With a sign on every machine: a plain char has none on some, and a text would hash otherwise there.
 uint64_t signed_byte(char c)
 {
     return static_cast<uint64_t>(static_cast<int64_t>(static_cast<signed char>(c)));
 }
 
+// A power of two, so that a mask finds the slot. With capacity records a chain has between 2/3 and 4/3 of one
+// on the average. Never 0 for a capacity above 0.
 size_t calc_rlen(size_t capacity)
 {
     return std::bit_floor(capacity * 3 / 2);
 }
 
+// In seconds: nobody may count on the order in which a table of texts is walked, from one run to the next.
 u_long calc_hseed()
 {
     return static_cast<u_long>(time(nullptr));
@@ -223,7 +229,8 @@ Place find_text(Place place, const char* key, u_long hash)
     return place;
 }
 
-// The pointer that leads to the place's record.
+// The pointer that leads to the place's record. A place that is older than the last change of its chain ends
+// here.
 [[gnu::always_inline]] inline struct hrec** link_to(const Place& place)
 {
     struct hrec** const link = place.pv != nullptr ? &place.pv->next : place.head;
@@ -385,6 +392,7 @@ void destroy(ht_t* tbl, gkfree_t free_data)
     free(tbl);
 }
 
+// A key that occurs twice ends it with EBUSY, and the table with it.
 int fill(ht_t* tbl, const char** klst, size_t len)
 {
     int rc = 0;
@@ -422,6 +430,7 @@ size_t iterate(const ht_t* tbl, gkiter_t f, void* farg)
     size_t visited = 0;
     for (size_t i = 0; i < tbl->rlen; ++i) {
         for (struct hrec* rec = tbl->r[i]; rec != nullptr; rec = rec->next) {
+            // f must leave the record there: the walk goes on from it.
             f(getkey(rec), rec->data, farg);
             ++visited;
         }
@@ -484,6 +493,7 @@ void dump_slots(const ht_t* tbl, FILE* out)
 void dump(const ht_t* tbl, FILE* out, int verbose)
 {
     assert(tbl != nullptr && out != nullptr);
+    // For as long as one print lasts: a table carries nothing that only a print wants.
     hstats = static_cast<SlotStats*>(calloc(tbl->rlen, sizeof(SlotStats)));
     if (hstats == nullptr) {
         fprintf(out, "%s: out of memory\n", __func__);

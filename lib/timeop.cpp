@@ -46,6 +46,7 @@ char g_zone[kZoneMax];   // what get_timezone found
 
 constexpr size_t kTextMax = 96;
 
+// Without a sign: a second before the start gives a great number.
 bool minute_holds(const MinuteText& minute, time_t second)
 {
     return static_cast<uint64_t>(second) - static_cast<uint64_t>(minute.start) < 60 && minute.length != 0 &&
@@ -148,6 +149,7 @@ ssize_t format_parts(const struct tm& parts, long nsec, uint32_t flags, const ch
 ssize_t put_kept(const MinuteText& minute, const struct timespec* tms, uint32_t flags, const char* zone,
                  char* buf)
 {
+    // The whole array: a copy of fixed length is a few moves, one of the text's length a call.
     memcpy(buf, minute.text, sizeof minute.text);
     char* at = put_two(buf + minute.length, static_cast<unsigned>(tms->tv_sec - minute.start));
     if ((flags & f_FMT_SECONDS) == 0) {

@@ -96,6 +96,7 @@ const char* cpyseg(const char* seg, size_t seg_len, char* buf, size_t buflen)
 // URI lacks is left as it was.
 int extract(const char* uri, char* scheme, char* authority, char* path, char* query)
 {
+    // The scheme is always read, since it decides on the result.
     char own_scheme[URI_SCHEME_MAX];
     if (scheme == nullptr) {
         scheme = own_scheme;
@@ -139,6 +140,7 @@ const char* path_parse(const char* path, size_t path_len, char* addr, size_t add
     if (at >= path_len) {
         return nullptr;
     }
+    // An IPv6 address, whose colons are none of a port.
     const bool bracket = path[at] == '[';
     at += bracket ? 1 : 0;
     const char* host = path + at;
@@ -209,6 +211,7 @@ int extract_stream(const char* seg, size_t seglen, char* src, size_t slength, ch
     if (xseg_cpy(seg, seglen, src, slength, "//") != 0) {
         return -EINVAL;
     }
+    // The word that is in src already, and "://" behind it.
     const size_t prefix = strlen(src) + kSchemeEndSize;
     if (prefix >= slength) {
         return -EINVAL;
@@ -261,7 +264,7 @@ char plain_char(char c)
 }
 
 // isprint() of the character as a signed char, without the index below the table: 0xFF is EOF and does not
-// print.
+// print. Above ASCII it goes by the locale of the program, which the library never sets.
 bool is_printable(char c)
 {
     const auto byte = static_cast<unsigned char>(c);
@@ -518,6 +521,7 @@ int uri_query_parse(const char* query, skht_t* ht)
         ++count;
     }
     const bool wanted = rc == 0 && ht != nullptr;
+    // free() for every value, those that are NULL included.
     if (tbl != 0 && !wanted) {
         skht_destroy(tbl, free);
     }

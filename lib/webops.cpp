@@ -114,6 +114,7 @@ bool is_aborted(int err)
 
 bool store_location(std::string_view value, struct http_resp_ctx* resp, const char* caller)
 {
+    // Not there, unlike an empty one, which is told below.
     if (value.data() == nullptr) {
         return true;
     }
@@ -245,6 +246,7 @@ bool parse_status_line(int sockfd, char* head, struct http_resp_ctx* resp)
     StatusLine status;
     char* line_end = head + strcspn(head, "\r\n");
     if (!read_usual_status({head, static_cast<size_t>(line_end - head)}, status)) {
+        // sscanf gets the line alone: its %63c would read on over the line's end.
         const char cut = *line_end;
         *line_end = '\0';
         const int parsed =
@@ -383,6 +385,7 @@ int take_request(char* http, size_t hlen, struct http_header* user_hdr, mv::Owne
         }
         memcpy(query.get(), hdr.uri.query, hdr.uri.q_len);
     }
+    // From the segment, which is const, back to the caller's own text.
     path = http + (hdr.uri.path - http);
     path[hdr.uri.p_len] = '\0'; // on the question mark, so that the query was copied before
     log_dbg("%s: URI path=[%s], query=[%s]\n", kParseUrq, path, query ? query.get() : "");
@@ -834,7 +837,7 @@ int mk_full_url(const struct http_header* hdr, char* buf, size_t buflen)
 int extract_http_request_path_query(const char* http_rq, size_t hlen, char* path, size_t plen, char* query,
                                     size_t qlen)
 {
-    // Copied into a record of its own: the segments point into http_rq, which may go before the copies do.
+    // A record of its own: its segments point into http_rq, and what the caller gets may outlive that.
     struct http_header hdr = {};
     const int rc = parse_http_header(http_rq, hlen, &hdr, nullptr, 0);
     if (rc != 0) {
@@ -955,6 +958,7 @@ ssize_t mk_http_response(const struct http_response* r, char* buf, size_t buflen
     if (!whole || head.room() <= 3) {
         return -1;
     }
+    // With a terminator, for the line of the log; the length leaves it out.
     head.append({"\r\n\0", 3});
     return static_cast<ssize_t>(head.length() - 1);
 }
@@ -1039,6 +1043,7 @@ int mk_hls_item_url(const char* m3u_url, const char* path, char* buf, size_t buf
         log_err("%s: non-http M3U url: %s\n", __func__, m3u_url);
         return EINVAL;
     }
+    // There is a slash, in the prefix at least; a URL that has only those is refused below.
     const size_t prefix = static_cast<size_t>(strrchr(m3u_url, '/') - m3u_url);
     const size_t length = strlen(path);
     if (prefix <= kHttpPrefixSize || prefix + length + 1 >= buflen) {

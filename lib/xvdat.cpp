@@ -113,8 +113,8 @@ bool whole_blocks(size_t new_max, size_t blksz, size_t growblk, size_t* count, s
            !__builtin_mul_overflow(*count, blksz, bytes) && *bytes <= kSizeMax;
 }
 
-// Apart, so that an add with room left is short enough to be inlined where it is called. A fixed vector is
-// asked for its room here, since xvec_expand() refuses it in any case.
+// Apart, so that an add with room left stays short. A fixed vector is asked for its room here, since
+// xvec_expand() refuses it in any case.
 [[gnu::noinline]] ssize_t add_slowly(struct xvec* v, size_t blksz, size_t growblk)
 {
     if ((v->flags & XV_FIXED_SIZE) != 0 ? v->len >= v->max_len : xvec_expand(v, 1, blksz, growblk) != 0) {
