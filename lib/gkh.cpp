@@ -269,7 +269,8 @@ template <int ktype>
     return 0;
 }
 
-// The operations on a table with slots, of a key whose hash is known.
+// The operations on a table with slots, of a key whose hash is known. always_inline, since both ways of
+// with_hash use them: shared, they would be the call that it does without.
 
 template <int ktype>
 [[gnu::always_inline]] inline int add_hashed(ht_t* tbl, const void* key, u_long hash, void** pdat)

@@ -56,13 +56,15 @@ void psensors_dump(FILE* fp)
 {
     for (size_t i = 0; i < slots_in_use(); ++i) {
         const struct psensor& ps = g_psensor[i];
-        // A sensor that never ran has nothing to say, and there are many of them.
+        // A sensor that never ran has nothing to say, and there are many of them. One that was only probed
+        // has no time either, and is left out.
         if (ps.enabled != 0 && timespecisset(&ps.sensor.accum.tm)) {
             prfm_dump(fp, &ps.sensor, "P-Sensor [%s]\n", ps.nametag);
         }
     }
 }
 
+// The place in the list is the slot: the names stand in the order of the PRF_ numbers.
 off_t libptag_index(const char* name)
 {
     return tag_index(name, g_libsensor_tag);

@@ -162,6 +162,7 @@ void put_block(const uint8_t* bytes, char* to)
     const Block high = block >> 4;
     const Block low = block & 15;
     const auto digits = [](Block nibbles) {
+        // A comparison of vectors gives bytes of all ones or of zeros, which serve as masks here.
         const auto letters = std::bit_cast<Block>(std::bit_cast<SignedBlock>(nibbles) > 9);
         return nibbles + '0' + (letters & ('a' - '9' - 1));
     };
@@ -261,6 +262,7 @@ size_t marker_count(const char* s, const char* marker)
 
 size_t hex_to_bin(const char* str, uint8_t* out, size_t len)
 {
+    // Two characters a byte, an even number: of a text of odd length the last step reads the terminator.
     const size_t wanted = len <= SIZE_MAX / 2 ? 2 * len : SIZE_MAX;
     const size_t length = strnlen(str, wanted);
     size_t written = 0;

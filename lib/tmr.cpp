@@ -21,7 +21,8 @@ constexpr int64_t kNever = INT64_MAX;
 constexpr size_t kFanout = 4;
 constexpr size_t kHeapBlock = 1024;
 
-// The time stands beside the pointer, so that a comparison touches no record.
+// The time stands beside the pointer, so that a comparison touches no record. The record is the caller's and
+// stays where it is while its timer runs: the heap points to it.
 struct entry {
     int64_t due;    // nanoseconds of the loop's clock
     uint64_t order; // counts the starts: timers of one time run in this order
@@ -144,7 +145,8 @@ int64_t next_turn(int64_t due, int64_t every, int64_t now)
     return saturated_sum(due + missed * every, every);
 }
 
-// Takes the due entry at the root off, or moves it to its next turn, before its callback may look at it.
+// Takes the due entry at the root off, or moves it to its next turn, before its callback may look at it. A
+// callback may cancel, change or start any timer, its own included.
 void settle_root(int64_t now)
 {
     entry e = heap()[0];
@@ -245,6 +247,7 @@ int tmr_time_out(void)
     const uint64_t limit = g_started; // what is started from here on waits for the next round
     int ran = 0;
     while (g_heap.len > 0 && heap()[0].due <= now && heap()[0].order < limit) {
+        // Nothing else is used from here on: the callback may move the heap, and free the record itself.
         struct tmr* t = heap()[0].timer;
         settle_root(now);
         t->fn(t, t->udata);

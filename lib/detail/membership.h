@@ -33,7 +33,8 @@ struct IfcArgs {
     }
 };
 
-// One socket option with the record that it takes.
+// One socket option with the record that it takes. Stored as bytes, with room for the greatest: setsockopt()
+// reads it by its length, and the options differ in nothing else for who applies them.
 struct MembershipOption {
     int level;
     int name;

@@ -11,7 +11,8 @@ extern volatile sig_atomic_t g_tmlock __asm__("mv_tmlock"); // a time is being b
 extern volatile sig_atomic_t
     g_in_syslog __asm__("mv_in_syslog"); // libc writes to syslog: mk_timestr makes what it can without libc
 
-// Sets one of the marks for its lifetime.
+// Sets one of the marks for its lifetime. The fences hold the compiler alone: a handler runs in the same
+// thread, but must not find the calls moved out from between the two writes.
 class HandlerMark {
   public:
     explicit HandlerMark(volatile sig_atomic_t& mark) : mark_(mark)
