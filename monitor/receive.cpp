@@ -158,6 +158,7 @@ int open_datagram_socket(const Endpoint& at, size_t buffer)
     if (fd < 0) {
         return -1;
     }
+    ask_for_buffer(fd, at.text.c_str(), buffer); // first: lines come as soon as it is bound
     const int on = 1;
     if ((at.ss.ss_family == AF_INET6 && Setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) != 0) ||
         Bind(fd, reinterpret_cast<const struct sockaddr*>(&at.ss), at.len) != 0) {
@@ -166,7 +167,6 @@ int open_datagram_socket(const Endpoint& at, size_t buffer)
         errno = error;
         return -1;
     }
-    ask_for_buffer(fd, at.text.c_str(), buffer);
     return fd;
 }
 
