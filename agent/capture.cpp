@@ -78,6 +78,7 @@ const char* reason_of(int code)
     return g_ctx.errbuf;
 }
 
+// Below 0 the capture does not run; above 0 it does, and what libpcap warns of is told.
 int activate(const char* ifc_name)
 {
     const int rc = pcap_activate(g_ctx.handle);
@@ -139,6 +140,7 @@ int take_packets(const char* caller)
 
 } // namespace
 
+// Calls only what a handler may. A wait that has not begun ends at once, too: libpcap keeps the break.
 void handle_qsig(int signo)
 {
     const int saved = errno;

@@ -56,6 +56,7 @@ int set_group_bound(const char* text, uint32_t& bound)
     return 0;
 }
 
+// A level that is unknown is told and changes nothing: the agent starts all the same.
 void set_log_level(const char* text)
 {
     if (match_log_level(text, &g_cfg.log_level) != 0) {

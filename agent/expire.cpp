@@ -163,6 +163,7 @@ void note_general_query()
     }
 }
 
+// A group that is known costs a look and no memory: the record of its first report is written over.
 int join_timed(long key)
 {
     void* value = nullptr;
@@ -190,6 +191,7 @@ void expire_groups()
     if (g_tick == 0) {
         return;
     }
+    // Before the walk: a tick that comes during it is kept for the next wait.
     g_tick = 0;
     const int64_t now = now_ms();
     suspend_if_silent(now);

@@ -106,6 +106,7 @@ int settle_daemon()
     return rc;
 }
 
+// The first step that fails ends it; app_shutdown() takes down what stands by then.
 int set_up()
 {
     int rc = pcap_setup(g_cfg.mifc);

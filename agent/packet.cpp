@@ -172,6 +172,7 @@ void on_report3(std::span<const u_char> message)
     }
 }
 
+// One look at all features together: a packet without them pays for no other.
 void on_igmp(std::span<const u_char> frame, size_t offset)
 {
     const struct igmp_header igmp = igmp_at(frame.data(), frame.size(), offset);
@@ -182,6 +183,8 @@ void on_igmp(std::span<const u_char> frame, size_t offset)
     }
 }
 
+// Behind the first check both headers are there, the one of IP without options: what is read further behind
+// asks for the captured length again.
 void on_frame(const u_char* bytes, size_t caplen)
 {
     struct ether_header eh;
@@ -236,7 +239,7 @@ void end_group(const char* caller, int32_t group)
     void* value = nullptr;
     const int rc = nkht_rm(g_ctx.wgrp_ht, group_key(group), &value);
     if (rc == 0) {
-        if (g_cfg.features.expire != 0) {
+        if (g_cfg.features.expire != 0) { // otherwise it is the mark, no block
             free(value);
         }
         relay_msg("LEAVE UDP://%s\n", group_text(group));
@@ -250,6 +253,7 @@ bool take_igmp3_record(std::span<const u_char>& rest, struct igmp3_record* recor
     if (rest.size() < kRecordHead) {
         return false;
     }
+    // Byte by byte: a record stands at any address. What it says of its own length is at most 263,168.
     record->type = rest[0];
     record->sources = 256U * rest[2] + rest[3];
     memcpy(&record->group, &rest[4], sizeof record->group);

@@ -42,6 +42,7 @@ void send_to_stream(char* msg, int length)
     log_norm("%s: %d bytes output: %s\n", kRelay, length, msg);
 }
 
+// Never waits: where the socket's buffer is full the line is lost, and packets are taken in time.
 void send_to_relay(char* msg, int length)
 {
     const struct socket_spec& to = g_ctx.rep.usock.sspec;
