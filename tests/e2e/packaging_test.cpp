@@ -71,6 +71,7 @@ TEST(Unit, is_rated_1_6_or_better)
     const Match level = search(result.out, "Overall exposure level for [^:]*: ([0-9.]+)");
     ASSERT_FALSE(level.empty()) << result.out << result.err;
     EXPECT_LE(std::stod(level[1]), 1.6) << result.out;
+    EXPECT_NE(read_file(source_path("SECURITY.md")).find("\nrates it 1.6 "), std::string::npos);
 }
 
 TEST(Unit, has_no_setting_that_systemd_does_not_know)
@@ -138,7 +139,23 @@ TEST(Profiles, are_ones_that_apparmor_takes)
         EXPECT_EQ(result.exit_code, 0) << profile.path() << result.err;
         ++count;
     }
-    EXPECT_GE(count, 1U);
+    EXPECT_GE(count, 3U);
+}
+
+TEST(Profiles, take_the_rule_that_a_program_of_exec_is_told_to_need)
+{
+    if (!has_program("apparmor_parser")) {
+        GTEST_SKIP() << "skipped: apparmor_parser is not installed";
+    }
+    const Match rule = search(read_file(source_path("docs/receivers.md")), "\n`(/run/groups/[^`]*,)` ");
+    ASSERT_FALSE(rule.empty());
+    const std::string profile = read_file(source_path("packaging/apparmor/usr.sbin.zentmon"));
+    const std::string local = "include if exists <local/usr.sbin.zentmon>";
+    ASSERT_NE(profile.find(local), std::string::npos);
+    const TempDir dir;
+    write_file(dir.path("profile"), replaced(profile, local, rule[1]));
+    const ChildResult result = run_program({"apparmor_parser", "-Q", "-K", dir.path("profile")});
+    EXPECT_EQ(result.exit_code, 0) << result.err;
 }
 
 class Packaging : public DaemonTest {
