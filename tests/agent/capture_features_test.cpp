@@ -10,16 +10,15 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "app_flags.h"
+#include "agent_test.h"
 #include "child.h"
-#include "fixtures.h"
 #include "frames_v3.h"
 #include "log.h"
 #include "logcap.h"
 #include "oom.h"
+#include "tempdir.h"
 #include "text.h"
 #include "wrap.h"
-#include "zent.h"
 
 using support::Lines;
 using support::LogCapture;
@@ -195,29 +194,19 @@ void __wrap_pcap_close(pcap_t* p)
 
 namespace {
 
-class CaptureFeatures : public support::GuardedTest {
+class CaptureFeatures : public support::AgentTest {
   protected:
     void SetUp() override
     {
-        g_cfg = {};
-        g_ctx = {};
         g_calls.clear();
         g_failing.clear();
         g_geterr.clear();
         g_script.clear();
         g_at = 0;
-        g_quit = 0;
-        g_appname = "zent";
         g_cfg.features.any = true;
     }
 
-    void TearDown() override
-    {
-        g_quit = 0;
-        g_ms = -1;
-        g_cfg = {};
-        g_ctx = {};
-    }
+    void TearDown() override { g_ms = -1; }
 };
 
 class Immediate : public CaptureFeatures {
@@ -458,18 +447,18 @@ TEST_F(CaptureFeatures, run_tells_in_one_line_which_features_are_on)
 
 TEST_F(CaptureFeatures, set_up_with_exact_makes_room_for_the_list_or_4096_groups)
 {
-    char path[] = "/tmp/exact-XXXXXX";
-    FILE* fp = fdopen(mkstemp(path), "w");
+    std::string list;
     for (int n = 0; n < 12000; ++n) {
-        fprintf(fp, "239.3.%d.%d\n", n / 250, n % 250);
+        list += "239.3." + std::to_string(n / 250) + "." + std::to_string(n % 250) + "\n";
     }
-    fclose(fp);
-    const auto slots_with = [&](bool exact, const char* list) {
-        g_cfg = {};
-        g_ctx = {};
+    const support::TempDir dir;
+    dir.write("list", list);
+    const std::string path = dir.path("list");
+    const auto slots_with = [&](bool exact, const char* list_file) {
+        support::clear_agent();
         g_cfg.features.any = g_cfg.features.exact = exact;
         g_cfg.non_daemon = true;
-        g_cfg.grp_list_file = list;
+        g_cfg.grp_list_file = list_file;
         snprintf(g_cfg.mifc, sizeof g_cfg.mifc, "eth7");
         log.clear();
         EXPECT_EQ(app_setup(), 0) << log.text();
@@ -482,10 +471,9 @@ TEST_F(CaptureFeatures, set_up_with_exact_makes_room_for_the_list_or_4096_groups
         return slots;
     };
     EXPECT_EQ(slots_with(false, nullptr), 512U);
-    EXPECT_EQ(slots_with(false, path), 512U);
+    EXPECT_EQ(slots_with(false, path.c_str()), 512U);
     EXPECT_EQ(slots_with(true, nullptr), 4096U);
-    EXPECT_EQ(slots_with(true, path), 16384U);
-    unlink(path);
+    EXPECT_EQ(slots_with(true, path.c_str()), 16384U);
 }
 
 TEST_F(CaptureFeatures, set_up_with_exact_and_no_memory_for_its_table_fails_with_12_and_a_line)

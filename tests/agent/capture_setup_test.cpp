@@ -8,14 +8,12 @@
 #include <deque>
 #include <unistd.h>
 
-#include "app_flags.h"
+#include "agent_test.h"
 #include "child.h"
-#include "fixtures.h"
 #include "log.h"
 #include "logcap.h"
 #include "text.h"
 #include "wrap.h"
-#include "zent.h"
 
 using support::Lines;
 using support::LogCapture;
@@ -143,25 +141,16 @@ void __wrap_pcap_freecode(struct bpf_program* prog)
 
 namespace {
 
-class CaptureSetup : public support::GuardedTest {
+class CaptureSetup : public support::AgentTest {
   protected:
     void SetUp() override
     {
-        g_cfg = {};
-        g_ctx = {};
         g_calls.clear();
         g_failing.clear();
         g_script.clear();
-        g_quit = 0;
-        g_appname = "zent";
     }
 
-    void TearDown() override
-    {
-        g_ctx = {};
-        g_now = 0;
-        g_quit = 0;
-    }
+    void TearDown() override { g_now = 0; }
 
     // Fails at a call: one line, -1, and no further call.
     static void expect_failure(const std::string& call, const std::string& line, const Lines& calls)

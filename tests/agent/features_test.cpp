@@ -5,15 +5,13 @@
 #include <cstdlib>
 #include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
 
+#include "agent_test.h"
 #include "log.h"
-#include "logcap.h"
+#include "tempdir.h"
 #include "text.h"
-#include "zent.h"
 
 using support::Lines;
-using support::LogCapture;
 
 namespace {
 
@@ -44,16 +42,11 @@ in_addr_t net(const std::string& text)
     return addr.s_addr;
 }
 
-class ExactList : public testing::Test {
+class ExactList : public support::AgentTest {
   protected:
     void SetUp() override
     {
-        g_cfg = {};
-        g_ctx = {};
         g_cfg.features = {.any = true, .exact = true, .immediate = false, .igmpv3 = false, .expire = 0};
-        char path[] = "/tmp/exact-XXXXXX";
-        close(mkstemp(path));
-        path_ = path;
     }
 
     void TearDown() override
@@ -61,21 +54,14 @@ class ExactList : public testing::Test {
         if (g_ctx.scope_ht != 0) {
             nkht_destroy(g_ctx.scope_ht, nullptr);
         }
-        unlink(path_.c_str());
-        g_cfg = {};
-        g_ctx = {};
     }
 
-    void write(const std::string& text) const
-    {
-        FILE* fp = fopen(path_.c_str(), "w");
-        fwrite(text.data(), 1, text.size(), fp);
-        fclose(fp);
-    }
+    void write(const std::string& text) const { dir_.write("list", text); }
 
     static size_t slots() { return reinterpret_cast<const size_t*>(g_ctx.scope_ht)[2]; }
 
-    std::string path_;
+    const support::TempDir dir_;
+    const std::string path_ = dir_.path("list");
 };
 
 } // namespace
@@ -188,7 +174,6 @@ TEST_F(ExactList, table_has_room_for_a_list_that_was_counted_first)
 
 TEST_F(ExactList, list_from_a_pipe_is_read_once_and_whole)
 {
-    unlink(path_.c_str());
     ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
     std::thread writer([&] { write("239.1.1.1\n239.1.1.200\n"); });
     EXPECT_EQ(load_group_list(path_.c_str()), 0);
@@ -203,7 +188,6 @@ TEST_F(ExactList, duplicates_are_always_found_and_lines_print_the_key_as_ever)
         text += "239.1." + std::to_string(octet) + ".200\n";
     }
     write(text + "239.1.255.200\n");
-    LogCapture log;
     EXPECT_EQ(load_group_list(path_.c_str()), -1);
     EXPECT_EQ(log.lines(), Lines{"(ERR)  load_group_list: [" + path_ + "] duplicate at line 257: (" +
                                  std::to_string(net("239.1.255.200")) + ") 239.1.255.200"});

@@ -7,12 +7,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "agent_test.h"
 #include "child.h"
-#include "fixtures.h"
 #include "log.h"
 #include "text.h"
 #include "uri.h"
-#include "zent.h"
 
 using support::Lines;
 
@@ -59,14 +58,8 @@ class Relay {
     uint16_t port_ = 0;
 };
 
-class Reporter : public support::GuardedTest {
+class Reporter : public support::AgentTest {
   protected:
-    void SetUp() override
-    {
-        g_cfg = {};
-        g_ctx = {};
-    }
-
     static int report_to(const std::string& target)
     {
         snprintf(g_cfg.report_url, sizeof g_cfg.report_url, "udp://%s", target.c_str());

@@ -8,17 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "fixtures.h"
+#include "agent_test.h"
 #include "log.h"
-#include "zent.h"
 
 // Its relay lines go to memory.
-class RunningAgent : public support::GuardedTest {
+class RunningAgent : public support::AgentTest {
   protected:
     void SetUp() override
     {
-        g_cfg = {};
-        g_ctx = {};
         g_cfg.log_level = INFO_level;
         ASSERT_EQ(nkht_create(&g_ctx.wgrp_ht, MAX_ZENT_CHANNELS, tw_shift), 0);
         g_ctx.rep.sockfd = -1;
@@ -33,8 +30,6 @@ class RunningAgent : public support::GuardedTest {
         if (g_ctx.scope_ht != 0) {
             nkht_destroy(g_ctx.scope_ht, nullptr);
         }
-        g_cfg = {};
-        g_ctx = {};
     }
 
     // A frame in a heap block of its exact size, so that a read beyond it is seen; length is that on the

@@ -3,17 +3,16 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <unistd.h>
 
+#include "agent_test.h"
 #include "child.h"
 #include "fds.h"
-#include "fixtures.h"
 #include "frames.h"
 #include "log.h"
 #include "logcap.h"
 #include "oom.h"
+#include "tempdir.h"
 #include "text.h"
-#include "zent.h"
 
 using support::expect_abort;
 using support::FailAllocation;
@@ -35,32 +34,18 @@ uint32_t host(const std::string& text)
     return ntohl(static_cast<uint32_t>(net(text)));
 }
 
-class Scope : public support::GuardedTest {
+class Scope : public support::AgentTest {
   protected:
-    void SetUp() override
-    {
-        g_cfg = {};
-        g_ctx = {};
-        char path[] = "/tmp/scope-XXXXXX";
-        const int fd = mkstemp(path);
-        close(fd);
-        path_ = path;
-    }
-
     void TearDown() override
     {
         if (g_ctx.scope_ht != 0) {
             nkht_destroy(g_ctx.scope_ht, nullptr);
-            g_ctx.scope_ht = 0;
         }
-        unlink(path_.c_str());
     }
 
     int load(const std::string& text)
     {
-        FILE* fp = fopen(path_.c_str(), "w");
-        fwrite(text.data(), 1, text.size(), fp);
-        fclose(fp);
+        dir_.write("list", text);
         const FdGuard fds;
         return load_group_list(path_.c_str());
     }
@@ -75,7 +60,8 @@ class Scope : public support::GuardedTest {
         EXPECT_EQ(g_ctx.scope_ht, before);
     }
 
-    std::string path_;
+    const support::TempDir dir_;
+    const std::string path_ = dir_.path("list");
 };
 
 } // namespace
@@ -277,9 +263,7 @@ TEST_F(Scope, allocation_failure_at_every_point_leaves_the_scope_as_it_was)
 {
     ASSERT_EQ(load("239.1.1.9\n"), 0);
     const nkht_t before = g_ctx.scope_ht;
-    FILE* fp = fopen(path_.c_str(), "w");
-    fputs("239.1.1.1\n239.1.1.2\n", fp);
-    fclose(fp);
+    dir_.write("list", "239.1.1.1\n239.1.1.2\n");
     bool failed = true;
     for (size_t n = 1; failed && n < 20; ++n) {
         log.clear();
