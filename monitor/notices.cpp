@@ -1,9 +1,11 @@
 // The bell between threads, and the lines that the other threads have for the log.
 #include "notices.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <sys/eventfd.h>
+#include <system_error>
 #include <unistd.h>
 
 #include "log.h"
@@ -15,7 +17,7 @@ namespace zentmon {
 Bell::Bell() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
     if (fd_ < 0) {
-        log_panic("%s: no eventfd: %m\n", "Bell");
+        throw std::system_error(errno, std::generic_category(), "eventfd");
     }
 }
 

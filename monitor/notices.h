@@ -13,7 +13,7 @@
 
 namespace zentmon {
 
-// An eventfd: rung in one thread, heard in another.
+// An eventfd: rung in one thread, heard in another. std::system_error where there is none to be had.
 class Bell {
   public:
     Bell();

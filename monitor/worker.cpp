@@ -32,13 +32,14 @@ Worker::~Worker()
 
 int Worker::start(const char* name, std::function<void()> body)
 {
-    const auto life = std::make_shared<Life>();
+    std::shared_ptr<Life> life;
     int error = 0;
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
     try {
+        life = std::make_shared<Life>();
         life->thread = std::thread([life, body = std::move(body)]() mutable {
             body();
             body = nullptr; // what it holds ends here, before the end is told

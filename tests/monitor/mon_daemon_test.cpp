@@ -165,6 +165,31 @@ TEST(MonDaemon, without_a_thread_it_ends_with_71)
     }
 }
 
+// Every thread has a descriptor to be rung by, and the loop has some: whichever is refused, it says so and
+// ends.
+TEST(MonDaemon, with_too_few_descriptors_it_ends_with_71_or_does_without)
+{
+    constexpr int kNotLoaded = 127; // the dynamic linker had too few for the libraries
+    const TempDir dir;
+    int code = kNotLoaded;
+    for (rlim_t limit = 4; code != 0; ++limit) {
+        ASSERT_LT(limit, 64u) << "it never gets through";
+        const int before = code;
+        Process process({support::build_path("zentmon"), "--http", "none", "--stdin", "--json", "--exec",
+                         "/bin/true", "--db", dir.path("h.db"), "--mqtt", "127.0.0.1:1"},
+                        [limit] {
+                            const rlimit descriptors = {limit, limit};
+                            dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+                            setrlimit(RLIMIT_NOFILE, &descriptors);
+                        });
+        const ChildResult result = process.wait();
+        code = result.exit_code;
+        EXPECT_TRUE(code == 0 || code == 71 || (code == kNotLoaded && before == kNotLoaded))
+            << limit << " descriptors: " << code << " " << result.err;
+        EXPECT_NE(result.err, "") << limit << " descriptors";
+    }
+}
+
 TEST(MonDaemon, takes_lines_until_sigterm)
 {
     Zentmon z = Zentmon::listening();
