@@ -93,7 +93,7 @@ void relay_msg(const char* fmt, ...)
     char msg[kMsgMax] = "";
     va_list args;
     va_start(args, fmt);
-    const int n = vsnprintf(msg, kMsgMax - 1, fmt, args); // Kept: a text of 127 passes, cut by one
+    const int n = quick_vsnprintf(msg, kMsgMax - 1, fmt, args); // Kept: a text of 127 passes, cut by one
     va_end(args);
     if (n <= 0 || n > kMsgMax - 1) {
         log_err("%s: not enough buffer space\n", __func__);

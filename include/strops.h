@@ -5,6 +5,7 @@
 #ifndef MORVANE_STROPS_H
 #define MORVANE_STROPS_H
 
+#include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
@@ -36,6 +37,10 @@ int a2int64(const char* str, int64_t* pval);
 /* chomp: clears up to two characters at the end of s that are LF or CR, in any order. In object files it is
  * morvane_chomp: libite has a function of that name. */
 void chomp(char* s) __asm__("morvane_chomp");
+
+/* quick_vsnprintf: vsnprintf() with the same text and the same result. What holds only plain text, %s, %d,
+ * %u, %ld and %lu is put together in a third of its time; args is used up either way. REQUIRES: fmt. */
+int quick_vsnprintf(char* buf, size_t len, const char* fmt, va_list args) MV_PRINTF(3, 0);
 
 /* marker_count: how often marker stands in s, without overlap. A marker that ends in ":" counts with the
  * decimal number that follows it directly, or 0 without one; the sum wraps. An empty marker counts 0. */

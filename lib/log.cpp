@@ -16,6 +16,7 @@
 #include "detail/app_flags.h"
 #include "detail/assertions.h"
 #include "detail/kept_errno.h"
+#include "detail/quick_format.h"
 #include "detail/tmlock.h"
 #include "timeop.h"
 
@@ -225,91 +226,10 @@ bool put_group(const struct log_ctx* log, Line& line)
     return true;
 }
 
-// A message in the making: the place of the next byte and the room behind it.
-struct Text {
-    char* at;
-    size_t room;
-
-    // One byte stays free, as it would behind vsnprintf: both ways refuse the same messages.
-    bool put(const char* bytes, size_t count)
-    {
-        if (count >= room) {
-            return false;
-        }
-        memcpy(at, bytes, count);
-        at += count;
-        room -= count;
-        return true;
-    }
-
-    bool put_number(unsigned long magnitude, bool is_negative)
-    {
-        char digits[24]; // 20 for 64 bits, and a sign
-        char* const end = std::end(digits);
-        char* first = end;
-        do {
-            *--first = static_cast<char>('0' + magnitude % 10);
-            magnitude /= 10;
-        } while (magnitude != 0);
-        if (is_negative) {
-            *--first = '-';
-        }
-        return put(first, static_cast<size_t>(end - first));
-    }
-
-    bool put_signed(long number)
-    {
-        // Negated without a sign: the least long has no positive counterpart.
-        const auto bits = static_cast<unsigned long>(number);
-        return put_number(number < 0 ? 0 - bits : bits, number < 0);
-    }
-
-    bool put_string(const char* string)
-    {
-        return string != nullptr ? put(string, strnlen(string, room)) : put("(null)", 6);
-    }
-};
-
-// What most messages are made of: plain text, %s, %d, %u, %ld and %lu. Length of the message, or -1 if it
-// holds something else or does not fit: vsnprintf, which takes three times as long, then makes it or tells.
-// To be added to only where the result is the same to the byte: no widths, no precisions, no locale.
-MV_PRINTF(2, 0) int put_simple(const Line& line, const char* fmt, va_list args)
-{
-    Text text{line.at, line.room};
-    for (;;) {
-        const char* mark = strchrnul(fmt, '%');
-        bool good = text.put(fmt, static_cast<size_t>(mark - fmt));
-        if (*mark == 0) {
-            return good ? static_cast<int>(text.at - line.at) : -1;
-        }
-        const bool is_long = mark[1] == 'l';
-        fmt = mark + (is_long ? 2 : 1);
-        switch (*fmt++) {
-        case 's': good = good && !is_long && text.put_string(va_arg(args, const char*)); break;
-        case 'd': good = good && text.put_signed(is_long ? va_arg(args, long) : va_arg(args, int)); break;
-        case 'u':
-            good = good &&
-                   text.put_number(is_long ? va_arg(args, unsigned long) : va_arg(args, unsigned), false);
-            break;
-        default: good = false; break;
-        }
-        if (!good) {
-            return -1;
-        }
-    }
-}
-
-// MV_PRINTF with 0, here and above: the format is checked, its arguments come as a list and cannot be.
+// MV_PRINTF with 0: the format is checked, its arguments come as a list and cannot be.
 MV_PRINTF(2, 0) bool put_message(Line& line, const char* fmt, va_list args)
 {
-    // A copy: where put_simple gives up in the middle it has used a part of args.
-    va_list again;
-    va_copy(again, args);
-    int n = put_simple(line, fmt, args);
-    if (n < 0) {
-        n = vsnprintf(line.at, line.room, fmt, again);
-    }
-    va_end(again);
+    const int n = mv::quick_format(line.at, line.room, fmt, args);
     if (n <= 0 || static_cast<size_t>(n) >= line.room) {
         perror("fprintf/vfprintf");
         return false;

@@ -12,6 +12,7 @@
 #include <strings.h>
 
 #include "detail/assertions.h"
+#include "detail/quick_format.h"
 
 namespace {
 
@@ -243,6 +244,11 @@ void chomp(char* s)
     for (int i = 0; i < 2 && length > 0 && (s[length - 1] == '\n' || s[length - 1] == '\r'); ++i) {
         s[--length] = 0;
     }
+}
+
+int quick_vsnprintf(char* buf, size_t len, const char* fmt, va_list args)
+{
+    return mv::quick_format(buf, len, fmt, args);
 }
 
 size_t marker_count(const char* s, const char* marker)

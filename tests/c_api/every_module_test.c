@@ -55,6 +55,17 @@ static void check(int holds, const char* what, int line)
 
 #define CHECK(condition) check((condition) != 0, #condition, __LINE__)
 
+static int quickly(char* buf, size_t len, const char* fmt, ...)
+{
+    va_list args;
+    int n;
+
+    va_start(args, fmt);
+    n = quick_vsnprintf(buf, len, fmt, args);
+    va_end(args);
+    return n;
+}
+
 static void texts_and_tables(void)
 {
     char text[64] = "line\r\n";
@@ -66,6 +77,7 @@ static void texts_and_tables(void)
 
     chomp(text);
     CHECK(strcmp(text, "line") == 0);
+    CHECK(quickly(text, sizeof text, "%s %d", "group", 5) == 7 && strcmp(text, "group 5") == 0);
     CHECK(a2size("2K", &size) == 0 && size == 2048);
     CHECK(nkht_create(&numbers, 16, tw_shift) == 0);
     CHECK(nkht_add(numbers, 7, &value) == 0 && nkht_count(numbers) == 1);

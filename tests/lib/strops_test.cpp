@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -311,6 +313,53 @@ TEST(Strops, chomp_clears_the_characters_it_removes)
     char text[] = "a\r\n";
     chomp(text);
     EXPECT_EQ(std::string(text, sizeof text), std::string("a\0\0\0", 4));
+}
+
+// ---- texts by a format ------------------------------------------------------------------------------
+
+// The call beside vsnprintf, at every length of the buffer around the text's own, and with none.
+MV_PRINTF(1, 2) void expect_as_vsnprintf(const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    for (size_t len = 0; len < 80; ++len) {
+        va_list ours_args;
+        va_list their_args;
+        va_copy(ours_args, args);
+        va_copy(their_args, args);
+        const auto ours = std::make_unique<char[]>(len); // of the length itself, for the sanitizer
+        const auto theirs = std::make_unique<char[]>(len);
+        const int rc = quick_vsnprintf(len == 0 ? nullptr : ours.get(), len, fmt, ours_args);
+        EXPECT_EQ(rc, vsnprintf(theirs.get(), len, fmt, their_args)) << fmt << " in " << len;
+        if (len > 0) {
+            EXPECT_STREQ(ours.get(), theirs.get()) << fmt << " in " << len;
+        }
+        va_end(ours_args);
+        va_end(their_args);
+    }
+    va_end(args);
+}
+
+TEST(Strops, quick_vsnprintf_gives_text_and_result_of_vsnprintf)
+{
+    expect_as_vsnprintf("plain\n");
+    expect_as_vsnprintf("JOIN UDP://%s\n", "239.1.2.3");
+    expect_as_vsnprintf("%s: %d bytes output: %s", "relay_msg", -21, "");
+    expect_as_vsnprintf("%d %d %u %u", INT_MIN, INT_MAX, 0U, UINT_MAX);
+    expect_as_vsnprintf("%ld %ld %lu", LONG_MIN, LONG_MAX, ULONG_MAX);
+}
+
+TEST(Strops, quick_vsnprintf_takes_what_it_does_not_know_to_vsnprintf)
+{
+    expect_as_vsnprintf("%s, then %5d|%-4s|%.2s|%x|%c|%%|%p", "first", 7, "ab", "abcdef", 255U, 'c', nullptr);
+    expect_as_vsnprintf("%ls and %s", L"wide", "narrow");
+    expect_as_vsnprintf("%d %lld %zu %s", 1, 2LL, size_t{3}, "behind");
+}
+
+TEST(Strops, quick_vsnprintf_writes_a_null_string_as_vsnprintf_does)
+{
+    const char* volatile none = nullptr;
+    expect_as_vsnprintf("<%s>", static_cast<const char*>(none));
 }
 
 // ---- markers -----------------------------------------------------------------------------------------
