@@ -13,6 +13,8 @@
 #include <random>
 #include <strings.h>
 
+#include <gtest/gtest.h>
+
 #include "child.h"
 
 using support::expect_abort;
