@@ -80,6 +80,13 @@ class Install : public testing::Test {
         ASSERT_EQ(result.exit_code, 0) << command[0] << ":\n" << result.out << result.err;
     }
 
+    // Where a folder is that the build names by a variable: below the prefix, or an own one such as /etc.
+    fs::path folder(const std::string& variable) const
+    {
+        const fs::path named = cached(variable);
+        return named.is_absolute() ? fs::path(root_.path() + named.string()) : prefix_ / named;
+    }
+
     // Flags that a program needs to meet a library with sanitizers, or one that counts its lines.
     static std::string instrument_flags()
     {
@@ -107,9 +114,9 @@ TEST_F(Install, has_the_agent_its_page_its_unit_and_its_logrotate_settings)
 {
     expect_file("sbin/zent");
     expect_file("share/man/man8/zent.8");
-    expect_file("lib/systemd/system/zent@.service");
-    expect_file("etc/logrotate.d/zent");
-    expect_file("etc/apparmor.d/usr.sbin.zent");
+    expect_file(folder("MORVANE_UNITDIR") / "zent@.service");
+    expect_file(folder("CMAKE_INSTALL_SYSCONFDIR") / "logrotate.d/zent");
+    expect_file(folder("CMAKE_INSTALL_SYSCONFDIR") / "apparmor.d/usr.sbin.zent");
     expect_file("lib/sysusers.d/zent.conf");
     expect_file("lib/tmpfiles.d/zent.conf");
     expect_file("share/doc/morvane/examples/zent.env");
@@ -181,15 +188,16 @@ TEST_F(Install, pkg_config_gives_the_flags_of_the_library)
     expect_runs(program);
 }
 
-// cmake --install --prefix, then the tree goes elsewhere.
+// cmake --install --prefix, then the tree goes elsewhere. What has a place of its own, such as /etc, is not
+// part of it.
 TEST_F(Install, a_tree_works_from_the_prefix_that_it_was_put_under_and_from_where_it_is_moved_to)
 {
-    const fs::path first = root_.path("first");
     const fs::path moved = root_.path("moved");
-    must_do({"cmake", "--install", support::build_path(), "--prefix", first});
-    fs::rename(first, moved);
+    must_do({"env", "DESTDIR=" + root_.path(), "cmake", "--install", support::build_path(), "--prefix",
+             "/first"});
+    fs::rename(root_.path("first"), moved);
     EXPECT_EQ(run_program({moved / "sbin/zent"}).exit_code, 1); // the usage
-    EXPECT_TRUE(fs::is_regular_file(moved / "lib/systemd/system/zent@.service"));
+    EXPECT_TRUE(fs::is_regular_file(moved / "lib/sysusers.d/zent.conf"));
     const fs::path libdir = moved / fs::relative(libdir_, prefix_);
     std::ofstream(work_ / "main.c") << kConsumer;
     must_do({"sh", "-c",
