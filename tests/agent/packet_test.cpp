@@ -5,12 +5,12 @@
 #include <cstdlib>
 #include <memory>
 
-#include "app_flags.h"
 #include "child.h"
 #include "frames.h"
 #include "log.h"
 #include "running_agent.h"
 #include "text.h"
+#include "util.h"
 #include "zent.h"
 
 using support::expect_abort;

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "app_flags.h"
 #include "detail/owned.h"
 #include "dgram.h"
 #include "dstream.h"
@@ -15,6 +14,7 @@
 #include "mpegts.h"
 #include "rqs.h"
 #include "streams.h"
+#include "util.h"
 
 using support::Buffer;
 using support::part;

@@ -16,13 +16,13 @@
 
 #include <gtest/gtest.h>
 
-#include "app_flags.h"
 #include "child.h"
 #include "fds.h"
 #include "fixtures.h"
 #include "psensor.h"
 #include "tempdir.h"
 #include "text.h"
+#include "util.h"
 #include "wrap.h"
 
 using support::expect_assertion;

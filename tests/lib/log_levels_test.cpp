@@ -10,10 +10,10 @@
 
 #include <gtest/gtest.h>
 
-#include "app_flags.h"
 #include "child.h"
 #include "logcap.h"
 #include "match.h"
+#include "util.h"
 
 namespace {
 

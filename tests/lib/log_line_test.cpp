@@ -21,13 +21,13 @@
 
 #include <gtest/gtest.h>
 
-#include "app_flags.h"
 #include "child.h"
 #include "fds.h"
 #include "match.h"
 #include "oom.h"
 #include "tempdir.h"
 #include "timeop.h"
+#include "util.h"
 #include "wrap.h"
 
 namespace {

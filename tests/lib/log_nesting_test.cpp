@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "app_flags.h"
 #include "tempdir.h"
+#include "util.h"
 #include "wrap.h"
 
 namespace {

@@ -13,12 +13,12 @@
 
 #include <gtest/gtest.h>
 
-#include "app_flags.h"
 #include "child.h"
 #include "fds.h"
 #include "logcap.h"
 #include "logfaults.h"
 #include "tempdir.h"
+#include "util.h"
 #include "wrap.h"
 
 namespace {

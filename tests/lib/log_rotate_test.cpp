@@ -11,11 +11,11 @@
 
 #include <gtest/gtest.h>
 
-#include "app_flags.h"
 #include "fds.h"
 #include "logcap.h"
 #include "logfaults.h"
 #include "tempdir.h"
+#include "util.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 
-#include "app_flags.h"
 #include "fixtures.h"
+#include "util.h"
 #include "wrap.h"
 
 using namespace net_test;

@@ -18,13 +18,13 @@
 
 #include <gtest/gtest.h>
 
-#include "app_flags.h"
 #include "child.h"
 #include "detail/owned.h"
 #include "fds.h"
 #include "fixtures.h"
 #include "oom.h"
 #include "psensor.h"
+#include "util.h"
 
 namespace loop {
 

@@ -20,7 +20,6 @@
 
 #include <gtest/gtest.h>
 
-#include "app_flags.h"
 #include "child.h"
 #include "fixtures.h"
 #include "tempdir.h"

@@ -2,8 +2,8 @@
 #ifndef TESTS_SUPPORT_AGENT_TEST_H
 #define TESTS_SUPPORT_AGENT_TEST_H
 
-#include "app_flags.h"
 #include "fixtures.h"
+#include "util.h"
 #include "zent.h"
 
 namespace support {

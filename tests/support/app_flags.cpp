@@ -1,5 +1,6 @@
 // What every application owes the library: the flags its loops and handlers read.
-#include "app_flags.h"
+#include "log.h"
+#include "util.h"
 
 volatile sig_atomic_t g_quit = 0;
 volatile sig_atomic_t g_hup = 0;
