@@ -130,7 +130,7 @@ std::string Daemon::free_listener_name(const std::string& wanted, const Endpoint
                            [&name](const ListenerCounters& listener) { return listener.name == name; });
     };
     const std::string port = at.text.substr(at.text.rfind(':') + 1);
-    const std::string name = free_name(wanted, port, is_taken);
+    std::string name = free_name(wanted, port, is_taken);
     if (name != wanted) {
         log_warn("%s: another listener is called so: that at %s is %s\n", wanted.c_str(), at.text.c_str(),
                  name.c_str());

@@ -319,13 +319,18 @@ std::string host_name()
     return as_name(text);
 }
 
+[[noreturn]] void refuse_name(const std::string& name, const std::string& one, const std::string& other)
+{
+    refuse("the name \"" + name + "\" is given to " + one + " and to " + other);
+}
+
 void check_names(const Config& config)
 {
     std::map<std::string, std::string> seen;
     for (const auto& [address, text] : config.names) {
         const auto [other, fresh] = seen.emplace(text, address);
         if (!fresh) {
-            refuse("the name \"" + text + "\" is given to " + other->second + " and to " + address);
+            refuse_name(text, other->second, address);
         }
     }
 }

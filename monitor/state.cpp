@@ -411,7 +411,7 @@ void State::Impl::make_stale(Agent& a, uint64_t mask, uint64_t by, Now now)
 // What was counted as a restart when the flow appeared was none.
 void State::Impl::not_a_restart(Agent& a, int number)
 {
-    if (number != kNoFlow && flow(a, number).restarted) {
+    if (flow(a, number).restarted) {
         flow(a, number).restarted = false;
         --a.restarts;
     }
@@ -426,7 +426,9 @@ void State::Impl::speak_again(Agent& a, int number)
     bool others = by == 0;
     each_bit(a.stale, [&](int n) { others = others || flow(a, n).made_stale_by == by; });
     if (!others) {
-        not_a_restart(a, a.flow_of_order(by));
+        if (const int follower = a.flow_of_order(by); follower != kNoFlow) {
+            not_a_restart(a, follower);
+        }
     }
     if (!a.warned && by != 0) {
         a.warned = true;

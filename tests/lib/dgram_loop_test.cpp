@@ -17,7 +17,6 @@
 #include "util.h"
 
 using support::Buffer;
-using support::part;
 
 namespace {
 

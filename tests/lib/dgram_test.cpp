@@ -535,8 +535,8 @@ TEST_F(Dgram, a_share_below_a_millisecond_adds_nothing)
     feed(di, offset, 100, 100);
     ASSERT_EQ(seq(di, 0).tslot_count[0], 100U);
     EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 100)), 0);
-    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 9 * 100)), 0);
-    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 10 * 100)), 1);
+    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, off_t{9} * 100)), 0);
+    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, off_t{10} * 100)), 1);
 }
 
 TEST_F(Dgram, times_carry_into_the_next_second)
@@ -687,11 +687,11 @@ TEST_F(Dgram, a_transport_sequence_grows_by_the_count_given)
     EXPECT_EQ(first_dseq_offset(di.get(), 0), 188);
     EXPECT_EQ(last_dseq_offset(di.get(), 0), 8 * 188);
     EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 0)), 0);
-    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 4 * 188)), 333) << "the second of three in slot 3";
-    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 7 * 188 + 100)), 633);
-    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 11 * 188)), 900);
+    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, off_t{4} * 188)), 333) << "the second of three in slot 3";
+    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, off_t{7} * 188 + 100)), 633);
+    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, off_t{11} * 188)), 900);
     go(2000);
-    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, 12 * 188)), 2000);
+    EXPECT_EQ(ms_of(dgram_calc_time(di.get(), 0, off_t{12} * 188)), 2000);
 }
 
 TEST_F(Dgram, a_table_may_come_late)
@@ -783,7 +783,7 @@ TEST_F(Dgram, random_raw_streams_beside_a_list_of_datagrams)
     };
 
     for (int round = 0; round < 30; ++round) {
-        const long tmout = 1000 + random() % 4000;
+        const long tmout = static_cast<long>(1000 + random() % 4000);
         const Index di = make(static_cast<u_long>(tmout));
         std::vector<Datagram> list;
         std::vector<size_t> starts; // list index of each sequence's first datagram
@@ -791,7 +791,7 @@ TEST_F(Dgram, random_raw_streams_beside_a_list_of_datagrams)
         long now = 0;
         size_t len = 100;
         for (int i = 0; i < 400; ++i) {
-            now += random() % 50;
+            now += static_cast<long>(random() % 50);
             go(now);
             len = random() % 20 == 0 ? 50 + random() % 3 : len;
             const bool opens = list.empty() || list.back().len != len || now - list[starts.back()].ms > tmout;

@@ -34,7 +34,6 @@ using support::expect_assertion;
 using support::FailAllocation;
 using support::FdGuard;
 using support::Lines;
-using support::LogCapture;
 using support::run_in_child;
 using support::SocketPair;
 
@@ -331,7 +330,7 @@ TEST_F(FdioTransfer, kept_three_steps_read_a_file_of_five_bytes_and_a_fourth_see
 
 TEST_F(FdioTransfer, a_count_of_zero_or_above_the_buffer_moves_a_buffer_full)
 {
-    const int in = memory_file(std::string(3 * 65536, 'x'));
+    const int in = memory_file(std::string(3UL * 65536, 'x'));
     const int out = memory_file("");
     Rig rig(in, out, 0, false);
     rig.step(0);

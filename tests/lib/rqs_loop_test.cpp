@@ -20,7 +20,6 @@ using loop::drain;
 using loop::fewest_callbacks;
 using loop::make_pipe;
 using loop::make_socketpair;
-using loop::note;
 using loop::PipePair;
 using loop::put;
 using loop::Record;

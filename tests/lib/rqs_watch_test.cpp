@@ -9,7 +9,6 @@
 
 namespace {
 
-using loop::make_pipe;
 using loop::PipePair;
 using loop::put;
 using loop::Record;

@@ -1,6 +1,8 @@
 // Conversions of text, beside plain models of them.
 #include "strops.h"
 
+#include <gtest/gtest.h>
+
 #include <cctype>
 #include <cerrno>
 #include <climits>

@@ -1,6 +1,6 @@
 // The checked calls on the real kernel: result, errno, number of lines and their text, for each call both
 // ways.
-#include "syswrap.h"
+#include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <array>
@@ -21,6 +21,7 @@
 #include "fixtures.h"
 #include "netns.h"
 #include "oom.h"
+#include "syswrap.h"
 #include "tempdir.h"
 #include "text.h"
 #include "wrap.h"
@@ -713,6 +714,12 @@ TEST_F(Syswrap, getaddrinfo_resolves_a_numeric_address)
     EXPECT_EQ(log.text(), "");
 }
 
+// Its name is the reporter of a line, if there is one.
+static int look_up_an_unknown_name(addrinfo** res)
+{
+    return Getaddrinfo("no.such.name.invalid", nullptr, nullptr, res);
+}
+
 TEST_F(Syswrap, kept_getaddrinfo_of_an_unknown_name_is_silent)
 {
     if (const std::string why = support::netns_missing(); !why.empty()) {
@@ -723,7 +730,7 @@ TEST_F(Syswrap, kept_getaddrinfo_of_an_unknown_name_is_silent)
     addrinfo* res = nullptr;
     const int code = support::inside(pair, &support::NetnsPair::enter_a, [&] {
         support::must_run("ip link set va down"); // no resolver can be reached, nor waited for
-        return Getaddrinfo("no.such.name.invalid", nullptr, nullptr, &res);
+        return look_up_an_unknown_name(&res);
     });
     EXPECT_LT(code, 0);
     EXPECT_NE(code, EAI_BADFLAGS);

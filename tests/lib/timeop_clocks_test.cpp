@@ -1,6 +1,8 @@
 // Clocks, time-outs, spans and the texts of dates and durations.
 #include "timeop.h"
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <climits>
 #include <csignal>

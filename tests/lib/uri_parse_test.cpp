@@ -369,7 +369,7 @@ TEST_F(UriExtract, any_buffer_may_be_null)
     EXPECT_EQ(uri_extract("udp://a@h?q", nullptr, nullptr, nullptr, nullptr), URI_UDP);
     // What is not wanted is not judged: neither an absent path nor a segment of any length.
     EXPECT_EQ(uri_extract("udp://?q", nullptr, nullptr, nullptr, nullptr), URI_UDP);
-    const std::string endless(2 * URI_QUERY_MAX, 'x');
+    const std::string endless(2UL * URI_QUERY_MAX, 'x');
     EXPECT_EQ(uri_extract(("tcp://" + endless + "@" + endless + "?" + endless).c_str(), nullptr, nullptr,
                           nullptr, nullptr),
               URI_TCP);

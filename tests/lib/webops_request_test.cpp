@@ -208,7 +208,7 @@ TEST_F(WebRequest, absolute_target_keeps_its_host_in_the_path)
 
 TEST_F(WebRequest, zero_byte_ends_the_target)
 {
-    const Parsed p = parsed(std::string("GET /ab\0cd HTTP/1.1\r\n\r\n", 24));
+    const Parsed p = parsed(std::string("GET /ab\0cd HTTP/1.1\r\n\r\n", 23));
     EXPECT_EQ(p.rc, 0);
     EXPECT_EQ(p.path, "ab");
 }

@@ -1161,7 +1161,7 @@ TEST_F(Xvlst, rmif_tells_where_a_delete_failed)
 TEST_F(Emblst, the_buffer_is_header_slots_and_map)
 {
     memset(buf + offsetof(emblst, data), 'x', sizeof buf - offsetof(emblst, data));
-    emblst* el = emblst_create(buf, offsetof(emblst, data) + 5 * 9 + 3, 8);
+    emblst* el = emblst_create(buf, offsetof(emblst, data) + 5UL * 9 + 3, 8);
     ASSERT_EQ(static_cast<void*>(el), buf);
     EXPECT_EQ(el->max_count, 5U);
     EXPECT_EQ(el->count, 0U);

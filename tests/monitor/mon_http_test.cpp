@@ -296,7 +296,7 @@ TEST(MonHttp, who_talks_into_a_stream_is_closed)
     RawClient client(site.port());
     client.get("/events");
     EXPECT_EQ(client.answer(true).code, 200);
-    client.send(std::string(64 * 1024, 'x'));
+    client.send(std::string(64UL * 1024, 'x'));
     EXPECT_TRUE(client.ends());
 }
 

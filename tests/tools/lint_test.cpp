@@ -207,7 +207,6 @@ TEST_F(Lint, a_wrong_bound_is_a_usage_error)
 
 namespace {
 
-using zentctl::is_group;
 using zentctl::ListReading;
 
 // Lists that are often good and often wrong in some way.
@@ -265,7 +264,7 @@ class ListMaker {
 
     std::string noise()
     {
-        static const std::string alphabet("0123456789.xX \t#239\r\0a", 23);
+        static const std::string alphabet("0123456789.xX \t#239\r\0a", 22);
         std::string text;
         for (unsigned count = number(90); count > 0; --count) {
             text += alphabet[number(static_cast<unsigned>(alphabet.size()))];
