@@ -86,5 +86,6 @@ if(MORVANE_COVERAGE)
   target_compile_options(morvane_flags INTERFACE --coverage)
   target_link_options(morvane_warnings INTERFACE --coverage)
   add_library(coverage_exit STATIC ${CMAKE_CURRENT_LIST_DIR}/coverage_exit.cpp)
-  target_link_libraries(morvane_warnings INTERFACE coverage_exit -Wl,--wrap=_exit)
+  target_link_libraries(morvane_warnings INTERFACE coverage_exit
+    -Wl,--wrap=_exit -Wl,--wrap=abort -Wl,--wrap=__assert_fail)
 endif()
