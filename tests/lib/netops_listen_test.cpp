@@ -4,6 +4,7 @@
 #include <csignal>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -331,6 +332,35 @@ TEST_F(NetopsDomain, directory_without_write_permission_fails_with_two_lines)
         return testing::Test::HasFailure() ? 1 : 0;
     });
     EXPECT_EQ(child.exit_code, 0) << child.out;
+}
+
+TEST_F(NetopsDomain, listener_does_not_take_the_place_of_a_directory)
+{
+    const TempDir dir;
+    const std::string path = dir.path();
+    EXPECT_EQ(open_domain_listener(path.c_str()), -1);
+    EXPECT_EQ(log.lines(), (Lines{"(ERR)  open_domain_listener: unlink ERROR(21): Is a directory",
+                                  "(ERR)  open_domain_listener: failed for path=[" + path + "]"}));
+}
+
+TEST_F(NetopsDomain, no_descriptor_is_left_for_listener_or_client)
+{
+    const TempDir dir;
+    const std::string path = dir.path("sock");
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none = {0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int listener = open_domain_listener(path.c_str());
+    const int listener_error = errno;
+    const int client = open_domain_client(path.c_str(), 1, 0);
+    const int client_error = errno;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(listener, -1);
+    EXPECT_EQ(listener_error, EMFILE);
+    EXPECT_EQ(client, -1);
+    EXPECT_EQ(client_error, EMFILE);
+    EXPECT_EQ(log.lines().size(), 2U);
 }
 
 TEST_F(NetopsDomain, listener_that_cannot_leave_blocking_mode_fails)

@@ -426,6 +426,17 @@ TEST_F(NetopsClient, datagram_reader_is_bound_and_hears_the_writer)
     EXPECT_EQ(log.lines(), Lines{});
 }
 
+TEST_F(NetopsClient, datagram_reader_of_an_address_that_is_not_here_fails)
+{
+    NEEDS_NAMESPACES();
+    const LoopbackNet net;
+    Opened opened;
+    opened.spec.socktype = SOCK_DGRAM;
+    EXPECT_EQ(opened.open("192.0.2.1", "4000"), -1);
+    EXPECT_EQ(opened.error, EADDRNOTAVAIL);
+    EXPECT_EQ(log.lines().size(), 1U);
+}
+
 TEST_F(NetopsClient, blocking_stream_connects_at_once)
 {
     log.set_level(INFO_level);

@@ -150,6 +150,13 @@ TEST_F(Timers, that_are_pending_cannot_be_added_again)
     EXPECT_EQ(10'000'000, left.tv_nsec);
 }
 
+TEST_F(Timers, that_are_not_pending_have_no_time_left)
+{
+    timespec left = {7, 7};
+    EXPECT_EQ(ESRCH, tmr_left(&a.timer, &left));
+    EXPECT_EQ(7, left.tv_sec);
+}
+
 TEST_F(Timers, refuse_spans_that_are_none)
 {
     EXPECT_EQ(EINVAL, start(a, {-1, 0}));
