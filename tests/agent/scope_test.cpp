@@ -9,7 +9,6 @@
 #include "fds.h"
 #include "frames.h"
 #include "log.h"
-#include "logcap.h"
 #include "oom.h"
 #include "tempdir.h"
 #include "text.h"
@@ -18,7 +17,6 @@ using support::expect_abort;
 using support::FailAllocation;
 using support::FdGuard;
 using support::Lines;
-using support::LogCapture;
 
 namespace {
 
