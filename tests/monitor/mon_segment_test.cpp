@@ -28,6 +28,9 @@ using namespace support;
 namespace {
 
 constexpr std::chrono::seconds kLong{60};
+// A browser starts and walks through the table, on a loaded machine too; within the time that a test may
+// take.
+constexpr std::chrono::seconds kBrowserLimit{90};
 
 // A namespace "n1" or "n2" with the host's interface "host", the agent's "tap" at the other end of the wire,
 // and "r" towards the receiver, 10.9.N.1.
@@ -230,7 +233,8 @@ class MonSegment : public testing::Test {
         return std::nullopt;
 #endif
         const ChildResult result = run_program({source_path("tests/monitor/page/drawn_rows.py"),
-                                                "http://127.0.0.1:" + std::to_string(http_) + "/"});
+                                                "http://127.0.0.1:" + std::to_string(http_) + "/"},
+                                               kBrowserLimit);
         if (result.exit_code == 77) {
             return std::nullopt;
         }
