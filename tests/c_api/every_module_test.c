@@ -55,7 +55,7 @@ static void check(int holds, const char* what, int line)
 
 #define CHECK(condition) check((condition) != 0, #condition, __LINE__)
 
-static int quickly(char* buf, size_t len, const char* fmt, ...)
+MV_PRINTF(3, 4) static int quickly(char* buf, size_t len, const char* fmt, ...)
 {
     va_list args;
     int n;
