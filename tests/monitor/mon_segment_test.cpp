@@ -27,7 +27,7 @@ using namespace support;
 
 namespace {
 
-constexpr std::chrono::seconds kLong{60};
+constexpr std::chrono::seconds kLong{150};
 // A browser starts and walks through the table, on a loaded machine too; within the time that a test may
 // take.
 constexpr std::chrono::seconds kBrowserLimit{90};
