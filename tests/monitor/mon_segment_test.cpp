@@ -285,7 +285,11 @@ TEST_F(MonSegment, a_thousand_groups_of_two_hosts_are_what_their_kernels_say_and
     const Process agent_two = two.agent(dir_.path("two.log"));
     Host host_one(*one_);
     Host host_two(two);
-    for (int i = 0; i < 500; ++i) {
+    host_one.join(group(0));
+    host_two.join(group(250));
+    // The kernel keeps few datagrams until it knows the receiver's link address: from now on it does.
+    EXPECT_TRUE(wait_until([&] { return shown("one").size() == 1 && shown("two").size() == 1; }, kLong));
+    for (int i = 1; i < 500; ++i) {
         host_one.join(group(i));
         host_two.join(group(i + 250));
     }
