@@ -48,6 +48,17 @@ std::string replaced(std::string text, const std::string& what, const std::strin
     return text;
 }
 
+// A build that counts coverage complains of each file of counters that the unit's user may not write.
+std::string without_counters(const std::string& err)
+{
+    std::istringstream in(err);
+    std::string kept;
+    for (std::string line; std::getline(in, line);) {
+        kept += line.starts_with("profiling:") ? "" : line + "\n";
+    }
+    return kept;
+}
+
 // A user other than root with the right to capture, as the unit makes one.
 std::vector<std::string> as_unit_user(const std::vector<std::string>& command)
 {
@@ -200,7 +211,7 @@ TEST_F(Packaging, the_command_of_the_unit_tells_each_change_once)
     zent.kill(SIGTERM);
     const ChildResult result = zent.wait();
     EXPECT_EQ(result.exit_code, 0);
-    EXPECT_EQ(result.err, "\nSIG(15)\n") << "the handler's word alone";
+    EXPECT_EQ(without_counters(result.err), "\nSIG(15)\n") << "the handler's word alone";
 }
 
 TEST_F(Packaging, a_list_in_place_of_the_bound_restricts_the_instance)
