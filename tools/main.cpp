@@ -2,7 +2,10 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
+#include <new>
 #include <span>
+#include <unistd.h>
 
 #include "command.h"
 #include "log.h"
@@ -92,14 +95,26 @@ void silence_log()
     set_myloglevel(MIN_level);
 }
 
-} // namespace
+int g_answer = -1; // the exit code, once all is said
 
-int main(int argc, char** argv)
+// A first failure of new is told as any other. Where memory lacks for that too, or where only destructors are
+// left, the process ends here: those of the JSON library need memory, and must not throw.
+void on_no_memory()
 {
-    g_appname = "zentctl";
-    silence_log();
-    const std::span<const char* const> words(argv + (argc > 0 ? 1 : 0),
-                                             static_cast<size_t>(argc > 0 ? argc - 1 : 0));
+    static bool is_first = true;
+    if (g_answer >= 0) {
+        _exit(g_answer);
+    }
+    if (is_first) {
+        is_first = false;
+        throw std::bad_alloc();
+    }
+    fputs("zentctl: no memory\n", stderr);
+    _exit(kCouldNotLook);
+}
+
+int answer(std::span<const char* const> words)
+{
     if (words.empty()) {
         fputs(help_text().c_str(), stderr);
         return kCouldNotLook;
@@ -122,5 +137,21 @@ int main(int argc, char** argv)
         perror("zentctl: stdout");
         return kCouldNotLook;
     }
-    return report.exit;
+    g_answer = report.exit;
+    return g_answer;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    g_appname = "zentctl";
+    silence_log();
+    std::set_new_handler(on_no_memory);
+    try {
+        return answer({argv + (argc > 0 ? 1 : 0), static_cast<size_t>(argc > 0 ? argc - 1 : 0)});
+    } catch (const std::exception& error) { // outside of run(): no memory for the report
+        fprintf(stderr, "zentctl: %s\n", error.what());
+        return kCouldNotLook;
+    }
 }

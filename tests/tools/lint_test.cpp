@@ -1,5 +1,6 @@
 // zentctl lint: each rule of a list, and its agreement with the agent's own loader.
 #include <arpa/inet.h>
+#include <cerrno>
 #include <fcntl.h>
 #include <functional>
 #include <random>
@@ -344,4 +345,24 @@ TEST_F(Lint, with_exact_every_entry_has_an_effect)
     EXPECT_EQ(
         run_program({"env", "ZENT_FEATURES=exactly", zentctl_path(), "lint", dir_.path("list")}).exit_code,
         2);
+}
+
+TEST_F(Lint, wherever_memory_runs_out_for_good_it_says_so_and_ends_with_2)
+{
+    dir_.write("list", "239.1.1.1\n239.1.1.2\n");
+    int failed = 0;
+    ChildResult result;
+    for (; result.exit_code != 0 && failed < 1000; ++failed) {
+        result =
+            run_program({"env", "LD_PRELOAD=" + build_path("tests/faults/libzent_faults.so"),
+                         "ASAN_OPTIONS=verify_asan_link_order=0", "FAULTS_KIND=alloc", "FAULTS_ON=1",
+                         "FAULTS_NTH=" + std::to_string(failed + 1), "FAULTS_CODE=" + std::to_string(ENOMEM),
+                         zentctl_path(), "lint", dir_.path("list")});
+        if (result.exit_code != 0) {
+            EXPECT_EQ(result.exit_code, 2) << failed << ": " << result.err;
+            EXPECT_EQ(result.err.find("zentctl"), 0U) << failed << ": " << result.err;
+        }
+    }
+    EXPECT_GT(failed, 10);
+    EXPECT_LT(failed, 1000);
 }
