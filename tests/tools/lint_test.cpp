@@ -363,6 +363,6 @@ TEST_F(Lint, wherever_memory_runs_out_for_good_it_says_so_and_ends_with_2)
             EXPECT_EQ(result.err.find("zentctl"), 0U) << failed << ": " << result.err;
         }
     }
-    EXPECT_GT(failed, 10);
+    EXPECT_GT(failed, 5); // the sanitizer has a new of its own
     EXPECT_LT(failed, 1000);
 }
