@@ -437,10 +437,10 @@ short int wait_to_write(int sockfd, int tmout)
 
 int test_read_fd(int fd, int tmout)
 {
-    static char scratch[kScratchMax];
     int rc = wait_to_read(fd, tmout);
     ssize_t nrd = -1;
     if (rc == 0) {
+        static char scratch[kScratchMax];
         nrd = nread(fd, scratch, sizeof scratch, 0);
         if (nrd < 1) {
             rc = -1;

@@ -126,7 +126,7 @@ size_t leading_number(const char* digits)
 
 // Values of the digits. Kept: other characters are 0, and the terminator is 16, as it stands behind "F" in
 // the text of the digits.
-constexpr auto kDigitValues = [] {
+constexpr auto kDigitValues = []() {
     constexpr char kDigits[] = "0123456789ABCDEF";
     std::array<uint8_t, 256> values{};
     for (size_t i = 0; i < sizeof kDigits; ++i) {

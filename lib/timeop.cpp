@@ -192,12 +192,12 @@ bool has_six_digits(long nsec)
 ssize_t format_time(const struct timespec* tms, uint32_t flags, char* buf, size_t buflen)
 {
     const bool gmt = (flags & f_GMT_TIME) != 0;
-    MinuteText& kept = g_minutes[gmt ? 1 : 0];
     MinuteText minute;
     struct tm parts;
     bool is_kept = false;
     {
         const TimeLock lock;
+        MinuteText& kept = g_minutes[gmt ? 1 : 0];
         const bool may_keep = has_six_digits(tms->tv_nsec);
         is_kept = may_keep && minute_holds(kept, tms->tv_sec);
         if (g_in_syslog != 0 && (!is_kept || g_zone[0] == 0)) {

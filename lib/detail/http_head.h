@@ -172,11 +172,11 @@ class ResponseHead {
     // A header line. False: no room for it. Kept: a line of kHeaderLineSize and more is left out.
     bool line(std::string_view title, std::string_view value)
     {
-        const size_t length = title.size() + value.size() + 2;
-        if (length >= room()) {
+        const size_t needed = title.size() + value.size() + 2;
+        if (needed >= room()) {
             return false;
         }
-        if (length < kHeaderLineSize) {
+        if (needed < kHeaderLineSize) {
             append(title);
             append(value);
             append("\r\n");
