@@ -14,6 +14,7 @@
 
 namespace {
 
+// NOLINTNEXTLINE(cert-err58-cpp): a call of the C interface throws nothing.
 timespec& now = *const_cast<timespec*>(rqs_now_ref());
 bool in_charge = false; // whether the monotonic clock shows now
 
