@@ -482,7 +482,7 @@ let loading = false;
 let loadAgain = false;
 let loadedMs = -RELOAD_MS;
 let loadTimer = 0;
-let recorded = null; // events that came while a table was loaded
+let recorded = null; // events that came while something was loaded
 
 // Beside this page, without a name and password that may stand in its address: no request may carry them there.
 const beside = (url) => new URL(url, location.origin + location.pathname);
@@ -658,14 +658,17 @@ async function loadActivity() {
     leaves: data.leaves.map((n, i) => n + data.expires[i]), known: data.last_id
   });
   setText($("version"), `zentmon ${data.version}`);
-  lastEvents.splice(0, lastEvents.length, ...data.events);
+  const newer = recorded.filter((event) => !isBehind(event.id, activity.known));
+  newer.forEach(noteActivity);
+  lastEvents.splice(0, lastEvents.length, ...newer.reverse(), ...data.events);
+  $("events").replaceChildren();
   eventsChanged();
   showActivity();
 }
 
-// Moves the slots on to the one of now.
-function turnActivity() {
-  const slot = Math.floor(serverNow() / activity.step);
+// Moves the slots on to the one of that time, a server's.
+function turnActivity(time) {
+  const slot = Math.floor(time / activity.step);
   for (; activity.last < slot && activity.joins.length > 0; activity.last++) {
     if (slot - activity.last > activity.slots) {
       activity.last = slot - activity.slots;
@@ -683,11 +686,12 @@ function isBehind(id, known) {
   return boot === knownBoot && Number(seq) <= Number(knownSeq);
 }
 
+// An event may be ahead of what is known of the server's clock: that came as late as its answer.
 function noteActivity(event) {
   if (activity.joins.length === 0 || isBehind(event.id, activity.known)) {
     return;
   }
-  turnActivity();
+  turnActivity(Math.max(serverNow(), event.time));
   const index = activity.slots - 1 - (activity.last - Math.floor(event.time / activity.step));
   const list = event.event === "join" ? activity.joins : activity.leaves;
   if (index >= 0 && index < list.length) {
@@ -719,7 +723,7 @@ const lastMinute = (list) => list.slice(-Math.round(60 / activity.step)).reduce(
 
 function showActivity() {
   activityTimer = 0;
-  turnActivity();
+  turnActivity(serverNow());
   const peak = Math.max(1, ...activity.joins, ...activity.leaves);
   $("plot-joins").setAttribute("d", bars(activity.joins, peak, 1));
   $("plot-leaves").setAttribute("d", bars(activity.leaves, peak, -1));

@@ -141,6 +141,57 @@ def silence_is_told_and_ends(zentmon, browser):
     page.until(lambda: not page.run("return document.getElementById('notice').checkVisibility()"), "no notice")
 
 
+# Puts a function between the page and the answers to its requests, before its own script is read.
+BETWEEN_ANSWERS = """
+const plain = window.fetch;
+window.fetch = async (...request) => {
+    const response = await plain(...request);
+    const between = %s;
+    const data = await between(String(request[0]), await response.json());
+    return { ok: response.ok, status: response.status, json: async () => data };
+};
+"""
+
+
+class AnswersThrough:
+    def __init__(self, browser, function):
+        self.browser = browser
+        source = {"source": BETWEEN_ANSWERS % function}
+        self.script = browser.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument", source)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.browser.execute_cdp_cmd("Page.removeScriptToEvaluateOnNewDocument", self.script)
+
+
+def events_that_overtake_the_first_answer_are_counted(zentmon, browser):
+    zentmon.join(HALL, "239.1.0.1")
+    held = """async (url, data) => {
+        if (url.includes('activity.json')) { await new Promise((go) => { window.letGo = go; }); }
+        return data;
+    }"""
+    with AnswersThrough(browser, held):
+        page = Page(browser, zentmon.url)
+        page.until(lambda: page.run("return typeof window.letGo") == "function", "the answer to be on its way")
+        zentmon.join(HALL, "239.1.0.2")
+        page.until(lambda: page.names() == ["239.1.0.1", "239.1.0.2"], "the event to come first")
+        page.run("window.letGo()")
+        page.until(lambda: page.text("n-joins") == "2", "both joins to be counted")
+        page.until(lambda: [event[2] for event in page.events()] == ["239.1.0.2", "239.1.0.1"], "both events, once")
+
+
+def events_ahead_of_the_known_clock_are_counted(zentmon, browser):
+    with AnswersThrough(browser, "(url, data) => ({ ...data, now: data.now - 30 })"):
+        page = Page(browser, zentmon.url)
+        page.until(lambda: page.text("version") != "", "the activity")
+        page.run("setClock = () => {}; clockOffset = -30")
+        zentmon.join(HALL, "239.1.0.1")
+        page.until(lambda: page.names() == ["239.1.0.1"], "the group")
+        page.until(lambda: page.text("n-joins") == "1", "the join to be counted")
+
+
 def ten_thousand_groups_are_drawn_as_they_are_seen(zentmon, browser):
     groups = [f"239.{i >> 8 & 255}.{i & 255}.1" for i in range(10000)]
     zentmon.join(HALL, *groups)
@@ -191,6 +242,7 @@ def nothing_comes_from_elsewhere(zentmon, browser):
 
 TESTS = (join_appears_and_leave_disappears, the_page_equals_groups_json, the_filter_takes_prefixes_networks_and_agents,
          columns_sort_both_ways, it_reconnects_after_a_restart, silence_is_told_and_ends,
+         events_that_overtake_the_first_answer_are_counted, events_ahead_of_the_known_clock_are_counted,
          ten_thousand_groups_are_drawn_as_they_are_seen, keys_are_enough, nothing_comes_from_elsewhere)
 
 
