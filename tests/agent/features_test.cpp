@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "agent_test.h"
+#include "child.h"
 #include "log.h"
 #include "tempdir.h"
 #include "text.h"
@@ -137,6 +138,21 @@ TEST(Features, environment_is_read_into_the_configuration)
     unsetenv("ZENT_FEATURES");
     EXPECT_EQ(read_features(), 0);
     EXPECT_FALSE(g_cfg.features.any);
+}
+
+TEST(Features, bad_words_of_the_environment_are_told_on_stderr_and_refused)
+{
+    g_appname = "zent";
+    const auto refused = [](const std::string& words) {
+        setenv("ZENT_FEATURES", words.c_str(), 1);
+        const auto result = support::run_in_child([] { return read_features() == -1 ? 0 : 1; });
+        unsetenv("ZENT_FEATURES");
+        EXPECT_EQ(result.exit_code, 0);
+        return result.err;
+    };
+    EXPECT_EQ(refused("exakt"),
+              std::string("zent: ZENT_FEATURES: this word is unknown: \"exakt\"") + kKnown + "\n");
+    EXPECT_EQ(refused(std::string(5000, 'x')).size(), 6 + 255 + 1U) << "cut to 255 characters";
 }
 
 TEST_F(ExactList, every_entry_matches_and_nothing_else_does)

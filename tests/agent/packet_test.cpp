@@ -1,8 +1,10 @@
 // The packet's way from the frame to the relay line, on byte arrays.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <malloc.h>
 #include <memory>
 
 #include "child.h"
@@ -79,6 +81,27 @@ TEST_F(Packet, second_report_from_any_host_prints_nothing)
     EXPECT_EQ(relayed(), "JOIN UDP://239.1.2.3\n");
     EXPECT_EQ(log.text(), before);
     EXPECT_EQ(joined(), 1U);
+}
+
+TEST_F(Packet, with_expire_a_group_that_was_left_keeps_no_memory)
+{
+    g_cfg.features.any = true;
+    g_cfg.features.expire = 260;
+    log.set_level(ERR_level);
+    FILE* const lines = g_ctx.rep.fp;
+    g_ctx.rep.fp = fopen("/dev/null", "w");
+    const auto join_and_leave = [] {
+        feed(report_frame("239.1.2.3"));
+        feed(leave_frame("239.1.2.3"));
+    };
+    join_and_leave(); // the stream's buffer is made here
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i) {
+        join_and_leave();
+    }
+    EXPECT_EQ(mallinfo2().uordblks, before);
+    fclose(g_ctx.rep.fp);
+    g_ctx.rep.fp = lines;
 }
 
 TEST_F(Packet, leave_of_a_group_not_joined_passes_in_silence)
@@ -178,6 +201,17 @@ TEST_F(Packet, dumps_go_to_mirror_and_log_and_are_not_counted)
     EXPECT_EQ(log.text(), dumps);
     EXPECT_EQ(g_log.total_out, 0U);
     free(mirrored);
+}
+
+TEST_F(Packet, dump_shows_each_octet_of_both_addresses_in_its_place)
+{
+    g_cfg.log_level = DEBUG_level;
+    log.set_level(ERR_level);
+    auto frame = report_frame("239.1.2.3");
+    const uint8_t addresses[] = {0x01, 0x00, 0x5e, 0x21, 0x32, 0x43, 0x52, 0x64, 0x75, 0x86, 0x97, 0xa8};
+    std::copy(std::begin(addresses), std::end(addresses), frame.begin());
+    feed(frame);
+    EXPECT_EQ(log.lines()[0], "52:64:75:86:97:a8 -> 01:00:5e:21:32:43 [0800]");
 }
 
 TEST_F(Packet, no_dumps_below_debug_level)
@@ -431,6 +465,13 @@ TEST_F(Packet, line_longer_than_its_buffer_is_refused)
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  relay_msg: not enough buffer space",
                                   "(ERR)  relay_msg: not enough buffer space"}));
     EXPECT_EQ(relayed(), "");
+}
+
+TEST_F(Packet, line_of_one_character_goes)
+{
+    relay_msg("%s", "x");
+    EXPECT_EQ(relayed(), "x");
+    EXPECT_EQ(log.lines(), Lines{"(NRM)  relay_msg: 1 bytes output: x"});
 }
 
 TEST_F(Packet, kept_line_of_127_characters_passes_cut_by_one)

@@ -136,6 +136,31 @@ TEST_F(Reporter, in_immediate_mode_lines_are_gathered_into_writes_of_whole_lines
     close(ends[1]);
 }
 
+TEST_F(Reporter, in_immediate_mode_4096_bytes_are_one_write)
+{
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
+    const auto result = support::run_in_child([&] {
+        dup2(ends[1], STDOUT_FILENO);
+        g_cfg.features.immediate = true;
+        reporter_setup();
+        relay_msg("first\n"); // the test program's own use of the stream ends here
+        relay_flush();
+        for (int n = 0; n < 64; ++n) {
+            relay_msg("%063d\n", n);
+        }
+        relay_flush();
+        _exit(0);
+        return 0;
+    });
+    EXPECT_EQ(result.exit_code, 0);
+    char part[8192];
+    EXPECT_EQ(recv(ends[0], part, sizeof part, MSG_DONTWAIT), 6);
+    EXPECT_EQ(recv(ends[0], part, sizeof part, MSG_DONTWAIT), 4096);
+    close(ends[0]);
+    close(ends[1]);
+}
+
 TEST_F(Reporter, in_immediate_mode_a_write_that_fails_costs_its_lines_alone)
 {
     const auto result = support::run_in_child([] {

@@ -362,6 +362,14 @@ TEST(ProbeFrame, the_adaptation_field_has_five_bytes_or_more)
     }
 }
 
+TEST(ProbeFrame, a_start_code_may_be_all_of_the_payload)
+{
+    Buffer one = with_byte(entry_packet(1), 4, 179);
+    const uint8_t video[] = {0, 0, 1, 0xe0};
+    std::copy(std::begin(video), std::end(video), one.end() - 4);
+    EXPECT_EQ(find_frame(one), 1U);
+}
+
 TEST(ProbeFrame, types_of_mpeg2_pictures)
 {
     for (unsigned type = 0; type < 8; ++type) {
@@ -376,6 +384,8 @@ TEST(ProbeFrame, an_mpeg2_picture_needs_its_headers)
     EXPECT_EQ(find_frame(with_byte(mpeg2_packet(1), 7, 0xc0)), 0U) << "no video";
     EXPECT_EQ(find_frame(with_byte(mpeg2_packet(1), 16, 0xb2)), 0U) << "no sequence header";
     EXPECT_EQ(find_frame(with_byte(mpeg2_packet(1), 24, 0x01)), 0U) << "no picture header";
+    const Buffer headless = with_byte(mpeg2_packet(1), 16, 0xb2);
+    EXPECT_EQ(find_frame(with_byte(headless, 185, 1)), 0U) << "no start code where the search ends either";
 }
 
 TEST(ProbeFrame, a_picture_before_the_sequence_header_does_not_count)

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <string>
 #include <sys/epoll.h>
 #include <sys/time.h>
@@ -135,6 +136,21 @@ TEST_F(Wakeup, counts_as_a_descriptor_of_the_loop_and_is_opened_once)
     EXPECT_EQ(0U, rqs_fd_count(GET_POLLFDS));
     sigsafe_close();
     EXPECT_EQ(0, sigsafe_open());
+}
+
+TEST_F(Wakeup, may_be_descriptor_0)
+{
+    const int input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    ASSERT_EQ(0, sigsafe_open());
+    EXPECT_NE(-1, fcntl(STDIN_FILENO, F_GETFD));
+    g_wakes_before_wait = 1;
+    EXPECT_EQ(7, rqs_event_loop());
+    sigsafe_close();
+    EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD)) << "it has been closed";
+    EXPECT_EQ(0U, rqs_fd_count(GET_POLLFDS));
+    dup2(input, STDIN_FILENO);
+    close(input);
 }
 
 TEST_F(Wakeup, keeps_errno_and_does_nothing_where_it_is_not_open)

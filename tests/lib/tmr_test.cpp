@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "child.h"
 #include "ktime.h"
 #include "oom.h"
 #include "rqs.h"
@@ -168,6 +169,21 @@ TEST_F(Timers, refuse_spans_that_are_none)
     const timespec wrong = {0, 1'000'000'000};
     EXPECT_EQ(EINVAL, tmr_change(&a.timer, &wrong));
     EXPECT_TRUE(tmr_pending(&a.timer));
+}
+
+TEST_F(Timers, abort_without_what_they_need)
+{
+    const auto nothing = [](struct tmr*, void*) {};
+    const timespec span = ms(10);
+    timespec left = {};
+    support::expect_abort([&] { tmr_add(nullptr, &span, nullptr, nothing, nullptr); });
+    support::expect_abort([&] { tmr_add(&a.timer, nullptr, nullptr, nothing, nullptr); });
+    support::expect_abort([&] { tmr_add(&a.timer, &span, nullptr, nullptr, nullptr); });
+    support::expect_abort([&] { tmr_change(nullptr, &span); });
+    support::expect_abort([&] { tmr_change(&a.timer, nullptr); });
+    support::expect_abort([] { tmr_cancel(nullptr); });
+    support::expect_abort([&] { tmr_left(nullptr, &left); });
+    support::expect_abort([&] { tmr_left(&a.timer, nullptr); });
 }
 
 TEST_F(Timers, with_a_span_beyond_counting_never_run)

@@ -671,6 +671,16 @@ TEST_F(WebRead, debug_lines_of_a_whole_head)
                               fd + " received: HTTP/1.1 200 [OK]\n");
 }
 
+TEST_F(WebRead, blanks_before_the_reason_do_not_belong_to_it)
+{
+    for (const char* blanks : {" ", "  ", " \t "}) {
+        log.clear();
+        log.set_level(DEBUG_level);
+        answer_to(std::string("HTTP/1.1 200").append(blanks).append("OK\r\n\r\n"));
+        EXPECT_NE(log.text().find(" received: HTTP/1.1 200 [OK]\n"), std::string::npos) << log.text();
+    }
+}
+
 TEST_F(WebRead, kept_headers_are_looked_at_for_redirects_alone)
 {
     for (const int code : {200, 204, 300, 303, 307, 404}) {

@@ -407,7 +407,9 @@ TEST_F(WopenHttp, an_unfinished_response_fails_a_non_blocking_opening)
     auto server = std::make_unique<ScriptedServer>("HTTP/1.1 200 OK\r\n");
     usock_ctx uc = {};
     uc.non_blocking = true;
+    log.set_level(DEBUG_level);
     EXPECT_EQ(usock_open(url_of(*server).c_str(), &uc), -1);
+    EXPECT_EQ(log.text().find("has a tail"), std::string::npos) << "a part of a head is no tail";
     EXPECT_NE(uc.url_path, nullptr);
     usock_close(-1, &uc);
     expect_closed(uc);
