@@ -1,7 +1,22 @@
 #!/usr/bin/env python3
 """The work of scripts/mutants, which says what the options are. A mutant costs one compilation without optimisation and
-one link: its object goes in front of the library, or in the place of the original's, in the test program's own link."""
+one link: its object goes in front of the library, or in the place of the original's, in the test program's own link.
+
+An entry of tests/mutants.toml, the list of those that nothing can see: file, reason, and lines as they stand in the source,
+a "-" in front of the one that is changed, behind it a "+" and what it becomes; several "+" are several mutants:
+
+    [[survivor]]
+    file = "lib/name.cpp"
+    reason = "why nothing can see it"
+    lines = '''
+      if (first_call() == 0) {
+    -     return last > 0;
+    +     return last >= 0;
+    '''
+
+It is found by its text, so that it survives changes elsewhere; lines around it tell it from others like it."""
 import argparse
+import collections
 import concurrent.futures
 import glob
 import json
@@ -13,6 +28,9 @@ import subprocess
 import sys
 import tempfile
 import time
+import tomllib
+
+from coverage_check import places
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
@@ -25,10 +43,12 @@ AGENT_TESTS = {
     "lifecycle": ["lifecycle_test", "zent_replay"],
     "meta": ["meta_test"],
     "packet": ["packet_test", "packet_v3_test", "zent_replay"],
-    "reporter": ["reporter_test", "zent_replay"],
+    "reporter": ["reporter_test", "packet_test", "zent_replay"],
     "scope": ["scope_test", "zent_replay"],
     "usage": ["usage_test"],
+    "zent": ["zent_replay"],
 }
+LIBRARY_TESTS = {"libmeta": ["meta_test"]}
 
 RELATIONS = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "=="}
 SWAPPED = {"&&": "||", "||": "&&", "+": "-", "-": "+"}
@@ -36,12 +56,14 @@ SWAPPED = {"&&": "||", "||": "&&", "+": "-", "-": "+"}
 
 def sources():
     files = glob.glob("lib/*.cpp", root_dir=ROOT) + glob.glob("agent/*.cpp", root_dir=ROOT) + ["common/meta.cpp"]
-    return {os.path.basename(path)[:-4]: path for path in sorted(files) if path != "agent/zent.cpp"}
+    return {os.path.basename(path)[:-4]: path for path in sorted(files)}
 
 
 def programs_of(module, path):
     if not path.startswith("lib/"):
         return AGENT_TESTS[module]
+    if module in LIBRARY_TESTS:
+        return LIBRARY_TESTS[module]
     own = glob.glob(f"tests/lib/{module}_test.cpp", root_dir=ROOT)
     parts = glob.glob(f"tests/lib/{module}_*_test.cpp", root_dir=ROOT)
     return [os.path.basename(test)[:-4] for test in sorted(own + parts)]
@@ -85,8 +107,7 @@ class Mutant:
         self.module, self.path, self.line, self.columns, self.new = module, path, line, columns, new
 
     def apply(self):
-        with open(os.path.join(ROOT, self.path), encoding="utf-8") as file:
-            lines = file.read().split("\n")
+        lines = read_source(self.path).split("\n")
         text = lines[self.line - 1]
         first, last = self.columns
         lines[self.line - 1] = text[:first] + self.new.replace("{}", text[first:last], self.new == "!({})") + text[last:]
@@ -94,9 +115,44 @@ class Mutant:
         return f'#line 1 "{os.path.join(ROOT, self.path)}"\n' + "\n".join(lines)
 
 
-def all_mutants(module, path):
+def read_source(path):
     with open(os.path.join(ROOT, path), encoding="utf-8") as file:
-        text = without_texts(file.read())
+        return file.read()
+
+
+def explained_by(entry, source):
+    """The mutants that an entry of the list speaks for, as (file, line, new text), or what is wrong with it."""
+    lines = [(line[:1], line[1:].strip()) for line in entry["lines"].strip("\n").split("\n")]
+    kept = [(sign, text) for sign, text in lines if sign != "+"]
+    found = places([text for _, text in kept], source)
+    name = f"{entry['file']}: {lines[0][1]}"
+    if not entry.get("reason"):
+        return None, f"{name}: has no reason"
+    if [sign for sign, _ in kept].count("-") != 1 or len(kept) == len(lines):
+        return None, f"{name}: shows no line and what it becomes"
+    if len(found) != 1:
+        return None, f"{name}: stands {len(found)} times in the source: " + ("show more of it" if found else "it is gone")
+    line = found[0] + [sign for sign, _ in kept].index("-")
+    return {(entry["file"], line, text) for sign, text in lines if sign == "+"}, None
+
+
+def read_list():
+    """All mutants that the list explains, and complaints about it."""
+    with open(os.path.join(ROOT, "tests", "mutants.toml"), "rb") as file:
+        entries = tomllib.load(file).get("survivor", [])
+    known, complaints, files = set(), [], set(sources().values())
+    for entry in entries:
+        if entry["file"] not in files:
+            complaints.append(f"{entry['file']}: is no source that can be chosen")
+            continue
+        mutants, complaint = explained_by(entry, [line.strip() for line in read_source(entry["file"]).split("\n")])
+        known |= mutants or set()
+        complaints += [complaint] if complaint else []
+    return known, complaints
+
+
+def all_mutants(module, path):
+    text = without_texts(read_source(path))
     found = []
     for number, code in enumerate(text.split("\n"), 1):
         if code.startswith((" ", "\t")):  # what stands at the left edge declares
@@ -109,8 +165,7 @@ def planted(order):
     module = os.path.basename(path)[:-4]
     if sources().get(module) != path:
         sys.exit(f"{path} is no source that can be chosen")
-    with open(os.path.join(ROOT, path), encoding="utf-8") as file:
-        at = file.read().split("\n")[int(line) - 1].find(old)
+    at = read_source(path).split("\n")[int(line) - 1].find(old)
     if at < 0:
         sys.exit(f"{path}:{line} has no '{old}'")
     return Mutant(module, path, int(line), (at, at + len(old)), new)
@@ -245,6 +300,7 @@ def arguments():
     parser.add_argument("-s", type=int, default=random.randrange(10**6))
     parser.add_argument("-p", action="append", default=[])
     parser.add_argument("-b", default="release")
+    parser.add_argument("--list", action="store_true")
     parser.add_argument("--programs", action="store_true")
     parser.add_argument("modules", nargs="*")
     return parser.parse_args()
@@ -267,8 +323,64 @@ def drawn(options, modules):
             return
 
 
+class Tally:
+    """What became of the mutants, by module."""
+
+    def __init__(self, modules, explained, all_shown):
+        self.counts = {name: collections.Counter() for name in modules}
+        self.explained, self.all_shown = explained, all_shown
+
+    def add(self, mutant, result):
+        known = (mutant.path, mutant.line, mutant.after) in self.explained
+        if result == "survives" and known:
+            result = "explained"
+        self.counts[mutant.module][result] += 1
+        if result == "survives" or self.all_shown or (known and result == "killed"):
+            note = ", though it is explained" if known and result == "killed" else ""
+            print(f"{result}{note}: {mutant.path}:{mutant.line}\n  - {mutant.before}\n  + {mutant.after}", flush=True)
+
+    def of(self, *results):
+        return sum(counts[result] for counts in self.counts.values() for result in results)
+
+    def tried(self):
+        return self.of("killed", "explained", "survives")
+
+    def show(self):
+        for name, counts in self.counts.items():
+            survive = "".join(f", {counts[what]} {text}" for what, text in
+                              (("explained", "explained"), ("survives", "SURVIVE")) if counts[what])
+            print(f"{name}: {counts['killed']} of {counts['killed'] + counts['explained'] + counts['survives']}{survive}")
+        print(f"{self.tried()} mutants in {len(self.counts)} modules: {self.of('killed')} killed "
+              f"({100 * self.of('killed') / max(self.tried(), 1):.1f} %), {self.of('explained')} survive and are explained, "
+              f"{self.of('survives')} survive; besides, {self.of('equal')} that change no code and "
+              f"{self.of('no program')} that do not compile")
+
+
+def try_all(trial, modules, chosen, wanted, tally):
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        list(pool.map(lambda item: trial.sound(*item), modules.items()))
+        open_ones = {}
+        while True:
+            # What does not compile is no mutant: another is drawn.
+            while len(open_ones) < os.cpu_count() and len(open_ones) + tally.tried() < wanted:
+                mutant = next(chosen, None)
+                if mutant is None:
+                    break
+                open_ones[pool.submit(trial.judge, mutant)] = mutant
+            if not open_ones:
+                return
+            for done in concurrent.futures.wait(open_ones, return_when="FIRST_COMPLETED").done:
+                tally.add(open_ones.pop(done), done.result())
+
+
 def main():
     options = arguments()
+    explained, complaints = read_list()
+    if complaints:
+        sys.exit("tests/mutants.toml:\n" + "\n".join(complaints))
+    if options.list:
+        print(f"mutants: {len(explained)} are explained")
+        return 0
     known = sources()
     plants = [planted(order) for order in options.p]
     names = [m.module for m in plants] if plants else options.modules or list(known)
@@ -283,34 +395,12 @@ def main():
 
     build = Build(options.b)
     build.find_links(programs)
-    trial = Trial(build)
     start = time.monotonic()
-    tally = {"killed": 0, "survives": 0, "equal": 0, "no program": 0}
-    wanted, chosen = options.n, iter(plants) if plants else drawn(options, modules)
-    if plants:
-        wanted = len(plants)
-    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        list(pool.map(lambda item: trial.sound(*item), modules.items()))
-        open_ones = {}
-        while True:
-            # What does not compile is no mutant: another is drawn.
-            while len(open_ones) < os.cpu_count() and len(open_ones) + tally["killed"] + tally["survives"] < wanted:
-                mutant = next(chosen, None)
-                if mutant is None:
-                    break
-                open_ones[pool.submit(trial.judge, mutant)] = mutant
-            if not open_ones:
-                break
-            for done in concurrent.futures.wait(open_ones, return_when="FIRST_COMPLETED").done:
-                mutant, result = open_ones.pop(done), done.result()
-                tally[result] += 1
-                if result == "survives" or plants:
-                    print(f"{result}: {mutant.path}:{mutant.line}\n  - {mutant.before}\n  + {mutant.after}", flush=True)
-    total = tally["killed"] + tally["survives"]
-    print(f"{total} mutants in {len(modules)} modules: {tally['killed']} killed, {tally['survives']} survive "
-          f"({100 * tally['killed'] / max(total, 1):.1f} % killed); besides, {tally['equal']} that change no code and "
-          f"{tally['no program']} that do not compile; seed {options.s}, {time.monotonic() - start:.0f} s")
-    return 1 if tally["survives"] else 0
+    tally = Tally(modules, explained, bool(plants))
+    try_all(Trial(build), modules, iter(plants or drawn(options, modules)), len(plants) or options.n, tally)
+    tally.show()
+    print(f"seed {options.s}, {time.monotonic() - start:.0f} s")
+    return 1 if tally.of("survives") else 0
 
 
 if __name__ == "__main__":
