@@ -18,6 +18,8 @@
 
 using namespace support;
 
+extern "C" [[gnu::weak]] void __gcov_dump();
+
 namespace {
 
 class Lint : public testing::Test {
@@ -349,6 +351,9 @@ TEST_F(Lint, with_exact_every_entry_has_an_effect)
 
 TEST_F(Lint, wherever_memory_runs_out_for_good_it_says_so_and_ends_with_2)
 {
+    if (__gcov_dump != nullptr) {
+        GTEST_SKIP() << "a build that counts coverage dies of memory that its counters do not get";
+    }
     dir_.write("list", "239.1.1.1\n239.1.1.2\n");
     int failed = 0;
     ChildResult result;
