@@ -366,6 +366,24 @@ TEST(Strops, quick_vsnprintf_writes_a_null_string_as_vsnprintf_does)
     expect_as_vsnprintf("<%s>", static_cast<const char*>(none));
 }
 
+int result_in(size_t room, int (*print)(char*, size_t, const char*, va_list), char* buf, ...)
+{
+    va_list args;
+    va_start(args, buf);
+    const int rc = print(buf, room, "%s\n", args);
+    va_end(args);
+    return rc;
+}
+
+TEST(Strops, quick_vsnprintf_takes_a_room_above_any_result_as_vsnprintf_does)
+{
+    char ours[16] = "";
+    char theirs[16] = "";
+    const size_t room = size_t{INT_MAX} + 1;
+    EXPECT_EQ(result_in(room, quick_vsnprintf, ours, "text"), result_in(room, vsnprintf, theirs, "text"));
+    EXPECT_STREQ(ours, theirs);
+}
+
 // ---- markers -----------------------------------------------------------------------------------------
 
 TEST(Strops, marker_count_counts_occurrences)
