@@ -194,9 +194,12 @@ def free_port(kind):
 class Tool(Program):
     """A program that comes to its end by itself."""
 
-    def __init__(self, name, binary, words, statuses, files=()):
+    def __init__(self, name, binary, words, statuses, files=(), env=()):
         super().__init__(name, binary)
-        self.words, self.statuses, self.files = words, statuses, dict(files)
+        self.words, self.statuses, self.files, self.env = words, statuses, dict(files), dict(env)
+
+    def environment(self, run):
+        return self.env
 
     def prepare(self, run):
         for name, text in self.files.items():
@@ -355,6 +358,8 @@ def agents(binary, world, quick):
             (0, 0, 0, 0, 0), (0, 0, 1, 1, 1), (0, 1, 0, 1, 1), (0, 1, 1, 0, 0),
             (1, 0, 0, 1, 0), (1, 0, 1, 0, 1), (1, 1, 0, 0, 1), (1, 1, 1, 1, 0)):
         yield Agent(binary, world, daemon, relay, listed, user, features)
+    if not quick:
+        yield Tool("agent that is refused", binary, ["-i", AGENT_END], (2,), env={"ZENT_FEATURES": "none"})
 
 
 def monitors(build):

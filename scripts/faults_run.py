@@ -14,6 +14,7 @@ import sys
 import tempfile
 import time
 
+import fault_sites
 import faults_programs
 
 UP_LIMIT = 30      # until a program waits for events, or has ended
@@ -42,7 +43,8 @@ ERRORS = {
     "getnameinfo": "EAI_AGAIN EAI_FAIL EAI_MEMORY EAI_SYSTEM", "getifaddrs": "EACCES EMFILE ENOBUFS ENOMEM",
     "ifname": "ENXIO ENODEV", "fork": "EAGAIN ENOMEM ENOSYS", "thread": "EAGAIN EPERM", "setsid": "EPERM",
     "setuid": "EAGAIN EINVAL EPERM ENOMEM", "passwd": "EINTR EIO EMFILE ENFILE ENOMEM ERANGE", "sigaction": "EINVAL",
-    "setitimer": "EINVAL", "rlimit": "EINVAL EPERM", "clock": "EINVAL EPERM", "localtime": "EOVERFLOW",
+    "setitimer": "EINVAL", "process": "EPERM EINTR EINVAL ENOMEM EFAULT", "rlimit": "EINVAL EPERM",
+    "clock": "EINVAL EPERM", "localtime": "EOVERFLOW",
     "epoll": "EMFILE ENFILE ENOMEM EINVAL", "epoll_ctl": "EEXIST EINVAL ENOMEM ENOSPC EPERM", "eventfd": "EMFILE ENFILE ENODEV ENOMEM",
     "inotify": "EMFILE ENFILE ENOMEM ENOSPC EACCES ENOENT EINVAL", "wait": "EINTR EINVAL ENOMEM",
     "pcap_lookupnet": "EIO", "pcap_open": "EIO", "pcap_set": "PCAP_ERROR_ACTIVATED PCAP_ERROR",
@@ -59,19 +61,22 @@ def code_of(name):
 
 
 class Fault:
-    """One kind, one code, "only" or "on", counted from 1."""
+    """One kind, one code, "only" or "on", counted from 1; of one call site alone, where a stack is given."""
 
-    def __init__(self, kind, error, on, nth):
-        self.kind, self.error, self.on, self.nth = kind, error, on, nth
+    def __init__(self, kind, error, on, nth, stack=None):
+        self.kind, self.error, self.on, self.nth, self.stack = kind, error, on, nth, stack
 
     def __str__(self):
-        return f"{self.kind} {self.nth}{' and on' if self.on else ''} {self.error}"
+        where = f" of {self.stack.call}" if self.stack else ""
+        return f"{self.kind} {self.nth}{' and on' if self.on else ''}{where} {self.error}"
 
     def code(self):
         return code_of(self.error)
 
     def environment(self):
         env = {"FAULTS_KIND": self.kind, "FAULTS_NTH": str(self.nth), "FAULTS_CODE": str(self.code())}
+        if self.stack:
+            env["FAULTS_STACK"] = fault_sites.line_of(self.stack)
         return {**env, "FAULTS_ON": "1"} if self.on else env
 
 
@@ -84,6 +89,7 @@ class Report:
     def __init__(self, path):
         self.hits, self.children, self.parents, self.ends = [], [], set(), {}
         self.counts = collections.Counter()
+        self.stacks = []
         self.waits = set()
         self.ended = set()
         try:
@@ -95,6 +101,8 @@ class Report:
             word, *rest = line.split(" ")
             if word == "hit":
                 self.hits.append((int(rest[0]), rest[1], rest[2], int(rest[3], 16)))
+            elif word == "stack":
+                self.stacks.append(fault_sites.stack_of(rest))
             elif word == "child":
                 self.children.append(int(rest[1]))
                 self.parents.add(int(rest[0]))
@@ -238,7 +246,6 @@ class Series:
 class Tally:
     def __init__(self):
         self.runs, self.foreign, self.listed, self.hits, self.findings = 0, 0, 0, collections.Counter(), []
-        self.sites = collections.Counter()
 
     def functions_of(self, binary, report):
         """The functions around the failed calls of the program itself, inlined ones too."""
@@ -267,9 +274,6 @@ class Tally:
             self.listed += len(left) < len(complaints)
             complaints[:] = left
         self.hits[run.fault.kind] += bool(report.hits)
-        for _, call, thing, offset in report.hits:
-            if os.path.basename(thing) == os.path.basename(run.program.binary):
-                self.sites[(run.program.binary, call, offset)] += 1
         for complaint in complaints:
             self.findings.append((run.program.name, str(run.fault), complaint, run.folder))
             print(f"FINDING {run.program.name}: {run.fault}: {complaint} ({run.folder})", flush=True)
@@ -277,12 +281,37 @@ class Tally:
                 print(f"    {call} at {os.path.basename(thing)}+{offset:x}", flush=True)
 
 
-def sweep(program, batch, tally, options):
-    sound = batch.go(program, [SOUND, Fault("count", "EIO", False, 1)])
-    counts = sound[1].report().counts
+def sound_runs(program, batch, kind):
+    """A run without faults, from which is learned what the others are judged by, and one that tells its calls."""
+    sound = batch.go(program, [SOUND, Fault(kind, "EIO", False, 1)])
     program.learn(sound[0])
     for complaint in program.judge(sound[0]):
         raise SystemExit(f"{program.name} does not work even without faults: {complaint}; see {sound[0].folder}")
+    return sound
+
+
+def sweep_sites(program, batch, tally, sites):
+    """One fault at each call site that a sound run comes by and where nothing has failed yet."""
+    sound = sound_runs(program, batch, "sites")
+    stacks = [stack for stack in sound[1].report().stacks if stack.kind in ERRORS]
+    sites.learn(stacks)
+    faults, planned = [], set()
+    for stack in stacks:
+        if sites.of(stack) & sites.missing() - planned:
+            planned |= sites.of(stack)
+            faults.append(Fault(stack.kind, ERRORS[stack.kind].split()[0], False, 1, stack))
+    for begin in range(0, len(faults), program.at_once):
+        for run in batch.go(program, faults[begin:begin + program.at_once]):
+            if run.report().hits:
+                sites.failed |= sites.of(run.fault.stack)
+            complaints = program.judge(run)
+            tally.add(run, complaints)
+            if not complaints:
+                shutil.rmtree(run.folder)
+
+
+def sweep(program, batch, tally, options):
+    counts = sound_runs(program, batch, "count")[1].report().counts
     open_series = []
     step = {kind: max(1, count // 50) if options.quick else 1 for kind, count in counts.items()}
     for kind in ERRORS if not options.kind else options.kind:
@@ -309,10 +338,18 @@ def sweep(program, batch, tally, options):
                 shutil.rmtree(run.folder)
 
 
+def sweep_all(options, programs, batch, tally):
+    for program in programs:
+        before, runs = time.monotonic(), tally.runs
+        sweep(program, batch, tally, options)
+        print(f"{program.name}: {tally.runs - runs} runs, {time.monotonic() - before:.0f} s", flush=True)
+
+
 def arguments():
     parser = argparse.ArgumentParser()
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--keep", action="store_true")
+    parser.add_argument("--sites", action="store_true")
     parser.add_argument("--build", default="build/release")
     parser.add_argument("--shim")
     parser.add_argument("--kind", action="append")
@@ -320,21 +357,42 @@ def arguments():
     return parser.parse_args()
 
 
+def all_sites(options, programs, batch, tally, folder):
+    """The whole of --sites; whether a site is without failure and without reason."""
+    sites = fault_sites.Sites(options.build, batch.shim, [f"{options.build}/libmorvane.so", f"{options.build}/zent"])
+    for program in programs:
+        before = len(sites.failed)
+        sweep_sites(program, batch, tally, sites)
+        print(f"{program.name}: {len(sites.failed) - before} sites", flush=True)
+    tests = fault_sites.Tests(sites, folder, lambda kind: code_of(ERRORS[kind].split()[0]) if kind in ERRORS else None, 6)
+    before = len(sites.failed)
+    count, ways = tests.look()
+    runs = tests.fail(ways)
+    tests.close()
+    print(f"{count} tests, and {runs} runs of them with a fault: {len(sites.failed) - before} sites", flush=True)
+    tally.findings += tests.findings
+    complaints = fault_sites.compare(sites.missing(), fault_sites.load_list("tests/fault_sites.toml"),
+                                     fault_sites.source_line)
+    print("\n".join(complaints))
+    print(f"{len(sites.every)} call sites that can fail, {len(sites.failed)} of them failed")
+    return bool(complaints)
+
+
 def main():
     options = arguments()
     ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
     world = faults_programs.World()
-    tally, start = Tally(), time.monotonic()
+    tally, start, refused = Tally(), time.monotonic(), False
     folder = tempfile.mkdtemp(prefix="zent-faults-")
     os.chmod(folder, 0o755)
     programs = [p for p in faults_programs.programs(options.build, world, options.quick)
                 if not options.names or any(p.name.startswith(name) for name in options.names)]
     batch = Batch(os.path.abspath(options.shim or f"{options.build}/tests/faults/libzent_faults.so"), folder)
     try:
-        for program in programs:
-            before, runs = time.monotonic(), tally.runs
-            sweep(program, batch, tally, options)
-            print(f"{program.name}: {tally.runs - runs} runs, {time.monotonic() - before:.0f} s", flush=True)
+        if options.sites:
+            refused = all_sites(options, programs, batch, tally, folder)
+        else:
+            sweep_all(options, programs, batch, tally)
     finally:
         world.close()
         if not tally.findings and not options.keep:
@@ -343,7 +401,7 @@ def main():
     print(f"{tally.runs} runs, {sum(tally.hits.values())} of them with a fault, {len(tally.findings)} findings, {tally.foreign} "
           f"ends within libraries that had no memory, {tally.listed} listed, "
           f"{time.monotonic() - start:.0f} s")
-    return 1 if tally.findings else 0
+    return 1 if tally.findings or refused else 0
 
 
 if __name__ == "__main__":

@@ -1,13 +1,20 @@
 /* faults: a library that stands in front of a program's others (LD_PRELOAD) and makes calls of one kind fail.
  *
  *   FAULTS_KIND    the kind: first argument of a wrapper below; none fails where it is missing
+ *   FAULTS_STACK   only calls whose "stack" (see below) begins so are counted
  *   FAULTS_NTH     which of them fails first, counted from 1 in each line of forked processes
  *   FAULTS_ON      set: all that follow fail too
- *   FAULTS_CODE    errno of the failure; a result of its own for getaddrinfo, getnameinfo and libpcap's
- * activation FAULTS_REPORT  file for what is to be known afterwards, a line each: hit PID CALL OBJECT OFFSET
- * a call failed; the return address, in its object child PID CHILD              a fork waits PID the first
- * call that waits for packets or events call KIND                    a call that did not fail, where
- * FAULTS_KIND is "count" end PID FD TARGET            a descriptor that is open at the exit
+ *   FAULTS_CODE    errno of the failure; a result of its own for getaddrinfo, getnameinfo and activation
+ *   FAULTS_REPORT  file for what is to be known afterwards, a line each:
+ *
+ *     hit PID CALL OBJECT OFFSET   a call failed; the return address, in its object
+ *     stack KIND CALL OBJECT:OFFSET ...
+ *                                  where FAULTS_KIND is "sites": a call, and its return addresses from within
+ *                                  outwards, without those of the system's libraries; each such line once
+ *     child PID CHILD              a fork
+ *     waits PID                    the first call that waits for packets or events
+ *     call KIND                    a call that did not fail, where FAULTS_KIND is "count"
+ *     end PID FD TARGET            a descriptor that is open at the exit
  *
  * Calls of the program and of its libraries count; those within the C library do not, but for the
  * allocations. */
@@ -48,16 +55,22 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/uio.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+#include <unwind.h>
+
+enum { STACK_ROOM = 2048 };
 
 static struct {
     bool ready; /* main is near: what ran before it does not count */
     bool on;
     bool counts;
+    bool shows_sites;
     const char* kind;
     const char* report;
+    const char* stack;
     long nth;
     int code;
 } g;
@@ -74,7 +87,7 @@ __attribute__((format(printf, 1, 2))) static void tell(const char* format, ...)
         return;
     }
     const int saved = errno;
-    char text[512];
+    char text[STACK_ROOM];
     va_list args;
     va_start(args, format);
     const int length = vsnprintf(text, sizeof text, format, args);
@@ -97,6 +110,68 @@ static void tell_hit(const char* call, void* caller)
          (unsigned long)((char*)caller - (char*)info.dli_fbase));
 }
 
+/* Of the program and of the library beside it, not of the system's libraries and of this one. */
+static bool is_ours(const char* object)
+{
+    return object != NULL && strncmp(object, "/lib", 4) != 0 && strncmp(object, "/usr", 4) != 0 &&
+           strstr(object, "linux-vdso") == NULL && strstr(object, "libzent_faults") == NULL;
+}
+
+enum { FRAMES = 48, ADDRESS_ROOM = 300 };
+
+struct stack {
+    char* frames[FRAMES]; /* return addresses, innermost first */
+    size_t count;
+};
+
+static _Unwind_Reason_Code take_frame(struct _Unwind_Context* context, void* argument)
+{
+    struct stack* const stack = argument;
+    if (stack->count == FRAMES) {
+        return _URC_NORMAL_STOP;
+    }
+    stack->frames[stack->count++] = (char*)_Unwind_GetIP(context);
+    return _URC_NO_REASON;
+}
+
+/* The kind of a call, its name and the innermost of its return addresses: what makes its site. */
+static void write_stack(char* line, size_t room, const char* kind, const char* call,
+                        const struct stack* stack)
+{
+    size_t used = (size_t)snprintf(line, room, "stack %s %s", kind, call);
+    for (size_t i = 0; i < stack->count && used + ADDRESS_ROOM < room; ++i) {
+        Dl_info info = {0};
+        if (dladdr(stack->frames[i], &info) != 0 && is_ours(info.dli_fname)) {
+            used += (size_t)snprintf(line + used, ADDRESS_ROOM, " %.250s:%lx", info.dli_fname,
+                                     (unsigned long)(stack->frames[i] - (char*)info.dli_fbase));
+        }
+    }
+    snprintf(line + used, room - used, "\n");
+}
+
+/* Whether these addresses were never asked for. Two stacks that come to one number hide one another. */
+static bool is_new(const struct stack* stack)
+{
+    enum { KNOWN = 1 << 16 };
+
+    static unsigned long known[KNOWN];
+    unsigned long number = 14695981039346656037UL; /* FNV-1a, by address */
+    for (size_t i = 0; i < stack->count; ++i) {
+        number = (number ^ (unsigned long)stack->frames[i]) * 1099511628211UL;
+    }
+    for (size_t step = 0; step < KNOWN; ++step) {
+        unsigned long* const place = &known[((number >> 32) + step) % KNOWN];
+        if (*place == number) {
+            return false;
+        }
+        if (*place == 0) {
+            *place = number;
+            return true;
+        }
+    }
+    return true;
+}
+
 static void tell_wait(void)
 {
     if (g.ready && atomic_exchange(&g_waits, 1) == 0) {
@@ -112,6 +187,35 @@ static bool within_libpcap(const char* kind, void* caller)
            strstr(info.dli_fname, "/libpcap.") != NULL;
 }
 
+static void tell_site(const char* kind, const char* call)
+{
+    const int saved = errno;
+    struct stack stack = {.count = 0};
+    _Unwind_Backtrace(take_frame, &stack);
+    if (is_new(&stack)) {
+        char line[STACK_ROOM];
+        write_stack(line, sizeof line, kind, call, &stack);
+        tell("%s", line);
+    }
+    errno = saved;
+}
+
+static bool is_at_site(const char* kind, const char* call)
+{
+    char line[STACK_ROOM];
+    const size_t length = (size_t)snprintf(line, sizeof line, "stack %s %s ", kind, call);
+    if (g.stack == NULL || strncmp(g.stack, line, length) != 0) {
+        return g.stack == NULL;
+    }
+    const int saved = errno;
+    struct stack stack = {.count = 0};
+    _Unwind_Backtrace(take_frame, &stack);
+    write_stack(line, sizeof line, kind, call, &stack);
+    errno = saved;
+    const size_t wanted = strlen(g.stack);
+    return strncmp(line, g.stack, wanted) == 0 && (line[wanted] == ' ' || line[wanted] == '\n');
+}
+
 static bool must_fail(const char* kind, const char* call, void* caller)
 {
     if (!g.ready || within_libpcap(kind, caller)) {
@@ -121,7 +225,11 @@ static bool must_fail(const char* kind, const char* call, void* caller)
         tell("call %s\n", kind);
         return false;
     }
-    if (g.kind == NULL || strcmp(kind, g.kind) != 0) {
+    if (g.shows_sites) {
+        tell_site(kind, call);
+        return false;
+    }
+    if (g.kind == NULL || strcmp(kind, g.kind) != 0 || !is_at_site(kind, call)) {
         return false;
     }
     const long n = atomic_fetch_add(&g_calls, 1) + 1;
@@ -140,7 +248,9 @@ __attribute__((constructor)) static void begin(void)
     g.kind = getenv("FAULTS_KIND");
     g.report = getenv("FAULTS_REPORT");
     g.counts = g.kind != NULL && strcmp(g.kind, "count") == 0;
+    g.shows_sites = g.kind != NULL && strcmp(g.kind, "sites") == 0;
     g.on = getenv("FAULTS_ON") != NULL;
+    g.stack = getenv("FAULTS_STACK");
     const char* nth = getenv("FAULTS_NTH");
     const char* code = getenv("FAULTS_CODE");
     g.nth = nth != NULL ? atol(nth) : 1;
@@ -318,6 +428,7 @@ CALL(int, -1, "stat", fstat, (int fd, struct stat* st), (fd, st))
 CALL(int, -1, "stat", access, (const char* path, int mode), (path, mode))
 CALL(int, -1, "rename", rename, (const char* from, const char* to), (from, to))
 CALL(int, -1, "unlink", unlink, (const char* path), (path))
+CALL(int, -1, "unlink", shm_unlink, (const char* name), (name))
 CALL(int, -1, "truncate", ftruncate, (int fd, off_t size), (fd, size))
 CALL(int, -1, "truncate", fsync, (int fd), (fd))
 CALL(off_t, -1, "seek", lseek, (int fd, off_t at, int from), (fd, at, from))
@@ -411,6 +522,21 @@ CALL(int, g.code, "fork", posix_spawn,
 CALL(int, g.code, "thread", pthread_create,
      (pthread_t * thread, const pthread_attr_t* attr, void* (*body)(void*), void* argument),
      (thread, attr, body, argument))
+
+__attribute__((visibility("default"))) int prctl(int option, ...)
+{
+    REAL(int, prctl, (int, unsigned long, unsigned long, unsigned long, unsigned long))
+    va_list args;
+    va_start(args, option);
+    unsigned long values[4];
+    for (int i = 0; i < 4; ++i) {
+        values[i] = va_arg(args, unsigned long);
+    }
+    va_end(args);
+    return must_fail("process", "prctl", HERE) ? -1
+                                               : real(option, values[0], values[1], values[2], values[3]);
+}
+
 CALL(pid_t, -1, "setsid", setsid, (void), ())
 CALL(int, -1, "setuid", setuid, (uid_t uid), (uid))
 CALL(int, -1, "setuid", setgid, (gid_t gid), (gid))
@@ -423,6 +549,12 @@ CALL(int, -1, "sigaction", sigaction, (int signo, const struct sigaction* act, s
      (signo, act, old))
 CALL(int, -1, "setitimer", setitimer,
      (__itimer_which_t which, const struct itimerval* value, struct itimerval* old), (which, value, old))
+CALL(int, -1, "process", sched_setaffinity, (pid_t pid, size_t size, const cpu_set_t* cpus),
+     (pid, size, cpus))
+CALL(int, -1, "process", nice, (int step), (step))
+CALL(int, -1, "process", kill, (pid_t pid, int signo), (pid, signo))
+CALL(int, -1, "process", uname, (struct utsname * of), (of))
+CALL(int, -1, "process", nanosleep, (const struct timespec* span, struct timespec* rest), (span, rest))
 CALL(int, -1, "rlimit", getrlimit, (__rlimit_resource_t resource, struct rlimit* limit), (resource, limit))
 CALL(int, -1, "rlimit", setrlimit, (__rlimit_resource_t resource, const struct rlimit* limit),
      (resource, limit))
@@ -433,6 +565,7 @@ CALL(int, -1, "rlimit", getrusage, (__rusage_who_t who, struct rusage* usage), (
 CALL(int, -1, "clock", clock_gettime, (clockid_t clock, struct timespec* now), (clock, now))
 CALL(struct tm*, NULL, "localtime", localtime_r, (const time_t* at, struct tm* tm), (at, tm))
 CALL(struct tm*, NULL, "localtime", gmtime_r, (const time_t* at, struct tm* tm), (at, tm))
+CALL(time_t, -1, "localtime", mktime, (struct tm * tm), (tm))
 CALL(int, -1, "epoll", epoll_create, (int size), (size))
 CALL(int, -1, "epoll", epoll_create1, (int flags), (flags))
 CALL(int, -1, "epoll_ctl", epoll_ctl, (int loop, int op, int fd, struct epoll_event* event),
