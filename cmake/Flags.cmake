@@ -82,6 +82,14 @@ if(MORVANE_SANITIZE MATCHES "address")
     -fsanitize=address -fno-sanitize-address-use-after-scope
     $<IF:$<CXX_COMPILER_ID:GNU>,--param=asan-instrumentation-with-call-threshold=0,-fsanitize-address-outline-instrumentation>)
 endif()
+if(MORVANE_SANITIZE MATCHES "memory")
+  # Whatever writes a value must tell so: the tests too, and the templates of the C++ library, whose copies in
+  # libstdc++.so tell nothing. Origins are kept by all of a process or by none. No optimisation: it would choose values for
+  # variables that were never set, and nothing would be left to tell.
+  target_compile_options(morvane_test_flags INTERFACE -fsanitize=memory -fsanitize-memory-track-origins)
+  target_compile_options(morvane_flags INTERFACE -fsanitize-memory-track-origins -O0)
+  target_compile_definitions(morvane_warnings INTERFACE _GLIBCXX_EXTERN_TEMPLATE=0)
+endif()
 if(MORVANE_COVERAGE)
   target_compile_options(morvane_flags INTERFACE --coverage)
   target_link_options(morvane_warnings INTERFACE --coverage)
