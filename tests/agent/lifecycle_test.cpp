@@ -90,7 +90,7 @@ WRAPPED_STEP(void, log_set_pid, (struct log_ctx * log, pid_t pid), (log, pid), {
     step("log_set_pid", "at level " + std::to_string(g_mod_ll[MLL_COMMON]));
 })
 WRAPPED_STEP(int, nkht_create, (nkht_t * table, size_t capacity, khash_t hash), (table, capacity, hash), {
-    EXPECT_EQ(table, &g_ctx.wgrp_ht);
+    EXPECT_TRUE(table == &g_ctx.wgrp_ht || g_cfg.features.exact);
     EXPECT_EQ(hash, tw_shift);
     const int rc = step("nkht_create", std::to_string(capacity));
     *table = rc == 0 ? kTable : 0;
@@ -197,6 +197,15 @@ TEST_F(Lifecycle, set_up_of_a_daemon_that_stays_root_is_in_this_order)
                               "log_open zent.log at level 2", "log_set_pid at level 1", "close 2",
                               "create_pidfile_extra zent.pid", "glog_enable_syslog zent", "reporter_setup"}));
     EXPECT_EQ(log_.text(), "");
+}
+
+TEST_F(Lifecycle, with_exact_a_table_of_more_room_takes_the_place_of_the_usual_one)
+{
+    g_cfg.features.exact = true;
+    EXPECT_EQ(set_up(), 0);
+    ASSERT_GE(g_steps.size(), 3U);
+    EXPECT_EQ(Steps(g_steps.end() - 3, g_steps.end()),
+              (Steps{"nkht_create 4096", "nkht_destroy", "reporter_setup"}));
 }
 
 TEST_F(Lifecycle, set_up_of_a_daemon_with_everything_is_in_this_order)

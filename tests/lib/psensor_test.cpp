@@ -299,6 +299,13 @@ TEST(Psensor, slots_behind_the_applications_are_not_touched)
     }
 }
 
+TEST(Psensor, dump_begins_with_the_first_slot)
+{
+    psensors_init(nullptr, 1);
+    g_psensor[0].sensor.accum.tm = {1, 1};
+    EXPECT_EQ(count_of(dump(), "P-Sensor [" + std::string(g_psensor[0].nametag) + "]"), 1U);
+}
+
 TEST(Psensor, destroy_clears_the_accumulators)
 {
     psensors_init(nullptr, 1);

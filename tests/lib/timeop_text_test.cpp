@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "detail/tmlock.h"
 #include "log.h"
 #include "oom.h"
 #include "wrap.h"
@@ -235,6 +236,17 @@ TEST(Timestr, second_of_a_known_minute_needs_no_conversion_and_no_allocation)
     EXPECT_STREQ(buf, "2023-11-14 23:13:21.000005 XYZ");
     EXPECT_EQ(g_conversions, before);
     EXPECT_EQ(support::allocation_count(), allocations);
+}
+
+TEST(Timestr, inside_of_syslog_only_a_known_minute_is_given)
+{
+    set_zone("XYZ-1");
+    text_of(kTime, 0);
+    const mv::SyslogMark inside;
+    char buf[64];
+    const struct timespec other = {1000000000, 0};
+    EXPECT_EQ(mk_timestr(&other, 0, buf, sizeof buf), -EDEADLK);
+    EXPECT_EQ(mk_timestr(&kTime, 0, buf, sizeof buf), 30);
 }
 
 // ---- buffers -----------------------------------------------------------------------------------

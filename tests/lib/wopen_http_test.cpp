@@ -353,6 +353,7 @@ TEST_F(WopenHttp, a_head_of_1024_bytes_without_an_end_fails)
 TEST_F(WopenHttp, a_peer_that_closes_early_fails_the_opening)
 {
     const auto before = support::open_fds();
+    log.set_level(DEBUG_level);
     {
         auto server = std::make_unique<ScriptedServer>("HTTP/1.1 200 OK\r\n");
         usock_ctx uc = {};
@@ -362,6 +363,8 @@ TEST_F(WopenHttp, a_peer_that_closes_early_fails_the_opening)
         usock_close(-1, &uc);
     }
     EXPECT_NE(log.text().find("connection broken"), std::string::npos) << log.text();
+    EXPECT_EQ(log.text().find("has a tail"), std::string::npos) << "a part of a head is no tail";
+    EXPECT_EQ(log.text().find("expected HTTP"), std::string::npos) << "no code has come";
     close_lost_descriptor(before);
 }
 
@@ -407,9 +410,7 @@ TEST_F(WopenHttp, an_unfinished_response_fails_a_non_blocking_opening)
     auto server = std::make_unique<ScriptedServer>("HTTP/1.1 200 OK\r\n");
     usock_ctx uc = {};
     uc.non_blocking = true;
-    log.set_level(DEBUG_level);
     EXPECT_EQ(usock_open(url_of(*server).c_str(), &uc), -1);
-    EXPECT_EQ(log.text().find("has a tail"), std::string::npos) << "a part of a head is no tail";
     EXPECT_NE(uc.url_path, nullptr);
     usock_close(-1, &uc);
     expect_closed(uc);
@@ -596,6 +597,7 @@ TEST_F(WopenHttp, get_response_without_data_gives_11)
                                   std::to_string(pair.ours)));
     pair.feed("HTTP/1.1 200 OK\r\n\r\n");
     EXPECT_EQ(usock_http_get_response(pair.ours, &response.resp), 0);
+    EXPECT_EQ(log.text().find("got HTTP tail"), std::string::npos) << "a head alone has none";
 }
 
 TEST_F(WopenHttp, kept_a_second_piece_of_a_head_lands_at_twice_the_count)
