@@ -690,6 +690,23 @@ TEST_F(Expire, lack_of_memory_for_a_report_is_a_line_and_no_join)
     }
 }
 
+TEST_F(Expire, group_that_ends_is_told_at_debug_level)
+{
+    ASSERT_EQ(expire_start(), 0);
+    feed(support::general_query_frame());
+    feed(support::report_frame("239.1.1.1"));
+    g_ms += 200'000;
+    feed(support::general_query_frame());
+    g_ms += 60'000;
+    log.set_level(DEBUG_level);
+    raise(SIGALRM);
+    expire_groups();
+    EXPECT_NE(log.text().find("(DBG)  expire_groups: no report of 239.1.1.1 for " +
+                              std::to_string(g_cfg.features.expire) + " s\n"),
+              std::string::npos)
+        << log.text();
+}
+
 TEST_F(Expire, lack_of_memory_for_the_keys_is_a_line_and_the_next_second_makes_up_for_it)
 {
     ASSERT_EQ(expire_start(), 0);
