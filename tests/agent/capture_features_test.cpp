@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
+#include <malloc.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -688,6 +689,46 @@ TEST_F(Expire, lack_of_memory_for_a_report_is_a_line_and_no_join)
         EXPECT_EQ(log.text(), "(ERR)  on_pcap_pkt: error adding group 10101ef\n");
         EXPECT_EQ(nkht_count(g_ctx.wgrp_ht), 0U);
     }
+}
+
+TEST_F(Expire, tick_breaks_the_wait_where_there_is_one)
+{
+    ASSERT_EQ(expire_start(), 0);
+    g_calls.clear();
+    raise(SIGALRM);
+    EXPECT_EQ(g_calls.size(), 1U) << "pcap_breakloop";
+    g_ctx.handle = nullptr;
+    raise(SIGALRM);
+    EXPECT_EQ(g_calls.size(), 1U);
+    g_ctx.handle = kCapture;
+}
+
+TEST_F(Expire, groups_that_have_ended_keep_no_memory)
+{
+    ASSERT_EQ(expire_start(), 0);
+    log.set_level(ERR_level);
+    FILE* const lines = g_ctx.rep.fp;
+    g_ctx.rep.fp = fopen("/dev/null", "w");
+    const auto join_and_end = [] {
+        feed(support::general_query_frame());
+        feed(support::report_frame("239.1.1.1"));
+        g_ms += 200'000;
+        feed(support::general_query_frame());
+        g_ms += 60'000;
+        raise(SIGALRM);
+        expire_groups();
+        return nkht_count(g_ctx.wgrp_ht);
+    };
+    ASSERT_EQ(join_and_end(), 0U); // the stream's buffer is made here
+    g_calls.clear();
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i) {
+        join_and_end();
+        g_calls.clear();
+    }
+    EXPECT_LE(mallinfo2().uordblks, before + 1024); // the calls that the test notes have a block or two
+    fclose(g_ctx.rep.fp);
+    g_ctx.rep.fp = lines;
 }
 
 TEST_F(Expire, group_that_ends_is_told_at_debug_level)
