@@ -46,7 +46,7 @@ def main():
             processes += count
             if told:
                 found.append(name)
-                print(f"{name}:", *told, sep="\n")
+                print(f"{name}:", *told, sep="\n", flush=True)
             elif not passed:
                 failed.append(name)
     if failed:
