@@ -962,8 +962,11 @@ TEST_F(FdioTransfer, a_total_that_the_buffer_cannot_hold_is_an_assertion)
             rig.step(2);
         });
     }
+    const int whole = memory_file(std::string(65536, 'x'));
     const int in = memory_file("abc");
     const int out = memory_file("");
+    EXPECT_EQ(Rig(whole, out, 0).step(65536), 0); // now each byte of the buffer has a value
+    close(whole);
     Rig rig(in, out, 0);
     rig.spec->inproc = inproc;
     g_inproc = {nullptr, 0, 65536, 0, 0}; // all that it holds may go
