@@ -30,6 +30,7 @@ struct Followed {
     const char* path;
     int fd;
     off_t printed; // bytes
+    bool is_lost;  // the output takes no more
 };
 
 bool print_all(const char* text, size_t length)
@@ -79,12 +80,12 @@ const char* how_it_went(const Followed* f, int flags)
 int on_file_modified(int, int flags, void* udata, void*)
 {
     auto* f = static_cast<Followed*>(udata);
-    const bool read_on = print_news(f);
+    f->is_lost = f->is_lost || !print_news(f);
     const char* gone = how_it_went(f, flags);
     if (gone != nullptr) {
         log_norm("%s: file %s\n", f->path, gone);
     }
-    if (!read_on || gone != nullptr) {
+    if (f->is_lost || gone != nullptr) {
         g_quit = 1; // the loop ends when this cycle is done
     }
     return 0;
@@ -119,7 +120,7 @@ int main(int argc, char** argv)
     if (handle_quit_signals([](int) { g_quit = 1; }) != 0 || ignore_sigpipe() != 0 || rqs_init(&cfg) != 0) {
         return 1;
     }
-    Followed followed = {argv[1], open_src_file(argv[1]), 0};
+    Followed followed = {argv[1], open_src_file(argv[1]), 0, false};
     // First the watch, then the content: nothing that is written in between is missed.
     const bool ready =
         followed.fd >= 0 && rqs_add_file_watch(&followed, argv[1]) >= 0 && print_news(&followed);
@@ -128,5 +129,5 @@ int main(int argc, char** argv)
         Close(followed.fd);
     }
     rqs_destroy();
-    return rc == 0 ? 0 : 1;
+    return rc == 0 && !followed.is_lost ? 0 : 1;
 }

@@ -1,4 +1,5 @@
 // The program that follows a growing file, on real files.
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
@@ -97,6 +98,18 @@ TEST_F(Follow, ends_when_the_file_is_moved_and_not_when_only_its_mode_changes)
     const support::ChildResult end = follow.wait();
     EXPECT_EQ(end.exit_code, 0);
     EXPECT_NE(end.err.find(file + ": file moved"), std::string::npos) << end.err;
+}
+
+TEST_F(Follow, output_that_takes_no_more_is_a_failure)
+{
+    support::Process follow({"env", "LD_PRELOAD=" + support::build_path("tests/faults/libzent_faults.so"),
+                             "ASAN_OPTIONS=verify_asan_link_order=0", "FAULTS_KIND=write", "FAULTS_NTH=2",
+                             "FAULTS_CODE=" + std::to_string(EIO), kFollow, file});
+    ASSERT_TRUE(follow.wait_for_out("first\n")) << follow.err();
+    append("second\n");
+    const support::ChildResult end = follow.wait();
+    EXPECT_EQ(end.exit_code, 1);
+    EXPECT_NE(end.err.find("Input/output error"), std::string::npos) << end.err;
 }
 
 TEST_F(Follow, a_file_that_is_not_there_and_a_call_without_one)
