@@ -178,7 +178,7 @@ class Program:
     def reason_missing(self, run):
         """Whether a failed call of the program's own ended it, and the reason is not told."""
         code, told = run.fault.code(), self.told(run)
-        words = [f"ERROR({code})", os.strerror(abs(code)), "FAILED", "ailed", "error", "memory", "refuse", "annot", "not ", "pcap_dispatch() ERROR", "disagree", "no ", "another", "nothing"]
+        words = [f"ERROR({code})", os.strerror(abs(code)), "FAILED", "ailed", "error", "memory", "bad_alloc", "refuse", "annot", "not ", "pcap_dispatch() ERROR", "disagree", "no ", "another", "nothing"]
         return self.has_own_hit(run) and run.fault.kind != "print" and not any(word in told for word in words)
 
     def judge_own(self, run):
