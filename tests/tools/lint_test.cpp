@@ -351,6 +351,9 @@ TEST_F(Lint, with_exact_every_entry_has_an_effect)
 
 TEST_F(Lint, wherever_memory_runs_out_for_good_it_says_so_and_ends_with_2)
 {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer has a new of its own, which does not fail";
+#endif
     if (__gcov_dump != nullptr) {
         GTEST_SKIP() << "a build that counts coverage dies of memory that its counters do not get";
     }
@@ -360,14 +363,13 @@ TEST_F(Lint, wherever_memory_runs_out_for_good_it_says_so_and_ends_with_2)
     for (; result.exit_code != 0 && failed < 1000; ++failed) {
         result =
             run_program({"env", "LD_PRELOAD=" + build_path("tests/faults/libzent_faults.so"),
-                         "ASAN_OPTIONS=verify_asan_link_order=0", "FAULTS_KIND=alloc", "FAULTS_ON=1",
-                         "FAULTS_NTH=" + std::to_string(failed + 1), "FAULTS_CODE=" + std::to_string(ENOMEM),
-                         zentctl_path(), "lint", dir_.path("list")});
+                         "FAULTS_KIND=alloc", "FAULTS_ON=1", "FAULTS_NTH=" + std::to_string(failed + 1),
+                         "FAULTS_CODE=" + std::to_string(ENOMEM), zentctl_path(), "lint", dir_.path("list")});
         if (result.exit_code != 0) {
             EXPECT_EQ(result.exit_code, 2) << failed << ": " << result.err;
             EXPECT_EQ(result.err.find("zentctl"), 0U) << failed << ": " << result.err;
         }
     }
-    EXPECT_GT(failed, 5); // the sanitizer has a new of its own
+    EXPECT_GT(failed, 10);
     EXPECT_LT(failed, 1000);
 }
