@@ -460,7 +460,7 @@ async function reloadAgent(name) {
   if (loading) {
     return;
   }
-  recorded = [];
+  const meanwhile = record();
   try {
     const data = await fetchJson(`groups.json?agent=${encodeURIComponent(name)}&limit=${ROWS_MAX}`);
     for (const [key, row] of store.rows) {
@@ -469,9 +469,9 @@ async function reloadAgent(name) {
       }
     }
     data.groups.map(makeRow).forEach((row) => store.rows.set(row.key, row));
-    recorded.forEach(applyToRows);
+    meanwhile.forEach(applyToRows);
   } finally {
-    recorded = null;
+    records.delete(meanwhile);
   }
   groupsChanged();
 }
@@ -482,7 +482,13 @@ let loading = false;
 let loadAgain = false;
 let loadedMs = -RELOAD_MS;
 let loadTimer = 0;
-let recorded = null; // events that came while something was loaded
+const records = new Set(); // of each load that is under way, the events that came meanwhile
+
+function record() {
+  const events = [];
+  records.add(events);
+  return events;
+}
 
 // Beside this page, without a name and password that may stand in its address: no request may carry them there.
 const beside = (url) => new URL(url, location.origin + location.pathname);
@@ -508,13 +514,13 @@ async function load() {
   loadTimer = 0;
   loading = true;
   loadAgain = false;
-  recorded = [];
+  const meanwhile = record();
   try {
-    await Promise.all([loadPieces(), loadActivity(), store.loaded ? null : loadAgents()]);
+    await Promise.all([loadPieces(meanwhile), loadActivity(meanwhile), store.loaded ? null : loadAgents()]);
   } catch (error) {
     loadAgain = true;
   }
-  recorded = null;
+  records.delete(meanwhile);
   loading = false;
   loadedMs = performance.now();
   if (loadAgain) {
@@ -523,7 +529,7 @@ async function load() {
   groupsChanged();
 }
 
-async function loadPieces() {
+async function loadPieces(meanwhile) {
   const scope = store.partial || store.scope ? $("filter").value.trim() : "";
   const rows = new Map();
   let after = "";
@@ -548,7 +554,7 @@ async function loadPieces() {
   store.partial = piece.groups.length === PIECE && piece.total > rows.size;
   store.scope = scope;
   store.loaded = true;
-  recorded.forEach(applyToRows);
+  meanwhile.forEach(applyToRows);
 }
 
 // ---- events ----------------------------------------------------------------------------------------
@@ -597,9 +603,7 @@ function touchAgent(event) {
 
 function onEvent(event) {
   applyToRows(event);
-  if (recorded) {
-    recorded.push(event);
-  }
+  records.forEach((events) => events.push(event));
   touchAgent(event);
   noteActivity(event);
   lastEvents.unshift(event);
@@ -650,7 +654,7 @@ function showEvents() {
 
 const activity = { step: 5, slots: 120, last: 0, joins: [], leaves: [], known: "" };
 
-async function loadActivity() {
+async function loadActivity(meanwhile) {
   const data = await fetchJson("activity.json");
   setClock(data.now);
   Object.assign(activity, {
@@ -658,7 +662,7 @@ async function loadActivity() {
     leaves: data.leaves.map((n, i) => n + data.expires[i]), known: data.last_id
   });
   setText($("version"), `zentmon ${data.version}`);
-  const newer = recorded.filter((event) => !isBehind(event.id, activity.known));
+  const newer = meanwhile.filter((event) => !isBehind(event.id, activity.known));
   newer.forEach(noteActivity);
   lastEvents.splice(0, lastEvents.length, ...newer.reverse(), ...data.events);
   $("events").replaceChildren();

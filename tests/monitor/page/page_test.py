@@ -182,6 +182,29 @@ def events_that_overtake_the_first_answer_are_counted(zentmon, browser):
         page.until(lambda: [event[2] for event in page.events()] == ["239.1.0.2", "239.1.0.1"], "both events, once")
 
 
+def an_agent_loaded_anew_takes_no_event_from_the_load_of_all(zentmon, browser):
+    zentmon.join(HALL, "239.1.0.1")
+    held = """async (url, data) => {
+        const name = ['agent=', 'activity.json'].find((part) => url.includes(part));
+        if (window.holds && name) { await new Promise((go) => { window.letGo[name] = go; }); }
+        return data;
+    }"""
+    with AnswersThrough(browser, held):
+        page = Page(browser, zentmon.url)
+        page.until(lambda: page.names() == ["239.1.0.1"] and page.text("n-joins") == "1", "the first load")
+        page.run("window.holds = true; window.letGo = {}; reloadAgent(arguments[0]).then(() => { window.isThere = true; })",
+                 HALL)
+        page.until(lambda: page.run("return 'agent=' in window.letGo"), "the agent's groups to be on their way")
+        page.run("load()")
+        page.until(lambda: page.run("return 'activity.json' in window.letGo"), "the activity to be on its way")
+        page.run("window.letGo['agent=']()")
+        page.until(lambda: page.run("return window.isThere === true"), "the agent's groups")
+        zentmon.join(HALL, "239.1.0.2")
+        page.until(lambda: page.names() == ["239.1.0.1", "239.1.0.2"], "the event to come before the activity")
+        page.run("window.letGo['activity.json']()")
+        page.until(lambda: page.text("n-joins") == "2", "both joins to be counted")
+
+
 def events_ahead_of_the_known_clock_are_counted(zentmon, browser):
     with AnswersThrough(browser, "(url, data) => ({ ...data, now: data.now - 30 })"):
         page = Page(browser, zentmon.url)
@@ -242,7 +265,8 @@ def nothing_comes_from_elsewhere(zentmon, browser):
 
 TESTS = (join_appears_and_leave_disappears, the_page_equals_groups_json, the_filter_takes_prefixes_networks_and_agents,
          columns_sort_both_ways, it_reconnects_after_a_restart, silence_is_told_and_ends,
-         events_that_overtake_the_first_answer_are_counted, events_ahead_of_the_known_clock_are_counted,
+         events_that_overtake_the_first_answer_are_counted, an_agent_loaded_anew_takes_no_event_from_the_load_of_all,
+         events_ahead_of_the_known_clock_are_counted,
          ten_thousand_groups_are_drawn_as_they_are_seen, keys_are_enough, nothing_comes_from_elsewhere)
 
 
