@@ -263,6 +263,16 @@ class Expire : public CaptureFeatures {
         on_pcap_pkt(nullptr, &header, frame.data());
     }
 
+    // A group is joined, and as many seconds pass as end it at the next tick. There is a querier.
+    static void pass_the_time_of_a_group()
+    {
+        feed(support::general_query_frame());
+        feed(support::report_frame("239.1.1.1"));
+        g_ms += 200'000;
+        feed(support::general_query_frame());
+        g_ms += 60'000;
+    }
+
     // Steps of the script: what is heard at a second, and a tick then.
     static void at(int second, const std::vector<uint8_t>& frame)
     {
@@ -710,11 +720,7 @@ TEST_F(Expire, groups_that_have_ended_keep_no_memory)
     FILE* const lines = g_ctx.rep.fp;
     g_ctx.rep.fp = fopen("/dev/null", "w");
     const auto join_and_end = [] {
-        feed(support::general_query_frame());
-        feed(support::report_frame("239.1.1.1"));
-        g_ms += 200'000;
-        feed(support::general_query_frame());
-        g_ms += 60'000;
+        pass_the_time_of_a_group();
         raise(SIGALRM);
         expire_groups();
         return nkht_count(g_ctx.wgrp_ht);
@@ -734,11 +740,7 @@ TEST_F(Expire, groups_that_have_ended_keep_no_memory)
 TEST_F(Expire, group_that_ends_is_told_at_debug_level)
 {
     ASSERT_EQ(expire_start(), 0);
-    feed(support::general_query_frame());
-    feed(support::report_frame("239.1.1.1"));
-    g_ms += 200'000;
-    feed(support::general_query_frame());
-    g_ms += 60'000;
+    pass_the_time_of_a_group();
     log.set_level(DEBUG_level);
     raise(SIGALRM);
     expire_groups();
@@ -751,11 +753,7 @@ TEST_F(Expire, group_that_ends_is_told_at_debug_level)
 TEST_F(Expire, lack_of_memory_for_the_keys_is_a_line_and_the_next_second_makes_up_for_it)
 {
     ASSERT_EQ(expire_start(), 0);
-    feed(support::general_query_frame());
-    feed(support::report_frame("239.1.1.1"));
-    g_ms += 200'000;
-    feed(support::general_query_frame());
-    g_ms += 60'000;
+    pass_the_time_of_a_group();
     log.clear();
     {
         raise(SIGALRM);

@@ -9,6 +9,7 @@
 
 #include "agent_test.h"
 #include "child.h"
+#include "fds.h"
 #include "log.h"
 #include "text.h"
 #include "uri.h"
@@ -65,6 +66,30 @@ class Reporter : public support::AgentTest {
         snprintf(g_cfg.report_url, sizeof g_cfg.report_url, "udp://%s", target.c_str());
         return reporter_setup();
     }
+
+    // The writes to stdout, in immediate mode: each write to such a socket is a datagram of its own. The
+    // first is that of a line with which the test program's own use of the stream ends.
+    static Lines writes_of(void (*relay)())
+    {
+        const support::SocketPair pair(SOCK_DGRAM);
+        const auto result = support::run_in_child([&] {
+            dup2(pair.peer, STDOUT_FILENO);
+            g_cfg.features.immediate = true;
+            reporter_setup();
+            relay_msg("first\n");
+            relay_flush();
+            relay();
+            _exit(0); // without a flush
+            return 0;
+        });
+        EXPECT_EQ(result.exit_code, 0);
+        Lines writes;
+        char part[8192];
+        for (ssize_t n; (n = recv(pair.ours, part, sizeof part, MSG_DONTWAIT)) > 0;) {
+            writes.emplace_back(part, static_cast<size_t>(n));
+        }
+        return writes;
+    }
 };
 
 } // namespace
@@ -92,73 +117,38 @@ TEST_F(Reporter, lines_to_stdout_leave_at_once)
     EXPECT_EQ(result.out, "JOIN UDP://239.1.2.3\n");
 }
 
-// Each write to such a socket is a datagram of its own.
 TEST_F(Reporter, in_immediate_mode_lines_are_gathered_into_writes_of_whole_lines)
 {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
-    const auto result = support::run_in_child([&] {
-        dup2(ends[1], STDOUT_FILENO);
-        g_cfg.features.immediate = true;
-        reporter_setup();
-        relay_msg("JOIN UDP://%s\n", "239.1.1.1"); // the test program's own use of the stream ends here
-        relay_flush();
+    const Lines writes = writes_of([] {
         for (int n = 0; n < 200; ++n) {
             relay_msg("JOIN UDP://239.1.2.%d\n", n);
         }
         relay_flush();
         relay_flush();
-        relay_msg("LEAVE UDP://%s\n", "239.1.2.3");
-        _exit(0); // without a flush
-        return 0;
+        relay_msg("LEAVE UDP://%s\n", "239.1.2.3"); // not flushed: it does not leave
     });
-    EXPECT_EQ(result.exit_code, 0);
-    std::string expected = "JOIN UDP://239.1.1.1\n";
+    std::string expected;
     for (int n = 0; n < 200; ++n) {
         expected += "JOIN UDP://239.1.2." + std::to_string(n) + "\n";
     }
-    std::string got;
-    Lines datagrams;
-    for (char part[8192]; got.size() < expected.size();) {
-        const ssize_t n = recv(ends[0], part, sizeof part, MSG_DONTWAIT);
-        ASSERT_GT(n, 0) << got;
-        datagrams.emplace_back(part, static_cast<size_t>(n));
-        got += datagrams.back();
-    }
-    EXPECT_EQ(got, expected);
-    ASSERT_EQ(datagrams.size(), 3U);
-    EXPECT_LE(datagrams[1].size(), 4096U);
-    EXPECT_GT(datagrams[1].size(), 4096U - 23);
-    EXPECT_EQ(datagrams[1].back(), '\n');
-    char byte;
-    EXPECT_EQ(recv(ends[0], &byte, 1, MSG_DONTWAIT), -1) << "a line that was not flushed has left";
-    close(ends[0]);
-    close(ends[1]);
+    ASSERT_EQ(writes.size(), 3U);
+    EXPECT_EQ(writes[0], "first\n");
+    EXPECT_EQ(writes[1] + writes[2], expected);
+    EXPECT_LE(writes[1].size(), 4096U);
+    EXPECT_GT(writes[1].size(), 4096U - 23);
+    EXPECT_EQ(writes[1].back(), '\n');
 }
 
 TEST_F(Reporter, in_immediate_mode_4096_bytes_are_one_write)
 {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
-    const auto result = support::run_in_child([&] {
-        dup2(ends[1], STDOUT_FILENO);
-        g_cfg.features.immediate = true;
-        reporter_setup();
-        relay_msg("first\n"); // the test program's own use of the stream ends here
-        relay_flush();
+    const Lines writes = writes_of([] {
         for (int n = 0; n < 64; ++n) {
             relay_msg("%063d\n", n);
         }
         relay_flush();
-        _exit(0);
-        return 0;
     });
-    EXPECT_EQ(result.exit_code, 0);
-    char part[8192];
-    EXPECT_EQ(recv(ends[0], part, sizeof part, MSG_DONTWAIT), 6);
-    EXPECT_EQ(recv(ends[0], part, sizeof part, MSG_DONTWAIT), 4096);
-    close(ends[0]);
-    close(ends[1]);
+    ASSERT_EQ(writes.size(), 2U);
+    EXPECT_EQ(writes[1].size(), 4096U);
 }
 
 TEST_F(Reporter, in_immediate_mode_a_write_that_fails_costs_its_lines_alone)
@@ -203,18 +193,15 @@ TEST_F(Reporter, socket_does_not_block)
 
 TEST_F(Reporter, full_buffer_costs_a_line_and_no_time)
 {
-    int ends[2]; // stands for the relay's socket: one whose buffer can be filled, and that blocks
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
-    while (send(ends[0], "x", 1, MSG_DONTWAIT) == 1) {
+    const support::SocketPair pair(SOCK_DGRAM); // its buffer can be filled, and unlike the relay's it blocks
+    while (send(pair.ours, "x", 1, MSG_DONTWAIT) == 1) {
     }
-    g_ctx.rep.sockfd = ends[0];
+    g_ctx.rep.sockfd = pair.ours;
     relay_msg("JOIN UDP://%s\n", "239.1.2.3");
     const Lines lines = log.lines();
     ASSERT_EQ(lines.size(), 3U) << log.text();
     EXPECT_NE(lines[0].find(", 21, 64, ...) ERROR(11): "), std::string::npos) << lines[0];
     EXPECT_EQ(lines[1], "(ERR)  relay_msg: failed to relay: JOIN UDP://239.1.2.3");
-    close(ends[0]);
-    close(ends[1]);
 }
 
 TEST_F(Reporter, datagram_is_the_line_with_its_newline_and_nothing_else)
