@@ -274,18 +274,18 @@ class Expire : public CaptureFeatures {
     }
 
     // Steps of the script: what is heard at a second, and a tick then.
-    static void at(int second, const std::vector<uint8_t>& frame)
+    static void at(int second, const std::vector<uint8_t>& frame, int ms = 0)
     {
         g_script.push_back([=] {
-            g_ms = 1'000'000 + int64_t{second} * 1000;
+            g_ms = 1'000'000 + int64_t{second} * 1000 + ms;
             feed(frame);
         });
     }
 
-    static void tick(int second)
+    static void tick(int second, int ms = 0)
     {
         g_script.push_back([=] {
-            g_ms = 1'000'000 + int64_t{second} * 1000;
+            g_ms = 1'000'000 + int64_t{second} * 1000 + ms;
             raise(SIGALRM);
         });
     }
@@ -552,6 +552,18 @@ TEST_F(Expire, leave_comes_when_the_time_is_over_and_not_before)
     g_script.push_back([] { EXPECT_EQ(nkht_count(g_ctx.wgrp_ht), 1U); });
     tick(262);
     g_script.push_back([] { EXPECT_EQ(nkht_count(g_ctx.wgrp_ht), 0U); });
+    EXPECT_EQ(run(), (Lines{suspended_, running_, join_, leave_}));
+}
+
+TEST_F(Expire, thousandths_of_a_second_count_too)
+{
+    query(1);
+    at(2, support::report_frame("239.1.1.1"), 900);
+    query_every_125(126, 251);
+    tick(262, 400);
+    tick(262, 899);
+    g_script.push_back([] { EXPECT_EQ(nkht_count(g_ctx.wgrp_ht), 1U); });
+    tick(262, 900);
     EXPECT_EQ(run(), (Lines{suspended_, running_, join_, leave_}));
 }
 
