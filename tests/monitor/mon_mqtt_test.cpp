@@ -90,18 +90,24 @@ class MonMqtt : public SinkTest {
 
     std::vector<std::string> client(const std::string& program) const
     {
-        return {"/usr/bin/" + program, "-h", "127.0.0.1", "-p", std::to_string(port)};
+        std::vector<std::string> argv = {"/usr/bin/" + program, "-h", "127.0.0.1", "-p",
+                                         std::to_string(port)};
+        argv.insert(argv.end(), credentials.begin(), credentials.end());
+        return argv;
     }
 
-    // Topics that the broker retains, without the prefix, and what they say.
-    std::map<std::string, std::string> retained(const std::vector<std::string>& more = {})
+    // Topics that the broker retains, without the prefix, and what they say. The one that is asked for last
+    // comes last.
+    std::map<std::string, std::string> retained()
     {
+        publish("end", "of all");
         std::vector<std::string> argv = client("mosquitto_sub");
-        argv.insert(argv.end(), {"-t", "zent/#", "-v", "-W", "1"});
-        argv.insert(argv.end(), more.begin(), more.end());
+        argv.insert(argv.end(), {"-t", "zent/#", "-t", "end", "-v"});
+        support::Process listener(argv);
+        EXPECT_TRUE(listener.wait_for_out("end of all\n"));
         std::map<std::string, std::string> topics;
-        std::istringstream lines(support::run_program(argv).out);
-        for (std::string text; std::getline(lines, text);) {
+        std::istringstream lines(listener.out());
+        for (std::string text; std::getline(lines, text) && text != "end of all";) {
             const size_t blank = text.find(' ');
             topics[text.substr(5, blank - 5)] = text.substr(blank + 1);
         }
@@ -142,6 +148,7 @@ class MonMqtt : public SinkTest {
 
     support::TempDir dir;
     uint16_t port = 0;
+    std::vector<std::string> credentials; // of the programs that look
     std::optional<support::Process> broker;
     std::optional<Mqtt> mqtt;
 };
@@ -254,7 +261,7 @@ TEST_F(MonMqtt, only_the_own_groups_that_are_not_held_are_emptied)
     EXPECT_TRUE(
         retains({"one/$status", "one/10.0.0.1/239.0.0.1", "one/10.0.0.1/notes", "two/10.0.0.9/239.0.0.9"}));
     EXPECT_TRUE(run_until(
-        [&] { return json::parse(retained()["one/10.0.0.1/239.0.0.1"]).value("since", 0.0) > 1.7e9; }));
+        [&] { return json::parse(retained().at("one/10.0.0.1/239.0.0.1")).value("since", 0.0) > 1.7e9; }));
 }
 
 TEST_F(MonMqtt, after_a_rename_the_topics_have_the_new_names_and_the_old_ones_are_empty)
@@ -346,7 +353,8 @@ TEST_F(MonMqtt, a_user_without_the_right_password_is_told_and_tried_again)
     ASSERT_TRUE(run_until_logged("refused: Connection Refused: not authorised"));
     dir.write("password", "secret\n");
     ASSERT_TRUE(run_until_logged("connected as zentmon-one"));
-    EXPECT_EQ(retained({"-u", "zentmon", "-P", "secret"})["one/$status"], "online");
+    credentials = {"-u", "zentmon", "-P", "secret"};
+    EXPECT_EQ(retained()["one/$status"], "online");
     EXPECT_EQ(times_logged("secret") + times_logged("wrong"), 0u) << "no password in the log";
 }
 
