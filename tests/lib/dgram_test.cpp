@@ -383,7 +383,7 @@ TEST_F(Dgram, a_segment_without_bytes_ends_the_process_at_the_next_one)
 TEST_F(Dgram, kept_the_limit_of_sequences_may_be_exceeded_by_one)
 {
     log.set_level(ERR_level);
-    const Index di = make(1000);
+    const Index di = make(1000, 10001);
     off_t offset = 0;
     for (ssize_t i = 0; i <= 10000; ++i) {
         ASSERT_EQ(feed(di, offset, static_cast<size_t>(10 + i % 2), 1), i);
