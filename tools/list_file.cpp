@@ -271,7 +271,13 @@ bool load_into_agent(std::string_view text)
     if (copy.get() < 0 || write(copy.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
         throw CannotLook("internal", std::string("a copy of the list in memory: ") + strerror(errno));
     }
-    return load_group_list(("/proc/self/fd/" + std::to_string(copy.get())).c_str()) == 0;
+    const std::string path = "/proc/self/fd/" + std::to_string(copy.get());
+    errno = 0;
+    const int rc = load_group_list(path.c_str());
+    if (rc != 0 && errno != 0) { // what the loader has against a list sets no errno: a call failed
+        throw CannotLook("internal", std::string("the list in the agent's loader: ") + strerror(errno));
+    }
+    return rc == 0;
 }
 
 ListReading judge_list(std::string_view text)

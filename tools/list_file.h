@@ -35,7 +35,7 @@ ListReading read_list(std::string_view text);
 std::string fixed_text(const ListReading& list);
 
 // Hands the text to the agent's own loader; false if that refuses it. The list then stands in the agent's
-// scope, in_scope() knows it. Throws CannotLook.
+// scope, in_scope() knows it. Throws CannotLook, for instance where the loader has no memory.
 bool load_into_agent(std::string_view text);
 
 // read_list, and what the agent makes of it: whether it takes the list, and which entries have an effect. A

@@ -1,6 +1,7 @@
 // zentctl lint: each rule of a list, and its agreement with the agent's own loader.
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <random>
@@ -10,8 +11,10 @@
 
 #include <gtest/gtest.h>
 
+#include "command.h"
 #include "list_file.h"
 #include "log.h"
+#include "oom.h"
 #include "tempdir.h"
 #include "zent.h"
 #include "zentctl_run.h"
@@ -347,6 +350,28 @@ TEST_F(Lint, with_exact_every_entry_has_an_effect)
     EXPECT_EQ(
         run_program({"env", "ZENT_FEATURES=exactly", zentctl_path(), "lint", dir_.path("list")}).exit_code,
         2);
+}
+
+TEST(LintAndAgent, a_loader_without_memory_is_no_verdict)
+{
+    log_set_modules(&g_log, MIN_level);
+    const std::string no_memory = strerror(ENOMEM);
+    for (const std::string& text : {std::string("239.1.1.1\n239.1.1.2\n"), std::string("239.1.1.1\n#\n")}) {
+        size_t refused = 0;
+        for (bool failed = true; failed && refused < 20; refused += failed ? 1 : 0) {
+            const FailAllocation fail(refused + 1);
+            std::string told;
+            try {
+                zentctl::judge_list(text);
+            } catch (const zentctl::CannotLook& error) {
+                told = error.what();
+            }
+            failed = fail.happened();
+            EXPECT_EQ(told.find(no_memory) != std::string::npos, failed) << refused << ": " << told;
+        }
+        EXPECT_GT(refused, 3U) << text; // the table, its slots, the entries
+        EXPECT_LT(refused, 20U) << text;
+    }
 }
 
 TEST_F(Lint, wherever_memory_runs_out_for_good_it_says_so_and_ends_with_2)
