@@ -45,7 +45,7 @@ class Netlink {
         request.header.nlmsg_len = sizeof request;
         request.header.nlmsg_type = RTM_GETLINK;
         request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-        return send(fd_, &request, sizeof request, 0) == static_cast<ssize_t>(sizeof request);
+        return fd_ >= 0 && send(fd_, &request, sizeof request, 0) == static_cast<ssize_t>(sizeof request);
     }
 
     ssize_t receive(char* block, size_t size) const { return recv(fd_, block, size, 0); }

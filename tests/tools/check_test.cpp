@@ -1,9 +1,12 @@
 // zentctl check: a private namespace for each fault, and the verdict that names it. Exit code 1 in all of
 // them.
+#include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <memory>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -12,8 +15,10 @@
 
 #include "agent_run.h"
 #include "check.h"
+#include "command.h"
 #include "fixtures.h"
 #include "frames.h"
+#include "interface.h"
 #include "netns.h"
 #include "paths.h"
 #include "text.h"
@@ -495,4 +500,20 @@ TEST(SplitWords, are_those_of_systemd)
     EXPECT_EQ(zentctl::split_words("  a \"b c\" 'd \"e' f\\ g \"\" "),
               (Lines{"a", "b c", "d \"e", "f g", ""}));
     EXPECT_EQ(zentctl::split_words(""), Lines{});
+}
+
+TEST(Interfaces, without_a_descriptor_for_the_kernel_the_reason_is_told)
+{
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {0, before.rlim_max};
+    std::string told;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    try {
+        zentctl::all_interfaces();
+    } catch (const zentctl::CannotLook& error) {
+        told = error.what();
+    }
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(told, std::string("the list of interfaces: ") + strerror(EMFILE));
 }
