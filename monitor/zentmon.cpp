@@ -2,6 +2,8 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <new>
+#include <unistd.h>
 
 #include "daemon.h"
 #include "libmeta.h"
@@ -18,6 +20,14 @@ volatile sig_atomic_t g_goodbye = 0;
 
 namespace {
 
+// No memory, in whatever thread: an exception could not pass the C of the event loop.
+[[noreturn]] void on_no_memory()
+{
+    constexpr char kText[] = "zentmon: no memory\n";
+    [[maybe_unused]] const ssize_t told = write(STDERR_FILENO, kText, sizeof kText - 1);
+    _exit(zentmon::kExitSystem);
+}
+
 int run(const std::vector<std::string>& arguments)
 {
     using namespace zentmon;
@@ -33,6 +43,7 @@ int run(const std::vector<std::string>& arguments)
 
 int main(int argc, char** argv)
 {
+    std::set_new_handler(on_no_memory);
     glog_init("zentmon");
     log_default(&g_log, stderr);
     try {

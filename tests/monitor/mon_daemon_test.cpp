@@ -16,6 +16,8 @@
 
 using namespace support;
 
+extern "C" [[gnu::weak]] void __gcov_dump();
+
 namespace {
 
 // zentmon without a page, at a port of the kernel's choice.
@@ -191,6 +193,36 @@ TEST(MonDaemon, with_too_few_descriptors_it_ends_with_71_or_does_without)
             << limit << " descriptors: " << code << " " << result.err;
         EXPECT_NE(result.err, "") << limit << " descriptors";
     }
+}
+
+// Every so many-th place: all of them are for scripts/faults.
+TEST(MonDaemon, where_memory_runs_out_for_good_it_says_so_and_ends_with_71)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "skipped: the sanitizer has a new of its own, which does not fail";
+#endif
+    if (__gcov_dump != nullptr) {
+        GTEST_SKIP() << "skipped: a build that counts coverage dies of memory that its counters do not get";
+    }
+    TempDir dir;
+    dir.write("lines", "JOIN UDP://239.1.1.1\nJOIN UDP://239.1.1.2\n");
+    int refused = 0;
+    ChildResult result;
+    for (int place = 1; result.exit_code != 0 && place < 10'000; place += 7) {
+        Process process({"env", "LD_PRELOAD=" + build_path("tests/faults/libzent_faults.so"),
+                         "FAULTS_KIND=alloc", "FAULTS_ON=1", "FAULTS_NTH=" + std::to_string(place),
+                         "FAULTS_CODE=" + std::to_string(ENOMEM), build_path("zentmon"), "--http", "none",
+                         "--stdin", "--json"},
+                        [&dir] { dup2(open(dir.path("lines").c_str(), O_RDONLY), STDIN_FILENO); });
+        result = process.wait();
+        if (result.exit_code != 0) {
+            ++refused;
+            EXPECT_EQ(result.exit_code, 71) << place << ": " << result.err;
+            EXPECT_NE(result.err, "") << place;
+        }
+    }
+    EXPECT_GT(refused, 5);
+    EXPECT_EQ(result.exit_code, 0);
 }
 
 TEST(MonDaemon, takes_lines_until_sigterm)
