@@ -69,7 +69,7 @@ bool Worker::join_within(int64_t ms)
     int rung;
     do {
         rung = poll(&bell, 1, static_cast<int>(std::max<int64_t>(until - now().mono_ms, 0)));
-    } while (rung < 0 && errno == EINTR);
+    } while (rung < 0 && errno == EINTR && now().mono_ms < until);
     if (rung == 1) {
         life_->thread.join();
     } else {

@@ -3,13 +3,16 @@
 #include "hooks.h"
 #include "output.h"
 #include "sinks_support.h"
+#include "worker.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
 #include <netinet/in.h>
 #include <nlohmann/json.hpp>
+#include <poll.h>
 #include <set>
 #include <sstream>
 #include <sys/socket.h>
@@ -19,9 +22,25 @@
 
 #include "fds.h"
 #include "tempdir.h"
+#include "wrap.h"
 
 using namespace sinks;
 using support::PipePair;
+
+namespace {
+bool g_polls_are_interrupted = false;
+} // namespace
+
+WRAPPED(int, poll, (struct pollfd * fds, nfds_t count, int limit));
+
+int __wrap_poll(struct pollfd* fds, nfds_t count, int limit)
+{
+    if (g_polls_are_interrupted) {
+        errno = EINTR;
+        return -1;
+    }
+    return __real_poll(fds, count, limit);
+}
 
 namespace {
 
@@ -473,4 +492,20 @@ TEST_F(MonForward, an_own_listener_is_known_in_every_guise)
     EXPECT_FALSE(is_own_listener(endpoint("127.0.0.2", 4554), listeners));
     EXPECT_FALSE(is_own_listener(endpoint("192.0.2.1", 4555), listeners)) << "not of this machine";
     EXPECT_FALSE(is_own_listener(endpoint("192.0.2.1", 4554), {}));
+}
+
+TEST(MonWorker, who_hangs_is_waited_for_as_long_as_allowed_though_each_wait_is_interrupted)
+{
+    const auto pipe = std::make_shared<PipePair>();
+    zentmon::Worker worker;
+    ASSERT_EQ(worker.start("hangs",
+                           [pipe] {
+                               char byte;
+                               (void)!read(pipe->in, &byte, 1);
+                           }),
+              0);
+    g_polls_are_interrupted = true;
+    EXPECT_FALSE(worker.join_within(20));
+    g_polls_are_interrupted = false;
+    EXPECT_EQ(write(pipe->out, "x", 1), 1);
 }
