@@ -222,11 +222,12 @@ class Batch:
 
 
 class Series:
-    """The faults of one kind with one code: N grows until a run has no hit."""
+    """The faults of one kind with one code: N grows until a run has no hit, and beyond the calls of a sound run: threads
+    make a run have more or fewer."""
 
     def __init__(self, kind, error, on, expected, step):
         self.kind, self.error, self.on, self.step = kind, error, on, step
-        self.next, self.known, self.open = 1, expected + 1, True
+        self.next, self.least, self.known, self.open = 1, expected, expected + 1, True
 
     def take(self):
         fault = Fault(self.kind, self.error, self.on, self.next)
@@ -238,14 +239,14 @@ class Series:
 
     def note(self, fault, hit):
         if not hit:
-            self.open = False
+            self.open = self.open and fault.nth < self.least
         elif fault.nth + self.step > self.known:
             self.known += 4 * self.step
 
 
 class Tally:
     def __init__(self):
-        self.runs, self.foreign, self.listed, self.hits, self.findings = 0, 0, 0, collections.Counter(), []
+        self.runs, self.ends, self.hits, self.findings = 0, collections.Counter(), collections.Counter(), []
 
     def functions_of(self, binary, report):
         """The functions around the failed calls of the program itself, inlined ones too."""
@@ -261,24 +262,33 @@ class Tally:
                    re.match(program, run.program.name) and re.search(text, complaint, re.S)
                    for kind, function, program, text, _ in faults_programs.LISTED)
 
-    def add(self, run, complaints):
-        """The findings of a run. Where only a library's own memory failed, its end is the library's: counted apart."""
-        report = run.report()
+    def judge(self, run):
+        """What is wrong with a run, and as what it counts. Where only a library's own memory failed, its end is its own."""
+        complaints, report = run.program.judge(run), run.report()
+        if complaints and not run.lasted and run.fault.kind == "alloc" and report.hits and not run.program.has_own_hit(run):
+            return [], "foreign"
+        functions = self.functions_of(run.program.binary, report) if complaints else ""
+        left = [text for text in complaints if not self.is_listed(run, functions, text)]
+        return left, "listed" if len(left) < len(complaints) else "run"
+
+    def add(self, run, batch):
+        """Counts a run and tells what is wrong with it: what shows again where it runs alone, since machines are busy."""
+        left, counts_as = self.judge(run)
+        if left:
+            again = batch.go(run.program, [run.fault])[0]
+            left, counts_as = self.judge(again)
+            if not left:
+                counts_as = "once"
+                shutil.rmtree(again.folder)
         self.runs += 1
-        if complaints and run.fault.kind == "alloc" and report.hits and not run.program.has_own_hit(run):
-            self.foreign += 1
-            complaints.clear()
-        if complaints:
-            functions = self.functions_of(run.program.binary, report)
-            left = [text for text in complaints if not self.is_listed(run, functions, text)]
-            self.listed += len(left) < len(complaints)
-            complaints[:] = left
-        self.hits[run.fault.kind] += bool(report.hits)
-        for complaint in complaints:
+        self.ends[counts_as] += 1
+        self.hits[run.fault.kind] += bool(run.report().hits)
+        for complaint in left:
             self.findings.append((run.program.name, str(run.fault), complaint, run.folder))
             print(f"FINDING {run.program.name}: {run.fault}: {complaint} ({run.folder})", flush=True)
-            for _, call, thing, offset in report.hits[:3]:
+            for _, call, thing, offset in run.report().hits[:3]:
                 print(f"    {call} at {os.path.basename(thing)}+{offset:x}", flush=True)
+        return left
 
 
 def sound_runs(program, batch, kind):
@@ -304,9 +314,7 @@ def sweep_sites(program, batch, tally, sites):
         for run in batch.go(program, faults[begin:begin + program.at_once]):
             if run.report().hits:
                 sites.failed |= sites.of(run.fault.stack)
-            complaints = program.judge(run)
-            tally.add(run, complaints)
-            if not complaints:
+            if not tally.add(run, batch):
                 shutil.rmtree(run.folder)
 
 
@@ -331,10 +339,8 @@ def sweep(program, batch, tally, options):
         if not faults:
             return
         for run in batch.go(program, faults):
-            complaints = program.judge(run)
             run.fault.series.note(run.fault, bool(run.report().hits))
-            tally.add(run, complaints)
-            if not complaints and not options.keep:
+            if not tally.add(run, batch) and not options.keep:
                 shutil.rmtree(run.folder)
 
 
@@ -398,9 +404,9 @@ def main():
         if not tally.findings and not options.keep:
             shutil.rmtree(folder, ignore_errors=True)
     print("\n".join(f"{kind:16} {count:6}" for kind, count in sorted(tally.hits.items())))
-    print(f"{tally.runs} runs, {sum(tally.hits.values())} of them with a fault, {len(tally.findings)} findings, {tally.foreign} "
-          f"ends within libraries that had no memory, {tally.listed} listed, "
-          f"{time.monotonic() - start:.0f} s")
+    print(f"{tally.runs} runs, {sum(tally.hits.values())} of them with a fault, {len(tally.findings)} findings, "
+          f"{tally.ends['foreign']} ends within libraries that had no memory, {tally.ends['listed']} listed, "
+          f"{tally.ends['once']} complaints that did not show again, {time.monotonic() - start:.0f} s")
     return 1 if tally.findings or refused else 0
 
 

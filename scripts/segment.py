@@ -24,6 +24,14 @@ def wait_for(condition, limit, what):
         time.sleep(0.01)
 
 
+def lay_pair(name, other, address):
+    """A veth pair with both ends in this namespace, and an address on the first."""
+    run("ip", "link", "add", name, "type", "veth", "peer", "name", other)
+    run("ip", "addr", "add", f"{address}/24", "dev", name)
+    run("ip", "link", "set", other, "up")
+    run("ip", "link", "set", name, "up")
+
+
 class Peer:
     """The host: a command in a network namespace of its own. It must end by itself where its standard input does."""
 
