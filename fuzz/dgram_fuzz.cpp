@@ -79,7 +79,9 @@ void add(dgram_idx* di, Model& model, uint16_t argument)
     const bool raw = first || is_raw(di->stype.num);
     size_t len = 1 + argument % 1500;
     size_t count = 0;
-    if (!raw) { // whole packets of the size that was found
+    if (first) { // a count is believed where the segment is found to have packets
+        count = len % 188 == 0 ? len / 188 : 0;
+    } else if (!raw) { // whole packets of the size that was found
         const size_t pkt_size = seq_of(di, model.list.back().dseq).pkt_size;
         count = 1 + argument % 9;
         len = count * pkt_size;
@@ -90,7 +92,9 @@ void add(dgram_idx* di, Model& model, uint16_t argument)
     const bool expired = !first && ms_between(seq_of(di, model.list.back().dseq).first_io, now) >
                                        di->seq_tmout.tv_sec * 1000 + di->seq_tmout.tv_nsec / 1'000'000;
     const bool opens = first || expired || (raw && model.list.back().len != len);
-    const ssize_t dseq = dgram_add_count(di, len, count, model.store.data(), model.end);
+    const uint8_t* store = model.store.data();
+    const ssize_t dseq =
+        count == 0 ? dgram_add(di, len, store, model.end) : dgram_add_count(di, len, count, store, model.end);
     fuzz::demand(dseq == (first ? 0 : model.list.back().dseq + (opens ? 1 : 0)));
     model.list.push_back({model.end, len, dseq});
     model.end += static_cast<off_t>(len);
@@ -114,6 +118,13 @@ void ask(dgram_idx* di, const Model& model, uint8_t code, uint16_t argument)
     const off_t first = first_dseq_offset(di, dseq);
     const off_t last = last_dseq_offset(di, dseq);
     fuzz::demand(first >= start && first <= last && last < till);
+}
+
+// An index that nothing was added to begins and ends at 0.
+void check_empty(dgram_idx* di)
+{
+    fuzz::demand(first_dseq_offset(di, 0) == 0 && last_dseq_offset(di, 0) == 0 &&
+                 dgram_find_seq(di, 0, 0) == -1);
 }
 
 } // namespace
@@ -146,6 +157,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         model.store[i] = pattern[i % pattern_len];
     }
     dgram_idx* di = mk_dgram_idx(1 + switches / 64, tmout);
+    check_empty(di);
     for (int i = 0; i < 200 && input.left() > 0; ++i) {
         const auto code = input.take<uint8_t>();
         const auto argument = input.take<uint16_t>();
@@ -157,6 +169,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             pass(argument);
         } else {
             dgram_reset(di);
+            check_empty(di);
             model.list.clear();
             model.end = 0;
         }

@@ -27,6 +27,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const bool with_size = (switches & 64) == 0;
     const int32_t found = probe_segment(buf.get(), len, type, with_size ? &plen : nullptr, &pcount,
                                         (switches & 128) != 0 ? nullptr : &sseg);
+    // Asked for the type alone it finds the same.
+    size_t again = known;
+    fuzz::demand(probe_segment(buf.get(), len, type, with_size ? &again : nullptr, nullptr, nullptr) ==
+                 found);
 
     const bool probed = type == 0 || !with_size || known == 0;
     fuzz::demand(probed ? found == STY_RAW.num || found == STY_MPEGTS.num : found == type);

@@ -87,6 +87,16 @@ void check_group(uint32_t group, const std::set<uint32_t>& listed, bool total)
     }
 }
 
+// Without a list the range alone counts, and without a range everything is in scope.
+void check_range(const std::set<uint32_t>& groups)
+{
+    const bool any = g_cfg.min_group == 0 && g_cfg.max_group == 0;
+    for (const uint32_t group : groups) {
+        check(in_scope(static_cast<int32_t>(group)) == (any || model_in_range(ntohl(group))),
+              "scope without a list differs", group);
+    }
+}
+
 int load(const uint8_t* data, size_t size)
 {
     const int fd = memfd_create("list", 0);
@@ -121,10 +131,14 @@ void run(const uint8_t* list, size_t size, const Model& model)
         check_group(htonl(g_cfg.min_group), model.groups, total);
         check_group(htonl(g_cfg.max_group), model.groups, total);
     }
+    // Loaded again it takes the place of the list before; one that is refused leaves that alone.
+    check((load(list, size) == 0) == (rc == 0) && (g_ctx.scope_ht != 0) == (rc == 0), "second load differs",
+          0);
     if (g_ctx.scope_ht != 0) {
         nkht_destroy(g_ctx.scope_ht, nullptr);
         g_ctx.scope_ht = 0;
     }
+    check_range(model.groups);
 }
 
 } // namespace

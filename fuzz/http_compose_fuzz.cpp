@@ -1,11 +1,14 @@
-// Composing: heads of responses, escaped texts and playlist items, in buffers of any size. Two bytes of size,
-// one of choices, then texts that end in zero bytes.
+// Composing: heads of responses, escaped texts and playlist items, in buffers of any size; requests and
+// responses as they go over a socket. Two bytes of size, one of choices, then texts that end in zero bytes.
 #include <algorithm>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <vector>
 
 #include "log.h"
@@ -50,11 +53,70 @@ std::string model(const struct http_response& r, size_t buflen)
     return head.size() + 3 < buflen ? head + "\r\n" : "";
 }
 
+// What send puts on a socket, if it says that it did; the peer may be gone.
+template <class Send>
+std::string sent(bool has_peer, Send send)
+{
+    int ends[2];
+    require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
+    if (!has_peer) {
+        close(ends[1]);
+    }
+    const bool done = send(ends[0]) == 0;
+    close(ends[0]);
+    std::string text(8192, 0);
+    const ssize_t n = has_peer ? read(ends[1], text.data(), text.size()) : 0;
+    require(n >= 0 && (n > 0) == done);
+    text.resize(static_cast<size_t>(n));
+    if (has_peer) {
+        close(ends[1]);
+    }
+    return text;
+}
+
+// A request that was sent: its line, a Host line, and one end.
+void check_request(const std::string& text, const std::string& version, const char* host)
+{
+    if (text.empty()) {
+        return;
+    }
+    constexpr size_t longest = 2047; // loses its last character, which is kept
+    require(text.starts_with("GET /") && (text.ends_with("no-cache\r\n\r\n") || text.size() == longest));
+    const size_t line = text.find(" HTTP/" + version + "\r\nHost: ");
+    require(line != std::string::npos && (host == nullptr || text.find(host, line) != std::string::npos));
+}
+
+void on_the_wire(const struct http_response& r, const std::string (&texts)[6], unsigned choice)
+{
+    const bool has_peer = (choice & 8) == 0;
+    const std::string expected = model(r, 4096);
+    const std::string response = sent(has_peer, [&r](int fd) { return send_http_response(fd, &r); });
+    require(response == (has_peer ? expected : ""));
+    for (const unsigned code : {200U, 302U, 400U, 403U, 404U, 408U, 500U, choice * 4}) {
+        const struct http_response* canned = match_http_response(static_cast<int>(code));
+        require(canned == nullptr || canned->code == static_cast<int>(code));
+    }
+    const bool old = (choice & 16) != 0;
+    check_request(
+        sent(has_peer, [&](int fd) { return send_http_get(fd, texts[5].c_str(), texts[0].c_str(), old); }),
+        old ? "1.0" : "1.1", nullptr);
+    const char* host = (choice & 32) != 0 ? nullptr : texts[1].c_str();
+    const char* port = (choice & 64) != 0 ? nullptr : texts[2].c_str();
+    struct http_request request = {
+        (choice & 128) != 0 ? RQTYPE_HEAD : RQTYPE_GET, 0, texts[3].c_str(), texts[0].c_str(), host, port};
+    request.flags |= old ? uint32_t{RQFLAG_HTTP10_GET} : 0U;
+    request.flags |= (choice & 2) != 0 ? uint32_t{RQFLAG_KEEPALIVE} : 0U;
+    check_request(sent(has_peer, [&request](int fd) { return send_http_request(fd, &request); }),
+                  old ? "1.0" : "1.1", host != nullptr && *host != 0 ? nullptr : LOCALHOST_ADDR);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     g_mod_ll[MLL_COMMON] = MIN_level;
+    g_mod_ll[MLL_SYSWRAP] = MIN_level;
+    signal(SIGPIPE, SIG_IGN);
     if (size < 3) {
         return 0;
     }
@@ -90,5 +152,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     auto url = std::make_unique<char[]>(buflen);
     mk_hls_item_url(texts[1].c_str(), texts[2].c_str(), url.get(), buflen);
+    on_the_wire(r, texts, choice);
     return 0;
 }

@@ -1,11 +1,16 @@
 // Lines of a log with any header, level, clock and message, each held against a line that is put together
 // here: the time by counting days, the message by the C library. Input, for each line: a byte for its fields,
 // one for the time's form, one for the level, a process id, a group, a time, a byte for the conversions, then
-// their arguments.
+// their arguments. The whole input is taken for the name of a level too, and behind 'b' and a size for what
+// goes in front of a trace of calls.
+#include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <string>
+#include <strings.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -271,6 +276,91 @@ void try_line(log_ctx* log, fuzz::Input& input)
     }
 }
 
+// The names of levels, each with the long and the short word.
+void try_level_word(const std::string& text)
+{
+    static const char* const kWords[7][2] = {{"err", "error"},   {"crit", "critical"}, {"warn", "warning"},
+                                             {"norm", "normal"}, {"info", "info"},     {"dbg", "debug"},
+                                             {"sect", "section"}};
+    int expected = 77;
+    for (int i = 0; i < 7; ++i) {
+        for (const char* word : kWords[i]) {
+            expected = strcasecmp(word, text.c_str()) == 0 ? (i < 6 ? i - 3 : 64) : expected;
+        }
+    }
+    int level = 77;
+    const int rc = match_log_level(text.c_str(), &level);
+    demand(level == expected && rc == (expected == 77 ? -1 : 0));
+}
+
+// A level from the environment: a text that begins with a number other than 0, or is "0".
+void try_level_variable(const std::string& text)
+{
+    constexpr int kOtherwise = 42;
+    unsetenv("FUZZ_LEVEL");
+    demand(read_level_env("FUZZ_LEVEL", kOtherwise) == kOtherwise);
+    setenv("FUZZ_LEVEL", text.c_str(), 1);
+    size_t at = text.find_first_not_of(" \t\n\v\f\r");
+    at = at == std::string::npos ? text.size() : at;
+    const bool negative = at < text.size() && text[at] == '-';
+    at += at < text.size() && (negative || text[at] == '+') ? 1 : 0;
+    int number = 0;
+    for (size_t digits = 0;
+         digits < 9 && at < text.size() && isdigit(static_cast<unsigned char>(text[at])) != 0;
+         ++digits, ++at) {
+        number = number * 10 + (text[at] - '0');
+    }
+    const bool is_longer = at < text.size() && isdigit(static_cast<unsigned char>(text[at])) != 0;
+    const int read = read_level_env("FUZZ_LEVEL", kOtherwise);
+    if (!is_longer) {
+        demand(read == (number != 0 ? (negative ? -number : number) : text == "0" ? 0 : kOtherwise));
+    }
+}
+
+void try_level_number(int level)
+{
+    static const struct {
+        int level;
+        const char* name;
+        int priority;
+    } kLevels[] = {{-4, "panic", 1}, {-3, "error", 3}, {-2, "ctitical", 2}, {-1, "warning", 4},
+                   {0, "normal", 5}, {1, "info", 6},   {2, "debug", 7},     {64, "section", 7}};
+
+    std::string name = "??";
+    int priority = 7;
+    for (const auto& entry : kLevels) {
+        if (entry.level == level) {
+            name = entry.name;
+            priority = entry.priority;
+        }
+    }
+    demand(log_level_str(level) == name && get_syslog_pri(level) == priority);
+}
+
+// A trace in a block of its size, behind the text, which is there whole or not at all.
+void try_trace(size_t room, const std::string& text)
+{
+    const auto block = std::make_unique<char[]>(room);
+    const bool fits = !text.empty() && text.size() < room;
+    const int rc = snprintf_btrace(block.get(), room, "%s", text.c_str());
+    demand((rc == 0) == fits);
+    demand(rc != 0 || text.compare(0, text.size(), block.get(), text.size()) == 0);
+    demand(rc != 0 || memchr(block.get(), 0, room) != nullptr);
+    demand(snprintf_btrace(block.get(), room, nullptr) == 0);
+}
+
+void try_words(const uint8_t* data, size_t size)
+{
+    const std::string text(reinterpret_cast<const char*>(data),
+                           strnlen(reinterpret_cast<const char*>(data), size));
+    try_level_word(text);
+    try_level_variable(text);
+    try_level_number(static_cast<int8_t>(data[0]));
+    if (data[0] == 'b' && size > 1) {
+        try_trace(data[1] * size_t{8}, text.size() > 2 ? text.substr(2) : "");
+    }
+}
+
 bool set_zone()
 {
     setenv("TZ", "UTC", 1);
@@ -305,6 +395,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     log = ZERO_LOG;
     for (int lines = 0; lines < 8 && input.left() > 0; ++lines) {
         try_line(&log, input);
+    }
+    if (size > 0) {
+        try_words(data, size);
     }
     stderr = real_stderr;
     return 0;

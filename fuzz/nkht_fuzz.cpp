@@ -169,7 +169,10 @@ void step(nkht_t table, Model& model, uint8_t operation, int64_t key, uintptr_t 
     case 0:
     case 1: demand(nkht_add(table, key, &value) == model.add(key, expected)); break;
     case 2: demand(nkht_rm(table, key, &value) == model.take(key, true, expected)); break;
-    case 3: demand(nkht_get(table, key, &value) == model.take(key, false, expected)); break;
+    case 3:
+        demand(nkht_get(table, key, &value) == model.take(key, false, expected));
+        demand(nkht_get(table, key, nullptr) == (reinterpret_cast<uintptr_t>(value) != number ? 0 : ESRCH));
+        break;
     default:
         expected = 0; // without a place for it there is no value
         if (nkht_add(table, key, nullptr) == 0) {
@@ -199,6 +202,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     for (uintptr_t number = 1; input.left() > 0; ++number) {
         const auto operation = input.take<uint8_t>();
         const int64_t key = key_of(operation / 8, input.take<uint32_t>());
+        demand(tw_shift(reinterpret_cast<const void*>(key), number) == wang_mix(static_cast<uint64_t>(key)));
         step(table, model, operation, key, number);
     }
     Walk walk = {model.all(), 0};

@@ -1,6 +1,7 @@
 // The conversions of strops on texts and sizes of any kind, each beside a plain model of it. The first byte
 // chooses the operation, the second is a size or a length.
 #include <cctype>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -37,6 +38,7 @@ void numbers(const char* text)
     int64_t value = 77;
     ssize_t size = 77;
     const int rc = a2int64(text, &value);
+    require(a2int64(text, nullptr) == rc);
     require(a2size(text, &size) == rc && a2size(text, nullptr) == rc && size == value);
     require(rc == 0 || (rc <= -2 && rc >= -5 && value == 77));
 }
@@ -110,6 +112,25 @@ void encode(const uint8_t* bytes, size_t count, size_t slen, const char* delim)
     }
 }
 
+MV_PRINTF(3, 4) int quick(char* buf, size_t len, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    const int n = quick_vsnprintf(buf, len, fmt, args);
+    va_end(args);
+    return n;
+}
+
+void format(const char* text, size_t len)
+{
+    const auto s = std::make_unique<char[]>(len);
+    const auto model = std::make_unique<char[]>(len);
+    const auto number = static_cast<int>(strlen(text)) - 3;
+    const int n = quick(s.get(), len, "%s, %d\n", text, number);
+    require(n == snprintf(model.get(), len, "%s, %d\n", text, number));
+    require(static_cast<size_t>(n) >= len || strcmp(s.get(), model.get()) == 0);
+}
+
 void tags(const uint8_t* bytes, size_t size)
 {
     uint32_t number = 0;
@@ -140,6 +161,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     case 'm': markers(text.get(), length); break;
     case 'd': decode(text.get(), length); break;
     case 'e': encode(bytes.get(), size - 2, length, nullptr); break;
+    case 'f': format(text.get(), length); break;
     case 't': tags(bytes.get(), size - 2); break;
     default: encode(bytes.get(), size - 2, length, kDelims[data[0] % 5]); break;
     }

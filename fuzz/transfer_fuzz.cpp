@@ -1,5 +1,8 @@
 // The transfer engine over its ways, with offsets, counts and flags from the input. Nothing leaves the block,
-// a step moves no more than the buffer holds, and no descriptor is left over.
+// a step moves no more than the buffer holds, and no descriptor is left over. Steps come with a processing
+// step in between, without a position, from a socket that has nothing, and to one whose peer is gone.
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
@@ -32,6 +35,34 @@ struct Order {
 
 constexpr size_t kOrderBytes = 10;
 
+// Lets a part of what was read go on, or refuses it.
+int process(void*, ssize_t count, ssize_t* total)
+{
+    *total = count <= 0 ? 0 : count - count / 3;
+    if (count <= 0) {
+        return 0;
+    }
+    return count % 7 == 0 ? EAGAIN : count % 11 == 0 ? EPIPE : count % 13 == 0 ? EBUSY : 0;
+}
+
+// What stands behind the flags of a step: 0x40 with process(); 0x80 from the socket, or without a position
+// where none is needed.
+void choose_ends(const Order& order, transfer_spec* spec)
+{
+    const bool in_block = spec->mmem != nullptr;
+    if ((order.way & 0x40) != 0) {
+        spec->inproc = process;
+    }
+    if ((order.way & 0x80) == 0) {
+        return;
+    }
+    if (in_block || (*spec->flags & FDIO_SENDFILE) != 0 || spec->inproc != nullptr) {
+        spec->in_fd = spec->out_fd;
+    } else {
+        spec->offset = nullptr;
+    }
+}
+
 void run_step(const Order& order, int file, int sock, char* block, size_t length)
 {
     uint32_t flags = (order.way & 0x04) != 0 ? FDIO_VERBOSE : 0;
@@ -45,8 +76,10 @@ void run_step(const Order& order, int file, int sock, char* block, size_t length
     spec->mmem = memory ? block : nullptr;
     spec->mmlen = length;
     spec->mmem_out = out ? 1 : 0;
+    choose_ends(order, spec);
     ssize_t moved = 0;
-    const int rc = transfer(spec, order.count, &moved);
+    const size_t count = order.count == 253 ? 100'000 : order.count; // more than the buffer holds
+    const int rc = transfer(spec, count, order.count == 255 ? nullptr : &moved);
     const auto limit = static_cast<ssize_t>(get_trf_bufsize());
     if (moved > limit || moved < -1 || (rc != 0 && rc != -1)) {
         abort();
@@ -59,6 +92,7 @@ void run_step(const Order& order, int file, int sock, char* block, size_t length
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     g_log.fp = nullptr;
+    signal(SIGPIPE, SIG_IGN);
     const size_t before = open_descriptors();
     int ends[2];
     const int file = memfd_create("fuzz", 0);
@@ -71,6 +105,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         Order order = {data[at], data[at + 1], 0};
         memcpy(&order.offset, data + at + 2, sizeof order.offset);
         lseek(file, 0, SEEK_SET);
+        if (order.count == 254) {
+            shutdown(ends[1], SHUT_RDWR); // the peer goes
+        }
         run_step(order, file, ends[0], block, size);
     }
     free(block);

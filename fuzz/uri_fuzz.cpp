@@ -50,6 +50,20 @@ void parse(const std::string& text)
     char* query = path + URI_PATH_MAX;
     const int kind = uri_extract(text.c_str(), scheme, authority, path, query);
     require(kind == URI_BAD || (kind == uri_scheme_kind(scheme) && strlen(path) == layout.p_len));
+    const int without = uri_extract(text.c_str(), nullptr, nullptr, nullptr, nullptr);
+    require(kind == URI_BAD || without == kind);
+}
+
+// One segment in a buffer of any size: whole or not at all.
+void get(const std::string& text, size_t size)
+{
+    struct uri_layout layout = {};
+    uri_parse(text.c_str(), &layout);
+    auto buf = std::make_unique<char[]>(size);
+    const char* path = uri_get_path(&layout, buf.get(), size);
+    require((path != nullptr) == (layout.p_len > 0 && layout.p_len < size));
+    require(path == nullptr ||
+            text.compare(static_cast<size_t>(layout.path - text.c_str()), layout.p_len, path) == 0);
 }
 
 void addrport(const std::string& text, size_t size, size_t bound)
@@ -58,6 +72,8 @@ void addrport(const std::string& text, size_t size, size_t bound)
     auto port = std::make_unique<char[]>(size);
     const char* tail = uri_path_addrport(text.c_str(), bound, addr.get(), size, port.get(), size);
     require(tail == nullptr || inside(tail, text));
+    const char* alone = uri_path_addrport(text.c_str(), bound, nullptr, 0, nullptr, 0);
+    require(tail == nullptr || alone == tail);
 }
 
 void endpoints(const std::string& text, size_t size, size_t bound)
@@ -128,6 +144,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string text(reinterpret_cast<const char*>(data) + 2,
                            strnlen(reinterpret_cast<const char*>(data) + 2, size - 2));
     parse(text);
+    get(text, buflen);
     addrport(text, buflen, bound);
     endpoints(text, buflen, bound);
     coding(data + 2, size - 2, buflen);

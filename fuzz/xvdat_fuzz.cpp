@@ -6,6 +6,7 @@
 #include "xvdat.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -13,7 +14,7 @@
 
 namespace {
 
-bool g_fail_next = false;
+int g_fail_in = 0; // how many reallocations from now on one fails
 
 } // namespace
 
@@ -22,8 +23,7 @@ WRAPPED(void*, realloc, (void* block, size_t size));
 extern "C" {
 void* __wrap_realloc(void* block, size_t size)
 {
-    if (g_fail_next) {
-        g_fail_next = false;
+    if (g_fail_in > 0 && --g_fail_in == 0) {
         errno = ENOMEM;
         return nullptr;
     }
@@ -57,6 +57,17 @@ struct Script {
 
     size_t argument(size_t limit) { return limit > 0 ? next() % limit : 0; }
 };
+
+// A capacity to ask for; the greatest arguments are ones that no memory has.
+size_t capacity_of(size_t argument)
+{
+    switch (argument) {
+    case 253: return SIZE_MAX;
+    case 254: return SIZE_MAX / 5;
+    case 255: return SIZE_MAX / 2;
+    default: return argument * 3;
+    }
+}
 
 // What the callbacks of a run do, once each.
 struct Act {
@@ -92,7 +103,9 @@ ssize_t lowest_free(const char* map, size_t max)
 void check_list()
 {
     const xvlst& l = g_list;
+    xvlst_walk walk = {0, 0};
     if (l.taken == nullptr) {
+        require(xvlst_next(&l, &walk) == -1);
         require(l.max_len == 0 || l.data != nullptr);
         return;
     }
@@ -101,7 +114,13 @@ void check_list()
         taken += l.taken[i] != 0 ? 1 : 0;
         require(l.taken[i] == 0 || (i <= l.last && element_is_own(l.data, i)));
     }
-    require(l.len == taken && l.avail == lowest_free(l.taken, l.max_len));
+    require(l.len == taken);
+    for (ssize_t i = xvlst_next(&l, &walk); i >= 0; i = xvlst_next(&l, &walk)) {
+        require(l.taken[i] != 0 && taken > 0);
+        --taken;
+    }
+    require(taken == 0);
+    require(l.avail == lowest_free(l.taken, l.max_len));
 }
 
 void add_to_list(size_t growblk)
@@ -128,7 +147,12 @@ void act_on_list()
             xvlst_del(&g_list, act.argument, nullptr);
         }
         break;
-    case 3: xvlst_reset(&g_list); break;
+    case 3:
+        xvlst_reset(&g_list);
+        if (act.argument % 2 != 0) { // a smaller one
+            add_to_list(1);
+        }
+        break;
     case 4: xvlst_purge_all(&g_list, nullptr); break;
     case 5: xvlst_reserve(&g_list, act.argument * 2, kSize, 5); break;
     case 6:
@@ -151,8 +175,14 @@ int list_step_aux(void* data, size_t index, void*)
     return list_step(data, index);
 }
 
+// It may free a slot itself, also the one that it is asked about.
 int list_matches(void*, size_t index, void* of)
 {
+    if (g_act.what % 8 == 2 && g_list.len > 1) {
+        const Act act = g_act;
+        g_act = {};
+        xvlst_del(&g_list, act.argument, nullptr);
+    }
     return index % *static_cast<size_t*>(of) == 0 ? 1 : 0;
 }
 
@@ -195,10 +225,10 @@ void run_list(uint8_t kind, size_t count, Script script)
         case 5: xvlst_find(&g_list, nullptr, list_step_aux, &pos); break;
         case 6:
             argument = 1 + argument % 9;
-            require(xvlst_rmif(&g_list, &argument, list_matches, nullptr) >= 0);
+            require(xvlst_rmif(&g_list, &argument, list_matches, nullptr) >= -1);
             break;
-        case 7: xvlst_reserve(&g_list, argument * 3, kSize, 1 + argument % 9); break;
-        case 8: g_fail_next = true; break;
+        case 7: xvlst_reserve(&g_list, capacity_of(argument), kSize, 1 + argument % 9); break;
+        case 8: g_fail_in = argument % 2 != 0 ? 2 : 1; break;
         case 9: xvlst_purge_all(&g_list, g_list.taken != nullptr ? list_cleanup : nullptr); break;
         case 10: xvlst_each_aux(&g_list, nullptr, list_step_aux, &pos); break;
         default:
@@ -209,7 +239,7 @@ void run_list(uint8_t kind, size_t count, Script script)
         }
         check_list();
     }
-    g_fail_next = false;
+    g_fail_in = 0;
     xvlst_reset(&g_list);
 }
 
@@ -227,8 +257,16 @@ int vector_step(void* data, size_t index)
         }
     } else if (act.what % 3 == 2) {
         xvec_reset(&g_vector);
+        if (act.argument % 2 != 0 && xvec_add(&g_vector, kSize, 1) >= 0) { // a smaller one
+            write_element(g_vector.data, 0);
+        }
     }
     return ++g_calls % 5 == 0 ? 1 : 0;
+}
+
+int vector_step_aux(void* data, size_t index, void*)
+{
+    return vector_step(data, index);
 }
 
 void run_vector(uint8_t kind, size_t count, Script script)
@@ -258,13 +296,20 @@ void run_vector(uint8_t kind, size_t count, Script script)
             }
             break;
         }
-        case 2: xvec_reserve(&g_vector, argument * 3, kSize, 1 + argument % 9); break;
-        case 3: xvec_expand(&g_vector, 1 + argument, kSize, 1 + argument % 9); break;
-        case 4: g_fail_next = true; break;
+        case 2: xvec_reserve(&g_vector, capacity_of(argument), kSize, 1 + argument % 9); break;
+        case 3:
+            xvec_expand(&g_vector, argument < 253 ? 1 + argument : capacity_of(argument), kSize,
+                        1 + argument % 9);
+            break;
+        case 4: g_fail_in = argument % 2 != 0 ? 2 : 1; break;
         case 5: xvec_each(&g_vector, vector_step, argument % 2 != 0 ? &pos : nullptr); break;
         default:
             if (argument == 7) {
                 xvec_reset(&g_vector);
+            } else if (argument % 2 != 0) {
+                xvec_each_aux(&g_vector, vector_step_aux, nullptr, argument % 3 != 0 ? &pos : nullptr);
+            } else {
+                xvec_find(&g_vector, nullptr, vector_step_aux, argument % 3 != 0 ? &pos : nullptr);
             }
             break;
         }
@@ -273,7 +318,7 @@ void run_vector(uint8_t kind, size_t count, Script script)
             require(element_is_own(g_vector.data, i));
         }
     }
-    g_fail_next = false;
+    g_fail_in = 0;
     if (kind != 1) {
         xvec_reset(&g_vector);
     }
@@ -302,6 +347,11 @@ int embedded_step(void* data, size_t index)
         emblst_del(g_embedded, act.argument, nullptr);
     }
     return ++g_calls % 5 == 0 ? 1 : 0;
+}
+
+int embedded_step_aux(void* data, size_t index, void*)
+{
+    return embedded_step(data, index);
 }
 
 void embedded_cleanup(void* data, size_t index)
@@ -352,7 +402,9 @@ void run_embedded(size_t bytes, Script script)
             g_embedded = reinterpret_cast<emblst*>(buffer.get());
             break;
         }
-        default: break;
+        default:
+            emblst_each_aux(g_embedded, nullptr, embedded_step_aux, argument % 2 != 0 ? &pos : nullptr);
+            break;
         }
         check_embedded();
     }
