@@ -20,6 +20,7 @@ import faults_programs
 UP_LIMIT = 30      # until a program waits for events, or has ended
 END_LIMIT = 20     # from SIGTERM to the end
 PR_SET_CHILD_SUBREAPER = 36
+LEAKS = os.path.abspath(os.path.join(os.path.dirname(__file__), "../tests/faults/leaks.txt"))
 
 # What the manual pages name, by kind of the shim. EAI codes and libpcap's codes are results, not errno.
 FILE_ERRORS = "EACCES EEXIST EINTR EISDIR ELOOP EMFILE ENAMETOOLONG ENFILE ENOENT ENOMEM ENOSPC ENOTDIR ENXIO EROFS EPERM EDQUOT"
@@ -126,7 +127,8 @@ class Run:
         self.status = {}  # of each process: as of waitpid
         env = {**os.environ, **program.environment(self), **fault.environment(), "FAULTS_REPORT": self.report_path,
                "LD_PRELOAD": shim, "ASAN_OPTIONS": f"verify_asan_link_order=0:log_path={folder}/asan",
-               "UBSAN_OPTIONS": f"log_path={folder}/asan"}
+               "UBSAN_OPTIONS": f"log_path={folder}/asan",
+               "LSAN_OPTIONS": f"print_suppressions=0:suppressions={LEAKS}"}
         os.mkdir(folder)
         os.chmod(folder, 0o777)
         with open(self.report_path, "w", encoding="ascii"):
