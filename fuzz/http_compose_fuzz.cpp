@@ -116,7 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     g_mod_ll[MLL_COMMON] = MIN_level;
     g_mod_ll[MLL_SYSWRAP] = MIN_level;
-    signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGPIPE, SIG_IGN);
     if (size < 3) {
         return 0;
     }

@@ -355,7 +355,7 @@ void try_words(const uint8_t* data, size_t size)
                            strnlen(reinterpret_cast<const char*>(data), size));
     try_level_word(text);
     try_level_variable(text);
-    try_level_number(static_cast<int8_t>(data[0]));
+    try_level_number((data[0] ^ 0x80) - 0x80); // a signed byte
     if (data[0] == 'b' && size > 1) {
         try_trace(data[1] * size_t{8}, text.size() > 2 ? text.substr(2) : "");
     }

@@ -273,7 +273,7 @@ int on_idle()
 void update_limit(timespec* limit)
 {
     demand(limit->tv_sec == g_run->limit.tv_sec && limit->tv_nsec == g_run->limit.tv_nsec);
-    limit->tv_sec = g_run->input.take<int8_t>();
+    limit->tv_sec = (g_run->input.take<uint8_t>() ^ 0x80) - 0x80; // a signed byte
     limit->tv_nsec = g_run->input.take<int32_t>() % 1'000'000'000;
     g_run->limit = *limit;
 }

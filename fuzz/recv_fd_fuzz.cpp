@@ -87,7 +87,7 @@ extern "C" ssize_t __wrap_recvmsg(int fd, msghdr* msg, int flags)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     g_log.fp = nullptr;
-    signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGPIPE, SIG_IGN);
     const size_t before = open_descriptors();
     for (size_t at = 0; at + 2 <= size && at < 64; at += 2) {
         int ends[2];

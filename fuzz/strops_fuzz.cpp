@@ -112,6 +112,7 @@ void encode(const uint8_t* bytes, size_t count, size_t slen, const char* delim)
     }
 }
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): who calls such a function is one.
 MV_PRINTF(3, 4) int quick(char* buf, size_t len, const char* fmt, ...)
 {
     va_list args;

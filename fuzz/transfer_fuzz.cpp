@@ -92,7 +92,7 @@ void run_step(const Order& order, int file, int sock, char* block, size_t length
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     g_log.fp = nullptr;
-    signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGPIPE, SIG_IGN);
     const size_t before = open_descriptors();
     int ends[2];
     const int file = memfd_create("fuzz", 0);
