@@ -6,7 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -23,9 +23,25 @@
 #include "paths.h"
 #include "text.h"
 #include "wait.h"
+#include "wrap.h"
 #include "zentctl_run.h"
 
 using namespace support;
+
+namespace {
+bool g_sockets_are_refused = false;
+} // namespace
+
+WRAPPED(int, socket, (int domain, int type, int protocol));
+
+int __wrap_socket(int domain, int type, int protocol)
+{
+    if (g_sockets_are_refused) {
+        errno = EMFILE;
+        return -1;
+    }
+    return __real_socket(domain, type, protocol);
+}
 
 namespace {
 
@@ -504,16 +520,13 @@ TEST(SplitWords, are_those_of_systemd)
 
 TEST(Interfaces, without_a_descriptor_for_the_kernel_the_reason_is_told)
 {
-    rlimit before = {};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    const rlimit none = {0, before.rlim_max};
     std::string told;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    g_sockets_are_refused = true;
     try {
         zentctl::all_interfaces();
     } catch (const zentctl::CannotLook& error) {
         told = error.what();
     }
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    g_sockets_are_refused = false;
     EXPECT_EQ(told, std::string("the list of interfaces: ") + strerror(EMFILE));
 }
