@@ -44,9 +44,9 @@ struct Zentmon {
         return z;
     }
 
-    void wait_for_port(const std::string& text, std::chrono::seconds limit = support::kLimit)
+    void wait_for_port(const std::string& text)
     {
-        ASSERT_TRUE(process.wait_for_err(text, limit)) << process.err();
+        ASSERT_TRUE(process.wait_for_err(text)) << process.err();
         const std::string& log = process.err();
         port = atoi(log.c_str() + log.find(text) + text.size());
         ASSERT_TRUE(process.wait_for_err("Entering event loop")) << process.err();
@@ -411,7 +411,7 @@ TEST(MonDaemon, valgrind_finds_nothing_in_a_whole_life)
                          "--error-exitcode=99", "--log-file=" + dir.path("valgrind"), program, "--listen",
                          "127.0.0.1:0=lab", "--http", http, "--db", dir.path("history.db"), "--config",
                          dir.path("conf"), "--exec", "/bin/true", "--json", "--stale", "1"});
-    z.wait_for_port("lab: lines are taken at 127.0.0.1:", 3 * support::kLimit);
+    z.wait_for_port("lab: lines are taken at 127.0.0.1:");
     z.send("JOIN UDP://239.1.1.1\nJOIN UDP://239.1.1.2\nLEAVE UDP://239.1.1.1\nnonsense\n");
     z.send("JOIN UDP://239.1.1.3\n"); // a second process: 239.1.1.2 expires
     EXPECT_TRUE(wait_until([&] { return get("/history.json").find("expire") != std::string::npos; }));

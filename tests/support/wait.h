@@ -7,7 +7,7 @@
 
 namespace support {
 
-inline constexpr std::chrono::seconds kLimit{90};
+inline constexpr std::chrono::seconds kLimit{240};
 
 // Asks until the condition holds; false when the limit has passed.
 template <class Condition>
