@@ -167,6 +167,7 @@ class HttpServer::Client : public Handler {
 
   private:
     void read_head();
+    void skip_empty_lines();
     void process_head();
     void discard();
     void pump();
@@ -223,12 +224,23 @@ void HttpServer::Client::read_head()
     process_head();
 }
 
+// Empty lines in front of a request are forgiven, in whatever pieces they come.
+void HttpServer::Client::skip_empty_lines()
+{
+    size_t length = 0;
+    while (in_.compare(length, 2, "\r\n") == 0) {
+        length += 2;
+    }
+    if (length > 0) {
+        in_.erase(0, length);
+        looked_at_ = 0;
+    }
+}
+
 // Answers the request in in_, if it is whole.
 void HttpServer::Client::process_head()
 {
-    if (looked_at_ == 0 && in_.starts_with("\r\n")) {
-        in_.erase(0, 2); // an empty line in front of a request is forgiven
-    }
+    skip_empty_lines();
     const HeadEnd end = find_head_end(in_, looked_at_);
     looked_at_ = in_.size();
     if (end.broken) {

@@ -118,6 +118,19 @@ TEST(MonHttp, a_head_may_come_byte_by_byte)
     EXPECT_EQ(client.answer().body, "ok\n");
 }
 
+TEST(MonHttp, empty_lines_in_front_of_a_request_may_come_in_pieces)
+{
+    const HttpSite site;
+    RawClient client(site.port());
+    for (const char* piece : {"\r", "\n\r\n\r", "\nGET /healthz HTTP/1.1\r\nHost: localhost\r\n\r\n"}) {
+        ASSERT_TRUE(client.send(piece));
+        RawClient next(site.port()); // it is answered when the piece has been read
+        next.get("/healthz");
+        ASSERT_EQ(next.answer().body, "ok\n");
+    }
+    EXPECT_EQ(client.answer().body, "ok\n");
+}
+
 TEST(MonHttp, requests_on_one_connection_are_answered_in_order)
 {
     const HttpSite site;
