@@ -33,6 +33,8 @@ import tomllib
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
 
+from coverage_check import places, read_lines
+
 EDGES_WANTED = 95.0
 LOG_LINES = "scripts/log_lines"
 
@@ -206,11 +208,6 @@ def without_functions(entry, source):
     return complaints
 
 
-def places(texts, lines):
-    """Where these lines follow each other, blanks aside; counted from 1."""
-    return [start + 1 for start in range(len(lines) - len(texts) + 1) if lines[start:start + len(texts)] == texts]
-
-
 def without_line(name, mark, number, source):
     """Takes out what a mark speaks of; what is wrong with it, or None."""
     missing, where = len(source.missing(number)), f"{name}:{number}"
@@ -295,11 +292,6 @@ def report(module, sources):
     if percent(*totals[0]) < EDGES_WANTED:
         return [f"{name}: {percent(*totals[0]):.1f} % of the edges are reached, {EDGES_WANTED:.0f} % are wanted"]
     return []
-
-
-def read_lines(file):
-    with open(file, encoding="utf-8") as source:
-        return source.read().split("\n")
 
 
 def unknown_targets():
