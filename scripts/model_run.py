@@ -17,6 +17,7 @@ import model_agent
 from model_agent import LEAVE, QUERY, REPORT_V1, REPORT_V2, REPORT_V3, Settings, dotted
 
 POOLS = [1, 2, 3, 8, 30, 64, 300, 1000, 5000]
+LIMIT_S = 600  # for a batch
 
 
 class Pair:
@@ -58,8 +59,11 @@ class Pair:
             given.seek(0)
             with subprocess.Popen(self.command(settings), stdin=given, stdout=got, stderr=subprocess.PIPE, text=True,
                                   errors="replace", env={**os.environ, "ZENT_FEATURES": settings.features()}) as child:
-                lines, log, end = self.model(settings, script)
-                complaint = child.communicate(timeout=600)[1]
+                try:
+                    lines, log, end = self.model(settings, script)
+                    complaint = child.communicate(timeout=LIMIT_S)[1]
+                finally:
+                    child.kill()  # one that does not end would be waited for
             got.seek(0)
             theirs = got.read().decode("ascii", "replace").splitlines(keepends=True)
         status = "abort" if child.returncode == -signal.SIGABRT else child.returncode
@@ -314,7 +318,11 @@ def batches(frames, seed):
 def compare_all(pair, frames, seed):
     start, lines, told, given, aborted, refused, batch = time.monotonic(), 0, 0, 0, 0, 0, 0
     for batch, settings, script in batches(frames, seed):
-        found, expected, log, end = pair.compare(settings, script)
+        try:
+            found, expected, log, end = pair.compare(settings, script)
+        except subprocess.TimeoutExpired:
+            print(f"model: seed {seed}, batch {batch}: the agent has not ended in {LIMIT_S} s")
+            return False
         lines += len(expected)
         told += len(log)
         given += sum(len(part) for _, part in script)
