@@ -21,7 +21,8 @@ reason. An entry is about whole functions, or about lines:
 A ">" marks a line that no input comes to, "1>" one that is run and of whose edges so many are never taken. Marks are
 found by their text, so that they survive changes elsewhere; lines around them tell them from others like them, and an
 empty line stands between one place and the next. An entry that is reached after all or whose text is gone is refused,
-and so is a module with less than EDGES_WANTED percent. Edges of a line of the log or of an assertion do not count
+and so is a module with less than EDGES_WANTED percent. What counts is what the module's targets reach together; where
+there are several, what each reaches alone is told besides. Edges of a line of the log or of an assertion do not count
 (scripts/log_lines)."""
 import argparse
 import json
@@ -181,15 +182,39 @@ def replay(build, target):
     return profile
 
 
-def measure(build, module, log_lines):
-    targets = MODULES[module].split()
-    merged = f"{build}/{targets[0]}.profdata"
-    profiles = [replay(build, target) for target in targets]
-    subprocess.run(["llvm-profdata-14", "merge", "-o", merged, *profiles], check=True)
+def replay_all(build):
+    """The profile of each target; some stand under more than one module."""
+    targets = sorted({target for targets in MODULES.values() for target in targets.split()})
+    with ThreadPoolExecutor(os.cpu_count()) as pool:
+        return dict(zip(targets, pool.map(lambda target: replay(build, target), targets)))
+
+
+def export_of(build, name, targets, profiles):
+    """What these targets have run, together."""
+    merged = f"{build}/{name}.profdata"
+    subprocess.run(["llvm-profdata-14", "merge", "-o", merged, *(profiles[target] for target in targets)], check=True)
     programs = [word for target in targets for word in ("-object", f"{build}/fuzz/{target}_fuzz")]
     told = subprocess.run(["llvm-cov-14", "export", *programs[1:], "-instr-profile", merged], check=True,
-                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
-    return read_export(json.loads(told), module.split(), log_lines)
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    sys.stderr.write(told.stderr.decode(errors="replace"))
+    return json.loads(told.stdout)
+
+
+@dataclass
+class Measured:
+    together: dict  # of each file of the module its Source
+    alone: dict     # the same of each target, where there are several
+
+
+def measure(build, module, profiles, log_lines):
+    targets, files = MODULES[module].split(), module.split()
+    name = files[0].replace("/", "_")
+
+    def sources(name, targets):
+        return read_export(export_of(build, name, targets, profiles), files, log_lines)
+
+    alone = {target: sources(f"{name}-{target}", [target]) for target in targets} if len(targets) > 1 else {}
+    return Measured(sources(name, targets), alone)
 
 
 # ---- the list ----
@@ -250,11 +275,20 @@ def apply_entry(entry, sources):
 # ---- the report ----
 
 
+def sides(source):
+    """The sides that some input can reach."""
+    return [(place, side) for place, counts in source.branches.items() for side, count in enumerate(counts)
+            if place[0] not in source.without and (count or place[0] not in source.partly)]
+
+
+def reached(places_and_sides, source):
+    return sum(source.branches.get(place, (0, 0))[side] > 0 for place, side in places_and_sides)
+
+
 def edges(source):
-    """The sides that some input can reach: how many, and how many of them are reached."""
-    sides = [count for place, counts in source.branches.items() for count in counts
-             if place[0] not in source.without and (count or place[0] not in source.partly)]
-    return len(sides), sum(count > 0 for count in sides)
+    """How many sides some input can reach, and how many of them are reached."""
+    wanted = sides(source)
+    return len(wanted), reached(wanted, source)
 
 
 def lines(source):
@@ -262,8 +296,8 @@ def lines(source):
     return len(counts), sum(count > 0 for count in counts)
 
 
-def percent(count, reached):
-    return 100.0 * reached / count if count else 100.0
+def percent(wanted, done):
+    return 100.0 * done / wanted if wanted else 0.0
 
 
 def show_missing(file, source):
@@ -283,12 +317,22 @@ def show_missing(file, source):
             print(f"{file}:{number}: not run: {source.text[number - 1].strip()}")
 
 
-def report(module, sources):
+def told_alone(measured):
+    """What each of several targets reaches of the same edges."""
+    wanted = {file: sides(source) for file, source in measured.together.items()}
+    total = sum(map(len, wanted.values()))
+    return ", ".join(f"{target} alone {percent(total, sum(reached(wanted[file], own[file]) for file in wanted)):.1f} %"
+                     for target, own in measured.alone.items())
+
+
+def report(module, measured):
     """Prints the line of a module; what is wrong with it."""
-    totals = [[sum(numbers) for numbers in zip(*map(kind, sources.values()))] for kind in (edges, lines)]
+    totals = [[sum(numbers) for numbers in zip(*map(kind, measured.together.values()))] for kind in (edges, lines)]
     cells = [f"{percent(*total):5.1f} % of {total[0]:4d} {name}" for total, name in zip(totals, ("edges", "lines"))]
     name = module.split()[0]
-    print(f"{name:22} {'  '.join(cells)}  ({', '.join(MODULES[module].split())})")
+    print(f"{name:22} {'  '.join(cells)}  ({told_alone(measured) or MODULES[module]})")
+    if totals[0][0] == 0:
+        return [f"{name}: has no edges, nothing of it was counted"]
     if percent(*totals[0]) < EDGES_WANTED:
         return [f"{name}: {percent(*totals[0]):.1f} % of the edges are reached, {EDGES_WANTED:.0f} % are wanted"]
     return []
@@ -307,15 +351,16 @@ def main():
     parser.add_argument("list")
     options = parser.parse_args()
     log_lines = re.compile(read_lines(LOG_LINES)[0])
+    profiles = replay_all(options.build)
     with ThreadPoolExecutor(os.cpu_count()) as pool:
-        measured = dict(zip(MODULES, pool.map(lambda module: measure(options.build, module, log_lines), MODULES)))
-    sources = {file: source for module in measured.values() for file, source in module.items()}
+        measured = dict(zip(MODULES, pool.map(lambda module: measure(options.build, module, profiles, log_lines), MODULES)))
+    sources = {file: source for module in measured.values() for file, source in module.together.items()}
     with open(options.list, "rb") as file:
         entries = tomllib.load(file).get("unreached", [])
     complaints = unknown_targets() + [complaint for entry in entries for complaint in apply_entry(entry, sources)]
     for module, own in measured.items():
         if options.missing:
-            for file, source in own.items():
+            for file, source in own.together.items():
                 show_missing(file, source)
         complaints += report(module, own)
     print("\n".join(complaints) or f"fuzz cover: {len(entries)} entries say what no input reaches")
