@@ -59,7 +59,11 @@ static int fetch(const char* url, const char* file, int timeout_ms)
         total = copy_body(fd, &uc, out);
     }
     usock_close(fd, &uc);
-    if (total >= 0 && fflush(out) == 0) {
+    if (total >= 0 && fflush(out) != 0) {
+        fprintf(stderr, "fetch: %s: %s\n", file != NULL ? file : "stdout", strerror(errno));
+        total = -1;
+    }
+    if (total >= 0) {
         fprintf(stderr, "fetch: %ld bytes\n", total);
     }
     if (file != NULL && fclose(out) != 0) {

@@ -65,6 +65,11 @@ static int load(const char* path)
         }
         *run_at((size_t)index) = r;
     }
+    if (ferror(fp)) {
+        fprintf(stderr, "index_query: %s: %s\n", path, strerror(errno));
+        fclose(fp);
+        return -1;
+    }
     fclose(fp);
     return 0;
 }
@@ -123,5 +128,9 @@ int main(int argc, char** argv)
         rc |= answer(argv[i]);
     }
     xvec_reset(&g_runs);
+    if (fflush(stdout) != 0 || ferror(stdout)) {
+        perror("index_query: stdout");
+        return 2;
+    }
     return rc;
 }

@@ -142,6 +142,17 @@ TEST(Fetch, fails_where_the_server_refuses_or_is_not_there)
     EXPECT_EQ(1, run_program({program("fetch"), "-o", "/nowhere/file", "http://127.0.0.1/"}).exit_code);
 }
 
+TEST(Fetch, fails_where_its_output_takes_nothing)
+{
+    support::ScriptedServer server("HTTP/1.0 200 OK\r\nContent-Length: 4\r\n\r\nbody");
+    Process fetch({"sh", "-c", "exec \"$@\" > /dev/full", "sh", program("fetch"),
+                   "http://127.0.0.1:" + std::to_string(server.port()) + "/"});
+    server.hang_up();
+    const ChildResult end = fetch.wait();
+    EXPECT_EQ(1, end.exit_code);
+    EXPECT_NE(std::string::npos, end.err.find("fetch: stdout: No space left on device")) << end.err;
+}
+
 TEST(McastReceive, joins_the_group_and_tells_of_datagrams)
 {
     if (const std::string why = support::netns_missing(); !why.empty()) {
@@ -215,6 +226,19 @@ TEST(IndexQuery, finds_runs_and_times_and_refuses_what_is_no_index)
     EXPECT_EQ(2, bad.exit_code);
     EXPECT_NE(std::string::npos, bad.err.find("line 2 is none of an index: nonsense")) << bad.err;
     EXPECT_EQ(2, run_program({program("index_query"), dir.path("none"), "0"}).exit_code);
+}
+
+TEST(IndexQuery, tells_what_it_could_not_read_or_write)
+{
+    const TempDir dir;
+    dir.write("idx", "0 3 100 10.000 12.000\n");
+    const ChildResult full = run_program(
+        {"sh", "-c", "exec \"$@\" > /dev/full", "sh", program("index_query"), dir.path("idx"), "0"});
+    EXPECT_EQ(2, full.exit_code);
+    EXPECT_NE(std::string::npos, full.err.find("stdout: No space left on device")) << full.err;
+    const ChildResult folder = run_program({program("index_query"), dir.path("."), "0"});
+    EXPECT_EQ(2, folder.exit_code);
+    EXPECT_NE(std::string::npos, folder.err.find("Is a directory")) << folder.err;
 }
 
 TEST(GuideDaemon, answers_rotates_and_stops_cleanly)
