@@ -3,6 +3,7 @@ fault."""
 import concurrent.futures
 import http.server
 import os
+import re
 import signal
 import socket
 import subprocess
@@ -75,6 +76,8 @@ LISTED = [
     ("setuid", "run_as_user_id", "agent.*", "without a reason", "util.h: no line is logged"),
     ("sigaction", ".*", ".*", "SIGTERM|its pid file|ends with -?1", "sigaction fails for no signal that is used"),
     ("fgets", ".*", "agent.*", "goes on with", "an error while the list is read counts as its end"),
+    ("fgets", ".*", "zentctl lint", "ends with 0",
+     "the agent's loader reads a copy in memory here, whose read cannot fail"),
     ("epoll_ctl", "rqs_rm_fd", ".*", "does not end|SIGKILL", "the kernel refuses only what was never added"),
     ("wait", ".*", ".*", "ends with|ends by itself", "a wait that fails otherwise than by a signal ends the loop"),
     ("wait", ".*", "agent.*", "goes on with", "libpcap waits on where poll is interrupted, for ever if it always is"),
@@ -201,11 +204,16 @@ def free_port(kind):
 
 
 class Tool(Program):
-    """A program that comes to its end by itself."""
+    """A program that comes to its end by itself. What it makes, on its standard output or in a file, is the same whenever
+    it ends with 0 as without faults."""
 
-    def __init__(self, name, binary, words, statuses, files=(), env=()):
+    unmarked = ("print", "fgets")  # faults.c leaves no mark on the stream, as the kernel's refusal would
+
+    def __init__(self, name, binary, words, statuses, files=(), env=(), result="out"):
         super().__init__(name, binary)
         self.words, self.statuses, self.files, self.env = words, statuses, dict(files), dict(env)
+        self.result = result
+        self.sound_status, self.made = None, None
 
     def environment(self, run):
         return self.env
@@ -223,6 +231,22 @@ class Tool(Program):
 
     def told(self, run):
         return run.text("err") + run.text("out")
+
+    def learn(self, run):
+        super().learn(run)
+        self.sound_status, self.made = run.status.get(run.first), self.made_by(run)
+
+    def made_by(self, run):
+        """What it made, without the numbers of processes."""
+        return re.sub(r"\bprocess \d+", "process", run.text(self.result))
+
+    def judge_own(self, run):
+        if run.status.get(run.first) != 0 or (run.fault.kind in self.unmarked and not run.fault.on):
+            return []
+        if self.sound_status != 0:
+            return [f"ends with 0, and with {self.sound_status} without faults"]
+        made = self.made_by(run)
+        return [] if made == self.made else [f"ends with 0, and has made: {made[-300:]!r}"]
 
 
 class Querier(Tool):
@@ -447,7 +471,9 @@ def examples(build, world):
                   socket.SOCK_DGRAM)
     yield Tool("fd_pass", at("fd_pass"), ["file"], (0, 1, 2), {"file": "first\n"})
     yield Tool("index_query", at("index_query"), ["index", "500"], (0, 1, 2), {"index": "0 10 100 1.0 2.0\n"})
-    yield Tool("fetch", at("fetch"), ["-o", "body", f"http://127.0.0.1:{world.web.server_port}/"], (0, 1, 2))
+    yield Tool("fetch to stdout", at("fetch"), [f"http://127.0.0.1:{world.web.server_port}/"], (0, 1, 2))
+    yield Tool("fetch", at("fetch"), ["-o", "body", f"http://127.0.0.1:{world.web.server_port}/"], (0, 1, 2),
+               result="body")
 
 
 def programs(build, world, quick):
