@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""coverage_check.py [--branches] REPORT LIST: holds a report of gcovr (--json) against the list of lines that no test runs.
+"""coverage_check.py [--branches] [--log LOG] REPORT LIST: holds a report of gcovr (--json) against the list of lines that
+no test runs. coverage_check.py --list LIST looks whether each line of the list stands in its source, without counts.
 
 An entry of the list: file, reason, and lines as they stand in the source, a ">" in front of each that is not run:
 
@@ -11,14 +12,21 @@ An entry of the list: file, reason, and lines as they stand in the source, a ">"
     >   return -1;
     '''
 
-It is found by its text, so that it survives changes elsewhere; lines around it tell it from others like it."""
+It is found by its text, so that it survives changes elsewhere; lines around it tell it from others like it.
+
+LOG is what gcovr told. It leaves out what it cannot read; that is refused, unless the count is negative: a process that is
+killed while it writes its counters leaves such a count now and then."""
 import argparse
 import json
+import re
 import sys
 import tomllib
 
 LINES_WANTED = 99.0
 BRANCHES_WANTED = 90.0
+
+UNREADABLE = re.compile(r"Unrecognized GCOV output for (\S+)\n(.*?)\n\tThis is indicative", re.S)
+NEGATIVE = re.compile(r"-\d+\*?:\s*\d+:|(branch|unconditional)\s+\d+ taken -\d|call\s+\d+ returned -\d|function .* (called|returned) -\d")
 
 
 def load(path):
@@ -34,8 +42,8 @@ def places(texts, source):
     return [start + 1 for start in range(len(source) - len(texts) + 1) if source[start:start + len(texts)] == texts]
 
 
-def check_entry(entry, counts, source):
-    """The numbers of the lines that an entry speaks for, and what is wrong with it."""
+def find_entry(entry, source):
+    """The numbers of the lines that an entry speaks for, or what is wrong with it."""
     shown = [line.strip() for line in entry["lines"].strip("\n").split("\n")]
     texts = [line.removeprefix(">").strip() for line in shown]
     found = places(texts, source)
@@ -46,11 +54,41 @@ def check_entry(entry, counts, source):
         return set(), [f"{name}: marks no line"]
     if len(found) != 1:
         return set(), [f"{name}: stands {len(found)} times in the source: " + ("show more of it" if found else "it is gone")]
-    marked = {found[0] + at for at, line in enumerate(shown) if line.startswith(">")}
-    wrong = [f"{entry['file']}:{number}: is run: {source[number - 1]}" if counts.get(number, (0,))[0] else
-             f"{entry['file']}:{number}: is no code: {source[number - 1]}" for number in sorted(marked)
-             if counts.get(number, (1,))[0] or number not in counts]
+    return {found[0] + at for at, line in enumerate(shown) if line.startswith(">")}, []
+
+
+def check_entry(entry, counts, source):
+    """The same, where the lines have counts."""
+    marked, wrong = find_entry(entry, source)
+    wrong += [f"{entry['file']}:{number}: is run: {source[number - 1]}" if counts.get(number, (0,))[0] else
+              f"{entry['file']}:{number}: is no code: {source[number - 1]}" for number in sorted(marked)
+              if counts.get(number, (1,))[0] or number not in counts]
     return marked, wrong
+
+
+def check_texts(entries, read):
+    """All complaints about entries whose lines have no counts."""
+    complaints = []
+    for entry in entries:
+        try:
+            source = [line.strip() for line in read(entry["file"])]
+        except FileNotFoundError:
+            complaints.append(f"{entry['file']}: there is no such file")
+            continue
+        complaints += find_entry(entry, source)[1]
+    return complaints
+
+
+def check_log(text):
+    """What gcovr could not read: complaints, and how many lines have a negative count."""
+    complaints, negative = [], 0
+    for file, lines in UNREADABLE.findall(text):
+        for line in lines.split("\n"):
+            if NEGATIVE.match(line.strip()):
+                negative += 1
+            else:
+                complaints.append(f"{file}: gcovr cannot read: {line.strip()}")
+    return complaints, negative
 
 
 def check(report, entries, read):
@@ -86,23 +124,41 @@ def show_branches(report, read):
                 print(f"{file}:{number}: {branches.count(0)} of {len(branches)}: {source[number - 1].strip()}")
 
 
+def read_text(file):
+    with open(file, encoding="utf-8", errors="replace") as source:
+        return source.read()
+
+
 def read_lines(file):
     with open(file, encoding="utf-8") as source:
         return source.read().split("\n")
 
 
+def only_texts(entries):
+    complaints = check_texts(entries, read_lines)
+    print("\n".join(complaints) or f"coverage: {len(entries)} entries of the list stand in their sources")
+    return 1 if complaints else 0
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--branches", action="store_true")
-    parser.add_argument("report")
-    parser.add_argument("list")
+    parser.add_argument("--list", action="store_true")
+    parser.add_argument("--log")
+    parser.add_argument("files", nargs="+")
     options = parser.parse_args()
-    report = load(options.report)
+    with open(options.files[-1], "rb") as file:
+        entries = tomllib.load(file).get("uncovered", [])
+    if options.list:
+        return only_texts(entries)
+    report = load(options.files[0])
     if options.branches:
         show_branches(report, read_lines)
-    with open(options.list, "rb") as file:
-        entries = tomllib.load(file).get("uncovered", [])
     complaints = check(report, entries, read_lines)
+    if options.log:
+        wrong, negative = check_log(read_text(options.log))
+        complaints += wrong
+        print(f"counts that are negative, and left out: {negative}")
     for (count, run), name, wanted in zip(totals(report), ("lines", "branches"), (LINES_WANTED, BRANCHES_WANTED)):
         percent = 100.0 * run / count if count else 0.0
         print(f"{name}: {run} of {count}, {percent:.2f} %")

@@ -54,14 +54,25 @@ def report(counts, branches):
     return {"files": [{"file": "lib/a.cpp", "lines": lines}, {"file": "agent/b.cpp", "lines": more}]}
 
 
-def run(folder, entries, counts, branches):
+# What gcovr tells of lines that it cannot read.
+LOG = """\
+(WARNING) Unrecognized GCOV output for lib/a.cpp
+\t          -3:   12:    if (fd > 9)
+\t  branch  1 taken -2 (fallthrough){more}
+\tThis is indicative of a gcov output parse error.
+(WARNING) Exception during parsing:
+"""
+
+
+def run(folder, entries, counts, branches, *options):
     for name, text in (("lib/a.cpp", SOURCE), ("agent/b.cpp", "\n" * 400),
                        ("report.json", json.dumps(report(counts, branches))),
                        ("list.toml", "".join(f'[[uncovered]]\nfile = "{file}"\nreason = "{reason}"\nlines = \'\'\'\n{lines}\'\'\'\n'
                                              for file, reason, lines in entries))):
         (folder / name).parent.mkdir(exist_ok=True)
         (folder / name).write_text(text)
-    return subprocess.run([sys.executable, CHECK, "report.json", "list.toml"], cwd=folder, text=True, capture_output=True)
+    files = ["list.toml"] if "--list" in options else ["report.json", "list.toml"]
+    return subprocess.run([sys.executable, CHECK, *options, *files], cwd=folder, text=True, capture_output=True)
 
 
 def expect(name, result, told):
@@ -76,4 +87,18 @@ with tempfile.TemporaryDirectory() as directory:
     expect("too few branches", run(tree, [FIRST, SECOND], COUNTS, [1] * 8 + [0] * 2), "branches: 80.00 % are run, 90 % are wanted")
     none = {number: 0 for number in COUNTS}
     expect("too few lines", run(tree, [FIRST, SECOND], none, [1, 1]), "lines: 98.28 % are run, 99 % are wanted")
-print(f"{len(CASES) + 2} cases")
+
+    (tree / "log.txt").write_text(LOG.format(more=""))
+    negative = run(tree, [FIRST, SECOND], COUNTS, [1, 1], "--log", "log.txt")
+    expect("negative counts", negative, "")
+    if "left out: 2\n" not in negative.stdout:
+        sys.exit(f"negative counts are not told:\n{negative.stdout}")
+    (tree / "log.txt").write_text(LOG.format(more="\n\t  branch  1 taken often"))
+    expect("a line that cannot be read", run(tree, [FIRST, SECOND], COUNTS, [1, 1], "--log", "log.txt"),
+           "lib/a.cpp: gcovr cannot read: branch  1 taken often")
+
+    expect("the texts alone", run(tree, [FIRST], none, [1, 1], "--list"), "")
+    for case, says in (("the text is gone", "stands 0 times"), ("the text stands twice", "stands 2 times"),
+                       ("no reason", "has no reason"), ("an unknown file", "lib/b.cpp: there is no such file")):
+        expect(f"{case}, alone", run(tree, CASES[case][0], none, [1, 1], "--list"), says)
+print(f"{len(CASES) + 9} cases")
