@@ -743,7 +743,9 @@ int finish(Attempt& attempt, const struct socket_spec* spec, struct ifc_info** i
     attempt.mifc.reset();
     log_dbg("%s: %s %s socket fd=[%d]\n", kOpenSocket, spec->passive != 0 ? "SERVER" : "CLIENT",
             spec->multicast != 0 ? "multicast" : "unicast", attempt.socket.get());
-    errno = attempt.status;
+    if (attempt.status == EINPROGRESS) {
+        errno = EINPROGRESS;
+    }
     return attempt.socket.release();
 }
 
