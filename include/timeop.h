@@ -59,8 +59,8 @@ void calc_timespan(const struct timespec* from, const struct timespec* till, str
 /*
  * mk_timestr: the time text of a log line, by the f_ flags of log.h, with the local zone's name behind a
  * blank. Returns its length; -1 if the buffer is too small or the time cannot be broken down (told on
- * stderr); -35 (the negated EDEADLK) if it was called from a signal handler that interrupted a conversion. A
- * length equal to buflen is a text cut by one. No allocation.
+ * stderr); -35 (the negated EDEADLK) in a signal handler that interrupted a conversion or, where the minute
+ * is not the last text's, a line to syslog. A length equal to buflen is a text cut by one. No allocation.
  */
 ssize_t mk_timestr(const struct timespec* tms, const uint32_t flags, char* buf, size_t buflen);
 
