@@ -134,6 +134,7 @@ TEST_F(DaemonExit, a_user_with_the_right_to_capture_alone_runs_in_the_foreground
     Process zent = run({"setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", "--inh-caps",
                         "-all,+net_raw", "--ambient-caps", "-all,+net_raw", "--bounding-set", "-all,+net_raw",
                         binary(), "-i", "va", "-l", "/dev/null", "-L", "norm"});
+    ASSERT_TRUE(wait_for_capture(zent.pid()));
     SegmentHost host(segment());
     host.use_igmp(2);
     host.join("239.1.2.3");

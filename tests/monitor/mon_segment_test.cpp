@@ -15,8 +15,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "child.h"
-#include "netns.h"
+#include "agent_run.h"
 #include "paths.h"
 #include "privns.h"
 #include "tempdir.h"
@@ -45,6 +44,8 @@ class Segment {
         inside("ip link set lo up");
         inside("ip addr add 10.9." + number_ + ".2/24 dev r");
         inside("ip link set r up");
+        await_link("m" + number_);
+        in([] { await_link("r"); });
         inside("sysctl -qw net.ipv4.igmp_max_memberships=5000");
         add_wire("host", "tap", "10.1." + number_);
     }
@@ -69,6 +70,10 @@ class Segment {
         inside("ip addr add 10.10" + address.substr(3) + ".1/24 dev " + agent); // the agent wants one
         inside("ip link set " + host + " up");
         inside("ip link set " + agent + " up");
+        in([&] {
+            await_link(host);
+            await_link(agent);
+        });
     }
 
     // An agent that reports to the receiver, when it captures. Without the feature exact it may tell of a
@@ -79,11 +84,7 @@ class Segment {
         Process process({"ip", "netns", "exec", name_, "env", "ZENT_FEATURES=exact,immediate", zent_path(),
                          "-T", "-i", interface, "-R", "10.9." + number_ + ".1:4554", "-g", "239.0.0.0", "-l",
                          log, "-L", "info"});
-        EXPECT_TRUE(wait_until([&] {
-            std::ifstream in(log);
-            const std::string text{std::istreambuf_iterator<char>(in), {}};
-            return text.find("is running as") != std::string::npos;
-        })) << process.err();
+        EXPECT_TRUE(wait_for_file(log, "is running as")) << process.err(); // and captures
         return process;
     }
 

@@ -4,11 +4,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
+#include <set>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -34,15 +36,29 @@ ip_mreqn membership(const std::string& group)
     return request;
 }
 
-// Whether a packet socket is bound where the process is; in its kind, column 4, an unbound one has 0000.
+// "socket:[INODE]" of each socket of a process, among its other files.
+std::set<std::string> files_of(pid_t pid)
+{
+    std::set<std::string> files;
+    std::error_code failure; // a process that ends meanwhile has none
+    const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd", failure);
+    for (const auto& entry : all) {
+        files.insert(std::filesystem::read_symlink(entry.path(), failure).string());
+    }
+    return files;
+}
+
+// Whether a process has a packet socket that is bound; in its kind, column 4, an unbound one has 0000.
 bool has_bound_packet_socket(pid_t pid)
 {
+    const std::set<std::string> files = files_of(pid);
     std::istringstream sockets(read_file("/proc/" + std::to_string(pid) + "/net/packet"));
     for (std::string line; std::getline(sockets, line);) {
         std::istringstream fields(line);
-        std::string address, references, type, protocol;
-        fields >> address >> references >> type >> protocol;
-        if (protocol == "0003") { // ETH_P_ALL
+        std::string address, references, type, protocol, interface, running, memory, user, inode;
+        fields >> address >> references >> type >> protocol >> interface >> running >> memory >> user >>
+            inode;
+        if (protocol == "0003" && files.contains("socket:[" + inode + "]")) { // ETH_P_ALL
             return true;
         }
     }

@@ -78,10 +78,10 @@ void bring_up(const char* name, int host)
 
 // Whether the kernel is through with the news that both ends are up. It may put them off for a second; asked
 // for the state of the link it attends to them first.
-bool is_running(const char* name)
+bool is_running(const std::string& name)
 {
     ifreq request = {};
-    strncpy(request.ifr_name, name, sizeof request.ifr_name - 1);
+    strncpy(request.ifr_name, name.c_str(), sizeof request.ifr_name - 1);
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ethtool_value link = {};
     link.cmd = ETHTOOL_GLINK;
@@ -90,15 +90,6 @@ bool is_running(const char* name)
     const bool known = ioctl(fd, SIOCGIFFLAGS, &request) == 0;
     close(fd);
     return known && (request.ifr_flags & IFF_RUNNING) != 0;
-}
-
-// What is sent through an end that is not running yet is dropped.
-void await_link(const char* name)
-{
-    if (!wait_until([&] { return is_running(name); })) {
-        fprintf(stderr, "the link of %s does not come up\n", name);
-        abort();
-    }
 }
 
 void enter(int fd)
@@ -129,6 +120,14 @@ std::string netns_missing()
     int status = -1;
     waitpid(pid, &status, 0);
     return status == 0 ? "" : "network namespaces are not allowed here";
+}
+
+void await_link(const std::string& name)
+{
+    if (!wait_until([&] { return is_running(name); })) {
+        fprintf(stderr, "the link of %s does not come up\n", name.c_str());
+        abort();
+    }
 }
 
 NetnsPair::NetnsPair()

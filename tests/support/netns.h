@@ -44,6 +44,10 @@ auto inside(const NetnsPair& pair, void (NetnsPair::*enter)() const, Body body)
     return body();
 }
 
+// Waits until an interface of the current namespace is running: what is sent through it before is dropped.
+// Aborts the test if it does not come up.
+void await_link(const std::string& name);
+
 // Runs a command of iproute2 or any other program in the current namespace; aborts the test if it fails.
 void must_run(const std::string& command);
 

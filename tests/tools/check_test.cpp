@@ -125,12 +125,7 @@ class CheckTest : public SegmentTest {
     {
         args.insert(args.begin(), {zent_path(), "-T", "-i", "va", "-l", "/dev/null"});
         Process process = start_in_a(segment(), args);
-        EXPECT_TRUE(wait_until([&] {
-            return inside(segment(), &NetnsPair::enter_a, [] {
-                const std::string sockets = read_file("/proc/thread-self/net/packet");
-                return std::count(sockets.begin(), sockets.end(), '\n') >= 2;
-            });
-        }));
+        EXPECT_TRUE(wait_for_capture(process.pid()));
         return process;
     }
 

@@ -213,8 +213,7 @@ TEST_F(QueryTest, is_quiet_where_a_bridge_has_the_lower_address)
     EXPECT_TRUE(querier.wait_for_out("quiet: 10.0.0.2 queries and has the lower address\n")) << querier.out();
     ASSERT_NE(ear.next(0x11, "10.0.0.2"), ""); // the bridge goes on
     in_b("ip link set br0 type bridge mcast_querier 0");
-    EXPECT_TRUE(
-        querier.wait_for_out("querier again: nothing was heard of 10.0.0.2\n", std::chrono::seconds(90)));
+    EXPECT_TRUE(querier.wait_for_out("querier again: nothing was heard of 10.0.0.2\n"));
     EXPECT_NE(ear.next(0x11, "10.0.0.9"), "");
 }
 
@@ -320,12 +319,7 @@ void expect_groups_after_one_query(const NetnsPair& pair, const std::string& fea
     const auto start = std::chrono::steady_clock::now();
     Process agent = start_in_a(pair, {"env", "ZENT_FEATURES=" + features, zent_path(), "-T", "-i", "va", "-g",
                                       "224.0.1.0", "-l", "/dev/null"});
-    ASSERT_TRUE(wait_until([&] {
-        return inside(pair, &NetnsPair::enter_a, [] {
-            const std::string sockets = read_file("/proc/thread-self/net/packet");
-            return std::count(sockets.begin(), sockets.end(), '\n') >= 2;
-        });
-    }));
+    ASSERT_TRUE(wait_for_capture(agent.pid()));
     Process query = start_in_a(pair, zentctl_command({"query", "va", "--once"}));
     EXPECT_TRUE(agent.wait_for_out("JOIN UDP://239.1.2.3\n"));
     EXPECT_TRUE(agent.wait_for_out("JOIN UDP://239.1.2.4\n"));
