@@ -146,8 +146,7 @@ TEST_F(DaemonPidFile, kept_without_a_relay_the_lines_end_in_it)
     host.join("239.1.2.3");
     const std::string expected = std::to_string(daemon.pid()) + "JOIN UDP://239.1.2.3\n";
     EXPECT_TRUE(wait_until([&] { return read_file(path("pid")) == expected; })) << read_file(path("pid"));
-    EXPECT_NE(log().find("(NRM)  relay_msg: 21 bytes output: JOIN UDP://239.1.2.3\n"), std::string::npos)
-        << log();
+    EXPECT_TRUE(wait_for_log("(NRM)  relay_msg: 21 bytes output: JOIN UDP://239.1.2.3\n")) << log();
 }
 
 TEST_F(DaemonPidFile, kept_in_the_foreground_is_not_made_but_removed_at_the_end)
