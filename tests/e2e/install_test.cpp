@@ -57,7 +57,7 @@ class Install : public testing::Test {
     {
         const std::vector<std::string> command{"env", "DESTDIR=" + root_.path(), "cmake", "--install",
                                                build_path()};
-        const ChildResult result = run_program(command, std::chrono::seconds(60));
+        const ChildResult result = run_program(command);
         ASSERT_EQ(result.exit_code, 0) << result.out << result.err;
         prefix_ = root_.path() + cached("CMAKE_INSTALL_PREFIX");
         for (const fs::path& path : fs::recursive_directory_iterator(prefix_)) {
@@ -76,7 +76,7 @@ class Install : public testing::Test {
 
     static void must_do(const std::vector<std::string>& command)
     {
-        const ChildResult result = run_program(command, std::chrono::seconds(100));
+        const ChildResult result = run_program(command);
         ASSERT_EQ(result.exit_code, 0) << command[0] << ":\n" << result.out << result.err;
     }
 
@@ -109,6 +109,18 @@ class Install : public testing::Test {
     fs::path libdir_;
     fs::path work_;
 };
+
+TEST(Build, goes_without_tests_where_googletest_is_missing)
+{
+    const support::TempDir dir;
+    const ChildResult result = run_program({"cmake", "-S", source_path(""), "-B", dir.path("build"), "-G",
+                                            "Ninja", "-Wno-dev", "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON"});
+    ASSERT_EQ(result.exit_code, 0) << result.err;
+    EXPECT_NE(result.err.find("GoogleTest is not installed (libgtest-dev): the tests are left out."),
+              std::string::npos)
+        << result.err;
+    EXPECT_EQ(read_file(dir.path("build/build.ninja")).find("install_test"), std::string::npos);
+}
 
 TEST_F(Install, has_the_agent_its_page_its_unit_and_its_logrotate_settings)
 {
@@ -220,8 +232,7 @@ TEST_F(Install, the_examples_build_by_make_where_they_lie)
     const std::string pkg_config = "PKG_CONFIG=env PKG_CONFIG_LIBDIR=" + (libdir_ / "pkgconfig").string() +
                                    " PKG_CONFIG_SYSROOT_DIR=" + root_.path() + " pkg-config";
     const ChildResult made = run_program({"env", "-i", "PATH=/usr/bin:/bin", "make", "-C", examples,
-                                          pkg_config, "CFLAGS=-O0 -g", "CXXFLAGS=-O0 -g"},
-                                         std::chrono::seconds(100));
+                                          pkg_config, "CFLAGS=-O0 -g", "CXXFLAGS=-O0 -g"});
     ASSERT_EQ(made.exit_code, 0) << made.out << made.err;
     for (const std::string& of_the_build : {source_path(""), build_path(""), std::string("ccache")}) {
         EXPECT_EQ(made.out.find(of_the_build), std::string::npos) << made.out;
