@@ -38,7 +38,7 @@ class Relay {
                 request.imr_ifindex = static_cast<int>(if_nametoindex("vb"));
                 EXPECT_EQ(setsockopt(fd_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request), 0);
             }
-            const timeval limit{15, 0};
+            const timeval limit{support::kLimit.count(), 0};
             setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
             return 0;
         });

@@ -55,7 +55,7 @@ class EchoServer : public testing::Test {
         while (text.size() < count) {
             pollfd p = {fd.get(), POLLIN, 0};
             char buf[65536];
-            if (poll(&p, 1, 30'000) != 1) {
+            if (poll(&p, 1, 120'000) != 1) {
                 break;
             }
             const ssize_t n = read(fd.get(), buf, std::min(sizeof buf, count - text.size()));
@@ -72,7 +72,7 @@ class EchoServer : public testing::Test {
     {
         pollfd p = {fd.get(), POLLIN, 0};
         char c = 0;
-        return poll(&p, 1, 30'000) == 1 && read(fd.get(), &c, 1) <= 0;
+        return poll(&p, 1, 120'000) == 1 && read(fd.get(), &c, 1) <= 0;
     }
 
     support::FdGuard guard_;

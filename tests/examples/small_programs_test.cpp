@@ -34,7 +34,7 @@ class Client {
     {
         const sockaddr_in to = support::loopback(port);
         EXPECT_EQ(connect(fd_, reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
-        const timeval limit = {60, 0};
+        const timeval limit = {support::kLimit.count(), 0};
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     }
 

@@ -162,7 +162,7 @@ std::string closed_port()
 bool readable(int fd)
 {
     pollfd wait{fd, POLLIN, 0};
-    return poll(&wait, 1, 20000) == 1;
+    return poll(&wait, 1, 120'000) == 1;
 }
 
 std::string receive(int fd)
@@ -461,7 +461,7 @@ TEST_F(NetopsClient, non_blocking_stream_is_in_progress_and_then_works)
     EXPECT_TRUE(has_line(log, format("(DBG)  setup_client: non-blocking CONNECT on fd%d", opened.fd)));
     EXPECT_TRUE(has_line(log, format("(INF)  setup_client: ASYNC CONNECT [fd%d]", opened.fd)));
     pollfd wait{opened.fd, POLLOUT, 0};
-    ASSERT_EQ(poll(&wait, 1, 20000), 1);
+    ASSERT_EQ(poll(&wait, 1, 120'000), 1);
     EXPECT_EQ(socket_error(opened.fd), 0);
 }
 
@@ -477,7 +477,7 @@ TEST_F(NetopsClient, non_blocking_stream_that_fails_later_tells_by_socket_error)
     ASSERT_GE(opened.open("127.0.0.1", "4003"), 0);
     EXPECT_EQ(opened.spec.async_connect, 1U);
     pollfd wait{opened.fd, POLLOUT, 0};
-    ASSERT_EQ(poll(&wait, 1, 20000), 1);
+    ASSERT_EQ(poll(&wait, 1, 120'000), 1);
     EXPECT_EQ(socket_error(opened.fd), ECONNREFUSED);
     EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_EQ(log.lines(),

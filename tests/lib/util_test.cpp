@@ -43,7 +43,7 @@ class Receiver {
         EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
         EXPECT_EQ(getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &length), 0);
         port_ = std::to_string(ntohs(addr.sin_port));
-        const timeval limit{30, 0};
+        const timeval limit{support::kLimit.count(), 0};
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     }
 

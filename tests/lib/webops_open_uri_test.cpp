@@ -62,7 +62,7 @@ struct Local {
 bool is_ready(int fd, short events)
 {
     pollfd entry{fd, events, 0};
-    return poll(&entry, 1, 30000) == 1;
+    return poll(&entry, 1, 120'000) == 1;
 }
 
 std::string proc_net(const char* name)

@@ -268,7 +268,7 @@ TEST_F(WebCanned, curl_understands_each)
     const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/";
     for (const Canned& c : kCanned) {
         for (const char* option : {"-i", "-I"}) {
-            support::Process curl({"/usr/bin/curl", "-s", "-S", "--noproxy", "*", "--max-time", "30", option,
+            support::Process curl({"/usr/bin/curl", "-s", "-S", "--noproxy", "*", "--max-time", "120", option,
                                    url + std::to_string(c.code)});
             const int fd = accept(listener, nullptr, nullptr);
             ASSERT_GE(fd, 0);

@@ -74,7 +74,7 @@ struct Local {
     {
         char block[256];
         pollfd entry{fd, POLLIN, 0};
-        EXPECT_EQ(poll(&entry, 1, 30000), 1);
+        EXPECT_EQ(poll(&entry, 1, 120'000), 1);
         const ssize_t n = recv(fd, block, sizeof block, 0);
         return n < 0 ? "failed" : std::string(block, static_cast<size_t>(n));
     }
@@ -87,7 +87,7 @@ std::string received(int fd)
 {
     char block[256];
     pollfd entry{fd, POLLIN, 0};
-    EXPECT_EQ(poll(&entry, 1, 30000), 1);
+    EXPECT_EQ(poll(&entry, 1, 120'000), 1);
     const ssize_t n = recv(fd, block, sizeof block, 0);
     return n < 0 ? "failed" : std::string(block, static_cast<size_t>(n));
 }
@@ -336,7 +336,7 @@ TEST_F(Wopen, a_tcp_url_may_connect_without_blocking)
     EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
     EXPECT_EQ(uc.sspec.async_connect, 1U);
     pollfd entry{fd, POLLOUT, 0};
-    EXPECT_EQ(poll(&entry, 1, 30000), 1);
+    EXPECT_EQ(poll(&entry, 1, 120'000), 1);
     close(accept(server.fd, nullptr, nullptr));
     usock_close(fd, &uc);
 }

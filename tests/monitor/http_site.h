@@ -280,7 +280,7 @@ class RawClient {
     void end_of_requests() { shutdown(fd_, SHUT_WR); }
 
     // Reads some more into the buffer. False at the end, or when the limit has passed.
-    bool read_some(int limit_ms = 30'000)
+    bool read_some(int limit_ms = 120'000)
     {
         struct pollfd p = {fd_, POLLIN, 0};
         if (poll(&p, 1, limit_ms) != 1) {

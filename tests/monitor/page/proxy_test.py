@@ -56,7 +56,7 @@ def make_files(config, folder, port, zentmon):
 
 
 def curl(*arguments):
-    done = subprocess.run(["curl", "-sk", "--max-time", "60", *arguments], capture_output=True, text=True, check=False)
+    done = subprocess.run(["curl", "-sk", "--max-time", "180", *arguments], capture_output=True, text=True, check=False)
     return done.stdout
 
 
@@ -78,7 +78,7 @@ def answers_come_through(base, zentmon):
 
 def an_event_comes_through_at_once(base, zentmon):
     since = zentmon.json("groups.json?limit=0")["last_id"]
-    stream = subprocess.Popen(["curl", "-skN", "--max-time", "60", "-u", f"{USER}:{PASSWORD}",
+    stream = subprocess.Popen(["curl", "-skN", "--max-time", "180", "-u", f"{USER}:{PASSWORD}",
                                f"{base}events?since={since}"], stdout=subprocess.PIPE, text=True)
     try:
         assert stream.stdout.readline() == "retry: 1000\n"

@@ -11,7 +11,7 @@ import time
 import urllib.request
 
 
-def wait_for(condition, what, limit=60):
+def wait_for(condition, what, limit=180):
     """Waits until condition() is true; its result."""
     end = time.monotonic() + limit
     while time.monotonic() < end:
@@ -63,7 +63,7 @@ class Zentmon:
 
     def stop(self):
         self.process.terminate()
-        assert self.process.wait(30) == 0
+        assert self.process.wait(180) == 0
 
     def close(self):
         for agent in self.sockets.values():
@@ -84,7 +84,7 @@ class Zentmon:
         return f"http://127.0.0.1:{self.http_port}/"
 
     def get(self, path):
-        with urllib.request.urlopen(self.url + path, timeout=30) as answer:
+        with urllib.request.urlopen(self.url + path, timeout=180) as answer:
             return answer.read()
 
     def json(self, path):
