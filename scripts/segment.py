@@ -1,6 +1,7 @@
 """A private segment for scripts that show or measure the agent: the network namespace that they run in, a second one
 with a host in it, and a veth pair between the two. Run the script by "unshare -n"; nothing is left behind."""
 import ctypes
+import errno
 import os
 import socket
 import struct
@@ -117,10 +118,14 @@ class _Part(ctypes.Structure):
     _fields_ = [("base", ctypes.c_char_p), ("length", ctypes.c_size_t)]
 
 
-class _Message(ctypes.Structure):
+class _Head(ctypes.Structure):
     _fields_ = [("name", ctypes.c_void_p), ("name_length", ctypes.c_uint32), ("parts", ctypes.POINTER(_Part)),
                 ("part_count", ctypes.c_size_t), ("control", ctypes.c_void_p), ("control_length", ctypes.c_size_t),
-                ("flags", ctypes.c_int), ("sent", ctypes.c_uint)]
+                ("flags", ctypes.c_int)]
+
+
+class _Message(ctypes.Structure):
+    _fields_ = [("head", _Head), ("sent", ctypes.c_uint)]  # the head's own padding lies between the two
 
 
 class Frames:
@@ -132,15 +137,18 @@ class Frames:
         self.messages = (_Message * self.count)()
         size = ctypes.sizeof(_Part)
         for n, one in enumerate(self.messages):
-            one.parts = ctypes.cast(ctypes.addressof(self.parts) + n * size, ctypes.POINTER(_Part))
-            one.part_count = 1
+            one.head.parts = ctypes.cast(ctypes.addressof(self.parts) + n * size, ctypes.POINTER(_Part))
+            one.head.part_count = 1
 
     def send(self, link, first=0, count=None):
         """Sends so many of them, from the first one on; what finds no room is tried again."""
         end = self.count if count is None else first + count
         while first < end:
             at = ctypes.byref(self.messages, first * ctypes.sizeof(_Message))
-            first += max(LIBC.sendmmsg(link.fileno(), at, min(end - first, 256), 0), 0)
+            sent = LIBC.sendmmsg(link.fileno(), at, min(end - first, 256), 0)
+            if sent < 0 and ctypes.get_errno() not in (errno.EAGAIN, errno.EINTR, errno.ENOBUFS):
+                raise OSError(ctypes.get_errno(), "sendmmsg")
+            first += max(sent, 0)
 
 
 def open_link(name):
