@@ -8,10 +8,12 @@
  *   FAULTS_REPORT  file for what is to be known afterwards, a line each:
  *
  *     hit PID CALL OBJECT OFFSET   a call failed; the return address, in its object
+ *     within OBJECT:OFFSET ...     after one of the first hits: its return addresses, as of "stack"
  *     stack KIND CALL OBJECT:OFFSET ...
  *                                  where FAULTS_KIND is "sites": a call, and its return addresses from within
  *                                  outwards, without those of the system's libraries; each such line once
  *     child PID CHILD              a fork
+ *     signal SIGNO                 sigaction failed for that signal
  *     waits PID                    the first call that waits for packets or events
  *     call KIND                    a call that did not fail, where FAULTS_KIND is "count"
  *     end PID FD TARGET            a descriptor that is open at the exit
@@ -47,6 +49,7 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/sendfile.h>
@@ -134,11 +137,9 @@ static _Unwind_Reason_Code take_frame(struct _Unwind_Context* context, void* arg
     return _URC_NO_REASON;
 }
 
-/* The kind of a call, its name and the innermost of its return addresses: what makes its site. */
-static void write_stack(char* line, size_t room, const char* kind, const char* call,
-                        const struct stack* stack)
+/* The innermost of the return addresses, behind what stands there. */
+static void write_frames(char* line, size_t room, size_t used, const struct stack* stack)
 {
-    size_t used = (size_t)snprintf(line, room, "stack %s %s", kind, call);
     for (size_t i = 0; i < stack->count && used + ADDRESS_ROOM < room; ++i) {
         Dl_info info = {0};
         if (dladdr(stack->frames[i], &info) != 0 && is_ours(info.dli_fname)) {
@@ -147,6 +148,13 @@ static void write_stack(char* line, size_t room, const char* kind, const char* c
         }
     }
     snprintf(line + used, room - used, "\n");
+}
+
+/* The kind of a call, its name and the innermost of its return addresses: what makes its site. */
+static void write_stack(char* line, size_t room, const char* kind, const char* call,
+                        const struct stack* stack)
+{
+    write_frames(line, room, (size_t)snprintf(line, room, "stack %s %s", kind, call), stack);
 }
 
 /* Whether these addresses were never asked for. Two stacks that come to one number hide one another. */
@@ -200,6 +208,15 @@ static void tell_site(const char* kind, const char* call)
     errno = saved;
 }
 
+static void tell_within(void)
+{
+    char line[STACK_ROOM];
+    struct stack stack = {.count = 0};
+    _Unwind_Backtrace(take_frame, &stack);
+    write_frames(line, sizeof line, (size_t)snprintf(line, sizeof line, "within"), &stack);
+    tell("%s", line);
+}
+
 static bool is_at_site(const char* kind, const char* call)
 {
     char line[STACK_ROOM];
@@ -236,8 +253,12 @@ static bool must_fail(const char* kind, const char* call, void* caller)
     if (n < g.nth || (n > g.nth && !g.on)) {
         return false;
     }
-    if (atomic_fetch_add(&g_told, 1) < 1000) { /* a loop may ask for ever */
+    const int told = atomic_fetch_add(&g_told, 1);
+    if (told < 1000) { /* a loop may ask for ever */
         tell_hit(call, caller);
+    }
+    if (told < 10) {
+        tell_within();
     }
     errno = g.code;
     return true;
@@ -258,17 +279,27 @@ __attribute__((constructor)) static void begin(void)
     g.ready = true;
 }
 
+static void tell_open(int dir, const char* name)
+{
+    const int fd = atoi(name); /* 0 for "." and ".." too, which are no links */
+    char target[256] = "";
+    if (fd != dir && syscall(SYS_readlinkat, dir, name, target, sizeof target - 1) > 0) {
+        tell("end %ld %d %s\n", syscall(SYS_getpid), fd, target);
+    }
+}
+
 __attribute__((destructor)) static void end(void)
 {
     g.ready = false;
-    for (int fd = 0; fd < 256; ++fd) {
-        char path[32];
-        char target[256] = "";
-        snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
-        if (syscall(SYS_readlinkat, AT_FDCWD, path, target, sizeof target - 1) > 0) {
-            tell("end %ld %d %s\n", syscall(SYS_getpid), fd, target);
+    const long dir = syscall(SYS_openat, AT_FDCWD, "/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    char entries[4096];
+    long size = 0;
+    while (dir >= 0 && (size = syscall(SYS_getdents64, dir, entries, sizeof entries)) > 0) {
+        for (long at = 0; at < size; at += ((struct dirent64*)(entries + at))->d_reclen) {
+            tell_open((int)dir, ((struct dirent64*)(entries + at))->d_name);
         }
     }
+    syscall(SYS_close, dir);
     tell("end %ld\n", syscall(SYS_getpid));
 }
 
@@ -359,6 +390,11 @@ CALL(FILE*, NULL, "fopen", fopen64, (const char* path, const char* mode), (path,
 CALL(FILE*, NULL, "fopen", fdopen, (int fd, const char* mode), (fd, mode))
 CALL(FILE*, NULL, "fopen", popen, (const char* command, const char* mode), (command, mode))
 CALL(DIR*, NULL, "fopen", opendir, (const char* path), (path))
+CALL(FILE*, NULL, "fopencookie", fopencookie, (void* cookie, const char* mode, cookie_io_functions_t calls),
+     (cookie, mode, calls))
+CALL(int, -1, "memfd", memfd_create, (const char* name, unsigned flags), (name, flags))
+CALL(struct dirent*, NULL, "readdir", readdir, (DIR * dir), (dir))
+CALL(struct dirent64*, NULL, "readdir", readdir64, (DIR * dir), (dir))
 
 ssize_t __read_chk(int fd, void* buf, size_t size, size_t room);
 char* __fgets_chk(char* text, size_t room, int size, FILE* file);
@@ -426,11 +462,12 @@ CALL(int, -1, "stat", stat, (const char* path, struct stat* st), (path, st))
 CALL(int, -1, "stat", lstat, (const char* path, struct stat* st), (path, st))
 CALL(int, -1, "stat", fstat, (int fd, struct stat* st), (fd, st))
 CALL(int, -1, "stat", access, (const char* path, int mode), (path, mode))
+CALL(ssize_t, -1, "readlink", readlink, (const char* path, char* buf, size_t size), (path, buf, size))
 CALL(int, -1, "rename", rename, (const char* from, const char* to), (from, to))
 CALL(int, -1, "unlink", unlink, (const char* path), (path))
 CALL(int, -1, "unlink", shm_unlink, (const char* name), (name))
 CALL(int, -1, "truncate", ftruncate, (int fd, off_t size), (fd, size))
-CALL(int, -1, "truncate", fsync, (int fd), (fd))
+CALL(int, -1, "fsync", fsync, (int fd), (fd))
 CALL(off_t, -1, "seek", lseek, (int fd, off_t at, int from), (fd, at, from))
 CALL(int, -1, "seek", fseek, (FILE * file, long at, int from), (file, at, from))
 CALL(int, -1, "chdir", chdir, (const char* path), (path))
@@ -473,6 +510,7 @@ CALL(int, -1, "listen", listen, (int fd, int backlog), (fd, backlog))
 CALL(int, -1, "accept", accept, (int fd, struct sockaddr* from, socklen_t* size), (fd, from, size))
 CALL(int, -1, "accept", accept4, (int fd, struct sockaddr* from, socklen_t* size, int flags),
      (fd, from, size, flags))
+CALL(int, -1, "shutdown", shutdown, (int fd, int how), (fd, how))
 CALL(int, -1, "sockname", getsockname, (int fd, struct sockaddr* own, socklen_t* size), (fd, own, size))
 CALL(int, -1, "sockname", getpeername, (int fd, struct sockaddr* peer, socklen_t* size), (fd, peer, size))
 CALL(ssize_t, -1, "send", send, (int fd, const void* buf, size_t size, int flags), (fd, buf, size, flags))
@@ -519,6 +557,11 @@ CALL(int, g.code, "fork", posix_spawn,
      (pid_t * pid, const char* path, const posix_spawn_file_actions_t* acts, const posix_spawnattr_t* attr,
       char* const* argv, char* const* env),
      (pid, path, acts, attr, argv, env))
+CALL(int, g.code, "fork", posix_spawnp,
+     (pid_t * pid, const char* file, const posix_spawn_file_actions_t* acts, const posix_spawnattr_t* attr,
+      char* const* argv, char* const* env),
+     (pid, file, acts, attr, argv, env))
+CALL(pid_t, -1, "waitpid", waitpid, (pid_t pid, int* status, int options), (pid, status, options))
 CALL(int, g.code, "thread", pthread_create,
      (pthread_t * thread, const pthread_attr_t* attr, void* (*body)(void*), void* argument),
      (thread, attr, body, argument))
@@ -545,8 +588,18 @@ CALL(int, -1, "setuid", setgroups, (size_t count, const gid_t* list), (count, li
 CALL(struct passwd*, NULL, "passwd", getpwnam, (const char* name), (name))
 CALL(struct passwd*, NULL, "passwd", getpwuid, (uid_t uid), (uid))
 CALL(struct group*, NULL, "passwd", getgrnam, (const char* name), (name))
-CALL(int, -1, "sigaction", sigaction, (int signo, const struct sigaction* act, struct sigaction* old),
-     (signo, act, old))
+
+__attribute__((visibility("default"))) int sigaction(int signo, const struct sigaction* act,
+                                                     struct sigaction* old)
+{
+    REAL(int, sigaction, (int, const struct sigaction*, struct sigaction*))
+    if (must_fail("sigaction", "sigaction", HERE)) {
+        tell("signal %d\n", signo);
+        return -1;
+    }
+    return real(signo, act, old);
+}
+
 CALL(int, -1, "setitimer", setitimer,
      (__itimer_which_t which, const struct itimerval* value, struct itimerval* old), (which, value, old))
 CALL(int, -1, "process", sched_setaffinity, (pid_t pid, size_t size, const cpu_set_t* cpus),
@@ -554,6 +607,8 @@ CALL(int, -1, "process", sched_setaffinity, (pid_t pid, size_t size, const cpu_s
 CALL(int, -1, "process", nice, (int step), (step))
 CALL(int, -1, "process", kill, (pid_t pid, int signo), (pid, signo))
 CALL(int, -1, "process", uname, (struct utsname * of), (of))
+CALL(int, -1, "gethostname", gethostname, (char* name, size_t size), (name, size))
+CALL(ssize_t, -1, "getrandom", getrandom, (void* buf, size_t size, unsigned flags), (buf, size, flags))
 CALL(int, -1, "process", nanosleep, (const struct timespec* span, struct timespec* rest), (span, rest))
 CALL(int, -1, "rlimit", getrlimit, (__rlimit_resource_t resource, struct rlimit* limit), (resource, limit))
 CALL(int, -1, "rlimit", setrlimit, (__rlimit_resource_t resource, const struct rlimit* limit),
@@ -610,6 +665,9 @@ CALL(int, g.code, "pcap_set", pcap_set_timeout, (pcap_t * handle, int value), (h
 CALL(int, g.code, "pcap_set", pcap_set_immediate_mode, (pcap_t * handle, int value), (handle, value))
 CALL(int, g.code, "pcap_set", pcap_set_buffer_size, (pcap_t * handle, int value), (handle, value))
 CALL(int, g.code, "pcap_activate", pcap_activate, (pcap_t * handle), (handle))
+CALL(int, (no_capture(text), -1), "pcap_setnonblock", pcap_setnonblock,
+     (pcap_t * handle, int value, char* text), (handle, value, text))
+CALL(int, -1, "pcap_fd", pcap_get_selectable_fd, (pcap_t * handle), (handle))
 CALL(int, -1, "pcap_compile", pcap_compile,
      (pcap_t * handle, struct bpf_program* program, const char* text, int optimise, bpf_u_int32 mask),
      (handle, program, text, optimise, mask))
