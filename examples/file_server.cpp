@@ -201,8 +201,9 @@ int main(int argc, char** argv)
         log_err("%s: %s\n", argv[optind + 2], strerror(errno));
         return 1;
     }
-    if ((pidfile != nullptr && create_pidfile(pidfile, getpid()) != 0) ||
-        handle_quit_signals(on_signal) != 0 || ignore_sigpipe() != 0 || fdio_init(-1) != 0) {
+    // The pid file last: it is taken away below, by whatever ends the server.
+    if (handle_quit_signals(on_signal) != 0 || ignore_sigpipe() != 0 || fdio_init(-1) != 0 ||
+        (pidfile != nullptr && create_pidfile(pidfile, getpid()) != 0)) {
         return 1;
     }
     const int rc = serve(argv[optind], argv[optind + 1]);

@@ -180,15 +180,15 @@ int main(int argc, char** argv)
         return 1;
     }
     log_append_old(&g_log);
-    if ((logfile != NULL && log_open(&g_log, logfile) != 0) ||
-        (pidfile != NULL && create_pidfile(pidfile, getpid()) != 0)) {
+    if (logfile != NULL && log_open(&g_log, logfile) != 0) {
         return 1;
     }
     log_set_rota(&g_log, 1 << 20, 4); /* a megabyte, and four old files */
     log_set_pid(&g_log, getpid());
     psensors_init(NULL, 1);
     handle_sig(SIGHUP, on_signal);
-    if (handle_quit_signals(on_signal) != 0 || ignore_sigpipe() != 0) {
+    if (handle_quit_signals(on_signal) != 0 || ignore_sigpipe() != 0 ||
+        (pidfile != NULL && create_pidfile(pidfile, getpid()) != 0)) { /* last: it is taken away below */
         return 1;
     }
     rc = run(argv[optind]);

@@ -178,8 +178,9 @@ int main(int argc, char** argv)
     log_set_rota(&g_log, 1 << 20, 4); // a megabyte, and four old files
     log_set_pid(&g_log, getpid());
     psensors_init(nullptr, options.sensors ? 1 : 0);
-    if ((options.pidfile != nullptr && create_pidfile(options.pidfile, getpid()) != 0) ||
-        handle_quit_signals(on_signal) != 0 || fdio_init(-1) != 0) {
+    // The pid file last: it is taken away below, by whatever ends the recording.
+    if (handle_quit_signals(on_signal) != 0 || fdio_init(-1) != 0 ||
+        (options.pidfile != nullptr && create_pidfile(options.pidfile, getpid()) != 0)) {
         return 1;
     }
     socket_spec spec = {};
