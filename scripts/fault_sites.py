@@ -38,17 +38,44 @@ def text_of(*command, given=None):
     return subprocess.run(command, input=given, capture_output=True, text=True, check=True).stdout
 
 
-def children():
-    """Of this process, those too that have become so where their parents ended."""
-    found = set()
+def parents():
+    """{process: its parent}, of all that live; those that have ended are taken where this process is to do that."""
+    found = {}
     for path in glob.glob("/proc/[0-9]*/stat"):
         try:
             name, _, rest = read(path).rpartition(")")
         except (FileNotFoundError, ProcessLookupError):
             continue
-        if int(rest.split()[1]) == os.getpid():
-            found.add(int(name.split()[0]))
+        pid, (state, parent) = int(name.split()[0]), rest.split()[:2]
+        if state != "Z":
+            found[pid] = int(parent)
+        elif int(parent) == os.getpid():
+            os.waitpid(pid, os.WNOHANG)
     return found
+
+
+def descendants():
+    """Of this process, those too that have become so where their parents ended."""
+    parent_of, found, last = parents(), set(), {os.getpid()}
+    while last:
+        last = {pid for pid, parent in parent_of.items() if parent in last}
+        found |= last
+    return found
+
+
+def command_of(pid):
+    try:
+        return f"{pid} {read(f'/proc/{pid}/cmdline')}".replace("\0", " ")
+    except (FileNotFoundError, ProcessLookupError):
+        return f"{pid}, which has ended since"
+
+
+def has_setting(pid, text):
+    """Whether it was started with that setting in its environment."""
+    try:
+        return text in read(f"/proc/{pid}/environ").split("\0")
+    except OSError:
+        return False
 
 
 def read(path):
@@ -56,10 +83,15 @@ def read(path):
         return file.read()
 
 
+def address_of(word):
+    thing, offset = word.rsplit(":", 1)
+    return thing, int(offset, 16)
+
+
 def stack_of(words):
     """Of the words of a line of the shim."""
     kind, call, *frames = words
-    return Stack(kind, call, tuple((thing, int(offset, 16)) for thing, offset in (f.rsplit(":", 1) for f in frames)))
+    return Stack(kind, call, tuple(map(address_of, frames)))
 
 
 def line_of(stack):
@@ -194,7 +226,7 @@ class Tests:
         self.sites, self.folder, self.code_of_kind = sites, folder, code_of_kind
         self.pool = concurrent.futures.ThreadPoolExecutor(jobs)
         self.count, self.findings = 0, []
-        self.others = children()
+        self.others = descendants()
 
     def programs(self):
         for source in sorted(glob.glob(f"{ROOT}/tests/lib/*_test.cpp") + glob.glob(f"{ROOT}/tests/agent/*_test.cpp")):
@@ -300,9 +332,8 @@ class Tests:
     def close(self):
         """Ends what the tests have left, for instance a daemon in a session of its own."""
         self.pool.shutdown()
-        for pid in children() - self.others:
+        for pid in descendants() - self.others:
             os.kill(pid, signal.SIGKILL)
-            os.waitpid(pid, 0)
 
     def numbers(self, count):
         self.count += count

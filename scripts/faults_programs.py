@@ -2,6 +2,7 @@
 fault."""
 import concurrent.futures
 import http.server
+import itertools
 import os
 import re
 import signal
@@ -9,6 +10,7 @@ import socket
 import subprocess
 import threading
 import time
+import typing
 
 import segment
 from segment import AGENT_END, Peer
@@ -53,9 +55,9 @@ class World:
         threading.Thread(target=self.web.serve_forever, daemon=True).start()
         subprocess.run(self.host.inside("sysctl", "-qw", "net.ipv4.conf.all.force_igmp_version=2"), check=True)
 
-    def join(self):
+    def join(self, groups=GROUPS):
         """The host leaves what it was in, and joins the groups."""
-        self.host.process.stdin.write(" ".join(GROUPS) + "\n")
+        self.host.process.stdin.write(" ".join(groups) + "\n")
         self.host.process.stdin.flush()
         assert self.host.process.stdout.readline() == "joined\n"
 
@@ -64,35 +66,73 @@ class World:
         self.host.close()
 
 
-# Endings that stand in the documents, or that cannot happen: kind, function of the failed call, program, complaint (each
-# a regular expression), and the reason.
+class Failed(typing.NamedTuple):
+    """Where the calls failed, each a text of functions and places."""
+
+    at: str      # the functions that made them, or "signal N" where it was the action of that signal that could not be set
+    within: str  # those and all around them, up to main()
+
+
+class Listed(typing.NamedTuple):
+    """An ending that stands in the documents, or that cannot happen: regular expressions, and the reason."""
+
+    kind: str
+    function: str
+    program: str
+    complaint: str
+    reason: str
+    error: str = ".*"
+    on: bool = False  # only where all that follow fail too
+    within: str = ""
+
+    def speaks_of(self, run, failed, complaint):
+        return bool(re.fullmatch(self.kind, run.fault.kind) and re.fullmatch(self.error, run.fault.error) and
+                    (run.fault.on or not self.on) and re.search(self.function, failed.at, re.S) and
+                    re.search(self.within, failed.within, re.S) and re.match(self.program, run.program.name) and
+                    re.search(self.complaint, complaint, re.S))
+
+
 LISTED = [
-    ("clock", ".*", ".*", "SIGABRT", "timeop.h: a clock that fails ends the process; CLOCK_MONOTONIC cannot"),
-    ("rlimit", ".*", ".*", "SIGABRT: getrusage", "rusage_ops.h ends the process as well; no valid call fails"),
-    ("alloc", "xvec_reserve|xvlst_reserve|xvec_expand|hcreate", ".*", "SIGABRT",
-     "rqs.h: exhausted memory for the lists of the loop ends the process"),
-    ("alloc", "W_calloc", "file_server|recorder", "SIGABRT", "fdio.h: new_transfer_spec without memory ends the process"),
-    ("alloc", "usock_open", ".*", "SIGABRT", "wopen.h: memory for a copy of the path"),
-    ("setuid", "run_as_user_id", "agent.*", "without a reason", "util.h: no line is logged"),
-    ("sigaction", ".*", ".*", "SIGTERM|its pid file|ends with -?1", "sigaction fails for no signal that is used"),
-    ("fgets", ".*", "agent.*", "goes on with", "an error while the list is read counts as its end"),
-    ("fgets", ".*", "zentctl lint", "ends with 0",
-     "the agent's loader reads a copy in memory here, whose read cannot fail"),
-    ("epoll_ctl", "rqs_rm_fd", ".*", "does not end|SIGKILL", "the kernel refuses only what was never added"),
-    ("wait", ".*", ".*", "ends with|ends by itself", "a wait that fails otherwise than by a signal ends the loop"),
-    ("wait", ".*", "agent.*", "goes on with", "libpcap waits on where poll is interrupted, for ever if it always is"),
-    ("print", "fflush|flush|app_run|take_packets", "agent.*", "goes on with",
-     "lines that could not be written stay in the buffer of the standard output, for the next time"),
-    ("write", "Bell::ring", "zentmon", "leaves /log open",
-     "an eventfd takes each ring; unheard, the thread of the log keeps its file where the process ends"),
-    ("wait", ".*", "zentmon", "leaves", "a thread that cannot be waited for is left as it is, with its files"),
-    ("pcap_dispatch", ".*", "zentctl.*", "without a reason", "the reason would stand in libpcap's handle"),
-    ("pcap_.*", ".*", ".*", "leaves anon_inode",
-     "libpcap keeps its eventfd where a handle is closed that was never activated"),
-    ("epoll_ctl|wait", ".*", "file_server", "leaves (/file|socket)", "what is open at its end ends with the process"),
-    ("write|truncate|fcntl|alloc", ".*", "file_server|guide_daemon|recorder", "its pid file",
-     "a pid file that could not be made may be another process's: it stays"),
+    Listed("alloc", "^$", ".*", r"leaves (anon_inode|socket) open: out of dynamic memory in yy\w+\(\)",
+           "libpcap ends the process from within pcap_compile"),
+    Listed("alloc", "^$", ".*",
+           r"sanitizer: .*SEGV .*#0 0x\w+ (\(/lib/\S*/libpcap\.so|in nss_database_check_reload_and_get )",
+           "libpcap and the C library use memory that they did not get"),
+    Listed("alloc", "^$", "agent.*", "goes on with 0 joins",
+           "libpcap has no memory for the name of a file of the interface, tells of no failure, and hears nothing"),
+    Listed("clock", ".*", ".*", "SIGABRT", "timeop.h: a clock that fails ends the process; CLOCK_MONOTONIC cannot"),
+    Listed("rlimit", ".*", ".*", "SIGABRT: getrusage", "rusage_ops.h ends the process as well; no valid call fails"),
+    Listed("alloc", "xvec_reserve|xvlst_reserve|xvec_expand|hcreate", ".*", "SIGABRT",
+           "rqs.h: exhausted memory for the lists of the loop ends the process"),
+    Listed("alloc", "W_calloc", "file_server|recorder", "SIGABRT",
+           "fdio.h: new_transfer_spec without memory ends the process"),
+    Listed("alloc", "usock_open", ".*", "SIGABRT", "wopen.h: memory for a copy of the path"),
+    Listed("setuid", "run_as_user_id", "agent.*", "without a reason", "util.h: no line is logged"),
+    Listed("sigaction", r"signal 15\b", ".*", "is ended by SIGTERM|does not end at SIGTERM|its pid file",
+           "sigaction fails for no signal that is used; what SIGTERM does is not set then"),
+    Listed("fgets", ".*", "agent.*", "goes on with", "an error while the list is read counts as its end"),
+    Listed("fgets", ".*", "zentctl lint", "ends with 0",
+           "the agent's loader reads a copy in memory here, whose read cannot fail"),
+    Listed("epoll_ctl", "rqs_rm_fd", ".*", "does not end|SIGKILL", "the kernel refuses only what was never added"),
+    Listed("wait", ".*", ".*", "ends with|ends by itself", "a wait that fails otherwise than by a signal ends the loop",
+           error="EINVAL|ENOMEM"),
+    Listed("wait", ".*", "agent.*", "goes on with", "libpcap waits on where poll is interrupted, for ever if it always is",
+           error="EINTR", on=True),
+    Listed("print", "fflush|flush|app_run|take_packets", "agent.*", "goes on with",
+           "lines that could not be written stay in the buffer of the standard output, for the next time"),
+    Listed("write", "Bell::ring", "zentmon", "leaves /log open",
+           "an eventfd takes each ring; unheard, the thread of the log keeps its file where the process ends"),
+    Listed("wait", ".*", "zentmon", "leaves", "a thread that cannot be waited for is left as it is, with its files"),
+    Listed("pcap_dispatch", ".*", "zentctl.*", "without a reason", "the reason would stand in libpcap's handle"),
+    Listed("pcap_.*", ".*", ".*", "leaves anon_inode",
+           "libpcap keeps its eventfd where a handle is closed that was never activated"),
+    Listed("epoll_ctl|wait|fcntl", ".*", "file_server", "leaves (/file|socket)", "what is open at its end ends with the process"),
+    Listed("write|truncate|fcntl", ".*", "file_server|guide_daemon|recorder", "its pid file",
+           "a pid file that could not be made may be another process's: it stays", within="create_pidfile"),
 ]
+
+
+ORDINARY = re.compile(r"\((WRN|NRM|INF|DBG|SCT)\)")  # the levels of a log's lines that tell of no error
 
 
 def count_of_targets(ends):
@@ -110,12 +150,13 @@ class Program:
     at_once = 100
     always_tidy = False
     statuses = ()        # exit codes of a start that failed
-    lossy = ()           # kinds whose failure may lose what the program is there for
-    silent = ()          # kinds that need not be told
+    reasons = ("FAILED", "ailed", "error", "memory", "bad_alloc", "refuse", "annot", "not ", "pcap_dispatch() ERROR", "no ",
+               "another", "nothing", "fault of libpcap", "No such device", "monitor mode")  # beside the name of the error
 
     def __init__(self, name, binary):
         self.name, self.binary = name, os.path.abspath(binary)
-        self.base = {}
+        self.base = {}      # {(whether of the main process, target): open descriptors}
+        self.sound = ()     # how a run without faults ends, and what it tells
 
     def environment(self, run):
         return {}
@@ -131,15 +172,25 @@ class Program:
     def act(self, runs, wait):
         pass
 
+    def rest(self):
+        """After the end of the runs."""
+
     def learn(self, run):
-        """The descriptors that are open at the end of a sound run."""
-        for ends in run.report().ends.values():
+        """The descriptors that are open at the end of a sound run, and its end."""
+        self.sound = self.end_of(run)
+        for pid, ends in run.report().ends.items():
             for target, count in count_of_targets(self.neutral(run, ends)).items():
-                self.base[target] = max(count, self.base.get(target, 0))
+                key = pid == self.main_process(run), target
+                self.base[key] = max(count, self.base.get(key, 0))
+
+    def end_of(self, run):
+        return run.lasted, run.status.get(self.main_process(run)), self.told(run).replace(run.folder, "")
 
     @staticmethod
     def neutral(run, ends):
-        return [(fd, target.replace(run.folder, "")) for fd, target in ends if "/err" not in target and "/out" not in target]
+        """Without what each program is given at its start."""
+        return [(fd, target.replace(run.folder, "")) for fd, target in ends
+                if (fd, target) != (0, "/dev/null") and "/err" not in target and "/out" not in target]
 
     def main_process(self, run):
         return run.first
@@ -159,48 +210,50 @@ class Program:
             found.append(f"neither runs nor ends: {sorted(run.report().waits)} of {run.processes()}")
         if run.stuck:
             found.append("does not end at SIGTERM")
+        found += [f"leaves a process: {text}" for text in run.left]
         for pid, status in run.status.items():
             if status < 0:
                 found.append(f"process {pid} is ended by {signal.Signals(-status).name}: {self.told(run)[-300:]}")
-        if found:
-            return found
-        status = run.status.get(self.main_process(run))
-        if run.lasted and status != 0 and not (run.report().hits and status in self.statuses):
-            found.append(f"ends with {status} at SIGTERM: {self.told(run)[-300:]}")
-        if not run.lasted and status not in self.statuses:
-            found.append(f"ends by itself with {status}: {self.told(run)[-300:]}")
-        if not run.lasted and status != 0 and not self.told(run) and run.fault.kind != "print":
-            found.append(f"ends with {status} and without a word")
-        elif not run.lasted and status != 0 and self.reason_missing(run):
-            found.append(f"ends with {status} and without a reason: {self.told(run)[-300:]}")
-        return found + self.left_open(run) + self.judge_own(run)
+        return found or self.judge_end(run) + self.left_open(run) + self.judge_own(run)
+
+    def judge_end(self, run):
+        """The exit code, and what is told of it. A run that has obeyed SIGTERM may fail while it ends."""
+        status, tail = run.status.get(self.main_process(run)), self.told(run)[-300:]
+        if status == 0 and (run.lasted or status in self.statuses):
+            return []
+        if status not in self.statuses:
+            return [f"ends with {status} at SIGTERM: {tail}" if run.lasted else f"ends by itself with {status}: {tail}"]
+        if run.lasted and run.hits_before_end < len(run.report().hits):
+            return []
+        if run.fault.kind != "print" and not self.told(run):
+            return [f"ends with {status} and without a word"]
+        if self.reason_missing(run):
+            return [f"ends with {status} and without a reason: {tail}"]
+        return []
 
     def left_open(self, run):
         """An end that went wrong leaves to the kernel what it had; the agent takes down all that stands."""
         if not run.lasted and not self.always_tidy:
             return []
-        report = run.report()
-        return [f"leaves {target} open"
-                for pid, ends in report.ends.items() if pid in report.ended and run.fault.kind not in ("none", "close")
+        report, main = run.report(), self.main_process(run)
+        return [f"leaves {target} open: {self.told(run)[-100:]}"
+                for pid, ends in report.ends.items() if pid in report.ended and run.fault.kind != "none"
                 for target, count in count_of_targets(self.neutral(run, ends)).items()
-                if count > self.base.get(target, 0)]
+                if count > self.base.get((pid == main, target), 0)]
 
     def reason_missing(self, run):
         """Whether a failed call of the program's own ended it, and the reason is not told."""
-        code, told = run.fault.code(), self.told(run)
-        words = [f"ERROR({code})", os.strerror(abs(code)), "FAILED", "ailed", "error", "memory", "bad_alloc", "refuse", "annot",
-                 "not ", "pcap_dispatch() ERROR", "no ", "another", "nothing", "fault of libpcap",
-                 "No such device", "monitor mode"]
-        return self.has_own_hit(run) and run.fault.kind != "print" and not any(word in told for word in words)
+        if run.fault.kind == "print" or not self.has_own_hit(run) or self.end_of(run) == self.sound:
+            return False
+        told = "\n".join(line for line in self.told(run).split("\n") if not ORDINARY.search(line))
+        code = run.fault.code()
+        return not any(word in told for word in (f"ERROR({code})", os.strerror(abs(code)), *self.reasons))
 
     def judge_own(self, run):
         return []
 
 
-def free_port(kind):
-    with socket.socket(socket.AF_INET, kind) as asked:
-        asked.bind(("127.0.0.1", 0))
-        return asked.getsockname()[1]
+PORTS = itertools.cycle(range(10000, 32000))  # none of those that the kernel gives away; nobody else is in the namespace
 
 
 class Tool(Program):
@@ -283,7 +336,7 @@ class Service(Program):
     def prepare(self, run):
         with open(run.path("file"), "w", encoding="ascii") as out:
             out.write("first\n")
-        return {"port": free_port(self.kind), "other": free_port(socket.SOCK_STREAM)}
+        return {"port": next(PORTS), "other": next(PORTS)}
 
     def command(self, run):
         return [self.binary, *(word.format(**run.prepared) for word in self.words)]
@@ -355,7 +408,8 @@ class Monitor(Service):
 class Agent(Program):
     always_tidy = True
     statuses = (2, 12)
-    lossy = ("alloc", "send", "print", "pcap_dispatch")
+    reasons = ("FAILED", "ailed", "memory", "annot", "error at line", "pcap_dispatch() ERROR", "fault of libpcap",
+               "No such device", "monitor mode")
 
     def __init__(self, binary, world, daemon, relay, listed, user, features):
         words = [word for word, is_on in (("daemon", daemon), ("-R", relay), ("-F", listed), ("-u", user),
@@ -399,14 +453,19 @@ class Agent(Program):
         lines = self.lines(run)
         return all(f"JOIN UDP://{group}\n" in lines for group in GROUPS)
 
+    def groups(self, run):
+        """What is reported, in order."""
+        return re.findall(r"^((?:JOIN UDP://|LEAVE UDP://)\S+)$", self.lines(run), re.M)
+
     def act(self, runs, wait):
         if any(run.reap() for run in runs):
             self.world.join()
         wait(runs, lambda run: self.has_all(run) or not run.reap(), LINES_LIMIT)
         for run in runs:
-            run.joins = self.lines(run).count("JOIN UDP://")
-            if run.prepared:
-                run.prepared.close()
+            run.joins = self.groups(run)
+
+    def rest(self):
+        self.world.join([])  # or the next runs would hear the host repeat its reports
 
     def main_process(self, run):
         """A daemon's is the one at the end of its forks."""
@@ -418,12 +477,31 @@ class Agent(Program):
         found, hits = [], run.report().hits
         if self.daemon and run.report().children and run.status.get(run.first) != 0:
             found.append(f"the starter of a daemon sees {run.status.get(run.first)}")
-        if run.lasted and run.joins < 3 and (run.fault.kind not in self.lossy or run.joins + len(hits) < 3) and (
-                self.has_own_hit(run) or run.fault.kind != "alloc"):  # libpcap may have lost its ears
-            found.append(f"goes on with {run.joins} joins of 3")
+        found += self.judge_reports(run, len(hits))
         if os.path.exists(run.path("pid")) and run.fault.kind != "unlink":
             found.append("leaves its pid file")
+        if run.prepared:
+            run.prepared.close()
         return found
+
+    def judge_reports(self, run, hits):
+        """A run that goes on has reported each group once, before SIGTERM, or has told of the one that it could not join
+        or report; nothing else is reported by any run. What a stream does not take can be told nowhere."""
+        wanted = {f"JOIN UDP://{group}": group for group in GROUPS}
+        missing = set(wanted) - set(run.joins)
+        untold = [line for line in missing if not self.is_told(run, wanted[line])]
+        found = []
+        if run.lasted and len(missing if run.fault.kind == "print" else untold) > (hits if run.fault.kind == "print" else 0):
+            found.append(f"goes on with {3 - len(missing)} joins of 3")
+        all_of_them = max(run.joins, self.groups(run), key=len)  # a pid file that has them is gone by now
+        if len(set(all_of_them)) < len(all_of_them) or not set(wanted).issuperset(all_of_them):
+            found.append(f"reports {all_of_them}")
+        return found
+
+    def is_told(self, run, group):
+        number = int.from_bytes(socket.inet_aton(group), "little")
+        return any(text in self.told(run) for text in (f"error adding group {number:04x}\n",
+                                                       f"failed to relay: JOIN UDP://{group}\n"))
 
 
 def agents(binary, world, quick):
