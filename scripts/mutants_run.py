@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """The work of scripts/mutants, which says what the options are. A mutant costs one compilation without optimisation and
-one link: its object goes in front of the library, or in the place of the original's, in the test program's own link.
+one link: its object goes in front of the library, or in the place of the original's, in the test program's own link. One of
+a header is compiled into each source that includes it, one source at a time, and the tests of that source are run.
 
 An entry of tests/mutants.toml, the list of those that nothing can see: file, reason, and lines as they stand in the source,
 a "-" in front of the one that is changed, behind it a "+" and what it becomes; several "+" are several mutants:
@@ -54,12 +55,44 @@ RELATIONS = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "=="}
 SWAPPED = {"&&": "||", "||": "&&", "+": "-", "-": "+"}
 
 
+HEADERS = ["lib/detail/*.h", "agent/*.h", "include/xvdat.h"]  # those with code
+UNITS = ["lib/*.cpp", "agent/*.cpp", "common/meta.cpp"]
+IN_TESTS = {"include/xvdat.h": "tests/lib/xvdat*_test.cpp"}  # what a header has for its users, the tests compile
+
+
+def files_of(patterns):
+    return sorted(path for pattern in patterns for path in glob.glob(pattern, root_dir=ROOT))
+
+
+def name_of(path):
+    """How a source is chosen: without its folder, and without its ending unless it is a header."""
+    return os.path.basename(path).removesuffix(".cpp")
+
+
 def sources():
-    files = glob.glob("lib/*.cpp", root_dir=ROOT) + glob.glob("agent/*.cpp", root_dir=ROOT) + ["common/meta.cpp"]
-    return {os.path.basename(path)[:-4]: path for path in sorted(files)}
+    return {name_of(path): path for path in sorted(files_of(UNITS) + files_of(HEADERS))}
 
 
-def programs_of(module, path):
+def included(path):
+    return set(re.findall(r'#include "(?:\w+/)*(\w+\.h)"', read_source(path)))
+
+
+def units_of(path):
+    """What is compiled to see a change of this source."""
+    if path.endswith(".cpp"):
+        return [path]
+    wanted, size = {os.path.basename(path)}, 0
+    while size < len(wanted):
+        size = len(wanted)
+        wanted |= {os.path.basename(header) for header in files_of(HEADERS) if included(header) & wanted}
+    return files_of([IN_TESTS.get(path, "")]) + [unit for unit in files_of(UNITS) if included(unit) & wanted]
+
+
+def programs_of(path):
+    """The test programs of what is compiled."""
+    module = name_of(path)
+    if path.startswith("tests/"):
+        return [module]
     if not path.startswith("lib/"):
         return AGENT_TESTS[module]
     if module in LIBRARY_TESTS:
@@ -103,8 +136,8 @@ def mutants_of_line(code):
 
 
 class Mutant:
-    def __init__(self, module, path, line, columns, new):
-        self.module, self.path, self.line, self.columns, self.new = module, path, line, columns, new
+    def __init__(self, path, line, columns, new):
+        self.module, self.path, self.line, self.columns, self.new = name_of(path), path, line, columns, new
 
     def apply(self):
         lines = read_source(self.path).split("\n")
@@ -151,24 +184,23 @@ def read_list():
     return known, complaints
 
 
-def all_mutants(module, path):
+def all_mutants(path):
     text = without_texts(read_source(path))
     found = []
     for number, code in enumerate(text.split("\n"), 1):
         if code.startswith((" ", "\t")):  # what stands at the left edge declares
-            found += [Mutant(module, path, number, (first, last), new) for first, last, new in mutants_of_line(code)]
+            found += [Mutant(path, number, (first, last), new) for first, last, new in mutants_of_line(code)]
     return found
 
 
 def planted(order):
     path, line, old, new = order.split(":", 3)
-    module = os.path.basename(path)[:-4]
-    if sources().get(module) != path:
+    if sources().get(name_of(path)) != path:
         sys.exit(f"{path} is no source that can be chosen")
     at = read_source(path).split("\n")[int(line) - 1].find(old)
     if at < 0:
         sys.exit(f"{path}:{line} has no '{old}'")
-    return Mutant(module, path, int(line), (at, at + len(old)), new)
+    return Mutant(path, int(line), (at, at + len(old)), new)
 
 
 class Build:
@@ -189,18 +221,23 @@ class Build:
                                     capture_output=True, text=True).stdout
             self.links[program] = shlex.split(listed.strip().split("\n")[-1].split(" && ")[1])
 
-    def compile(self, path, source, output, optimised=False):
-        words = [w for w in self.compiles[path] if w not in ("-g", "-Werror") and not w.startswith("-D_FORTIFY_SOURCE")]
+    def compile(self, unit, output, changed=None, optimised=False):
+        """Compiles a source as it is, or with a change (path, file with the changed text) of itself or of a header. Its
+        guard keeps the sound header out behind the changed one."""
+        words = [w for w in self.compiles[unit] if w not in ("-g", "-Werror") and not w.startswith("-D_FORTIFY_SOURCE")]
         if not optimised:
             words = ["-O0" if re.fullmatch(r"-O\d", w) else w for w in words]
+        path, text = changed or (unit, os.path.join(ROOT, unit))
         words[words.index("-o") + 1] = output
-        words[words.index("-c") + 1] = source
-        return subprocess.run(words + ["-w", "-I", os.path.join(ROOT, os.path.dirname(path))], cwd=self.tree,
-                              capture_output=True, check=False).returncode == 0
+        words[words.index("-c") + 1] = text if path == unit else os.path.join(ROOT, unit)
+        words += ["-w", "-I", os.path.join(ROOT, os.path.dirname(path))]
+        if path != unit:
+            words += ["-include", text]
+        return subprocess.run(words, cwd=self.tree, capture_output=True, check=False).returncode == 0
 
     def link(self, program, path, mutant, output):
         words = list(self.links[program])
-        original = [i for i, w in enumerate(words) if w.endswith(f"/{path}.o")]
+        original = [i for i, w in enumerate(words) if w.endswith(f"/{path.removeprefix('tests/')}.o")]
         if original:
             words[original[0]] = mutant
         else:  # nothing asks the library for what is defined already
@@ -216,47 +253,50 @@ class Trial:
 
     def __init__(self, build):
         self.build = build
-        self.took = {}  # seconds that a program of sound code takes
+        self.took = {}  # seconds that a program takes with a sound object of a source
         self.apart = {}  # tests of the programs whose tests need a process each
 
     def run(self, program, path, obj, folder, limit):
-        """Whether all tests pass."""
+        """'passes' where all tests pass, otherwise 'fails', or 'slow' where they do not end in time."""
         binary = os.path.join(folder, program)
         self.build.link(program, path, obj, binary)
         if program == "zent_replay":
             model = os.path.join(ROOT, "scripts", "model_run.py")
-            return self.passes([sys.executable, "-B", model, binary, "8000", "26"], limit)
+            return self.end_of([sys.executable, "-B", model, binary, "8000", "26"], limit)
         words = [binary, "--gtest_fail_fast", "--gtest_brief=1"]
         if program in self.apart:
-            return all(self.passes([*words, f"--gtest_filter={test}"], limit) for test in self.apart[program])
-        return self.passes(words, limit)
+            ends = (self.end_of([*words, f"--gtest_filter={test}"], limit) for test in self.apart[program])
+            return next((end for end in ends if end != "passes"), "passes")
+        return self.end_of(words, limit)
 
-    def passes(self, words, limit):
+    def end_of(self, words, limit):
         child = subprocess.Popen(words, cwd=os.path.join(self.build.tree, "tests"), stdin=subprocess.DEVNULL,
                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
         try:
-            return child.wait(limit) == 0
+            return "fails" if child.wait(limit) else "passes"
         except subprocess.TimeoutExpired:
             os.killpg(child.pid, 9)
             child.wait()
-            return False
+            return "slow"
 
-    def sound(self, module, path):
-        """The module as it is has to pass: how long does it take?"""
+    def sound(self, unit):
+        """What is compiled has to pass as it is: how long does it take?"""
         with tempfile.TemporaryDirectory(prefix="zent-mutants-") as folder:
             obj = os.path.join(folder, "sound.o")
-            if not self.build.compile(path, os.path.join(ROOT, path), obj):
-                sys.exit(f"{path} does not compile")
-            for program in programs_of(module, path):
-                start = time.monotonic()
-                if self.run(program, path, obj, folder, 600):
-                    self.took[program] = time.monotonic() - start
-                    continue
-                self.apart[program] = self.tests_of(os.path.join(folder, program))
-                start = time.monotonic()
-                if not self.run(program, path, obj, folder, 600):
-                    sys.exit(f"{program} fails with the sound {path}")
-                self.took[program] = time.monotonic() - start
+            if not self.build.compile(unit, obj):
+                sys.exit(f"{unit} does not compile")
+            for program in programs_of(unit):
+                self.took[unit, program], end = self.timed(program, unit, obj, folder)
+                if end == "fails":
+                    self.apart[program] = self.tests_of(os.path.join(folder, program))
+                    self.took[unit, program], end = self.timed(program, unit, obj, folder)
+                if end != "passes":
+                    sys.exit(f"{program} {end} with the sound {unit}")
+
+    def timed(self, program, unit, obj, folder):
+        start = time.monotonic()
+        end = self.run(program, unit, obj, folder, 600)
+        return time.monotonic() - start, "is too slow" if end == "slow" else end
 
     @staticmethod
     def tests_of(binary):
@@ -271,23 +311,27 @@ class Trial:
         return found
 
     def judge(self, mutant):
-        """'killed', 'survives', 'no program' (it does not compile) or 'equal' (the optimised code is the same)."""
+        """'killed', 'slow' (its tests do not end), 'survives', 'no program' (it does not compile) or 'equal' (the optimised
+        code is the same)."""
         with tempfile.TemporaryDirectory(prefix="zent-mutants-") as folder:
-            source, obj = os.path.join(folder, "mutant.cpp"), os.path.join(folder, "mutant.o")
-            with open(source, "w", encoding="utf-8") as file:
+            text, obj = os.path.join(folder, os.path.basename(mutant.path)), os.path.join(folder, "mutant.o")
+            with open(text, "w", encoding="utf-8") as file:
                 file.write(mutant.apply())
-            if not self.build.compile(mutant.path, source, obj):
-                return "no program"
-            for program in programs_of(mutant.module, mutant.path):
-                if not self.run(program, mutant.path, obj, folder, 20 + 10 * self.took[program]):
-                    return "killed"
-            return "equal" if self.same_code(mutant, source, folder) else "survives"
+            for unit in units_of(mutant.path):
+                if not self.build.compile(unit, obj, (mutant.path, text)):
+                    return "no program"
+                for program in programs_of(unit):
+                    end = self.run(program, unit, obj, folder, 20 + 10 * self.took[unit, program])
+                    if end != "passes":
+                        return "killed" if end == "fails" else end
+            same = all(self.same_code(unit, (mutant.path, text), folder) for unit in units_of(mutant.path))
+            return "equal" if same else "survives"
 
-    def same_code(self, mutant, source, folder):
+    def same_code(self, unit, changed, folder):
         texts = []
-        for name, of in (("a.o", source), ("b.o", os.path.join(ROOT, mutant.path))):
+        for name, change in (("a.o", changed), ("b.o", None)):
             out = os.path.join(folder, name)
-            self.build.compile(mutant.path, of, out, optimised=True)
+            self.build.compile(unit, out, change, optimised=True)
             shown = subprocess.run(["objdump", "-drs", "-j", ".text", "-j", ".rodata", out], capture_output=True,
                                    check=False).stdout
             texts.append(shown.split(b"\n", 3)[-1])
@@ -310,8 +354,8 @@ def drawn(options, modules):
     """Evenly: a module's turn comes again when each other has had its turn, as long as it has any left."""
     rng = random.Random(options.s)
     heaps = []
-    for module, path in modules.items():
-        heap = all_mutants(module, path)
+    for path in modules.values():
+        heap = all_mutants(path)
         rng.shuffle(heap)
         heaps.append(heap)
     rng.shuffle(heaps)
@@ -335,7 +379,7 @@ class Tally:
         if result == "survives" and known:
             result = "explained"
         self.counts[mutant.module][result] += 1
-        if result == "survives" or self.all_shown or (known and result == "killed"):
+        if result in ("survives", "slow") or self.all_shown or (known and result == "killed"):
             note = ", though it is explained" if known and result == "killed" else ""
             print(f"{result}{note}: {mutant.path}:{mutant.line}\n  - {mutant.before}\n  + {mutant.after}", flush=True)
 
@@ -343,22 +387,23 @@ class Tally:
         return sum(counts[result] for counts in self.counts.values() for result in results)
 
     def tried(self):
-        return self.of("killed", "explained", "survives")
+        return self.of("killed", "slow", "explained", "survives")
 
     def show(self):
         for name, counts in self.counts.items():
-            survive = "".join(f", {counts[what]} {text}" for what, text in
-                              (("explained", "explained"), ("survives", "SURVIVE")) if counts[what])
-            print(f"{name}: {counts['killed']} of {counts['killed'] + counts['explained'] + counts['survives']}{survive}")
+            rest = (("slow", "do not end"), ("explained", "explained"), ("survives", "SURVIVE"))
+            told = "".join(f", {counts[what]} {text}" for what, text in rest if counts[what])
+            print(f"{name}: {counts['killed']} of {counts['killed'] + sum(counts[what] for what, _ in rest)}{told}")
         print(f"{self.tried()} mutants in {len(self.counts)} modules: {self.of('killed')} killed "
-              f"({100 * self.of('killed') / max(self.tried(), 1):.1f} %), {self.of('explained')} survive and are explained, "
+              f"({100 * self.of('killed') / max(self.tried(), 1):.1f} %), {self.of('slow')} whose tests did not end in time, "
+              f"{self.of('explained')} survive and are explained, "
               f"{self.of('survives')} survive; besides, {self.of('equal')} that change no code and "
               f"{self.of('no program')} that do not compile")
 
 
 def try_all(trial, modules, chosen, wanted, tally):
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        list(pool.map(lambda item: trial.sound(*item), modules.items()))
+        list(pool.map(trial.sound, sorted({unit for path in modules.values() for unit in units_of(path)})))
         open_ones = {}
         while True:
             # What does not compile is no mutant: another is drawn.
@@ -388,7 +433,7 @@ def main():
     if unknown:
         sys.exit(f"no such module: {', '.join(unknown)}; there are {', '.join(known)}")
     modules = {name: known[name] for name in dict.fromkeys(names)}
-    programs = sorted({p for name, path in modules.items() for p in programs_of(name, path)})
+    programs = sorted({p for path in modules.values() for unit in units_of(path) for p in programs_of(unit)})
     if options.programs:
         print(" ".join(programs))
         return 0

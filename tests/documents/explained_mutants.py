@@ -32,6 +32,7 @@ CASES = {  # name: (file, reason, lines, what the program says)
     "no line is changed": ("lib/a.cpp", "why", "  --count;\n+ ;\n", "shows no line and what it becomes"),
     "two lines are changed": ("lib/a.cpp", "why", "- --count;\n- return fd > 0 ? 1 : 0;\n+ ;\n", "shows no line"),
     "the line becomes nothing": ("lib/a.cpp", "why", "- --count;\n", "shows no line and what it becomes"),
+    "a header": ("lib/detail/a.h", "why", SECOND, "2 are explained"),
     "an unknown file": ("lib/b.cpp", "why", SECOND, "lib/b.cpp: is no source that can be chosen"),
 }
 
@@ -41,7 +42,9 @@ with tempfile.TemporaryDirectory() as directory:
         (tree / name).mkdir()
     for name in ("mutants_run.py", "coverage_check.py"):
         shutil.copy(SCRIPTS / name, tree / "scripts")
-    (tree / "lib" / "a.cpp").write_text(SOURCE, encoding="ascii")
+    (tree / "lib" / "detail").mkdir()
+    for name in ("a.cpp", "detail/a.h"):
+        (tree / "lib" / name).write_text(SOURCE, encoding="ascii")
     for name, (file, reason, lines, told) in CASES.items():
         (tree / "tests" / "mutants.toml").write_text(
             f'[[survivor]]\nfile = "{file}"\nreason = "{reason}"\nlines = \'\'\'\n{lines}\'\'\'\n', encoding="ascii")
