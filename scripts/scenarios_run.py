@@ -631,50 +631,132 @@ def killed_at_random_moments(segment, quick):
     return f"{count} times, {lines} lines"
 
 
+class Foreground:
+    """An agent that is stopped at any moment of its life."""
+    number = 0
+
+    def __init__(self, segment, out, features, *options):
+        Foreground.number += 1
+        self.log = segment.path(f"log.{Foreground.number}")
+        self.process = subprocess.Popen([ZENT, "-i", AGENT_END, "-g", "239.0.0.0", "-l", self.log, "-L", "info",
+                                         *(options or ["-T"])], stdin=subprocess.DEVNULL, stdout=out,
+                                        stderr=subprocess.DEVNULL, env=os.environ | {"ZENT_FEATURES": features})
+
+    def hit(self):
+        self.process.send_signal(signal.SIGTERM)
+
+    def hit_rest(self):
+        pass
+
+    def ended_with(self):
+        """None as long as it lives, and then how it ended, which must be one of the ways to do so."""
+        code = self.process.poll()
+        if code is not None:
+            check(code in (0, -signal.SIGTERM), f"an agent ended with {code}")
+            check(code == 0 or "is running as" not in read_text(self.log), "the signal ended an agent that ran")
+            with contextlib.suppress(FileNotFoundError):
+                os.unlink(self.log)
+        return code
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+
+
+class Background(Foreground):
+    """The same with a daemon: whatever lives of it at that moment, its starter or itself, is hit."""
+
+    def __init__(self, segment, out, features):
+        self.pid_file = segment.path("daemon.pid")
+        super().__init__(segment, out, features, "-p", self.pid_file, "-R", f"{AGENT_ADDRESS}:9")
+        self.known = set()  # those that have had the signal
+        self.daemons_hit = 0
+
+    def alive(self):
+        word = f"\0{self.pid_file}\0".encode()
+        return [pid for pid in agents_alive() if word in read_bytes(f"/proc/{pid}/cmdline")]
+
+    def hit(self):
+        self.hit_all(self.alive())
+
+    def hit_rest(self):
+        self.hit_all(set(self.alive()) - self.known)
+
+    def hit_all(self, pids):
+        for pid in pids:
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGTERM)
+                self.daemons_hit += pid != self.process.pid and pid not in self.known
+                self.known.add(pid)
+
+    def ended_with(self):
+        if self.process.poll() is None or self.alive():
+            return None
+        take_orphans()
+        if self.alive():  # one that was made while the first look was under way
+            return None
+        check(not os.path.exists(self.pid_file), "the pid file stayed")
+        return super().ended_with()
+
+
+def take_orphans():
+    """Daemons that have ended are children of this process, the first of its namespace; they have handlers from their
+    birth on. Those that subprocess has started are its own matter, and in the group of this process."""
+    for entry in filter(str.isdigit, os.listdir("/proc")):
+        stat = read_text(f"/proc/{entry}/stat")
+        state, parent, group = (stat.rpartition(")")[2].split() or ["", 0, 0])[:3]
+        if " (zent) " in stat and state == "Z" and int(parent) == os.getpid() and int(group) != os.getpgrp():
+            code = os.waitstatus_to_exitcode(os.waitpid(int(entry), 0)[1])
+            check(code == 0, f"daemon {entry} ended with {code}")
+
+
 @scenario
 def sigterm_at_random_moments(segment, quick):
-    """From exec to exit: exit code 0, or the signal itself before there is a handler; one signal or two; nothing hangs,
-    no other end, no line in part."""
+    """From exec to exit, one of five a daemon, from the start of its starter: exit code 0, or the signal itself before
+    there is a handler; one signal or two; nothing hangs, no other end, no line in part, no pid file, no process left."""
     chance = random.Random(15)
     count, at_once = (200, 4) if quick else (10_000, 4)
     started = time.monotonic()
     for _ in range(5):
         segment.agent().ends()
     usual = (time.monotonic() - started) / 5
-    row, ends = Frames(changes(1)), {0: 0, -signal.SIGTERM: 0}
+    row, ends, daemons_hit = Frames(changes(1)), {0: 0, -signal.SIGTERM: 0}, 0
     out = segment.path("out")
-    running, done = [], 0
-    while done < count:
-        while len(running) < at_once:
-            features = chance.choice(["", FEATURES, "exact,immediate,igmpv3,expire=10"])
-            with open(out, "ab") as file:
-                process = subprocess.Popen([ZENT, "-T", "-i", AGENT_END, "-g", "239.0.0.0", "-l", "/dev/null"],
-                                           stdin=subprocess.DEVNULL, stdout=file, stderr=subprocess.DEVNULL,
-                                           env=os.environ | {"ZENT_FEATURES": features})
-            now = time.monotonic()
-            moments = sorted(now + chance.uniform(0, 1.5 * usual * at_once) for _ in range(chance.choice([1, 2])))
-            running.append((process, moments, now + LIMIT_S))
-        if done % 16 == 0:
-            row.send(segment.wire)
-        for one in list(running):
-            process, moments, limit = one
-            if moments and time.monotonic() >= moments[0]:
-                moments.pop(0)
-                process.send_signal(signal.SIGTERM)
-            code = process.poll()
-            if code is not None:
-                check(code in ends, f"an agent ended with {code}")
-                ends[code] += 1
-                done += 1
-                running.remove(one)
-            check(time.monotonic() < limit, f"an agent does not end: {read_text(f'/proc/{process.pid}/wchan')}")
-        time.sleep(0.0005)
-    for process, *_ in running:
-        process.kill()
-        process.wait()
+    running, begun, done = [], 0, 0
+    with open(out, "ab") as file:
+        while done < count:
+            while len(running) < at_once and begun < count:
+                # One after the other: what ends without a parent must be of the only daemon.
+                is_daemon = begun % 5 == 0 and not any(isinstance(one, Background) for one, *_ in running)
+                features = chance.choice(["", FEATURES, "exact,immediate,igmpv3,expire=10"])
+                one = (Background if is_daemon else Foreground)(segment, file, features)
+                now = time.monotonic()
+                moments = sorted(now + chance.uniform(0, 1.5 * usual * at_once) for _ in range(chance.choice([1, 2])))
+                running.append((one, moments, now + LIMIT_S))
+                begun += 1
+            if done % 16 == 0:
+                row.send(segment.wire)
+            for each in list(running):
+                one, moments, limit = each
+                if moments and time.monotonic() >= moments[0]:
+                    moments.pop(0)
+                    one.hit()
+                elif not moments:
+                    one.hit_rest()
+                code = one.ended_with()
+                if code is not None:
+                    ends[code] += 1
+                    done += 1
+                    running.remove(each)
+                    daemons_hit += getattr(one, "daemons_hit", 0) > 0
+                check(time.monotonic() < limit, f"an agent does not end: {read_text(f'/proc/{one.process.pid}/wchan')}")
+            time.sleep(0.0005)
+    wait_until(lambda: not agents_alive(), "the end of all")
+    take_orphans()
     for line in read_bytes(out).splitlines():
         check(LINE.fullmatch(line), f"not a line: {line[:80]!r}")
-    return f"{done} times: {ends[0]} ends with 0, {ends[-signal.SIGTERM]} by the signal, start to stop {usual * 1000:.0f} ms"
+    return (f"{done} times: {ends[0]} ends with 0, {ends[-signal.SIGTERM]} by the signal, {daemons_hit} daemons hit "
+            f"themselves, start to stop {usual * 1000:.0f} ms")
 
 
 @scenario
