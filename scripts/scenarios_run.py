@@ -830,10 +830,11 @@ def with_limit(segment, which, value):
     return agent.process.poll()
 
 
-def steps(segment, which, values, allowed):
+def steps(outcome, values, allowed):
+    """From one of the values on it "runs"; with all that are less it ends in one of the allowed ways."""
     found = []
     for value in values:
-        result = with_limit(segment, which, value)
+        result = outcome(value)
         check(result == "runs" or result in allowed, f"{result} at limit {value}")
         found.append(result)
     at = found.index("runs") if "runs" in found else len(found)
@@ -844,26 +845,51 @@ def steps(segment, which, values, allowed):
 @scenario
 def descriptors_limited(segment, quick):
     """From 3 on, one more each time: too few end the start with 2 or by the loader's 127, and say why; enough run."""
-    return steps(segment, resource.RLIMIT_NOFILE, range(3, 17), (2, 127))
+    return steps(lambda value: with_limit(segment, resource.RLIMIT_NOFILE, value), range(3, 17), (2, 127))
 
 
 @scenario
 def address_space_limited(segment, quick):
     """In steps: too little ends the start with 2, 12 or by the loader's 127, and says why; enough runs."""
     sizes = [n << 20 for n in ([4, 16, 64, 256] if quick else range(2, 65, 1))]
-    return steps(segment, resource.RLIMIT_AS, sizes, (2, 12, 127))
+    return steps(lambda value: with_limit(segment, resource.RLIMIT_AS, value), sizes, (2, 12, 127))
 
 
 @scenario
 def file_size_limited(segment, quick):
-    """A line that reaches beyond the limit ends the agent by SIGXFSZ, for which it has no handler; lines in front of it
-    are there, as far as the limit allows."""
-    agent = segment.agent(log="/dev/null", before=limited(resource.RLIMIT_FSIZE, 8192), ready=False)
-    wait_until(lambda: segment.send(*changes(1)) or agent.process.poll() is not None, "the end")
-    agent.ends(-signal.SIGXFSZ, None)
-    data = read_bytes(agent.out)
-    check(8192 - 4096 <= len(data) <= 8192, f"{len(data)} bytes")
-    whole_lines(data[:data.rfind(b"\n") + 1])
+    """In steps: a line that reaches beyond the limit ends the agent by SIGXFSZ, for which it has no handler, and what lies
+    below the limit is there to the last byte; where all lines fit in it runs. So with the log."""
+    lines = b"".join(b"%s UDP://%s\n" % (word, group.encode()) for word in (b"JOIN", b"LEAVE") for group in GROUPS)
+    few, all_ = [8192, len(lines)], [0, 1, 19, 20, 21, 4095, 4096, 4097, 8192, len(lines) - 1, len(lines), len(lines) + 1]
+    texts = [steps(lambda value: with_room(segment, features, value, lines), values, (-signal.SIGXFSZ,))
+             for features, values in ([(FEATURES, few)] if quick else [(FEATURES, all_), ("", few)])]
+
+    def log_with_room(value):
+        agent = segment.agent(before=limited(resource.RLIMIT_FSIZE, value), ready=False)
+        wait_until(lambda: agent.process.poll() is not None or "is running as" in agent.log_text(), "a start or an end")
+        if agent.process.poll() is None:
+            agent.ends()
+            return "runs"
+        check(len(agent.log_text()) == value, f"{len(agent.log_text())} bytes of the log at limit {value}")
+        return agent.process.poll()
+
+    return "; ".join([*texts, "the log: " + steps(log_with_room, [0, 10, 65536], (-signal.SIGXFSZ,))])
+
+
+def with_room(segment, features, value, lines):
+    """What an agent does that may write so many bytes more when it runs."""
+    agent = segment.agent(features=features, log="/dev/null", ready=False)
+    agent.until(lambda: segment.join("239.2.1.1") or agent.has("JOIN UDP://239.2.1.1"), "the first line")
+    begun = len(read_bytes(agent.out))
+    resource.prlimit(agent.pid, resource.RLIMIT_FSIZE, (begun + value, begun + value))
+    segment.send(*changes(1))
+    wait_until(lambda: agent.process.poll() is not None or len(read_bytes(agent.out)) == begun + len(lines),
+               "the end, or all lines")
+    if value >= len(lines):
+        agent.ends()
+    got = read_bytes(agent.out)[begun:]
+    check(got == lines[:value], f"{len(got)} bytes at limit {value}, {got[-40:]!r} at the end")
+    return agent.process.wait(LIMIT_S) or "runs"
 
 
 CLOCK = """
