@@ -454,8 +454,8 @@ class Agent(Program):
         return all(f"JOIN UDP://{group}\n" in lines for group in GROUPS)
 
     def groups(self, run):
-        """What is reported, in order."""
-        return re.findall(r"^((?:JOIN UDP://|LEAVE UDP://)\S+)$", self.lines(run), re.M)
+        """What is reported, in order. In a pid file the first line goes on behind the number."""
+        return re.findall(r"((?:JOIN|LEAVE) UDP://\S+)\n", self.lines(run))
 
     def act(self, runs, wait):
         if any(run.reap() for run in runs):
