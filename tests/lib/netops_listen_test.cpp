@@ -9,6 +9,7 @@
 #include <sys/time.h>
 
 #include "fixtures.h"
+#include "udp.h"
 #include "util.h"
 #include "wrap.h"
 
@@ -109,12 +110,10 @@ TEST_F(NetopsListener, tcp_listens_non_blocking_on_the_port)
 {
     for (const char* host : {"127.0.0.1", "::1"}) {
         sockaddr_storage ss = addr(host);
-        const Fd probe(open_udp_listener(&ss, nullptr)); // a number that is likely to be free for TCP
-        ASSERT_GE(probe, 0);
-        const std::string port = std::to_string(port_of(bound_to(probe)));
-        const Fd fd(open_listener(&ss, port.c_str(), 0));
+        const uint16_t port = support::free_port(SOCK_STREAM);
+        const Fd fd(open_listener(&ss, std::to_string(port).c_str(), 0));
         ASSERT_GE(fd, 0);
-        EXPECT_EQ(str(bound_to(fd)), str(addr(host, port_of(bound_to(probe)))));
+        EXPECT_EQ(str(bound_to(fd)), str(addr(host, port)));
         EXPECT_TRUE(is_nonblocking(fd));
         EXPECT_TRUE(is_listening(fd));
         EXPECT_EQ(g_backlog, 128);
@@ -125,8 +124,9 @@ TEST_F(NetopsListener, tcp_listens_non_blocking_on_the_port)
 TEST_F(NetopsListener, kept_record_declared_const_takes_the_port)
 {
     sockaddr_storage ss = addr("127.0.0.1", 1);
-    const Fd fd(open_udp_listener(&ss, "54321"));
-    EXPECT_EQ(port_of(ss), 54321);
+    const uint16_t port = support::free_port(SOCK_DGRAM);
+    const Fd fd(open_udp_listener(&ss, std::to_string(port).c_str()));
+    EXPECT_EQ(port_of(ss), port);
 }
 
 TEST_F(NetopsListener, kept_text_that_is_no_port_lets_the_kernel_choose)
@@ -145,29 +145,30 @@ TEST_F(NetopsListener, kept_text_that_is_no_port_lets_the_kernel_choose)
 
 TEST_F(NetopsListener, kept_port_is_cut_to_sixteen_bits)
 {
-    const std::pair<const char*, uint16_t> cases[] = {{"65536", 0},
-                                                      {"115536", 50000},
-                                                      {"-15536", 50000},
-                                                      {"65535", 65535},
-                                                      {"99999999999999999999", 65535}};
+    const uint16_t port = support::free_port(SOCK_DGRAM);
+    const std::string above = std::to_string(port + 65536);
+    const std::string below = std::to_string(port - 65536);
+    const std::pair<std::string, uint16_t> cases[] = {
+        {"65536", 0}, {above, port}, {below, port}, {"65535", 65535}, {"99999999999999999999", 65535}};
     for (const auto& [given, used] : cases) {
         sockaddr_storage ss = addr("127.0.0.1");
-        const Fd fd(open_udp_listener(&ss, given));
+        const Fd fd(open_udp_listener(&ss, given.c_str()));
         EXPECT_GE(fd, 0) << given;
         EXPECT_EQ(port_of(ss), used) << given;
     }
     EXPECT_EQ(log.lines(), (Lines{"(ERR)  open_udp_listener: invalid port number: 65536",
-                                  "(ERR)  open_udp_listener: invalid port number: 115536",
-                                  "(ERR)  open_udp_listener: invalid port number: -15536",
+                                  "(ERR)  open_udp_listener: invalid port number: " + above,
+                                  "(ERR)  open_udp_listener: invalid port number: " + below,
                                   "(ERR)  open_udp_listener: invalid port number: 99999999999999999999"}));
 }
 
 TEST_F(NetopsListener, udp_without_a_port_text_keeps_the_one_in_the_record)
 {
-    sockaddr_storage ss = addr("127.0.0.1", 54322);
+    const uint16_t port = support::free_port(SOCK_DGRAM);
+    sockaddr_storage ss = addr("127.0.0.1", port);
     const Fd fd(open_udp_listener(&ss, nullptr));
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(str(bound_to(fd)), "127.0.0.1:54322");
+    EXPECT_EQ(str(bound_to(fd)), "127.0.0.1:" + std::to_string(port));
     EXPECT_TRUE(is_nonblocking(fd));
     EXPECT_EQ(log.lines(), Lines{});
 }
@@ -175,8 +176,7 @@ TEST_F(NetopsListener, udp_without_a_port_text_keeps_the_one_in_the_record)
 TEST_F(NetopsListener, deferred_listener_is_bound_and_does_not_listen)
 {
     sockaddr_storage ss = addr("127.0.0.1");
-    const Fd probe(open_udp_listener(&ss, nullptr));
-    const std::string port = std::to_string(port_of(bound_to(probe)));
+    const std::string port = std::to_string(support::free_port(SOCK_STREAM));
     const Fd fd(open_listener(&ss, port.c_str(), 1));
     ASSERT_GE(fd, 0);
     EXPECT_EQ(std::to_string(port_of(bound_to(fd))), port);

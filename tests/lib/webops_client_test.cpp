@@ -22,6 +22,7 @@
 #include "logcap.h"
 #include "oom.h"
 #include "text.h"
+#include "udp.h"
 #include "wait.h"
 #include "wrap.h"
 
@@ -952,22 +953,6 @@ TEST(WebStatus, ranges_of_codes)
     }
 }
 
-// A listener's port that was free a moment ago.
-static int free_port()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof addr;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), length) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length) != 0) {
-        abort();
-    }
-    close(fd);
-    return ntohs(addr.sin_port);
-}
-
 static int connect_to(int port)
 {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -992,7 +977,7 @@ TEST(WebPeer, nginx_serves_a_file_and_a_redirect)
     ASSERT_NE(mkdtemp(dir), nullptr);
     chmod(dir, 0755);
     const std::string root = dir;
-    const int port = free_port();
+    const int port = support::free_port(SOCK_STREAM);
     std::ofstream(root + "/file.txt") << "sixteen bytes...";
     chmod((root + "/file.txt").c_str(), 0644);
     std::ofstream(root + "/nginx.conf")
