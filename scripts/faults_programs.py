@@ -13,11 +13,11 @@ import time
 import typing
 
 import segment
-from segment import AGENT_END, Peer
+from segment import AGENT_ADDRESS, AGENT_END, Peer
 
 GROUPS = ["239.1.1.1", "239.1.1.2", "239.1.1.3"]
 LINES_LIMIT = 8  # the kernel hands packets over after 5 s
-HEARD_LIMIT = 20  # for zentmon to have what it is told
+ANSWER_LIMIT = 2  # for one answer of a service
 
 HOST = """
 import socket, struct, sys
@@ -323,14 +323,25 @@ class Querier(Tool):
         return [*super().command(run), run.prepared]
 
 
+def soon(condition, limit=ANSWER_LIMIT):
+    """Whether it holds within the limit."""
+    end = time.monotonic() + limit
+    while not (holds := condition()) and time.monotonic() < end:
+        time.sleep(0.02)
+    return holds
+
+
 class Service(Program):
-    """A program that serves until SIGTERM. Its words name its port {port}; touch() is what happens to it."""
+    """A program that serves until SIGTERM. Its words name its port {port}. meet() is a client, the count-th, and tells
+    whether he got what is right: after the first one others come until one does. Who goes on after a single fault must
+    serve them."""
 
     at_once = 40
+    served_limit = 20
 
-    def __init__(self, name, binary, words, statuses, kind=socket.SOCK_STREAM, ask=b"", append="", has_pid=False):
+    def __init__(self, name, binary, words, statuses, client=None, kind=socket.SOCK_STREAM, has_pid=False):
         super().__init__(name, binary)
-        self.words, self.statuses, self.kind, self.ask, self.append = words, statuses, kind, ask, append
+        self.words, self.statuses, self.client, self.kind = words, statuses, client, kind
         self.has_pid = has_pid
 
     def prepare(self, run):
@@ -341,21 +352,16 @@ class Service(Program):
     def command(self, run):
         return [self.binary, *(word.format(**run.prepared) for word in self.words)]
 
+    def meet(self, run, count):
+        return self.client(run, count)
+
     def touch(self, run):
-        if self.append:
-            with open(run.path("file"), "a", encoding="ascii") as out:
-                out.write(self.append)
-        if not self.ask:
-            return
-        with socket.socket(socket.AF_INET, self.kind) as peer:
-            peer.settimeout(1)
-            try:
-                peer.connect(("127.0.0.1", run.prepared["port"]))
-                peer.send(self.ask)
-                if self.kind == socket.SOCK_STREAM:
-                    peer.recv(4096)
-            except OSError:
-                pass  # what it was to be has failed
+        self.meet(run, 1)
+        end = time.monotonic() + (0 if run.fault.on else self.served_limit)
+        for count in range(2, 1000):
+            run.served = self.meet(run, count)
+            if run.served or not run.reap() or time.monotonic() >= end:
+                return
 
     def act(self, runs, wait):
         with concurrent.futures.ThreadPoolExecutor(16) as pool:
@@ -367,26 +373,86 @@ class Service(Program):
         return leaves[0] if self.has_pid and leaves else run.first
 
     def judge_own(self, run):
+        found = []
         if self.has_pid and os.path.exists(run.path("pid")) and run.fault.kind != "unlink":
-            return ["leaves its pid file"]
-        return []
+            found.append("leaves its pid file")
+        if run.lasted and not run.fault.on and not run.served:
+            found.append("goes on, and no client gets what is right any more")
+        return found
+
+
+def asking(words, answer):
+    """A client of a server: the answer, a regular expression, must come back."""
+    def meet(run, _):
+        got, end = b"", time.monotonic() + ANSWER_LIMIT
+        try:
+            with socket.create_connection(("127.0.0.1", run.prepared["port"]), ANSWER_LIMIT) as peer:
+                peer.sendall(words)
+                while not re.search(answer, got, re.S) and (piece := peer.recv(4096)):
+                    got += piece
+                    peer.settimeout(max(0.01, end - time.monotonic()))
+        except OSError:
+            pass  # what was to answer has failed
+        return re.search(answer, got, re.S) is not None
+    return meet
+
+
+def appending(shows):
+    """Who watches a file: it grows, and that must show."""
+    def meet(run, count):
+        with open(run.path("file"), "a", encoding="ascii") as out:
+            out.write(f"line {count}\n")
+        return soon(lambda: shows(run))
+    return meet
+
+
+def sending(address, shows):
+    """Who takes datagrams: one comes, and must show."""
+    def meet(run, count):
+        text = f"datagram {count:04}\n".encode()
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as peer:
+            peer.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(AGENT_ADDRESS))
+            peer.bind(("", 0))
+            try:
+                peer.sendto(text, (address, run.prepared["port"]))
+            except OSError:
+                return False  # of a port that was closed
+            return soon(lambda: shows(run, text.decode(), peer.getsockname()[1]))
+    return meet
+
+
+class Recorder(Service):
+    def judge_own(self, run):
+        found = super().judge_own(run)
+        if run.status.get(run.first) == 0 and run.fault.kind != "print":
+            lines = [line.split() for line in run.text("stream.idx").splitlines()]
+            if sum(int(line[1]) * int(line[2]) for line in lines) != len(run.text("stream")):
+                found.append("its index is not that of its file")
+        return found
 
 
 class Monitor(Service):
-    """zentmon. It has heard what it is told once its page shows the group; where one call alone fails it is told again
-    until it has."""
+    """zentmon: each client tells of one more group, which must show wherever it gives something out."""
 
     at_once = 80
 
-    def touch(self, run):
-        run.heard = False
-        end = time.monotonic() + (0 if run.fault.on else HEARD_LIMIT)
-        while not run.heard and run.reap():
-            super().touch(run)
-            run.heard = self.ask.split(b"/")[-1].strip() in self.page(run)
-            if time.monotonic() >= end:
-                return
-            time.sleep(0.02)
+    def __init__(self, name, binary, words):
+        super().__init__(name, binary, [*words, "--log", "log"], (64, 69, 71, 77), kind=socket.SOCK_DGRAM)
+
+    def meet(self, run, count):
+        group = f"239.1.1.{count}"
+        self.tell(run, f"JOIN UDP://{group}\n".encode())
+        return soon(lambda: self.shows(run, group))
+
+    def tell(self, run, line):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as peer:
+            try:
+                peer.sendto(line, ("127.0.0.1", run.prepared["port"]))
+            except OSError:
+                pass  # of a port that was closed
+
+    def shows(self, run, group):
+        return f'"{group}"'.encode() in self.page(run) and f'"{group}"' in run.text("out")
 
     @staticmethod
     def page(run):
@@ -400,9 +466,6 @@ class Monitor(Service):
         except OSError:
             pass  # what was to answer has failed
         return got
-
-    def judge_own(self, run):
-        return ["goes on without what it is told"] if run.lasted and not run.fault.on and not run.heard else []
 
 
 class Agent(Program):
@@ -516,9 +579,8 @@ def agents(binary, world, quick):
 
 
 def monitors(build):
-    words = ["--listen", "127.0.0.1:{port}", "--http", "127.0.0.1:{other}", "--db", "db", "--json", "--log", "log"]
-    yield Monitor("zentmon", f"{build}/zentmon", words, (64, 69, 71, 77), socket.SOCK_DGRAM,
-                  b"JOIN UDP://239.1.1.1\n")
+    yield Monitor("zentmon", f"{build}/zentmon",
+                  ["--listen", "127.0.0.1:{port}", "--http", "127.0.0.1:{other}", "--db", "db", "--json"])
 
 
 def tools(build):
@@ -534,19 +596,21 @@ def examples(build, world):
     def at(name):
         return f"{build}/examples/{name}"
 
-    get = b"GET /ping HTTP/1.0\r\n\r\n"
-    yield Service("echo_server", at("echo_server"), ["-p", "{port}"], (1, 2), ask=b"text\n")
-    yield Service("line_server", at("line_server"), ["-p", "{port}"], (1, 2), ask=b"text\n")
+    yield Service("echo_server", at("echo_server"), ["-p", "{port}"], (1, 2), asking(b"text\n", b"^text\n"))
+    yield Service("line_server", at("line_server"), ["-p", "{port}"], (1, 2), asking(b"text\n", b"1: text\n"))
     yield Service("file_server", at("file_server"), ["-p", "pid", "-l", "log", "127.0.0.1", "{port}", "."], (1, 2),
-                  ask=b"GET /file HTTP/1.0\r\n\r\n", has_pid=True)
-    yield Service("guide_daemon", at("guide_daemon"), ["-T", "-p", "pid", "-l", "log", "{port}"], (1, 2), ask=get,
-                  has_pid=True)
-    yield Service("recorder", at("recorder"), ["-p", "pid", "-l", "log", "127.0.0.1", "{port}", "stream"], (1, 2),
-                  socket.SOCK_DGRAM, b"datagram", has_pid=True)
-    yield Service("follow", at("follow"), ["file"], (1, 2), append="second\n")
-    yield Service("watch_rotate", at("watch_rotate"), ["log", "file"], (1, 2), append="second\n")
+                  asking(b"GET /file HTTP/1.0\r\n\r\n", b"^HTTP/1.. 200 .*\r\n\r\nfirst\n$"), has_pid=True)
+    yield Service("guide_daemon", at("guide_daemon"), ["-T", "-p", "pid", "-l", "log", "{port}"], (1, 2),
+                  asking(b"GET /ping HTTP/1.0\r\n\r\n", b"^HTTP/1.. 200 .*\r\n\r\n"), has_pid=True)
+    yield Recorder("recorder", at("recorder"), ["-p", "pid", "-l", "log", "-m", "1", "127.0.0.1", "{port}", "stream"],
+                   (1, 2), sending("127.0.0.1", lambda run, text, _: text in run.text("stream")),
+                   socket.SOCK_DGRAM, has_pid=True)
+    yield Service("follow", at("follow"), ["file"], (1, 2), appending(lambda run: run.text("out") == run.text("file")))
+    yield Service("watch_rotate", at("watch_rotate"), ["log", "file"], (1, 2), appending(
+        lambda run: f"file has {os.path.getsize(run.path('file'))} bytes" in run.text("log")))
     yield Service("mcast_receive", at("mcast_receive"), ["-i", AGENT_END, "udp://239.5.5.5:{port}"], (1, 2),
-                  socket.SOCK_DGRAM)
+                  sending("239.5.5.5", lambda run, text, port: f"{len(text)} bytes from {AGENT_ADDRESS}:{port}\n"
+                          in run.text("out")), socket.SOCK_DGRAM)
     yield Tool("fd_pass", at("fd_pass"), ["file"], (0, 1, 2), {"file": "first\n"})
     yield Tool("index_query", at("index_query"), ["index", "500"], (0, 1, 2), {"index": "0 10 100 1.0 2.0\n"})
     yield Tool("fetch to stdout", at("fetch"), [f"http://127.0.0.1:{world.web.server_port}/"], (0, 1, 2))
