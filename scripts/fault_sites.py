@@ -208,6 +208,8 @@ def compare(never, entries, line_text):
             spoken = {site for site in never if site.file == entry["file"] and line_text(site) == text}
             if not spoken:
                 found.append(f"{entry['file']}: {text}: is in the list, but was failed, or is gone")
+            if len({site.line for site in spoken}) > 1:
+                found.append(f"{entry['file']}: {text}: stands there more than once: which line is meant?")
             found += [f"{entry['file']}: {text}: {entry['test']} does not wrap {site.call}" for site in spoken
                       if "test" in entry and not wraps(entry["test"], site.call)]
             never -= spoken
