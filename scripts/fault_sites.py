@@ -63,6 +63,13 @@ def descendants():
     return found
 
 
+def kill(pid):
+    try:
+        os.kill(pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass  # it has ended since
+
+
 def command_of(pid):
     try:
         return f"{pid} {read(f'/proc/{pid}/cmdline')}".replace("\0", " ")
@@ -335,7 +342,7 @@ class Tests:
         """Ends what the tests have left, for instance a daemon in a session of its own."""
         self.pool.shutdown()
         for pid in descendants() - self.others:
-            os.kill(pid, signal.SIGKILL)
+            kill(pid)
 
     def numbers(self, count):
         self.count += count

@@ -108,7 +108,7 @@ LISTED = [
            "fdio.h: new_transfer_spec without memory ends the process"),
     Listed("alloc", "usock_open", ".*", "SIGABRT", "wopen.h: memory for a copy of the path"),
     Listed("setuid", "run_as_user_id", "agent.*", "without a reason", "util.h: no line is logged"),
-    Listed("sigaction", r"signal 15\b", ".*", "is ended by SIGTERM|does not end at SIGTERM|its pid file",
+    Listed("sigaction", r"signal 15\b", ".*", "is ended by SIGTERM|does not end at SIGTERM",
            "sigaction fails for no signal that is used; what SIGTERM does is not set then"),
     Listed("fgets", ".*", "agent.*", "goes on with", "an error while the list is read counts as its end"),
     Listed("fgets", ".*", "zentctl lint", "ends with 0",
@@ -124,11 +124,12 @@ LISTED = [
            "lines that could not be written stay in the buffer of the standard output, for the next time"),
     Listed("write", "Bell::ring", "zentmon", "leaves /log open",
            "an eventfd takes each ring; unheard, the thread of the log keeps its file where the process ends"),
-    Listed("wait", ".*", "zentmon", "leaves", "a thread that cannot be waited for is left as it is, with its files"),
+    Listed("wait", ".*", "zentmon", r"leaves \S+ open", "a thread that cannot be waited for is left as it is, with its files"),
     Listed("pcap_dispatch", ".*", "zentctl.*", "without a reason", "the reason would stand in libpcap's handle"),
     Listed("pcap_.*", ".*", ".*", "leaves anon_inode",
            "libpcap keeps its eventfd where a handle is closed that was never activated"),
-    Listed("epoll_ctl|wait|fcntl", ".*", "file_server", "leaves (/file|socket)", "what is open at its end ends with the process"),
+    Listed("epoll_ctl|wait|fcntl", ".*", "file_server", "leaves (/file|socket)",
+           "what is open at its end ends with the process"),
     Listed("write|truncate|fcntl", ".*", "file_server|guide_daemon|recorder", "its pid file",
            "a pid file that could not be made may be another process's: it stays", within="create_pidfile"),
 ]
@@ -179,7 +180,7 @@ class Program:
 
     def learn(self, run):
         """The descriptors that are open at the end of a sound run, and its end."""
-        self.sound = self.end_of(run)
+        self.sound, self.base = self.end_of(run), {}
         for pid, ends in run.report().ends.items():
             for target, count in count_of_targets(self.neutral(run, ends)).items():
                 key = pid == self.main_process(run), target
