@@ -241,7 +241,8 @@ def flood_of_a_million_frames(segment, quick):
     row = changes(10)
     row = Frames([frame for n, change in enumerate(row) for frame in
                   ([change, bad_frame(chance)] if n % 9 == 8 else [change])])
-    for _ in range(0, count, row.count):
+    rounds = range(0, count, row.count)
+    for _ in rounds:
         row.send(segment.wire)
     texts = []
     for agent in agents:
@@ -251,7 +252,7 @@ def flood_of_a_million_frames(segment, quick):
         check(memory < 40_000, f"{memory} kB of memory")
         agent.ends()
         texts.append(f"{whole_lines(read_bytes(agent.out))} lines in {memory} kB")
-    return ", ".join(texts)
+    return f"{10 * 2 * len(GROUPS) * len(rounds)} changes: {', '.join(texts)}"
 
 
 @scenario
