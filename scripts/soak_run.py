@@ -24,6 +24,7 @@ PER_BURST, BURSTS_A_SECOND = 500, 40
 BAD_PER_BURST = PER_BURST // 20
 MEMORY_KB, COST = 64, 1.08  # what a run may grow by
 SHORT_S, SHORT_COST = 300, 1.15  # a short run has less to take the median of
+FEW = 10  # with fewer slices to compare, in a run below 30 s, the cost is told and not judged
 YOUNG_FROM, COMPARED = 0.75, 0.2  # when the young agents are started, and for which part at the end they are compared
 SLICE_S = 0.25
 PIPE_BYTES = 1 << 20
@@ -199,8 +200,10 @@ def verdict_beside(agent, young, most):
         return False, "no lines to compare the costs of"
     old, new = (statistics.median(costs) for costs in zip(*pairs))
     ratio = statistics.median(a / b for a, b in pairs)
-    return ratio <= most, (f"{old:.0f} ns a line at the end, {new:.0f} for an agent that was started late: {ratio:.2f} times "
-                           f"(at most {most:.2f}); {statistics.median(begun):.0f} at the start")
+    limit = f"at most {most:.2f}" if len(pairs) >= FEW else "too few slices to judge"
+    return ratio <= most or len(pairs) < FEW, (
+        f"{old:.0f} ns a line at the end, {new:.0f} for an agent that was started late: {ratio:.2f} times ({limit}); "
+        f"{statistics.median(begun):.0f} at the start")
 
 
 # ---- the run ---------------------------------------------------------------------------------------------------------
