@@ -721,20 +721,20 @@ def sigterm_at_random_moments(segment, quick):
     for _ in range(5):
         segment.agent().ends()
     usual = (time.monotonic() - started) / 5
-    row, ends, daemons_hit = Frames(changes(1)), {0: 0, -signal.SIGTERM: 0}, 0
+    row, ends, daemons, daemons_hit = Frames(changes(1)), {0: 0, -signal.SIGTERM: 0}, 0, 0
     out = segment.path("out")
     running, begun, done = [], 0, 0
     with open(out, "ab") as file:
         while done < count:
             while len(running) < at_once and begun < count:
                 # One after the other: what ends without a parent must be of the only daemon.
-                is_daemon = begun % 5 == 0 and not any(isinstance(one, Background) for one, *_ in running)
+                is_daemon = 5 * daemons <= begun and not any(isinstance(one, Background) for one, *_ in running)
                 features = chance.choice(["", FEATURES, "exact,immediate,igmpv3,expire=10"])
                 one = (Background if is_daemon else Foreground)(segment, file, features)
                 now = time.monotonic()
                 moments = sorted(now + chance.uniform(0, 1.5 * usual * at_once) for _ in range(chance.choice([1, 2])))
                 running.append((one, moments, now + LIMIT_S))
-                begun += 1
+                begun, daemons = begun + 1, daemons + is_daemon
             if done % 16 == 0:
                 row.send(segment.wire)
             for each in list(running):
@@ -756,8 +756,8 @@ def sigterm_at_random_moments(segment, quick):
     take_orphans()
     for line in read_bytes(out).splitlines():
         check(LINE.fullmatch(line), f"not a line: {line[:80]!r}")
-    return (f"{done} times: {ends[0]} ends with 0, {ends[-signal.SIGTERM]} by the signal, {daemons_hit} daemons hit "
-            f"themselves, start to stop {usual * 1000:.0f} ms")
+    return (f"{done} times: {ends[0]} ends with 0, {ends[-signal.SIGTERM]} by the signal, {daemons_hit} of {daemons} "
+            f"daemons hit themselves, start to stop {usual * 1000:.0f} ms")
 
 
 @scenario

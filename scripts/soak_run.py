@@ -236,7 +236,7 @@ def watch(agents, host, seconds, start_young):
             elif host.stdout.readline() == "done\n":
                 sent_in = quiet - start
             else:
-                raise SystemExit("soak: the host has come to an early end")
+                raise SystemExit(f"soak: the host has come to an early end, with {host.wait(LIMIT_S)}")
         now = time.monotonic()
         if sent_in is None and now >= next_sample:
             next_sample += SLICE_S
