@@ -180,11 +180,11 @@ def verdicts(agent, changes, complaints):
     grown = max(memory[half:]) - memory[half]
     descriptors = sorted({sample.descriptors for sample in agent.samples[1:]})
     log = read_text(agent.log).splitlines()
-    known = [line for line in log if ": IGMPv3 report ends within record 1 of " in line]
+    others = [line for line in log if ": IGMPv3 report ends within record 1 of " not in line]
     yield agent.wrong is None and agent.lines() == changes, f"{agent.lines()} lines of {changes}" + (
         f"; {agent.wrong}" if agent.wrong else "")
-    yield len(log) == len(known) == complaints, f"{len(log)} complaints of {complaints}" + next(
-        (f"; {line}" for line in log if line not in known), "")
+    yield len(log) == complaints and not others, f"{len(log)} complaints of {complaints}" + (
+        f"; {others[0]}" if others else "")
     yield grown <= MEMORY_KB, f"{memory[half]} kB of memory at half time, {grown} kB more later (at most {MEMORY_KB})"
     yield len(descriptors) == 1, f"{' or '.join(map(str, descriptors))} descriptors"
 
@@ -294,6 +294,7 @@ def main():
     set_priority(0, SECOND)
     agents, changes = [], seconds * BURSTS_A_SECOND * PER_BURST
     sent_in, codes = soak(zent, seconds, agents)
+    os.sched_setscheduler(0, os.SCHED_OTHER, os.sched_param(0))  # nothing waits for the figures
     print(f"{changes} changes and {changes // 20} bad frames, sent in {sent_in:.1f} s")
     found = [*judge(agents, seconds), *((agent, code == 0, f"exit code {code}") for agent, code in zip(agents, codes))]
     for agent, fine, text in found:
