@@ -1,13 +1,16 @@
 """The programs of scripts/faults: how each is started, what happens to it, and what a run may look like that had a
 fault."""
 import concurrent.futures
+import functools
 import http.server
 import itertools
 import os
 import re
+import shutil
 import signal
 import socket
 import subprocess
+import tempfile
 import threading
 import time
 import typing
@@ -33,6 +36,25 @@ for line in sys.stdin:
 """
 
 
+PORTS = itertools.cycle(range(10000, 32000))  # none of those that the kernel gives away; nobody else is in the namespace
+
+# The program of zentmon --exec: it adds a line to a file of its working directory.
+HOOK = r"""
+#include <stdio.h>
+#include <stdlib.h>
+
+int main(void)
+{
+    FILE* file = fopen("hooked", "a");
+    if (file == NULL) {
+        return 1;
+    }
+    fprintf(file, "%s %s\n", getenv("ZENT_EVENT"), getenv("ZENT_GROUP"));
+    return fclose(file) == 0 ? 0 : 1;
+}
+"""
+
+
 class Page(http.server.BaseHTTPRequestHandler):
     """What fetch fetches."""
 
@@ -45,6 +67,20 @@ class Page(http.server.BaseHTTPRequestHandler):
         pass
 
 
+def page_at(port):
+    """The table of groups of a zentmon, or what there is of it."""
+    got = b""
+    try:
+        with socket.create_connection(("127.0.0.1", port), 1) as peer:
+            peer.settimeout(1)
+            peer.send(b"GET /groups.json HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n")
+            while piece := peer.recv(65536):
+                got += piece
+    except OSError:
+        pass  # what was to answer has failed
+    return got
+
+
 class World:
     """The segment: the programs on one end, on the other a kernel host that speaks IGMPv2."""
 
@@ -54,6 +90,24 @@ class World:
         self.web = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Page)
         threading.Thread(target=self.web.serve_forever, daemon=True).start()
         subprocess.run(self.host.inside("sysctl", "-qw", "net.ipv4.conf.all.force_igmp_version=2"), check=True)
+        self.build = None  # where the programs are
+        self.folder = tempfile.mkdtemp(prefix="zent-faults-world-")
+        os.chmod(self.folder, 0o755)
+
+    @functools.cached_property
+    def feed(self):
+        return Feed(self.build)
+
+    @functools.cached_property
+    def broker(self):
+        return Broker(self.folder)
+
+    @functools.cached_property
+    def hook(self):
+        """A static program, which no library can stand in front of."""
+        path = os.path.join(self.folder, "hook")
+        subprocess.run(["cc", "-static", "-O1", "-x", "c", "-o", path, "-"], input=HOOK, text=True, check=True)
+        return path
 
     def join(self, groups=GROUPS):
         """The host leaves what it was in, and joins the groups."""
@@ -64,6 +118,72 @@ class World:
     def close(self):
         self.web.shutdown()
         self.host.close()
+        for helper in ("broker", "feed"):
+            if helper in self.__dict__:  # it was asked for
+                self.__dict__[helper].close()
+        shutil.rmtree(self.folder)
+
+
+class Broker:
+    """An MQTT broker, and all that it was told."""
+
+    def __init__(self, folder):
+        self.port, self.heard = next(PORTS), set()
+        settings = os.path.join(folder, "mosquitto.conf")
+        with open(settings, "w", encoding="ascii") as out:
+            out.write(f"listener {self.port} 127.0.0.1\nallow_anonymous true\nlog_type error\nuser root\n")
+        self.processes = [subprocess.Popen(["mosquitto", "-c", settings], stderr=subprocess.DEVNULL)]
+        segment.wait_for(self.answers, segment.LIMIT_S, "the MQTT broker")
+        self.listener = subprocess.Popen(["mosquitto_sub", "-p", str(self.port), "-t", "#", "-F", "%t %p"],
+                                         stdout=subprocess.PIPE, text=True)
+        self.processes.append(self.listener)
+        threading.Thread(target=self.listen, daemon=True).start()
+
+    def answers(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as peer:
+            return peer.connect_ex(("127.0.0.1", self.port)) == 0
+
+    def listen(self):
+        for line in self.listener.stdout:
+            topic, _, payload = line.partition(" ")
+            if payload.strip():
+                self.heard.add(topic)
+
+    def close(self):
+        for process in self.processes:
+            process.kill()
+            process.wait()
+
+
+class Feed:
+    """A zentmon that nothing fails in, for what asks one."""
+
+    def __init__(self, build):
+        self.listens, self.serves = next(PORTS), next(PORTS)
+        self.processes = [subprocess.Popen([f"{build}/zentmon", "--listen", f"127.0.0.1:{self.listens}", "--http",
+                                            f"127.0.0.1:{self.serves}", "--loglevel", "err"])]
+        self.url = f"http://127.0.0.1:{self.serves}"
+        self.speaker = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)  # one for all: each port is a life of an agent
+        self.groups = itertools.count(1)
+        segment.wait_for(lambda: page_at(self.serves), segment.LIMIT_S, "zentmon")
+        for group in GROUPS:
+            self.join(group)
+        segment.wait_for(lambda: GROUPS[-1].encode() in page_at(self.serves), segment.LIMIT_S, "zentmon's groups")
+
+    def join(self, group):
+        self.speaker.sendto(f"JOIN UDP://{group}\n".encode(), ("127.0.0.1", self.listens))
+
+    def join_another(self):
+        """A group that none has joined yet."""
+        number = next(self.groups)
+        group = f"239.2.{number // 256}.{number % 256}"
+        self.join(group)
+        return group
+
+    def close(self):
+        self.speaker.close()
+        self.processes[0].kill()
+        self.processes[0].wait()
 
 
 class Failed(typing.NamedTuple):
@@ -113,6 +233,9 @@ LISTED = [
     Listed("fgets", ".*", "agent.*", "goes on with", "an error while the list is read counts as its end"),
     Listed("fgets", ".*", "zentctl lint", "ends with 0",
            "the agent's loader reads a copy in memory here, whose read cannot fail"),
+    Listed("read", ".*", "zentmon stdin", "no client gets",
+           "zentmon(8): an error of the standard input is its end, and is told",
+           error="EIO|EISDIR", within="StreamIntake"),
     Listed("alloc", "xvlst_reserve", "echo_server", "no client gets",
            "xvdat.h: a list whose map found no memory takes nothing until it is reset"),
     Listed("epoll_ctl", "rqs_rm_fd", ".*", "does not end|SIGKILL", "the kernel refuses only what was never added"),
@@ -166,6 +289,14 @@ class Program:
 
     def prepare(self, run):
         return None
+
+    def helpers(self):
+        """The processes that its runs need beside them."""
+        return set()
+
+    def input(self, run):
+        """Its standard input."""
+        return subprocess.DEVNULL
 
     def settled(self, run):
         """It has ended, or waits for what comes."""
@@ -254,9 +385,6 @@ class Program:
 
     def judge_own(self, run):
         return []
-
-
-PORTS = itertools.cycle(range(10000, 32000))  # none of those that the kernel gives away; nobody else is in the namespace
 
 
 class Tool(Program):
@@ -434,6 +562,38 @@ class Recorder(Service):
         return found
 
 
+class Asker(Tool):
+    """zentctl groups, which asks a zentmon for groups that do not change."""
+
+    def __init__(self, binary, world):
+        super().__init__("zentctl groups", binary, ["groups", "--filter", "239.1.1."], (0, 1, 2))
+        self.world = world
+
+    def helpers(self):
+        return {process.pid for process in self.world.feed.processes}
+
+    def command(self, run):
+        return [*super().command(run), self.world.feed.url]
+
+
+class Watcher(Service):
+    """zentctl watch, which must tell what a zentmon tells it."""
+
+    def __init__(self, binary, world):
+        super().__init__("zentctl watch", binary, ["watch", "{url}"], (1, 2))
+        self.world = world
+
+    def helpers(self):
+        return {process.pid for process in self.world.feed.processes}
+
+    def prepare(self, run):
+        return {"url": self.world.feed.url}
+
+    def meet(self, run, count):
+        group = self.world.feed.join_another()
+        return soon(lambda: f"  {group}  " in run.text("out"))
+
+
 class Monitor(Service):
     """zentmon: each client tells of one more group, which must show wherever it gives something out."""
 
@@ -455,20 +615,90 @@ class Monitor(Service):
                 pass  # of a port that was closed
 
     def shows(self, run, group):
-        return f'"{group}"'.encode() in self.page(run) and f'"{group}"' in run.text("out")
+        return f'"{group}"'.encode() in page_at(run.prepared["other"]) and f'"{group}"' in run.text("out")
+
+
+class Outputs(Monitor):
+    """zentmon that tells a program, another receiver and a broker."""
+
+    served_limit = 60  # its pauses between connections grow to 30 s
+
+    def __init__(self, binary, world):
+        super().__init__("zentmon outputs", binary, [
+            "--listen", "127.0.0.1:{port}", "--http", "none", "--exec", "{hook}", "--forward", "127.0.0.1:{onward}",
+            "--mqtt", "127.0.0.1:{broker}", "--mqtt-prefix", "faults", "--instance", "{instance}"])
+        self.world = world
+
+    def helpers(self):
+        return {process.pid for process in self.world.broker.processes}
+
+    def prepare(self, run):
+        run.got, run.receiver = "", socket.socket(socket.AF_INET, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
+        run.receiver.bind(("127.0.0.1", 0))
+        return {**super().prepare(run), "hook": self.world.hook, "onward": run.receiver.getsockname()[1],
+                "broker": self.world.broker.port, "instance": os.path.basename(run.folder)}
+
+    def shows(self, run, group):
+        try:
+            while True:
+                run.got += run.receiver.recv(2048).decode()
+        except BlockingIOError:
+            pass
+        return (f"JOIN UDP://{group}\n" in run.got and f"join {group}\n" in run.text("hooked") and
+                f"faults/{run.prepared['instance']}/127.0.0.1/{group}" in self.world.broker.heard)
+
+    def act(self, runs, wait):
+        super().act(runs, wait)
+        for run in runs:
+            run.receiver.close()
+
+
+class Stdin(Monitor):
+    """zentmon that takes lines from a pipe; at the end that ends first."""
+
+    def __init__(self, binary):
+        super().__init__("zentmon stdin", binary, [
+            "--stdin", "--listen", "127.0.0.1:{port}", "--http", "127.0.0.1:{other}", "--json"])
+
+    def prepare(self, run):
+        run.pipe = os.pipe()
+        return super().prepare(run)
+
+    def input(self, run):
+        return run.pipe[0]
+
+    def tell(self, run, line):
+        os.write(run.pipe[1], line)
+
+    def act(self, runs, wait):
+        super().act(runs, wait)
+        for run in runs:
+            os.close(run.pipe[0])
+            os.close(run.pipe[1])
+
+
+class Settings(Monitor):
+    """zentmon that has its settings from a file, which changes before each client."""
+
+    def __init__(self, binary):
+        super().__init__("zentmon settings", binary, ["--config", "settings"])
 
     @staticmethod
-    def page(run):
-        got = b""
-        try:
-            with socket.create_connection(("127.0.0.1", run.prepared["other"]), 1) as peer:
-                peer.settimeout(1)
-                peer.send(b"GET /groups.json HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n")
-                while piece := peer.recv(65536):
-                    got += piece
-        except OSError:
-            pass  # what was to answer has failed
-        return got
+    def write(run, ports, name):
+        with open(run.path("next"), "w", encoding="ascii") as out:
+            out.write(f"listen 127.0.0.1:{ports['port']}\nhttp = 127.0.0.1:{ports['other']}\njson\n"
+                      f"allow 127.0.0.0/8\nname 127.0.0.1={name}\n")
+        os.rename(run.path("next"), run.path("settings"))
+
+    def prepare(self, run):
+        ports = super().prepare(run)
+        self.write(run, ports, "name0")
+        return ports
+
+    def meet(self, run, count):
+        self.write(run, run.prepared, f"name{count}")
+        run.signal(signal.SIGHUP)
+        return super().meet(run, count) and soon(lambda: f'"name{count}"'.encode() in page_at(run.prepared["other"]))
 
 
 class Agent(Program):
@@ -581,9 +811,15 @@ def agents(binary, world, quick):
         yield Tool("agent that is refused", binary, ["-i", AGENT_END], (2,), env={"ZENT_FEATURES": "none"})
 
 
-def monitors(build):
-    yield Monitor("zentmon", f"{build}/zentmon",
-                  ["--listen", "127.0.0.1:{port}", "--http", "127.0.0.1:{other}", "--db", "db", "--json"])
+def monitors(build, world):
+    binary = f"{build}/zentmon"
+    yield Monitor("zentmon", binary, ["--listen", "127.0.0.1:{port}", "--http", "127.0.0.1:{other}", "--db", "db",
+                                      "--json"])
+    yield Outputs(binary, world)
+    yield Stdin(binary)
+    yield Settings(binary)
+    yield Asker(f"{build}/tools/zentctl", world)
+    yield Watcher(f"{build}/tools/zentctl", world)
 
 
 def tools(build):
@@ -622,7 +858,8 @@ def examples(build, world):
 
 
 def programs(build, world, quick):
+    world.build = build
     yield from agents(os.path.join(build, "zent"), world, quick)
-    yield from monitors(build)
+    yield from monitors(build, world)
     yield from tools(build)
     yield from examples(build, world)

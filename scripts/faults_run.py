@@ -158,7 +158,7 @@ class Run:
             os.chmod(self.report_path, 0o666)  # the program may become another user
         self.prepared = program.prepare(self)
         with open(os.path.join(folder, "out"), "wb") as out, open(os.path.join(folder, "err"), "wb") as err:
-            self.child = subprocess.Popen(program.command(self), env=env, stdin=subprocess.DEVNULL, stdout=out,
+            self.child = subprocess.Popen(program.command(self), env=env, stdin=program.input(self), stdout=out,
                                           stderr=err, cwd=folder)
         self.first = self.child.pid
 
@@ -227,6 +227,7 @@ class Batch:
         self.known = fault_sites.descendants()
 
     def go(self, program, faults):
+        self.known |= program.helpers()
         runs = []
         for fault in faults:
             self.count += 1
