@@ -635,6 +635,7 @@ def killed_at_random_moments(segment, quick):
 class Foreground:
     """An agent that is stopped at any moment of its life."""
     number = 0
+    daemons_hit = 0
 
     def __init__(self, segment, out, features, *options):
         Foreground.number += 1
@@ -659,10 +660,6 @@ class Foreground:
                 os.unlink(self.log)
         return code
 
-    def kill(self):
-        self.process.kill()
-        self.process.wait()
-
 
 class Background(Foreground):
     """The same with a daemon: whatever lives of it at that moment, its starter or itself, is hit."""
@@ -671,7 +668,6 @@ class Background(Foreground):
         self.pid_file = segment.path("daemon.pid")
         super().__init__(segment, out, features, "-p", self.pid_file, "-R", f"{AGENT_ADDRESS}:9")
         self.known = set()  # those that have had the signal
-        self.daemons_hit = 0
 
     def alive(self):
         word = f"\0{self.pid_file}\0".encode()
@@ -749,7 +745,7 @@ def sigterm_at_random_moments(segment, quick):
                     ends[code] += 1
                     done += 1
                     running.remove(each)
-                    daemons_hit += getattr(one, "daemons_hit", 0) > 0
+                    daemons_hit += one.daemons_hit > 0
                 check(time.monotonic() < limit, f"an agent does not end: {read_text(f'/proc/{one.process.pid}/wchan')}")
             time.sleep(0.0005)
     wait_until(lambda: not agents_alive(), "the end of all")
