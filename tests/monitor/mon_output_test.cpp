@@ -214,6 +214,7 @@ TEST_F(MonOutput, a_reader_that_is_gone_is_told_once_and_every_line_is_counted)
         output.on_event(events.next(EventKind::join, group(1), who));
     }
     ASSERT_TRUE(run_until([&] { return dropped(output) == 100; }));
+    ASSERT_TRUE(run_until_logged("no more lines go out"));
     output.on_event(events.next(EventKind::join, group(1), who));
     EXPECT_EQ(dropped(output), 101u);
     EXPECT_EQ(times_logged("no more lines go out"), 1u);
