@@ -4,7 +4,7 @@
 // usage: echo_server [-p port] [-i idle_ms] [-g grace_ms]
 //
 // It says "listening on 127.0.0.1:PORT" on stdout when it is ready; port 0, the default, is one of the
-// system's choice. A second signal ends it at once.
+// system's choice. It serves 1,024 clients at once and shuts out more. A second signal ends it at once.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -53,6 +53,7 @@ struct Listener {
 
 Listener g_listener = {kListener, -1};
 constexpr size_t kClientSlot = sizeof(void*);
+constexpr size_t kMostClients = 1024;
 struct xvlst g_clients = NULL_xvlst; // of Client*
 struct timespec g_idle_limit = {30, 0};
 struct timespec g_grace = {5, 0};
@@ -101,7 +102,7 @@ void accept_client()
         return; // gone again, or no descriptor left: the others are served on
     }
     auto* c = static_cast<Client*>(Calloc(1, sizeof(Client)));
-    const ssize_t slot = c != nullptr ? xvlst_add(&g_clients, kClientSlot, 64) : -1;
+    const ssize_t slot = c != nullptr ? xvlst_add(&g_clients, kClientSlot, 1) : -1;
     if (slot < 0) {
         free(c);
         Close(fd);
@@ -288,7 +289,10 @@ int main(int argc, char** argv)
     cfg.cb.error = on_error;
     cfg.cb.post_process = free_dead;
     cfg.quit_on_zero_fds = 1;
-    if (handle_quit_signals(on_signal) != 0 || ignore_sigpipe() != 0 || rqs_init(&cfg) != 0) {
+    // All room is taken now: a list that could not grow once would take nobody any more.
+    if (xvlst_mmap_fixed(&g_clients, kMostClients, kClientSlot) != 0 || handle_quit_signals(on_signal) != 0 ||
+        ignore_sigpipe() != 0 || rqs_init(&cfg) != 0) {
+        log_err("the server cannot start\n");
         return 1;
     }
     const int rc = listen_on(port) == 0 ? rqs_event_loop() : 1;

@@ -236,8 +236,6 @@ LISTED = [
     Listed("read", ".*", "zentmon stdin", "no client gets",
            "zentmon(8): an error of the standard input is its end, and is told",
            error="EIO|EISDIR", within="StreamIntake"),
-    Listed("alloc", "xvlst_reserve", "echo_server", "no client gets",
-           "xvdat.h: a list whose map found no memory takes nothing until it is reset"),
     Listed("epoll_ctl", "rqs_rm_fd", ".*", "does not end|SIGKILL", "the kernel refuses only what was never added"),
     Listed("wait", ".*", ".*", "ends with|ends by itself", "a wait that fails otherwise than by a signal ends the loop",
            error="EINVAL|ENOMEM"),

@@ -1,5 +1,6 @@
 // The echo server as its users run it: real clients on the loopback address.
 #include <arpa/inet.h>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -73,6 +74,13 @@ class EchoServer : public testing::Test {
         pollfd p = {fd.get(), POLLIN, 0};
         char c = 0;
         return poll(&p, 1, 120'000) == 1 && read(fd.get(), &c, 1) <= 0;
+    }
+
+    bool has_ended() const
+    {
+        siginfo_t end = {};
+        waitid(P_PID, static_cast<id_t>(server.pid()), &end, WEXITED | WNOHANG | WNOWAIT);
+        return end.si_pid != 0;
     }
 
     support::FdGuard guard_;
@@ -213,6 +221,28 @@ TEST_F(EchoServer, a_port_in_use_and_wrong_options)
     EXPECT_EQ(support::run_program({kServer, "-x"}).exit_code, 2);
     server.kill(SIGINT);
     EXPECT_EQ(server.wait().exit_code, 0);
+}
+
+// Once it was one that the list of clients wanted: then nobody was served any more.
+TEST_F(EchoServer, one_refusal_of_memory_costs_one_client_at_most)
+{
+    const std::string shim = support::build_path("tests/faults/libzent_faults.so");
+    for (int nth = 1; nth <= 16; ++nth) {
+        server = support::Process({"env", "LD_PRELOAD=" + shim, "ASAN_OPTIONS=verify_asan_link_order=0",
+                                   "FAULTS_KIND=alloc", "FAULTS_NTH=" + std::to_string(nth),
+                                   "FAULTS_CODE=" + std::to_string(ENOMEM), kServer});
+        ASSERT_TRUE(
+            support::wait_until([&] { return has_ended() || server.out().find('\n') != std::string::npos; }));
+        int served = 0;
+        for (int client = 0; client < 3 && !has_ended(); ++client) {
+            port = static_cast<uint16_t>(std::stoi(server.out().substr(strlen("listening on 127.0.0.1:"))));
+            const mv::OwnedFd fd = connect_client();
+            send(fd.get(), "text\n", 5, MSG_NOSIGNAL);
+            served += fd && receive(fd, 5) == "text\n" ? 1 : 0;
+        }
+        EXPECT_TRUE(served >= 2 || support::wait_until([&] { return has_ended(); }))
+            << nth << ": " << server.err();
+    }
 }
 
 } // namespace
