@@ -57,6 +57,7 @@ SWAPPED = {"&&": "||", "||": "&&", "+": "-", "-": "+"}
 
 HEADERS = ["lib/detail/*.h", "agent/*.h", "include/xvdat.h"]  # those with code
 UNITS = ["lib/*.cpp", "agent/*.cpp", "common/meta.cpp"]
+BOUNDED = ["prlimit", f"--data={4 << 30}"]  # a fault may ask for memory without end
 IN_TESTS = {"include/xvdat.h": "tests/lib/xvdat*_test.cpp"}  # what a header has for its users, the tests compile
 
 
@@ -270,8 +271,9 @@ class Trial:
         return self.end_of(words, limit)
 
     def end_of(self, words, limit):
-        child = subprocess.Popen(words, cwd=os.path.join(self.build.tree, "tests"), stdin=subprocess.DEVNULL,
-                                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+        child = subprocess.Popen([*BOUNDED, *words], cwd=os.path.join(self.build.tree, "tests"),
+                                 stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                 start_new_session=True)
         try:
             return "fails" if child.wait(limit) else "passes"
         except subprocess.TimeoutExpired:
