@@ -49,7 +49,7 @@ static int take(int channel)
         fwrite(block, 1, (size_t)got, stdout);
     }
     Close(fd);
-    return got == 0 && fflush(stdout) == 0 ? 0 : 1;
+    return got == 0 && fflush(stdout) == 0 && !ferror(stdout) ? 0 : 1;
 }
 
 int main(int argc, char** argv)

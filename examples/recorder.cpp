@@ -118,7 +118,8 @@ int write_index(const char* path)
                 seq->pkt_size, static_cast<long>(seq->first_io.tv_sec), seq->first_io.tv_nsec / 1000000,
                 static_cast<long>(seq->last_io.tv_sec), seq->last_io.tv_nsec / 1000000);
     }
-    return fclose(fp) == 0 ? 0 : -1;
+    const bool is_whole = ferror(fp) == 0;
+    return fclose(fp) == 0 && is_whole ? 0 : -1;
 }
 
 // The file is as long as it may become while it is mapped, and as long as what it holds in the end.

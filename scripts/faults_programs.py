@@ -389,8 +389,6 @@ class Tool(Program):
     """A program that comes to its end by itself. What it makes, on its standard output or in a file, is the same whenever
     it ends with 0 as without faults."""
 
-    unmarked = ("print", "fgets")  # faults.c leaves no mark on the stream, as the kernel's refusal would
-
     def __init__(self, name, binary, words, statuses, files=(), env=(), result="out"):
         super().__init__(name, binary)
         self.words, self.statuses, self.files, self.env = words, statuses, dict(files), dict(env)
@@ -423,7 +421,7 @@ class Tool(Program):
         return re.sub(r"\bprocess \d+", "process", run.text(self.result))
 
     def judge_own(self, run):
-        if run.status.get(run.first) != 0 or (run.fault.kind in self.unmarked and not run.fault.on):
+        if run.status.get(run.first) != 0:
             return []
         if self.sound_status != 0:
             return [f"ends with 0, and with {self.sound_status} without faults"]

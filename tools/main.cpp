@@ -1,4 +1,5 @@
 // zentctl: the questions that an operator asks before and after he starts the agent.
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -133,8 +134,9 @@ int answer(std::span<const char* const> words)
     if (report.wants_json) {
         puts(report.as_json().c_str());
     }
-    if (fflush(stdout) != 0) {
-        perror("zentctl: stdout");
+    const bool is_flushed = fflush(stdout) == 0;
+    if (!is_flushed || ferror(stdout) != 0) {
+        fprintf(stderr, "zentctl: stdout: %s\n", is_flushed ? "a write before failed" : strerror(errno));
         return kCouldNotLook;
     }
     g_answer = report.exit;

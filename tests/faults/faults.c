@@ -321,6 +321,26 @@ __attribute__((destructor)) static void end(void)
         return must_fail(kind, #name, HERE) ? (failed) : real args;                                          \
     }
 
+/* What the C library does to a stream on which an operation has failed. NULL: all streams, none of which is
+ * known here. */
+static void mark_error(FILE* stream)
+{
+    if (stream != NULL) {
+        stream->_flags |= _IO_ERR_SEEN;
+    }
+}
+
+#define STREAM_CALL(type, failed, kind, name, params, args, stream)                                          \
+    __attribute__((visibility("default"))) type name params                                                  \
+    {                                                                                                        \
+        REAL(type, name, params)                                                                             \
+        if (must_fail(kind, #name, HERE)) {                                                                  \
+            mark_error(stream);                                                                              \
+            return failed;                                                                                   \
+        }                                                                                                    \
+        return real args;                                                                                    \
+    }
+
 /* The same for a call that gives up its argument whatever it returns. */
 #define CLOSING_CALL(kind, name, params, args)                                                               \
     __attribute__((visibility("default"))) int name params                                                   \
@@ -402,11 +422,12 @@ CALL(ssize_t, -1, "read", read, (int fd, void* buf, size_t size), (fd, buf, size
 CALL(ssize_t, -1, "read", __read_chk, (int fd, void* buf, size_t size, size_t room), (fd, buf, size, room))
 CALL(ssize_t, -1, "read", pread, (int fd, void* buf, size_t size, off_t at), (fd, buf, size, at))
 CALL(ssize_t, -1, "read", pread64, (int fd, void* buf, size_t size, off_t at), (fd, buf, size, at))
-CALL(char*, NULL, "fgets", fgets, (char* text, int size, FILE* file), (text, size, file))
-CALL(char*, NULL, "fgets", __fgets_chk, (char* text, size_t room, int size, FILE* file),
-     (text, room, size, file))
-CALL(ssize_t, -1, "fgets", getline, (char** line, size_t* size, FILE* file), (line, size, file))
-CALL(size_t, 0, "fgets", fread, (void* buf, size_t size, size_t count, FILE* file), (buf, size, count, file))
+STREAM_CALL(char*, NULL, "fgets", fgets, (char* text, int size, FILE* file), (text, size, file), file)
+STREAM_CALL(char*, NULL, "fgets", __fgets_chk, (char* text, size_t room, int size, FILE* file),
+            (text, room, size, file), file)
+STREAM_CALL(ssize_t, -1, "fgets", getline, (char** line, size_t* size, FILE* file), (line, size, file), file)
+STREAM_CALL(size_t, 0, "fgets", fread, (void* buf, size_t size, size_t count, FILE* file),
+            (buf, size, count, file), file)
 
 CALL(ssize_t, -1, "write", write, (int fd, const void* buf, size_t size), (fd, buf, size))
 CALL(ssize_t, -1, "write", pwrite, (int fd, const void* buf, size_t size, off_t at), (fd, buf, size, at))
@@ -415,20 +436,21 @@ CALL(ssize_t, -1, "write", writev, (int fd, const struct iovec* parts, int count
 CALL(ssize_t, -1, "write", sendfile, (int to, int from, off_t* at, size_t size), (to, from, at, size))
 CALL(ssize_t, -1, "write", sendfile64, (int to, int from, off_t* at, size_t size), (to, from, at, size))
 
-CALL(int, EOF, "print", fputs, (const char* text, FILE* file), (text, file))
-CALL(int, EOF, "print", fputs_unlocked, (const char* text, FILE* file), (text, file))
-CALL(int, EOF, "print", fputc, (int c, FILE* file), (c, file))
-CALL(int, EOF, "print", putc, (int c, FILE* file), (c, file))
-CALL(int, EOF, "print", putchar, (int c), (c))
-CALL(int, EOF, "print", puts, (const char* text), (text))
-CALL(int, EOF, "print", fflush, (FILE * file), (file))
-CALL(size_t, 0, "print", fwrite, (const void* buf, size_t size, size_t count, FILE* file),
-     (buf, size, count, file))
-CALL(int, -1, "print", vfprintf, (FILE * file, const char* format, va_list args), (file, format, args))
+STREAM_CALL(int, EOF, "print", fputs, (const char* text, FILE* file), (text, file), file)
+STREAM_CALL(int, EOF, "print", fputs_unlocked, (const char* text, FILE* file), (text, file), file)
+STREAM_CALL(int, EOF, "print", fputc, (int c, FILE* file), (c, file), file)
+STREAM_CALL(int, EOF, "print", putc, (int c, FILE* file), (c, file), file)
+STREAM_CALL(int, EOF, "print", putchar, (int c), (c), stdout)
+STREAM_CALL(int, EOF, "print", puts, (const char* text), (text), stdout)
+STREAM_CALL(int, EOF, "print", fflush, (FILE * file), (file), file)
+STREAM_CALL(size_t, 0, "print", fwrite, (const void* buf, size_t size, size_t count, FILE* file),
+            (buf, size, count, file), file)
+STREAM_CALL(int, -1, "print", vfprintf, (FILE * file, const char* format, va_list args), (file, format, args),
+            file)
 
 int __vfprintf_chk(FILE* file, int flag, const char* format, va_list args);
-CALL(int, -1, "print", __vfprintf_chk, (FILE * file, int flag, const char* format, va_list args),
-     (file, flag, format, args))
+STREAM_CALL(int, -1, "print", __vfprintf_chk, (FILE * file, int flag, const char* format, va_list args),
+            (file, flag, format, args), file)
 
 #define PRINT(name, params, last, file)                                                                      \
     __attribute__((visibility("default"))) int name params                                                   \
@@ -438,6 +460,7 @@ CALL(int, -1, "print", __vfprintf_chk, (FILE * file, int flag, const char* forma
             *(void**)&real = dlsym(RTLD_NEXT, "vfprintf");                                                   \
         }                                                                                                    \
         if (must_fail("print", #name, HERE)) {                                                               \
+            mark_error(file);                                                                                \
             return -1;                                                                                       \
         }                                                                                                    \
         va_list args;                                                                                        \

@@ -178,3 +178,13 @@ TEST(Zentctl, a_full_disk_is_no_success)
 {
     EXPECT_EQ(run_program({"sh", "-c", zentctl_path() + " expand 239.1.1.1 >/dev/full"}).exit_code, 2);
 }
+
+TEST(Zentctl, an_output_that_refused_once_is_no_success)
+{
+    const ChildResult result =
+        run_program({"env", "LD_PRELOAD=" + build_path("tests/faults/libzent_faults.so"),
+                     "ASAN_OPTIONS=verify_asan_link_order=0", "FAULTS_KIND=print", "FAULTS_NTH=1",
+                     "FAULTS_CODE=" + std::to_string(ENOSPC), zentctl_path(), "expand", "239.1.1.1"});
+    EXPECT_EQ(result.exit_code, 2);
+    EXPECT_NE(result.err.find("zentctl: stdout: a write before failed\n"), std::string::npos) << result.err;
+}
