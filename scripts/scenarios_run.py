@@ -52,9 +52,10 @@ def ended(pid):
     """How a child ended: its exit code, or the signal's number below zero."""
     deadline = time.monotonic() + LIMIT_S
     while time.monotonic() < deadline:
-        got, status = os.waitpid(pid, os.WNOHANG)
-        if got == pid:
-            return os.waitstatus_to_exitcode(status)
+        with contextlib.suppress(ChildProcessError):  # a daemon whose parent, between its starter and it, still lives
+            got, status = os.waitpid(pid, os.WNOHANG)
+            if got == pid:
+                return os.waitstatus_to_exitcode(status)
         time.sleep(0.005)
     raise Failure(f"process {pid} does not end: {read_text(f'/proc/{pid}/wchan')}")
 
