@@ -18,7 +18,8 @@ import fault_sites
 import faults_programs
 
 UP_LIMIT = 30      # until a program waits for events, or has ended
-END_LIMIT = 60     # from SIGTERM to the end; LeakSanitizer looks then
+END_LIMIT = 20     # from SIGTERM to the end
+LEAK_LIMIT = 60    # the same where LeakSanitizer looks then
 ONCE_LIMIT = 5     # complaints that do not show again
 FOREIGN_END = re.compile(r"process \d+ is ended by|ends by itself with|ends with -?\d+ and without a word")
 PR_SET_CHILD_SUBREAPER = 36
@@ -224,6 +225,7 @@ class Batch:
 
     def __init__(self, shim, folder):
         self.shim, self.folder, self.count = shim, folder, 0
+        self.end_limit = LEAK_LIMIT if "/asan/" in os.path.abspath(shim) else END_LIMIT
         self.known = fault_sites.descendants()
 
     def go(self, program, faults):
@@ -237,11 +239,11 @@ class Batch:
         program.act(runs, self.wait)
         for run in runs:
             run.note_and_end()
-        self.wait(runs, lambda run: not run.reap(), END_LIMIT)
+        self.wait(runs, lambda run: not run.reap(), self.end_limit)
         for run in runs:
             run.stuck = bool(run.reap())
             run.signal(signal.SIGKILL)
-        self.wait(runs, lambda run: not run.reap(), END_LIMIT)
+        self.wait(runs, lambda run: not run.reap(), self.end_limit)
         self.end_others(runs)
         program.rest()
         return runs
@@ -249,7 +251,7 @@ class Batch:
     def end_others(self, runs):
         """Ends what the runs have left besides the processes that the shim knows of: each is one too many. What helps to
         write a finding of a sanitizer ends by itself."""
-        end = time.monotonic() + END_LIMIT
+        end = time.monotonic() + self.end_limit
         others = fault_sites.descendants() - self.known
         while others and time.monotonic() < end:
             time.sleep(0.1)
