@@ -16,6 +16,7 @@
 
 #include "child.h"
 #include "detail/owned.h"
+#include "fault.h"
 #include "fds.h"
 #include "paths.h"
 
@@ -226,11 +227,8 @@ TEST_F(EchoServer, a_port_in_use_and_wrong_options)
 // Once it was one that the list of clients wanted: then nobody was served any more.
 TEST_F(EchoServer, one_refusal_of_memory_costs_one_client_at_most)
 {
-    const std::string shim = support::build_path("tests/faults/libzent_faults.so");
     for (int nth = 1; nth <= 16; ++nth) {
-        server = support::Process({"env", "LD_PRELOAD=" + shim, "ASAN_OPTIONS=verify_asan_link_order=0",
-                                   "FAULTS_KIND=alloc", "FAULTS_NTH=" + std::to_string(nth),
-                                   "FAULTS_CODE=" + std::to_string(ENOMEM), kServer});
+        server = support::Process(support::with_fault({"alloc", nth, ENOMEM}, {kServer}));
         ASSERT_TRUE(
             support::wait_until([&] { return has_ended() || server.out().find('\n') != std::string::npos; }));
         int served = 0;

@@ -11,6 +11,7 @@
 
 #include "child.h"
 #include "detail/owned.h"
+#include "fault.h"
 #include "fds.h"
 #include "paths.h"
 
@@ -102,9 +103,7 @@ TEST_F(Follow, ends_when_the_file_is_moved_and_not_when_only_its_mode_changes)
 
 TEST_F(Follow, output_that_takes_no_more_is_a_failure)
 {
-    support::Process follow({"env", "LD_PRELOAD=" + support::build_path("tests/faults/libzent_faults.so"),
-                             "ASAN_OPTIONS=verify_asan_link_order=0", "FAULTS_KIND=write", "FAULTS_NTH=2",
-                             "FAULTS_CODE=" + std::to_string(EIO), kFollow, file});
+    support::Process follow(support::with_fault({"write", 2, EIO}, {kFollow, file}));
     ASSERT_TRUE(follow.wait_for_out("first\n")) << follow.err();
     append("second\n");
     const support::ChildResult end = follow.wait();

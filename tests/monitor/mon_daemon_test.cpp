@@ -1,6 +1,7 @@
 // The program: exit codes, signals, standard input, what it has of the service manager.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include "child.h"
+#include "fault.h"
 #include "paths.h"
 #include "tempdir.h"
 #include "udp.h"
@@ -209,10 +211,8 @@ TEST(MonDaemon, where_memory_runs_out_for_good_it_says_so_and_ends_with_71)
     int refused = 0;
     ChildResult result;
     for (int place = 1; result.exit_code != 0 && place < 10'000; place += 7) {
-        Process process({"env", "LD_PRELOAD=" + build_path("tests/faults/libzent_faults.so"),
-                         "FAULTS_KIND=alloc", "FAULTS_ON=1", "FAULTS_NTH=" + std::to_string(place),
-                         "FAULTS_CODE=" + std::to_string(ENOMEM), build_path("zentmon"), "--http", "none",
-                         "--stdin", "--json"},
+        Process process(with_fault({"alloc", place, ENOMEM, true},
+                                   {build_path("zentmon"), "--http", "none", "--stdin", "--json"}),
                         [&dir] { dup2(open(dir.path("lines").c_str(), O_RDONLY), STDIN_FILENO); });
         result = process.wait();
         if (result.exit_code != 0) {

@@ -1,4 +1,5 @@
 // zentctl expand, beside a plain model, and the parts that all commands share: help, codes, the JSON form.
+#include <cerrno>
 #include <fstream>
 #include <random>
 #include <set>
@@ -9,6 +10,7 @@
 
 #include "command.h"
 #include "expand.h"
+#include "fault.h"
 #include "group.h"
 #include "tempdir.h"
 #include "zentctl_run.h"
@@ -182,9 +184,7 @@ TEST(Zentctl, a_full_disk_is_no_success)
 TEST(Zentctl, an_output_that_refused_once_is_no_success)
 {
     const ChildResult result =
-        run_program({"env", "LD_PRELOAD=" + build_path("tests/faults/libzent_faults.so"),
-                     "ASAN_OPTIONS=verify_asan_link_order=0", "FAULTS_KIND=print", "FAULTS_NTH=1",
-                     "FAULTS_CODE=" + std::to_string(ENOSPC), zentctl_path(), "expand", "239.1.1.1"});
+        run_program(with_fault({"print", 1, ENOSPC}, {zentctl_path(), "expand", "239.1.1.1"}));
     EXPECT_EQ(result.exit_code, 2);
     EXPECT_NE(result.err.find("zentctl: stdout: a write before failed\n"), std::string::npos) << result.err;
 }

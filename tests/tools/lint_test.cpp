@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "command.h"
+#include "fault.h"
 #include "list_file.h"
 #include "log.h"
 #include "oom.h"
@@ -386,10 +387,8 @@ TEST_F(Lint, wherever_memory_runs_out_for_good_it_says_so_and_ends_with_2)
     int failed = 0;
     ChildResult result;
     for (; result.exit_code != 0 && failed < 1000; ++failed) {
-        result =
-            run_program({"env", "LD_PRELOAD=" + build_path("tests/faults/libzent_faults.so"),
-                         "FAULTS_KIND=alloc", "FAULTS_ON=1", "FAULTS_NTH=" + std::to_string(failed + 1),
-                         "FAULTS_CODE=" + std::to_string(ENOMEM), zentctl_path(), "lint", dir_.path("list")});
+        result = run_program(
+            with_fault({"alloc", failed + 1, ENOMEM, true}, {zentctl_path(), "lint", dir_.path("list")}));
         if (result.exit_code != 0) {
             EXPECT_EQ(result.exit_code, 2) << failed << ": " << result.err;
             EXPECT_EQ(result.err.find("zentctl"), 0U) << failed << ": " << result.err;
