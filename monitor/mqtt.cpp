@@ -72,6 +72,18 @@ bool read_suffix(const std::string& suffix, std::string& agent, uint32_t& group)
     return group >> 28 == 0xe;
 }
 
+// Whether libmosquitto refused a message for what it is, and so has not kept it.
+bool is_about_the_message(int code)
+{
+    switch (code) {
+    case MOSQ_ERR_INVAL:
+    case MOSQ_ERR_MALFORMED_UTF8:
+    case MOSQ_ERR_PAYLOAD_SIZE:
+    case MOSQ_ERR_OVERSIZE_PACKET: return true;
+    default: return false;
+    }
+}
+
 } // namespace
 
 struct Mqtt::Shared {
@@ -136,6 +148,7 @@ class Mqtt::Link {
     bool take_orders();
     void obey(const Order& order);
     void publish(const std::string& topic, const std::string& payload, int qos, bool retain);
+    void check(int code);
     void greet();
     void say_goodbye();
     void close();
@@ -306,7 +319,7 @@ void Mqtt::Link::serve()
     bool alive = true;
     while (alive && !is_stopping()) {
         const bool more = take_orders();
-        alive = turn(more ? 0 : 1000);
+        alive = !lost_ && turn(more ? 0 : 1000);
     }
     if (alive) {
         say_goodbye();
@@ -368,19 +381,28 @@ void Mqtt::Link::obey(const Order& order)
     case Order::clear: publish(shared_.base + order.suffix, {}, 1, true); return;
     case Order::subscribe:
         // QoS 0: of QoS 1 a broker queues no more than a limit (mosquitto: 1,000) and drops the rest.
-        mosquitto_subscribe(mosq_, nullptr, all.c_str(), 0);
+        check(mosquitto_subscribe(mosq_, nullptr, all.c_str(), 0));
         return;
-    default: mosquitto_unsubscribe(mosq_, nullptr, all.c_str()); return;
+    default: check(mosquitto_unsubscribe(mosq_, nullptr, all.c_str())); return;
     }
 }
 
 void Mqtt::Link::publish(const std::string& topic, const std::string& payload, int qos, bool retain)
 {
     ++unsent_; // before the call: it may be done within it
-    if (mosquitto_publish(mosq_, nullptr, topic.c_str(), static_cast<int>(payload.size()), payload.data(),
-                          qos, retain) != MOSQ_ERR_SUCCESS) {
+    const int code = mosquitto_publish(mosq_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                                       payload.data(), qos, retain);
+    if (is_about_the_message(code)) {
         --unsent_;
+    } else {
+        check(code);
     }
+}
+
+// What else fails leaves open whether the broker gets the message: the next connection tells it all anew.
+void Mqtt::Link::check(int code)
+{
+    lost_ |= code != MOSQ_ERR_SUCCESS;
 }
 
 // What is under way goes out, then the last word, and its acknowledgement is waited for.

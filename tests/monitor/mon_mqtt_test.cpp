@@ -3,8 +3,10 @@
 #include "sinks_support.h"
 
 #include <arpa/inet.h>
+#include <atomic>
 #include <csignal>
 #include <map>
+#include <mosquitto.h>
 #include <netinet/in.h>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -18,9 +20,33 @@
 #include "fds.h"
 #include "tempdir.h"
 #include "udp.h"
+#include "wrap.h"
 
 using namespace sinks;
 using nlohmann::json;
+
+namespace {
+
+// What the next message meets in place of success, once: MOSQ_ERR_ERRNO where it could not be written at once
+// (libmosquitto keeps it, and may write it later), anything else where it is not taken.
+std::atomic<int> g_next_publish = MOSQ_ERR_SUCCESS;
+
+} // namespace
+
+WRAPPED(int, mosquitto_publish,
+        (struct mosquitto * link, int* id, const char* topic, int length, const void* payload, int qos,
+         bool retain));
+
+int __wrap_mosquitto_publish(struct mosquitto* link, int* id, const char* topic, int length,
+                             const void* payload, int qos, bool retain)
+{
+    const int planned = g_next_publish.exchange(MOSQ_ERR_SUCCESS);
+    if (planned != MOSQ_ERR_SUCCESS && planned != MOSQ_ERR_ERRNO) {
+        return planned;
+    }
+    const int code = __real_mosquitto_publish(link, id, topic, length, payload, qos, retain);
+    return planned != MOSQ_ERR_SUCCESS ? planned : code;
+}
 
 namespace {
 
@@ -257,6 +283,36 @@ TEST_F(MonMqtt, a_group_left_while_the_broker_is_away_is_not_retained_afterwards
     start_broker();
     EXPECT_TRUE(retains({"one/$status", "one/10.0.0.1/239.0.0.2", "one/10.0.0.1/239.0.0.3"}));
     EXPECT_EQ(retained()["one/$status"], "online");
+}
+
+TEST_F(MonMqtt, what_fails_while_a_message_goes_out_ends_the_connection_and_the_topics_come_right)
+{
+    begin(options());
+    ASSERT_TRUE(connected());
+    std::vector<std::string> topics = {"one/$status"};
+    unsigned host = 0;
+    for (const int code : {MOSQ_ERR_ERRNO, MOSQ_ERR_CONN_LOST, MOSQ_ERR_NO_CONN, MOSQ_ERR_NOMEM}) {
+        g_next_publish = code;
+        for (const unsigned end = host + 2; host < end;) { // the second one came no more, once
+            topics.push_back("one/10.0.0.1/239.0.0." + std::to_string(++host));
+            join(host);
+            ASSERT_TRUE(retains(topics)) << code << ": " << log.text();
+        }
+        EXPECT_GE(times_logged("connection: lost: trying again"), host / 2) << code;
+        ASSERT_TRUE(connected());
+    }
+}
+
+TEST_F(MonMqtt, a_message_that_is_refused_for_itself_is_left_out_and_the_next_goes_out)
+{
+    begin(options());
+    ASSERT_TRUE(connected());
+    g_next_publish = MOSQ_ERR_PAYLOAD_SIZE;
+    join(1);
+    ASSERT_TRUE(run_until([] { return g_next_publish == MOSQ_ERR_SUCCESS; }));
+    join(2);
+    EXPECT_TRUE(retains({"one/$status", "one/10.0.0.1/239.0.0.2"}));
+    EXPECT_EQ(times_logged("trying again"), 0u) << log.text();
 }
 
 TEST_F(MonMqtt, only_the_own_groups_that_are_not_held_are_emptied)
