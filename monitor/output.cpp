@@ -1,6 +1,7 @@
 // Lines of events on standard output.
 #include "output.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -58,6 +59,56 @@ size_t write_text(int fd, const std::string& text)
     return done;
 }
 
+// Writes lines, and tells when some are lost and when they go out again.
+class Pen {
+  public:
+    Pen(int fd, Notices& notices) : fd_(fd), notices_(notices) {}
+
+    // How many lines of the text are lost. A broken line gets its end before the next one.
+    uint64_t write(std::string& text);
+
+    bool reader_is_gone() const { return failure_ == EPIPE; }
+
+  private:
+    void tell(int failure);
+
+    int fd_;
+    Notices& notices_;
+    int failure_ = 0;        // errno, while nothing goes out
+    uint64_t lost_ = 0;      // lines, meanwhile
+    bool is_broken_ = false; // the last line that went out
+};
+
+uint64_t Pen::write(std::string& text)
+{
+    const size_t start = is_broken_ ? 1 : 0;
+    text.insert(0, start, '\n');
+    const size_t done = write_text(fd_, text);
+    const int failure = done < text.size() ? errno : 0;
+    if (done > 0) {
+        is_broken_ = text[done - 1] != '\n';
+    }
+    const uint64_t lost = lines_in(text, std::max(done, start));
+    lost_ += lost;
+    tell(failure);
+    return lost;
+}
+
+// Once for each reason.
+void Pen::tell(int failure)
+{
+    if (failure == std::exchange(failure_, failure)) {
+        return;
+    }
+    if (failure == 0) {
+        notices_.post(NORM_level, "json: lines go out again, %llu were lost",
+                      static_cast<unsigned long long>(std::exchange(lost_, 0)));
+    } else {
+        notices_.post(WARN_level, "json: %s: %s",
+                      reader_is_gone() ? "no more lines go out" : "lines are lost", strerror(failure));
+    }
+}
+
 } // namespace
 
 JsonOutput::JsonOutput(int fd, std::shared_ptr<Notices> notices)
@@ -112,6 +163,7 @@ void JsonOutput::stop(int64_t limit_ms)
 // Body of the thread.
 void JsonOutput::write_all(Shared& shared, Notices& notices)
 {
+    Pen pen(shared.fd, notices);
     std::string text;
     std::unique_lock lock(shared.mutex);
     while (true) {
@@ -125,15 +177,12 @@ void JsonOutput::write_all(Shared& shared, Notices& notices)
         text.clear();
         text.swap(shared.waiting);
         lock.unlock();
-        const size_t done = write_text(shared.fd, text);
-        const int failure = errno;
-        if (done < text.size()) {
-            notices.post(WARN_level, "json: no more lines go out: %s", strerror(failure));
-        }
+        const uint64_t lost = pen.write(text);
         lock.lock();
-        if (done < text.size()) {
+        shared.dropped += lost;
+        if (pen.reader_is_gone()) {
             shared.closed = true;
-            shared.dropped += lines_in(text, done) + lines_in(shared.waiting, 0);
+            shared.dropped += lines_in(shared.waiting, 0);
             shared.waiting.clear();
         }
     }

@@ -5,7 +5,9 @@
 #include "sinks_support.h"
 #include "worker.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -29,6 +31,10 @@ using support::PipePair;
 
 namespace {
 bool g_polls_are_interrupted = false;
+
+// A descriptor that takes so many bytes more, and then none until there is room again.
+std::atomic<int> g_full_fd = -1;
+std::atomic<size_t> g_room = 0;
 } // namespace
 
 WRAPPED(int, poll, (struct pollfd * fds, nfds_t count, int limit));
@@ -40,6 +46,22 @@ int __wrap_poll(struct pollfd* fds, nfds_t count, int limit)
         return -1;
     }
     return __real_poll(fds, count, limit);
+}
+
+WRAPPED(ssize_t, write, (int fd, const void* buf, size_t size));
+
+ssize_t __wrap_write(int fd, const void* buf, size_t size)
+{
+    if (fd != g_full_fd) {
+        return __real_write(fd, buf, size);
+    }
+    if (g_room == 0) {
+        errno = ENOSPC;
+        return -1;
+    }
+    const size_t taken = std::min<size_t>(size, g_room);
+    g_room -= taken;
+    return __real_write(fd, buf, taken);
 }
 
 namespace {
@@ -218,6 +240,34 @@ TEST_F(MonOutput, a_reader_that_is_gone_is_told_once_and_every_line_is_counted)
     output.on_event(events.next(EventKind::join, group(1), who));
     EXPECT_EQ(dropped(output), 101u);
     EXPECT_EQ(times_logged("no more lines go out"), 1u);
+}
+
+TEST_F(MonOutput, a_full_disk_costs_lines_and_those_behind_go_out_when_there_is_room)
+{
+    PipePair pipe(O_CLOEXEC);
+    JsonOutput output(pipe.out, notices);
+    g_room = 10;
+    g_full_fd = pipe.out;
+    ASSERT_EQ(output.start(), 0);
+    output.on_event(events.next(EventKind::join, group(1), who));
+    ASSERT_TRUE(run_until([&] { return dropped(output) == 1; }));
+    output.on_event(events.next(EventKind::join, group(2), who));
+    ASSERT_TRUE(run_until([&] { return dropped(output) == 2; }));
+    g_room = 1; // for the end of the line that was cut
+    output.on_event(events.next(EventKind::join, group(3), who));
+    ASSERT_TRUE(run_until([&] { return dropped(output) == 3; }));
+    g_room = 100'000;
+    output.on_event(events.next(EventKind::leave, group(4), who));
+    ASSERT_TRUE(run_until_logged("json: lines go out again, 3 were lost"));
+    output.stop();
+    g_full_fd = -1;
+    pipe.out.reset();
+    const std::vector<std::string> lines = lines_of(read_all(pipe));
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].size(), 10u);
+    EXPECT_EQ(nlohmann::json::parse(lines[1])["group"], "239.0.0.4");
+    EXPECT_EQ(times_logged("json: lines are lost: No space left on device"), 1u) << log.text();
+    EXPECT_EQ(dropped(output), 3u);
 }
 
 TEST_F(MonOutput, a_descriptor_that_somebody_made_non_blocking_loses_nothing)
