@@ -15,7 +15,8 @@ DECLARE_MLL(MLL_COMMON);
 
 namespace zentmon {
 
-// What rqs gets as udata: it begins with a tag, and lives until the batch is over in which it was removed.
+// What rqs gets as udata: it begins with a tag, and lives until the batch is over in which it was removed, or
+// for good where rqs could not remove it.
 struct WatchRecord {
     n32_tag tag;
     Handler* handler; // NULL: removed
@@ -26,6 +27,7 @@ namespace {
 constexpr n32_tag kWatchTag = {{'w', 't', 'c', 'h'}};
 
 std::vector<WatchRecord*> g_removed;
+std::vector<std::unique_ptr<WatchRecord>> g_kept;
 bool g_stopped = false;
 const std::function<void()>* g_on_turn = nullptr;
 
@@ -135,9 +137,12 @@ void Watch::stop()
     if (record_ == nullptr) {
         return;
     }
-    rqs_rm_fd(fd_, true, true);
     record_->handler = nullptr;
-    g_removed.push_back(record_);
+    if (rqs_rm_fd(fd_, true, true) == 0) {
+        g_removed.push_back(record_);
+    } else {
+        g_kept.emplace_back(record_);
+    }
     record_ = nullptr;
     fd_ = -1;
     direction_ = none;

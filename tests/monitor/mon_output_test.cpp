@@ -17,12 +17,14 @@
 #include <poll.h>
 #include <set>
 #include <sstream>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
 #include "fds.h"
+#include "rqs.h"
 #include "tempdir.h"
 #include "wrap.h"
 
@@ -31,6 +33,7 @@ using support::PipePair;
 
 namespace {
 bool g_polls_are_interrupted = false;
+bool g_removals_fail = false; // of descriptors from the loop
 
 // A descriptor that takes so many bytes more, and then none until there is room again.
 std::atomic<int> g_full_fd = -1;
@@ -46,6 +49,17 @@ int __wrap_poll(struct pollfd* fds, nfds_t count, int limit)
         return -1;
     }
     return __real_poll(fds, count, limit);
+}
+
+WRAPPED(int, epoll_ctl, (int loop, int operation, int fd, struct epoll_event* event));
+
+int __wrap_epoll_ctl(int loop, int operation, int fd, struct epoll_event* event)
+{
+    if (g_removals_fail && operation == EPOLL_CTL_DEL) {
+        errno = ENOENT;
+        return -1;
+    }
+    return __real_epoll_ctl(loop, operation, fd, event);
 }
 
 WRAPPED(ssize_t, write, (int fd, const void* buf, size_t size));
@@ -559,4 +573,31 @@ TEST(MonWorker, who_hangs_is_waited_for_as_long_as_allowed_though_each_wait_is_i
     EXPECT_FALSE(worker.join_within(20));
     g_polls_are_interrupted = false;
     EXPECT_EQ(write(pipe->out, "x", 1), 1);
+}
+
+// ---- the loop ---------------------------------------------------------------------------------
+
+class MonLoop : public SinkTest {};
+
+TEST_F(MonLoop, a_watch_that_could_not_be_removed_reports_nothing_any_more)
+{
+    struct Counting : Handler {
+        void on_readable() override { ++count; }
+
+        int count = 0;
+    } handler;
+
+    PipePair pipe(O_CLOEXEC);
+    Watch watch;
+    ASSERT_EQ(watch.start(pipe.in, &handler), 0);
+    g_removals_fail = true;
+    watch.stop();
+    g_removals_fail = false;
+    run_until([] { return true; }); // the batch is over
+    ASSERT_EQ(write(pipe.out, "x", 1), 1);
+    int turns = 0;
+    run_until([&turns] { return ++turns == 3; });
+    EXPECT_EQ(handler.count, 0);
+    EXPECT_EQ(times_logged("EPOLL_CTL_DEL"), 1u) << log.text();
+    EXPECT_EQ(rqs_rm_fd(pipe.in, true, true), 0);
 }
