@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <sys/socket.h>
@@ -109,7 +110,9 @@ void HttpGet::open(const std::string& url, const std::string& target)
                             "zentctl",  parts.host.c_str(), parts.port.c_str()};
     std::string head(kHeadMax, '\0');
     http_resp_ctx answer = NULL_http_ctx;
+    const auto on_pipe = signal(SIGPIPE, SIG_IGN); // a server that is gone already is told
     int rc = send_http_request(fd_, &request);
+    signal(SIGPIPE, on_pipe);
     do {
         rc = rc == 0 || rc == EAGAIN ? recv_http_response(fd_, head.data(), head.size(), &answer) : rc;
     } while (rc == EAGAIN);
@@ -245,7 +248,9 @@ std::string time_text(double seconds)
     const auto whole = static_cast<time_t>(std::clamp(seconds, 0.0, 1e11));
     tm parts = {};
     char text[32] = "";
-    localtime_r(&whole, &parts);
+    if (localtime_r(&whole, &parts) == nullptr) {
+        return std::to_string(whole);
+    }
     strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
     return text;
 }

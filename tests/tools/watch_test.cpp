@@ -1,5 +1,6 @@
 // zentctl groups and watch: against a real zentmon, against servers that misbehave, and under a pseudo
 // terminal.
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -11,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "command.h"
+#include "fault.h"
 #include "feed.h"
 #include "scripted_server.h"
 #include "udp.h"
@@ -196,6 +198,16 @@ TEST(Feed, nobody_at_the_url_is_told)
         EXPECT_TRUE(has_finding(result.out, "error", "unreachable")) << result.out;
     }
     EXPECT_EQ(run_zentctl({"groups", "ftp://127.0.0.1"}).exit_code, 2);
+}
+
+// SIGPIPE ended it without a word.
+TEST(Feed, a_server_that_is_gone_when_it_is_asked_is_told)
+{
+    const ChildResult result = run_program(
+        with_fault({"connect", 1, EINPROGRESS}, {zentctl_path(), "groups", "http://127.0.0.1:9"}));
+    EXPECT_EQ(result.exit_code, 2);
+    EXPECT_NE(result.err.find("http://127.0.0.1:9: no answer of an HTTP server"), std::string::npos)
+        << result.err;
 }
 
 TEST(Feed, the_servers_own_words_are_shown_when_it_refuses)
