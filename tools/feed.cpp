@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command.h"
+#include "loop.h"
 #include "netops.h"
 #include "webops.h"
 
@@ -113,9 +114,10 @@ void HttpGet::open(const std::string& url, const std::string& target)
     const auto on_pipe = signal(SIGPIPE, SIG_IGN); // a server that is gone already is told
     int rc = send_http_request(fd_, &request);
     signal(SIGPIPE, on_pipe);
+    const int64_t end = Loop::now_ms() + kTimeoutMs;
     do {
         rc = rc == 0 || rc == EAGAIN ? recv_http_response(fd_, head.data(), head.size(), &answer) : rc;
-    } while (rc == EAGAIN);
+    } while (rc == EAGAIN && Loop::now_ms() < end);
     if (rc == 0) {
         begun_ =
             head.substr(static_cast<size_t>(answer.tail), static_cast<size_t>(answer.total - answer.tail));

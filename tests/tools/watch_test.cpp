@@ -210,6 +210,16 @@ TEST(Feed, a_server_that_is_gone_when_it_is_asked_is_told)
         << result.err;
 }
 
+// It waited for ever.
+TEST(Feed, a_server_that_answers_half_a_head_is_given_up)
+{
+    ScriptedServer server("HTTP/1.0 200 OK\r\nConnec");
+    const ChildResult result = run_zentctl({"groups", "--json", "http://" + server.address()});
+    EXPECT_EQ(result.exit_code, 2);
+    EXPECT_TRUE(has_finding(result.out, "error", "unreachable")) << result.out;
+    EXPECT_NE(result.out.find("no answer of an HTTP server"), std::string::npos) << result.out;
+}
+
 TEST(Feed, the_servers_own_words_are_shown_when_it_refuses)
 {
     ScriptedServer server("HTTP/1.0 400 Bad request\r\nConnection: close\r\nContent-Length: 22\r\n\r\n"
