@@ -113,7 +113,7 @@ void HttpGet::open(const std::string& url, const std::string& target)
     http_resp_ctx answer = NULL_http_ctx;
     const auto on_pipe = signal(SIGPIPE, SIG_IGN); // a server that is gone already is told
     int rc = send_http_request(fd_, &request);
-    signal(SIGPIPE, on_pipe);
+    (void)signal(SIGPIPE, on_pipe);
     const int64_t end = Loop::now_ms() + kTimeoutMs;
     do {
         rc = rc == 0 || rc == EAGAIN ? recv_http_response(fd_, head.data(), head.size(), &answer) : rc;
